@@ -1,0 +1,29 @@
+#pragma once
+
+#include "halvistromcore_export.h"
+
+#include <QByteArray>
+#include <QJsonDocument>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+class QFile;
+
+/// File operations shared across the system. Failures are logged and
+/// reported through the result.
+class HALVISTROM_CORE_EXPORT FileUtils
+{
+public:
+    /// Copies a file or a directory tree; never overwrites an existing file.
+    static bool copyDirectory(const QString &src, const QString &dst);
+    /// The whole content; empty on failure.
+    static QByteArray loadFile(const QString &path);
+    /// The parsed content; a null document on failure.
+    static QJsonDocument loadJson(const QString &path);
+    /// Calls visit once for every file below dir that matches nameFilters.
+    /// The QFile is not opened.
+    static void walkDirectory(const QString &dir, const QStringList &nameFilters,
+                              const std::function<void(QFile *)> &visit);
+};

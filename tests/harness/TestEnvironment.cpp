@@ -1,0 +1,74 @@
+#include "TestEnvironment.h"
+
+#include <QCoreApplication>
+#include <QDir>
+
+#include <cstdlib>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace hvtest {
+namespace {
+
+std::string g_root;
+bool g_ownsRoot = false;
+
+void removeRoot()
+{
+    if (g_ownsRoot && !g_root.empty())
+        QDir(QString::fromStdString(g_root)).removeRecursively();
+}
+
+void makeDir(const std::string &path, mode_t mode = 0700)
+{
+    ::mkdir(path.c_str(), mode);
+}
+
+} // namespace
+
+void isolateProcess()
+{
+    // A death test's child re-runs this main; it reuses its parent's root.
+    if (const char *inherited = std::getenv("HV_TEST_ROOT")) {
+        g_root = inherited;
+        return;
+    }
+    char pattern[] = "/tmp/hvtest-XXXXXX";
+    if (!::mkdtemp(pattern))
+        std::abort();
+    g_root = pattern;
+    g_ownsRoot = true;
+    std::atexit(removeRoot);
+
+    const std::pair<const char *, const char *> dirs[] = {
+        {"HOME", "/home"},
+        {"XDG_CONFIG_HOME", "/config"},
+        {"XDG_DATA_HOME", "/data"},
+        {"XDG_CACHE_HOME", "/cache"},
+        {"XDG_RUNTIME_DIR", "/runtime"},
+        {"TMPDIR", "/tmp"},
+    };
+    for (const auto &[name, sub] : dirs) {
+        const std::string path = g_root + sub;
+        makeDir(path);
+        ::setenv(name, path.c_str(), 1);
+    }
+    ::setenv("HV_TEST_ROOT", g_root.c_str(), 1);
+    ::unsetenv("XDG_CONFIG_DIRS");
+    ::unsetenv("XDG_DATA_DIRS");
+    if (!std::getenv("HV_TEST_KEEP_HV_HOME"))
+        ::setenv("HV_HOME", (g_root + "/hvhome").c_str(), 1);
+}
+
+QString testRoot()
+{
+    return QString::fromStdString(g_root);
+}
+
+QString helperPath(const QString &name)
+{
+    return QCoreApplication::applicationDirPath() + QLatin1Char('/') + name;
+}
+
+} // namespace hvtest
