@@ -91,12 +91,6 @@ int VersionNumber::compare(const VersionNumber &a, const VersionNumber &b)
     return threeWay(qint64(a.patchStatus) + a.build, qint64(b.patchStatus) + b.build);
 }
 
-bool operator==(const VersionNumber &a, const VersionNumber &b)
-{
-    return a.major == b.major && a.minor == b.minor && a.patch == b.patch && a.patchStatus == b.patchStatus
-        && a.build == b.build;
-}
-
 QDebug operator<<(QDebug debug, const VersionNumber &version)
 {
     QDebugStateSaver saver(debug);

@@ -38,7 +38,11 @@ public:
     /// "major.minor".
     QString toMajorMinorString() const;
 
-    friend bool operator==(const VersionNumber &a, const VersionNumber &b);
+    friend bool operator==(const VersionNumber &a, const VersionNumber &b)
+    {
+        return a.major == b.major && a.minor == b.minor && a.patch == b.patch && a.patchStatus == b.patchStatus
+            && a.build == b.build;
+    }
     friend bool operator!=(const VersionNumber &a, const VersionNumber &b) { return !(a == b); }
     friend bool operator<(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) < 0; }
     friend bool operator<=(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) <= 0; }
