@@ -1,0 +1,249 @@
+#include "VMToolsCommon.h"
+
+#include "EnvVars.h"
+#include "Paths.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRecursiveMutex>
+#include <QThread>
+#include <QTimer>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <sys/types.h>
+#include <sys/wait.h>
+
+namespace VMToolsCommon {
+namespace {
+
+// One lock for every external program. Recursive, so that a handler run by
+// the nested event loop of a call on the application thread may itself call
+// without dead-locking its own thread.
+Q_GLOBAL_STATIC(QRecursiveMutex, g_callMutex)
+
+constexpr int kDefaultTimeoutMs = 30000;
+constexpr int kLongTimeoutMs = 300000;
+constexpr int kCancelPollMs = 1000;
+// How long a cancelled program gets to act on SIGINT before it is killed.
+constexpr int kCancelGraceMs = 1000;
+// Bound on the wait for a killed program to be reaped.
+constexpr int kReapTimeoutMs = 5000;
+
+int timeoutFor(Options options)
+{
+    if (options.testFlag(NoTimeout))
+        return -1;
+    if (options.testFlag(LongTimeout))
+        return EnvVars::getInt("HV_CALL_LONG_TIMEOUT_MS", kLongTimeoutMs);
+    return EnvVars::getInt("HV_CALL_TIMEOUT_MS", kDefaultTimeoutMs);
+}
+
+// Tools may write binary data after their text; only the part before the
+// first NUL is meaningful.
+QString decode(const QByteArray &bytes)
+{
+    const int nul = bytes.indexOf('\0');
+    return QString::fromLatin1(nul < 0 ? bytes : bytes.left(nul));
+}
+
+bool onApplicationThread()
+{
+    const QCoreApplication *app = QCoreApplication::instance();
+    return app && QThread::currentThread() == app->thread();
+}
+
+// Waits up to ms (negative: no limit) for the program to end. On the
+// application thread a local event loop keeps timers, signals and queued
+// calls flowing while the tool runs.
+bool waitForProcess(QProcess &process, int ms)
+{
+    if (!onApplicationThread())
+        return process.waitForFinished(ms);
+    if (process.state() == QProcess::NotRunning)
+        return false;
+
+    QEventLoop loop;
+    QTimer timer;
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, &loop, [&loop] { loop.exit(-1); });
+    QObject::connect(&process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), &loop,
+                     [&loop] { loop.exit(0); });
+    // A program that cannot be started never sends finished; without this the
+    // loop would sit out the whole time-out.
+    QObject::connect(&process, &QProcess::errorOccurred, &loop, [&loop](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            loop.exit(-1);
+    });
+    if (ms >= 0)
+        timer.start(ms);
+    return loop.exec(QEventLoop::ExcludeUserInputEvents) == 0;
+}
+
+// Never leave a running program behind a QProcess that goes away: kill it and
+// reap it, with a bound on the wait.
+void killAndReap(QProcess &process)
+{
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.kill();
+    process.waitForFinished(kReapTimeoutMs);
+}
+
+enum class WaitOutcome { Finished, NotFinished, Canceled };
+
+WaitOutcome waitWithCancel(QProcess &process, int timeoutMs, const std::function<bool()> &cancel)
+{
+    if (!cancel)
+        return waitForProcess(process, timeoutMs) ? WaitOutcome::Finished : WaitOutcome::NotFinished;
+
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (;;) {
+        if (timeoutMs >= 0 && elapsed.elapsed() >= timeoutMs)
+            return WaitOutcome::NotFinished;
+        if (cancel())
+            return WaitOutcome::Canceled;
+        if (waitForProcess(process, kCancelPollMs))
+            return WaitOutcome::Finished;
+        // A program that never started would otherwise be polled in a tight
+        // loop until the time-out.
+        if (process.state() == QProcess::NotRunning)
+            return WaitOutcome::NotFinished;
+    }
+}
+
+} // namespace
+
+CallResult call(const QString &program, const QStringList &arguments, Options options,
+                const std::function<bool()> &cancel)
+{
+    QMutexLocker locker(g_callMutex.isDestroyed() ? nullptr : g_callMutex());
+
+    const bool logged = !options.testFlag(NoLog);
+    QProcess process;
+    if (logged)
+        qDebug() << "[VMTools]" << "Call:" << arguments;
+    process.start(program, arguments, QIODevice::ReadWrite);
+
+    const WaitOutcome outcome = waitWithCancel(process, timeoutFor(options), cancel);
+
+    if (outcome == WaitOutcome::Canceled) {
+        const qint64 pid = process.processId();
+        // Guard the pid: kill(0, ...) would signal our whole process group.
+        if (pid > 0) {
+            ::kill(static_cast<pid_t>(pid), SIGINT);
+            process.waitForFinished(kCancelGraceMs);
+        }
+        killAndReap(process);
+        qWarning() << "[VMTools]" << -1 << QStringLiteral("canceled") << QString();
+        CallResult result;
+        result.returnCode = -1;
+        result.error = QStringLiteral("canceled");
+        return result;
+    }
+
+    CallResult result;
+    result.finished = outcome == WaitOutcome::Finished;
+    // A program that did not finish has no exit code; report 0 as callers
+    // expect, even where QProcess keeps the status of a failed exec (255).
+    result.returnCode = result.finished ? process.exitCode() : 0;
+    result.output = decode(process.readAllStandardOutput());
+    result.error = decode(process.readAllStandardError());
+    killAndReap(process);
+
+    if (result.finished && result.returnCode == 0) {
+        if (logged)
+            qDebug() << "[VMTools]" << "Return code:" << 0;
+        return result;
+    }
+    if (logged) {
+        if (result.finished) {
+            qCritical() << "[VMTools]" << "Return code:" << result.returnCode;
+            const QString trimmedError = result.error.trimmed();
+            if (!trimmedError.isEmpty())
+                qCritical() << "[VMTools]" << "Output command:" << trimmedError;
+        } else {
+            qCritical() << "[VMTools]" << "Can't run" << program;
+        }
+    }
+    qWarning() << "[VMTools]" << result.returnCode << result.error << result.output;
+    return result;
+}
+
+bool isRunning(qint64 pid)
+{
+    return ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+bool destroyProcess(qint64 pid)
+{
+    if (::kill(static_cast<pid_t>(pid), SIGKILL) != 0) {
+        qCritical() << "[VMTools]" << "Failed to kill process with id=" << pid;
+        return false;
+    }
+
+    int status = 0;
+    pid_t reaped = 0;
+    // Retry only on an interrupted wait; errno is cleared first so that a
+    // stale EINTR cannot make a successful wait repeat.
+    do {
+        errno = 0;
+        reaped = ::waitpid(static_cast<pid_t>(pid), &status, WUNTRACED | WCONTINUED);
+    } while (errno == EINTR);
+
+    if (reaped == -1) {
+        if (errno == ECHILD)
+            qDebug() << "[VMTools]" << "No child to wait for Pid=" << pid;
+        else
+            qCritical() << "[VMTools]" << "Error waiting for Pid =" << pid << ", error=" << ::strerror(errno);
+    } else if (!WIFEXITED(status) && !WIFSIGNALED(status)) {
+        return false;
+    }
+    qDebug() << "[VMTools]" << "destroyProcess(" << pid << ") -> true";
+    return true;
+}
+
+QString processNameByPid(qint64 pid)
+{
+    const QString target = QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid));
+    return QFileInfo(target).fileName().remove(QStringLiteral("(deleted)")).trimmed();
+}
+
+bool waitForFinished(qint64 pid, int timeoutMs)
+{
+    if (!isRunning(pid))
+        return true;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (elapsed.elapsed() < timeoutMs) {
+        QThread::msleep(100);
+        if (!isRunning(pid))
+            return true;
+    }
+    qWarning() << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;
+    return false;
+}
+
+QString findVBoxManage()
+{
+    const QString fromEnv = EnvVars::getString("HV_VBOXMANAGE");
+    if (!fromEnv.isEmpty()) {
+        qDebug() << "[VMTools]" << QStringLiteral("Using '%1' for VBoxManage").arg(fromEnv);
+        return fromEnv;
+    }
+    return Paths::findExecutableInPath(QStringLiteral("VBoxManage"));
+}
+
+bool isVBoxInstalled()
+{
+    return QFile::exists(findVBoxManage());
+}
+
+} // namespace VMToolsCommon

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "halvistromcore_export.h"
+
+#include <QFlags>
+#include <QString>
+#include <QStringList>
+#include <QtGlobal>
+
+#include <functional>
+
+/// Running host programs and looking after host processes. Every program the
+/// engine runs (qemu-img, the emulator asking for its version) goes through
+/// call(), so all of them share one time-out policy, one cancellation scheme
+/// and the same log lines.
+namespace VMToolsCommon {
+
+enum Option {
+    /// Wait as long as the program takes; wins over LongTimeout.
+    NoTimeout = 1,
+    /// Five minutes instead of the default thirty seconds.
+    LongTimeout = 2,
+    /// No "Call:", "Return code:", "Output command:" or "Can't run" lines;
+    /// the summary warnings are still written.
+    NoLog = 4,
+};
+Q_DECLARE_FLAGS(Options, Option)
+
+/// What call() learned about one run.
+struct CallResult {
+    /// The exit code; -1 when the call was cancelled. A program that did not
+    /// finish (time-out, or it never started) reports 0 here: look at finished.
+    int returnCode = 0;
+    /// Standard output as Latin-1, cut at the first NUL byte.
+    QString output;
+    /// Standard error as Latin-1, cut at the first NUL byte; "canceled" when
+    /// the call was cancelled.
+    QString error;
+    /// True only when the program ran to its end (normally or by a crash).
+    /// False after a time-out, a cancellation or a failed start.
+    bool finished = false;
+};
+
+/// Runs program with arguments and waits for it. All calls of the process are
+/// serialised. The wait lasts 30 s (LongTimeout: 300 s, NoTimeout: no limit);
+/// "HV_CALL_TIMEOUT_MS" and "HV_CALL_LONG_TIMEOUT_MS" replace those two limits.
+/// On the application thread the wait runs a local event loop (user input held
+/// back), elsewhere it blocks. When cancel is set it is polled about once a
+/// second; when it returns true the program receives SIGINT and the result is
+/// -1 / "canceled". A program still running when call() returns has been
+/// killed and reaped.
+HALVISTROM_CORE_EXPORT CallResult call(const QString &program, const QStringList &arguments,
+                                       Options options = Options(),
+                                       const std::function<bool()> &cancel = std::function<bool()>());
+
+/// Whether a process with this id exists and may be signalled.
+HALVISTROM_CORE_EXPORT bool isRunning(qint64 pid);
+
+/// Kills the process and reaps it when it is a child of this process. False
+/// when the kill fails or the reaped child was only stopped or continued; a
+/// process that is not our child counts as destroyed.
+HALVISTROM_CORE_EXPORT bool destroyProcess(qint64 pid);
+
+/// The file name of the executable the process runs, without the "(deleted)"
+/// mark of a removed binary; empty when there is no such process.
+HALVISTROM_CORE_EXPORT QString processNameByPid(qint64 pid);
+
+/// Polls every 100 ms until the process is gone: true when it ended within
+/// timeoutMs (or was not running), false with a warning otherwise.
+HALVISTROM_CORE_EXPORT bool waitForFinished(qint64 pid, int timeoutMs);
+
+/// "HV_VBOXMANAGE" as it stands, else VBoxManage from "PATH", else empty.
+HALVISTROM_CORE_EXPORT QString findVBoxManage();
+
+/// Whether the file findVBoxManage() names exists.
+HALVISTROM_CORE_EXPORT bool isVBoxInstalled();
+
+} // namespace VMToolsCommon
+
+Q_DECLARE_OPERATORS_FOR_FLAGS(VMToolsCommon::Options)
