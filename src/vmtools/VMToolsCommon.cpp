@@ -2,6 +2,7 @@
 
 #include "EnvVars.h"
 #include "Paths.h"
+#include "TriggerError.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -243,6 +244,8 @@ QString findVBoxManage()
 
 bool isVBoxInstalled()
 {
+    if (TriggerError::vboxNotInstalled())
+        return false;
     return QFile::exists(findVBoxManage());
 }
 

@@ -465,6 +465,10 @@ TEST(VMToolsCommonVBox, foundOnThePathAndInstalled)
     qputenv("PATH", QFile::encodeName(dir.path()) + ":" + oldPath);
     EXPECT_EQ(VMToolsCommon::findVBoxManage(), tool);
     EXPECT_TRUE(VMToolsCommon::isVBoxInstalled());
+    {
+        EnvOverride trigger("HV_TRIGGER_ERROR", "noip,vboxnotinstalled");
+        EXPECT_FALSE(VMToolsCommon::isVBoxInstalled());
+    }
     qputenv("PATH", QFile::encodeName(dir.path() + QStringLiteral("/none")));
     EXPECT_EQ(VMToolsCommon::findVBoxManage(), QString());
     EXPECT_FALSE(VMToolsCommon::isVBoxInstalled());
