@@ -1,0 +1,93 @@
+#include "QEMUErrorDiagnosis.h"
+
+#include "FileUtils.h"
+#include "TriggerError.h"
+
+#include <QByteArray>
+#include <QDebug>
+#include <QFile>
+
+namespace {
+
+// QEMU's own wording. The search is case-sensitive: these are the exact
+// phrases QEMU prints, and a looser match would mistake a guest's console
+// text for a host failure.
+const char kResourceBusy[] = "device or resource busy";
+const char kWriteLock[] = "failed to get \"write\" lock";
+const char kPortTaken[] = "failed to find an available port";
+const char kAddressingLimited[] = "addressing limited";
+const char kFallingBack[] = "falling back";
+const char *const kAcceleratorPhrases[] = {"no accelerator found", "invalid accelerator"};
+
+} // namespace
+
+QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath)
+{
+    const QByteArray content = FileUtils::loadFile(logPath);
+    if (content.isEmpty()) {
+        // loadFile cannot tell an empty file from an unreadable one; an empty
+        // error output is a normal start, an unreadable one is not.
+        QFile file(logPath);
+        if (!file.open(QIODevice::ReadOnly)) {
+            qCritical() << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
+            return Code::Unreadable;
+        }
+    }
+    return classifyText(content);
+}
+
+QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &content)
+{
+    const int nul = content.indexOf('\0');
+    const QString text = QString::fromLatin1(nul < 0 ? content : content.left(nul));
+
+    if (text.contains(QLatin1String(kResourceBusy))) {
+        qCritical() << "[VMTools]" << "Device or resource busy";
+        return Code::ResourceBusy;
+    }
+    if (text.contains(QLatin1String(kWriteLock))) {
+        qCritical() << "[VMTools]" << "Another process is using a system file";
+        return Code::SystemFileLocked;
+    }
+    if (text.contains(QLatin1String(kPortTaken))) {
+        qCritical() << "[VMTools]" << "Another process is using the same port";
+        return Code::PortTaken;
+    }
+    if (text.contains(QLatin1String(kAddressingLimited)) || TriggerError::memoryNotSupportedError())
+        return Code::MemoryNotSupported;
+    for (const char *phrase : kAcceleratorPhrases) {
+        if (!text.contains(QLatin1String(phrase)))
+            continue;
+        if (text.contains(QLatin1String(kFallingBack))) {
+            qInfo() << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
+            return Code::None;
+        }
+        qCritical() << "[VMTools]" << "QEMU error found in logs" << text;
+        return Code::AcceleratorError;
+    }
+    return Code::None;
+}
+
+bool QEMUErrorDiagnosis::isResourceBusy(const QString &logPath)
+{
+    qDebug() << "[VMTools]" << "Checking if device or resource is busy...";
+    return classify(logPath) == Code::ResourceBusy;
+}
+
+bool QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(const QString &logPath)
+{
+    qDebug() << "[VMTools]" << "Checking if another process is using a system file of QEMU...";
+    return classify(logPath) == Code::SystemFileLocked;
+}
+
+bool QEMUErrorDiagnosis::isPortUsedByAnotherProcess(const QString &logPath)
+{
+    qDebug() << "[VMTools]" << "Checking if another process is using the port of QEMU...";
+    return classify(logPath) == Code::PortTaken;
+}
+
+bool QEMUErrorDiagnosis::isMemorySupported(const QString &logPath)
+{
+    qDebug() << "[VMTools]" << "Checking if memory size not supported on machine...";
+    return classify(logPath) != Code::MemoryNotSupported;
+}

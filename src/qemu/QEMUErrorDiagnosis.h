@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+/// Reads what a QEMU process wrote to its error output ("qemu.log" in the
+/// device directory) and tells why it stopped. Every question reads the file
+/// afresh, so it can be asked while QEMU is still writing.
+class QEMUErrorDiagnosis
+{
+public:
+    /// What the error output says, first match wins in this order of checks.
+    enum class Code {
+        /// Nothing recognised, or QEMU fell back to another accelerator.
+        None = 0,
+        /// The error output could not be read.
+        Unreadable = 1,
+        /// The accelerator failed and QEMU did not fall back.
+        AcceleratorError = 2,
+        /// "device or resource busy".
+        ResourceBusy = 3,
+        /// A disk image is locked by another process.
+        SystemFileLocked = 4,
+        /// A forwarded port or the QMP port is taken.
+        PortTaken = 5,
+        /// The memory size is not supported on this host.
+        MemoryNotSupported = 6,
+    };
+
+    /// Classifies the error output in the file at logPath. Logs the reason it
+    /// found; never fails (an unreadable file is itself an answer).
+    static Code classify(const QString &logPath);
+
+    /// Classifies the text itself (bytes up to the first NUL).
+    static Code classifyText(const QByteArray &content);
+
+    /// Whether QEMU reported a device or resource as busy.
+    static bool isResourceBusy(const QString &logPath);
+    /// Whether another process holds the write lock of a disk image.
+    static bool isSystemFileUsedByAnotherProcess(const QString &logPath);
+    /// Whether another process uses one of the device's ports.
+    static bool isPortUsedByAnotherProcess(const QString &logPath);
+    /// False only when QEMU reported a memory size the host cannot address
+    /// (or the memory error trigger is active).
+    static bool isMemorySupported(const QString &logPath);
+};
