@@ -1,0 +1,238 @@
+#include "QEMUClient.h"
+
+#include "QmpFraming_p.h"
+#include "QmpProtocol_p.h"
+
+#include <QDeadlineTimer>
+#include <QDebug>
+#include <QEventLoop>
+#include <QHostAddress>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QNetworkProxy>
+#include <QTcpSocket>
+#include <QTimer>
+
+namespace {
+
+const char Tag[] = "[VMTools]";
+
+constexpr int ConnectTimeoutMs = 2000;
+constexpr int GreetingTimeoutMs = 2000;
+constexpr int CapabilitiesTimeoutMs = 1000;
+constexpr int QuitTimeoutMs = 1000;
+constexpr int UnplugTimeoutMs = 1000;
+// Saving writes the whole guest memory into the system disk.
+constexpr int SaveSnapshotTimeoutMs = 10000;
+
+// The socket hands over at most this much per read, so what it holds on top
+// of the framer's bounded line stays small too.
+constexpr qint64 SocketReadChunk = 64 * 1024;
+
+QVariantMap humanMonitorCommand(const QString &commandLine)
+{
+    QVariantMap arguments;
+    arguments.insert(QStringLiteral("command-line"), commandLine);
+    QVariantMap command;
+    command.insert(QStringLiteral("execute"), QStringLiteral("human-monitor-command"));
+    command.insert(QStringLiteral("arguments"), arguments);
+    return command;
+}
+
+QVariantMap plainCommand(const QString &name)
+{
+    QVariantMap command;
+    command.insert(QStringLiteral("execute"), name);
+    return command;
+}
+
+// The human monitor answers an empty text on success and an error text
+// otherwise. A non-null empty string, so that the answer is checked.
+QVariant emptyMonitorAnswer()
+{
+    return QVariant(QString(QLatin1String("")));
+}
+
+QString overlongReason(const QmpLineFramer &framer)
+{
+    return QStringLiteral("line longer than %1 bytes").arg(framer.maxLineLength());
+}
+
+} // namespace
+
+QEMUClient::QEMUClient(unsigned short port, QObject *parent)
+    : QObject(parent)
+    , m_port(port)
+    , m_socket(new QTcpSocket(this))
+    , m_framer(new QmpLineFramer)
+{
+    // The emulator listens on the loopback address: never go through a proxy.
+    m_socket->setProxy(QNetworkProxy::NoProxy);
+    m_socket->setReadBufferSize(SocketReadChunk);
+#if QT_VERSION >= QT_VERSION_CHECK(5, 15, 0)
+    connect(m_socket, &QAbstractSocket::errorOccurred, this, &QEMUClient::onSocketError);
+#else
+    connect(m_socket, QOverload<QAbstractSocket::SocketError>::of(&QAbstractSocket::error), this,
+            &QEMUClient::onSocketError);
+#endif
+}
+
+QEMUClient::~QEMUClient() = default;
+
+void QEMUClient::onSocketError()
+{
+    qWarning() << Tag << "QEMUClient: unexpected error" << m_socket->errorString();
+}
+
+void QEMUClient::drainSocket()
+{
+    while (m_socket->bytesAvailable() > 0)
+        m_framer->append(m_socket->read(SocketReadChunk));
+}
+
+bool QEMUClient::init()
+{
+    m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
+    if (!m_socket->waitForConnected(ConnectTimeoutMs)) {
+        // Going on would only wait for a greeting that cannot come.
+        qCritical() << Tag << "QEMUClient: connection timeout";
+        return false;
+    }
+
+    // The greeting may come in several pieces; all of them must be there
+    // within the one time-out.
+    const QDeadlineTimer deadline(GreetingTimeoutMs);
+    QByteArray greeting;
+    QmpLineFramer::Status status = QmpLineFramer::Status::Incomplete;
+    for (;;) {
+        drainSocket();
+        status = m_framer->takeLine(&greeting);
+        if (status != QmpLineFramer::Status::Incomplete)
+            break;
+        // A local event loop rather than a blocking wait, so that the
+        // caller's thread keeps serving its other events meanwhile.
+        QEventLoop loop;
+        connect(m_socket, &QIODevice::readyRead, &loop, &QEventLoop::quit);
+        QTimer::singleShot(qMax<qint64>(0, deadline.remainingTime()), &loop, [&loop] { loop.exit(1); });
+        if (loop.exec() != 0) {
+            qCritical() << Tag << "QEMUClient: timeout during initialization";
+            return false;
+        }
+    }
+    if (status == QmpLineFramer::Status::Overlong) {
+        qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
+        return false;
+    }
+
+    QJsonObject message;
+    QString error;
+    if (!QmpProtocol::parseMessage(greeting, &message, &error) || !QmpProtocol::isGreeting(message)) {
+        qCritical() << Tag << "QEMUClient: bad message during initialization";
+        return false;
+    }
+
+    qDebug() << Tag << "QEMUClient: enabling QMP capabilities";
+    if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
+              ResponseRequired)) {
+        qWarning() << Tag << "QEMUClient: failed to enable QMP capabilities";
+        return false;
+    }
+    return true;
+}
+
+bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &expected, int timeoutMs,
+                      ResponsePolicy policy)
+{
+    if (m_socket->state() != QAbstractSocket::ConnectedState) {
+        qCritical() << Tag << "QEMUClient: not connected";
+        return false;
+    }
+
+    const QByteArray request = QmpProtocol::encodeCommand(command);
+    qDebug() << Tag << "QEMUClient: request" << request;
+    if (m_socket->write(request) == -1) {
+        qCritical() << Tag << "QEMUClient: failed to write message to QMP socket";
+        return false;
+    }
+    m_socket->flush();
+
+    QJsonObject reply;
+    for (;;) {
+        QByteArray line;
+        const QmpLineFramer::Status status = m_framer->takeLine(&line);
+        if (status == QmpLineFramer::Status::Incomplete) {
+            if (!m_socket->waitForReadyRead(timeoutMs)) {
+                if (policy == ResponseOptional) {
+                    qDebug() << Tag << "QEMUClient: did not received response from QMP but it's expected.";
+                    return true;
+                }
+                // Nothing usable came: the empty reply fails below.
+                break;
+            }
+            drainSocket();
+            continue;
+        }
+        if (status == QmpLineFramer::Status::Overlong) {
+            qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
+            return false;
+        }
+
+        qDebug() << Tag << "QEMUClient: response" << line;
+        QJsonObject message;
+        QString error;
+        if (!QmpProtocol::parseMessage(line, &message, &error)) {
+            qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << error;
+            return false;
+        }
+        if (QmpProtocol::isEvent(message))
+            continue;
+        reply = message;
+        break;
+    }
+
+    if (!reply.contains(QLatin1String("return"))) {
+        qDebug() << Tag << "QEMUClient: error returned from QMP" << reply.value(QLatin1String("error"));
+        return false;
+    }
+    const QJsonValue returned = reply.value(QLatin1String("return"));
+    if (!expected.isNull()) {
+        const QJsonValue wanted = QJsonValue::fromVariant(expected);
+        if (returned != wanted) {
+            qCritical() << Tag << "QEMUClient: QEMU returned" << returned << "while we expected" << wanted;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool QEMUClient::execQuit()
+{
+    if (!init())
+        return false;
+    qDebug() << Tag << "QEMUClient: sending quit command";
+    // The emulator may close the connection before it answers.
+    const bool ok = exec(plainCommand(QStringLiteral("quit")), QVariant(), QuitTimeoutMs, ResponseOptional);
+    if (!ok)
+        qWarning() << Tag << "QEMUClient: failed to quit";
+    return ok;
+}
+
+bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared)
+{
+    if (!init())
+        return false;
+    if (unplugShared) {
+        qDebug() << Tag << "QEMUClient: unplugging shared folder";
+        if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), emptyMonitorAnswer(), UnplugTimeoutMs,
+                  ResponseRequired)) {
+            qWarning() << Tag << "QEMUClient: failed to unplug shared folder";
+            return false;
+        }
+    }
+    qDebug() << Tag << "QEMUClient: saving snapshot";
+    const bool ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
+                         SaveSnapshotTimeoutMs, ResponseRequired);
+    if (!ok)
+        qWarning() << Tag << "QEMUClient: failed to save snapshot";
+    return ok;
+}
