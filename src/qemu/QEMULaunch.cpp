@@ -1,0 +1,93 @@
+#include "QEMULaunch_p.h"
+
+#include <QDebug>
+#include <QDir>
+
+namespace QEMULaunch {
+
+const QVector<PortForward> &portForwards()
+{
+    static const QVector<PortForward> forwards{
+        {6555, 5555},   {6379, 6379},   {22468, 22468}, {24297, 24297},
+        {24296, 24296}, {24800, 24800}, {24810, 24810}, {25000, 25000},
+    };
+    return forwards;
+}
+
+QString diskValue(const QString &path, bool virtio)
+{
+    QString value = QStringLiteral("file=%1,format=qcow2").arg(path);
+    if (virtio)
+        value += QLatin1String(",if=virtio");
+    return value;
+}
+
+QEMUOptionSet composeOptions(const Request &request)
+{
+    const QDir device(request.devicePath);
+    QEMUOptionSet options;
+    options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("system.qcow2")),
+                                                    request.virtioDisks));
+    options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("data.qcow2")),
+                                                    request.virtioDisks));
+    options.add(QStringLiteral("-object"), QStringLiteral("iothread,id=disk-iothread"));
+    if (!request.throughRosetta)
+        options.add(QStringLiteral("-vga"), QStringLiteral("std"));
+    if (request.sdCardInserted)
+        options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("sdcard.qcow2")),
+                                                        request.virtioDisks));
+    options.add(QStringLiteral("-m"), QStringLiteral("%1M").arg(request.ramMiB));
+    options.add(QStringLiteral("-smp"), QString::number(request.cpuCount));
+    if (request.throughRosetta)
+        options.add(QStringLiteral("-bios"), request.firmwareDirPath + QLatin1String("/QEMU_EFI.fd"));
+    options.add(QStringLiteral("--device"), QStringLiteral("ac97,audiodev=snd0"));
+    options.add(QStringLiteral("-audiodev"), QStringLiteral("pa,id=snd0"));
+    options.add(QStringLiteral("-accel"), QStringLiteral("kvm"));
+    options.add(QStringLiteral("-cpu"), QStringLiteral("host"));
+    if (request.throughRosetta)
+        options.add(QStringLiteral("-M"), QStringLiteral("virt"));
+
+    QString net0 = QStringLiteral("user,id=net0,model=virtio-net-pci,net=10.0.2.0/24");
+    for (const PortForward &forward : portForwards()) {
+        net0 += QStringLiteral(",hostfwd=tcp:%1:%2-:%3")
+                    .arg(QStringLiteral("127.0.0.1"))
+                    .arg(forward.hostBase + request.portOffset)
+                    .arg(forward.guestPort);
+    }
+    options.add(QStringLiteral("-nic"), net0);
+    options.add(QStringLiteral("-nic"), QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
+
+    const QString shared = request.devicePath + QLatin1String("/shared");
+    if (request.snapshotName.isEmpty()) {
+        qDebug() << "[VMTools]" << "No shapshot available. Load shared folder drive.";
+        options.add(QStringLiteral("-drive"), QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1")
+                                                  .arg(shared));
+    } else {
+        qDebug() << "[VMTools]" << "Starting from snapshot" << request.snapshotName;
+        options.add(QStringLiteral("-loadvm"), request.snapshotName);
+        if (request.readOnlySharedDrive)
+            options.add(QStringLiteral("-drive"),
+                        QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1,if=virtio").arg(shared));
+    }
+
+    options.add(QStringLiteral("-qmp"),
+                QStringLiteral("tcp:localhost:%1,server,nowait")
+                    .arg(static_cast<unsigned short>(kQmpBasePort + request.portOffset)));
+    if (!request.showWindow)
+        options.addFlag(QStringLiteral("-nographic"));
+    options.addFlag(QStringLiteral("-nodefaults"));
+    options.add(QStringLiteral("-device"), QStringLiteral("virtio-rng-pci"));
+    return options;
+}
+
+QString formatCommand(const QString &program, const QStringList &arguments)
+{
+    QString text = QLatin1Char('"') + program + QLatin1Char('"');
+    for (const QString &argument : arguments) {
+        text += argument.startsWith(QLatin1Char('-')) ? QStringLiteral(" \\\n") : QStringLiteral(" ");
+        text += argument;
+    }
+    return text;
+}
+
+} // namespace QEMULaunch

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "QEMUOptionSet.h"
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+/// The pieces of the emulator's command line that do not need a running
+/// engine, so that the exact arguments can be composed and checked alone.
+namespace QEMULaunch {
+
+/// One forwarded host port: the host port is base plus the device's offset.
+struct PortForward {
+    int hostBase;
+    int guestPort;
+};
+
+/// The forwarded ports, the debug bridge first.
+const QVector<PortForward> &portForwards();
+
+/// Offsets step by the number of ports one device needs on the host.
+constexpr int kPortOffsetStep = 7;
+/// The last candidate offset.
+constexpr int kMaxPortOffset = 693;
+constexpr int kQmpBasePort = 23555;
+
+/// What a start needs to know about the device and the host.
+struct Request {
+    QString devicePath;
+    /// Disks as virtio devices (Android above 8.0.0) rather than IDE.
+    bool virtioDisks = false;
+    bool sdCardInserted = false;
+    long long ramMiB = 0;
+    int cpuCount = 1;
+    int portOffset = 0;
+    /// Empty for a cold boot.
+    QString snapshotName;
+    /// Attach the shared folder read-only beside a snapshot start.
+    bool readOnlySharedDrive = false;
+    bool throughRosetta = false;
+    QString firmwareDirPath;
+    /// "HV_HYPERVISOR_WINDOW" is set: keep the emulator's window.
+    bool showWindow = false;
+};
+
+/// "file=<path>,format=qcow2" plus ",if=virtio" for virtio disks.
+QString diskValue(const QString &path, bool virtio);
+/// The options of a start, before "HV_QEMU_START_ARGS" is applied.
+QEMUOptionSet composeOptions(const Request &request);
+/// The start command as logged: the program in double quotes, each option on
+/// a line of its own.
+QString formatCommand(const QString &program, const QStringList &arguments);
+
+} // namespace QEMULaunch
