@@ -2,10 +2,37 @@
 
 #include "halvistromcore_export.h"
 
-/// The static settings facade every program reads and writes its settings through.
+#include <QSharedPointer>
+#include <QString>
+#include <QVariant>
+#include <QVariantMap>
+
+class JsonSettings;
+class PlayerFeaturesConfig;
+class PlayerShortcutConfig;
+
+/// The static settings facade every program reads and writes its settings
+/// through. The settings stack behind it is built on first use, once per
+/// process, and re-reads its files at every call, so changes made by the
+/// product's other programs show at the next read.
 class HALVISTROM_CORE_EXPORT Settings
 {
 public:
+    /// The setting: an installation key from the INI file, else the user's
+    /// value, else the compiled-in default (invalid when there is none).
+    static QVariant get(const QString &key);
+    /// As get(key), but def when the value is absent, null or an empty string.
+    static QVariant get(const QString &key, const QVariant &def);
+    /// Stores the setting; an invalid value removes it.
+    static void set(const QString &key, const QVariant &value);
+    /// Removes the key from the user's settings file.
+    static void remove(const QString &key);
+    /// Every top-level user setting and installation key with its value.
+    static QVariantMap getAll();
+    static QSharedPointer<JsonSettings> getUserSettings();
+    static PlayerFeaturesConfig *getPlayerFeaturesConfig();
+    static PlayerShortcutConfig *getPlayerShortcutConfig();
+
     /// Puts the variables of the environment file
     /// (generic config location + "/Corbelwick/HalvistromEnv.json") into the
     /// process environment. Variables already set win. An unreadable or

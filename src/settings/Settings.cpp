@@ -1,0 +1,54 @@
+#include "Settings.h"
+
+#include "ApplicationConfig.h"
+#include "MultiSettings.h"
+
+namespace {
+
+ApplicationConfig &config()
+{
+    static ApplicationConfig instance;
+    return instance;
+}
+
+} // namespace
+
+QVariant Settings::get(const QString &key)
+{
+    return config().getMultiSettings()->get(key);
+}
+
+QVariant Settings::get(const QString &key, const QVariant &def)
+{
+    return config().getMultiSettings()->get(key, def);
+}
+
+void Settings::set(const QString &key, const QVariant &value)
+{
+    config().getMultiSettings()->set(key, value);
+}
+
+void Settings::remove(const QString &key)
+{
+    config().getMultiSettings()->removeKey(key);
+}
+
+QVariantMap Settings::getAll()
+{
+    return config().getMultiSettings()->getAll();
+}
+
+QSharedPointer<JsonSettings> Settings::getUserSettings()
+{
+    return config().getUserSettings();
+}
+
+PlayerFeaturesConfig *Settings::getPlayerFeaturesConfig()
+{
+    return config().getPlayerFeaturesConfig();
+}
+
+PlayerShortcutConfig *Settings::getPlayerShortcutConfig()
+{
+    return config().getPlayerShortcutConfig();
+}

@@ -1,0 +1,209 @@
+// Settings files shared by several programs: real processes writing the same
+// file, a writer killed in the middle of a change, and the installation INI
+// file written beside the running executable.
+#include "JsonSettings.h"
+
+#include "Paths.h"
+#include "SettingsTestUtils.h"
+#include "TestEnvironment.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using hvtest::parseObject;
+using hvtest::readFile;
+using hvtest::readObject;
+using hvtest::writeFile;
+
+namespace {
+
+/// A helper process that is always killed and reaped, whatever the test does.
+class Helper
+{
+public:
+    explicit Helper(const QString &program = hvtest::helperPath(QStringLiteral("settings_helper")))
+        : m_program(program)
+    {
+    }
+    ~Helper()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished(10000);
+        }
+    }
+
+    void start(const QStringList &args) { m_process.start(m_program, args); }
+    QProcess &process() { return m_process; }
+
+    /// Runs to the end; the exit code, or -1 when it did not finish normally.
+    int run(const QStringList &args, QByteArray *output = nullptr)
+    {
+        start(args);
+        if (!m_process.waitForFinished(60000) || m_process.exitStatus() != QProcess::NormalExit)
+            return -1;
+        if (output)
+            *output = m_process.readAllStandardOutput().trimmed();
+        return m_process.exitCode();
+    }
+
+private:
+    QString m_program;
+    QProcess m_process;
+};
+
+class SettingsProcessTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_dir.isValid());
+        ASSERT_TRUE(QFile::exists(hvtest::helperPath(QStringLiteral("settings_helper"))));
+        m_path = m_dir.path(QStringLiteral("settings.json"));
+    }
+
+    hvtest::SettingsDir m_dir;
+    QString m_path;
+};
+
+/// Whether the file is one complete version written by the burst: the marker
+/// written before it, and a payload "<n>:" followed by size copies of the
+/// letter of n.
+::testing::AssertionResult isCompleteBurstVersion(const QString &path, int size)
+{
+    const QByteArray bytes = readFile(path);
+    const QJsonObject root = readObject(path);
+    if (root.value("marker").toString() != QLatin1String("kept"))
+        return ::testing::AssertionFailure() << "marker lost or file torn (" << bytes.size() << " bytes)";
+    const QString payload = root.value("payload").toString();
+    const int colon = payload.indexOf(QLatin1Char(':'));
+    bool ok = false;
+    const int n = payload.left(colon).toInt(&ok);
+    if (colon < 0 || !ok)
+        return ::testing::AssertionFailure() << "payload without version (" << bytes.size() << " bytes)";
+    const QString expected = QString(size, QLatin1Char('a' + n % 26));
+    if (payload.mid(colon + 1) != expected)
+        return ::testing::AssertionFailure() << "payload of version " << n << " is incomplete";
+    return ::testing::AssertionSuccess() << "version " << n;
+}
+
+TEST_F(SettingsProcessTest, writerKilledMidBurstLeavesACompleteVersion)
+{
+    const int size = 256 * 1024;
+    ASSERT_TRUE(writeFile(m_path, R"({"marker": "kept"})"));
+    for (int round = 0; round < 6; ++round) {
+        {
+            Helper writer;
+            writer.start({QStringLiteral("burst"), m_path, QString::number(size)});
+            ASSERT_TRUE(writer.process().waitForReadyRead(30000)) << "the writer never got going";
+            ASSERT_EQ(writer.process().readLine().trimmed(), QByteArray("ready"));
+            // Let it write for a while so the kill lands at a different
+            // point of a change each round.
+            QThread::msleep(20 + 37 * round);
+            writer.process().kill();
+            ASSERT_TRUE(writer.process().waitForFinished(10000));
+            ASSERT_EQ(writer.process().exitStatus(), QProcess::CrashExit);
+        }
+        EXPECT_TRUE(isCompleteBurstVersion(m_path, size)) << "round " << round;
+
+        // The killed writer may have left its lock behind: the next program
+        // takes it over at once instead of waiting for it to age.
+        JsonSettings next(m_path, JsonSettings::ReadWrite);
+        next.setLockTimeouts(5000, 60000);
+        EXPECT_TRUE(next.setValue(QStringLiteral("after"), round)) << "round " << round;
+        EXPECT_EQ(next.getValue(QStringLiteral("after")), QVariant(double(round)));
+    }
+}
+
+TEST_F(SettingsProcessTest, twoWritersSettingDifferentKeysLoseNothing)
+{
+    const int count = 200;
+    Helper first;
+    Helper second;
+    QElapsedTimer timer;
+    timer.start();
+    first.start({QStringLiteral("keys"), m_path, QStringLiteral("first."), QString::number(count)});
+    second.start({QStringLiteral("keys"), m_path, QStringLiteral("second."), QString::number(count)});
+    ASSERT_TRUE(first.process().waitForFinished(180000));
+    ASSERT_TRUE(second.process().waitForFinished(180000));
+    std::printf("two writers, %d keys each: %lld ms\n", count, static_cast<long long>(timer.elapsed()));
+    EXPECT_EQ(first.process().exitCode(), 0) << first.process().readAllStandardError().toStdString();
+    EXPECT_EQ(second.process().exitCode(), 0) << second.process().readAllStandardError().toStdString();
+
+    const QJsonObject root = readObject(m_path);
+    EXPECT_EQ(root.size(), 2 * count);
+    for (int i = 0; i < count; ++i) {
+        EXPECT_EQ(root.value(QStringLiteral("first.%1").arg(i)).toInt(-1), i);
+        EXPECT_EQ(root.value(QStringLiteral("second.%1").arg(i)).toInt(-1), i);
+    }
+}
+
+// ---- the installation INI file beside the executable -----------------------------
+
+/// A copy of the helper in a directory of its own: the facade puts its
+/// "halvistrom.ini" beside the running executable.
+class InstallDir
+{
+public:
+    InstallDir()
+        : m_dir(hvtest::testRoot() + QStringLiteral("/install-XXXXXX"))
+    {
+        QFile::copy(hvtest::helperPath(QStringLiteral("settings_helper")), program());
+    }
+    QString program() const { return m_dir.filePath(QStringLiteral("settings_helper")); }
+    QString ini() const { return m_dir.filePath(QStringLiteral("halvistrom.ini")); }
+    QVariant iniValue(const QString &key) const { return QSettings(ini(), QSettings::IniFormat).value(key); }
+
+private:
+    QTemporaryDir m_dir;
+};
+
+const QString kPersistent = QStringLiteral("virtualbox.host_only_interface_name");
+
+TEST_F(SettingsProcessTest, persistentKeyIsWrittenBesideTheExecutableAndCopiedIntoTheUserFile)
+{
+    InstallDir install;
+    ASSERT_TRUE(QFile::exists(install.program()));
+    const QString userFile = Paths::getHalvistromPath() + QStringLiteral("/settings.json");
+    const QString buildIni = hvtest::helperPath(QStringLiteral("halvistrom.ini"));
+    const QByteArray buildIniBefore = readFile(buildIni);
+
+    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("set"), kPersistent, QStringLiteral("vboxnet7")}), 0);
+    EXPECT_EQ(install.iniValue(kPersistent), QVariant(QStringLiteral("vboxnet7")));
+    EXPECT_FALSE(readObject(userFile).contains(kPersistent)) << "the value goes to the INI file only";
+    EXPECT_EQ(readFile(buildIni), buildIniBefore);
+
+    // The next start copies it into the user file, which has none.
+    QByteArray output;
+    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
+    EXPECT_EQ(output, QByteArray("vboxnet7"));
+    EXPECT_EQ(readObject(userFile).value(kPersistent).toString(), QStringLiteral("vboxnet7"));
+
+    // Once both have a value, nothing is copied and reads use the INI file.
+    QJsonObject user = readObject(userFile);
+    user.insert(kPersistent, QStringLiteral("edited"));
+    ASSERT_TRUE(writeFile(userFile, QJsonDocument(user).toJson()));
+    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
+    EXPECT_EQ(output, QByteArray("vboxnet7"));
+    EXPECT_EQ(install.iniValue(kPersistent), QVariant(QStringLiteral("vboxnet7")));
+    EXPECT_EQ(readObject(userFile).value(kPersistent).toString(), QStringLiteral("edited"));
+
+    // A new installation without the key takes the user's value.
+    InstallDir fresh;
+    ASSERT_EQ(Helper(fresh.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
+    EXPECT_EQ(output, QByteArray("edited"));
+    EXPECT_EQ(fresh.iniValue(kPersistent), QVariant(QStringLiteral("edited")));
+}
+
+} // namespace
