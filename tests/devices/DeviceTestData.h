@@ -1,0 +1,38 @@
+#pragma once
+
+#include "HwProfile.h"
+#include "OsImage.h"
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QString>
+
+#include <ostream>
+
+namespace devtest {
+
+/// A complete profile record of format 1.0.0 with one regular display.
+QJsonObject profileJson();
+/// A complete image record of format 1.1.0 for Android 9 with an https address.
+QJsonObject imageJson();
+
+/// object with the value at path replaced (or added). path is a "/"-separated
+/// list of keys; a number selects an array element.
+QJsonObject with(const QJsonObject &object, const QString &path, const QJsonValue &value);
+/// object without the value at path.
+QJsonObject without(const QJsonObject &object, const QString &path);
+
+/// Writes content to dir/name and returns the path.
+QString writeFile(const QString &dir, const QString &name, const QByteArray &content);
+
+/// The folder of the test's fixed input files.
+QString dataPath(const QString &name);
+
+} // namespace devtest
+
+// Readable strings and enumeration values in test output.
+void PrintTo(const QString &text, std::ostream *out);
+void PrintTo(HwProfile::Source source, std::ostream *out);
+void PrintTo(HwProfile::FormFactor formFactor, std::ostream *out);
+void PrintTo(HwProfile::DisplayMode displayMode, std::ostream *out);
