@@ -144,3 +144,26 @@ TEST(HostileInput, escapedNulCharactersStayInsideTheirStrings)
 }
 
 } // namespace
+
+namespace {
+
+// Found by the fuzzer: a record whose keys repeat (with object and array
+// values) made the JSON parser leak under the sanitizer. It must still load
+// as the invalid value with the errors of its last occurrences.
+TEST(FuzzRegression, duplicatedKeysLoadAsTheirLastOccurrence)
+{
+    const QString path = devtest::dataPath("fuzz-duplicated-keys.json");
+    MessageCapture capture;
+    EXPECT_EQ(OsImageIO::loadFromFile(path, HwProfile::Source::VENDOR), OsImage());
+    QStringList warnings = capture.texts(QtWarningMsg);
+    ASSERT_FALSE(warnings.isEmpty());
+    warnings.removeFirst();
+    EXPECT_EQ(warnings, QStringList({"Error in field \"build_date is missing.\"",
+                                     "Error in field \"os_version.sdk_version is missing.\"",
+                                     "Error in field \"image_size_bytes is missing.\""}));
+    capture.clear();
+    EXPECT_EQ(HwProfileIO::load(path), HwProfile());
+    EXPECT_TRUE(capture.has(QtWarningMsg, "Error in field \"sharer_email is missing.\""));
+}
+
+} // namespace
