@@ -142,7 +142,7 @@ read_banner() { # port
     banner=
     while [ $SECONDS -lt $deadline ]; do
         kill -0 "$qemu_pid" 2>/dev/null || return 1
-        line=$( { exec 3<>"/dev/tcp/127.0.0.1/$1" && read -t 3 -r l <&3 && echo "$l"; } 2>/dev/null || true)
+        line=$( { exec 3<>"/dev/tcp/127.0.0.1/$1" && read -t 2 -r l <&3 && echo "$l"; } 2>/dev/null || true)
         if [ -n "$line" ]; then
             banner=${line%$'\r'}
             return 0
