@@ -1,0 +1,555 @@
+#include "VMToolsMachine.h"
+
+#include "HwProfileIO.h"
+#include "OsImageBuilder.h"
+#include "OsImageIO.h"
+
+#include "MessageCapture.h"
+#include "TestEnvironment.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSettings>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using hvtest::MessageCapture;
+
+namespace {
+
+// The record alone: the run-time side is not what these tests look at.
+class RecordMachine : public VMToolsMachine
+{
+public:
+    using VMToolsMachine::VMToolsMachine;
+    void dumpInfos(QFile *) override {}
+    bool reloadProperties() override { return load(); }
+    void reloadVmInfo() override {}
+    QString getName() const override { return QDir(getPath()).dirName(); }
+    bool setName(const QString &) override { return false; }
+    QString getUuid() const override { return QString(); }
+    bool setUuid(const QString &) override { return false; }
+    QString waitForIP(std::function<bool()>) override { return QString(); }
+    int getStatus() const override { return Off; }
+    QString getIPAddress() const override { return QString(); }
+    QString getAdbSerial() const override { return QString(); }
+    AdapterType getAdapterType(unsigned int) const override { return Null; }
+    bool setAdapterType(unsigned int, AdapterType, const QString &) override { return false; }
+    bool createFactoryBackup() override { return true; }
+    bool resetFactory() override { return false; }
+    ConnectionInfo fetchConnectionInfo() override { return createUnknownConnectionInfo(); }
+    ConnectionInfo getConnectionInfo() const override { return createUnknownConnectionInfo(); }
+    bool setConnectionInfo(const ConnectionInfo &) override { return true; }
+    bool upgradeSystemDisk(const OsImage &) const override { return false; }
+};
+
+HwProfile makeProfile(int displays = 2)
+{
+    HwProfile profile;
+    profile.uuid = "{11111111-2222-3333-4444-555555555555}";
+    profile.source = HwProfile::Source::USER;
+    profile.deviceProperties.productBrand = "ACME";
+    profile.deviceProperties.productModel = "Rocket";
+    profile.cpuCount = 2;
+    profile.ramSize = 2048;
+    profile.dataDiskSize = 8192;
+    profile.displaySettings.displays.clear();
+    for (int i = 0; i < displays; ++i)
+        profile.displaySettings.displays.append(HwProfile::Display());
+    return profile;
+}
+
+OsImage makeImage(const VersionNumber &android = VersionNumber(11, 0))
+{
+    OsImage image = OsImageBuilder();
+    image.uuid = "{99999999-8888-7777-6666-555555555555}";
+    image.name = "Android image";
+    image.osVersion = android;
+    image.imageVersion = VersionNumber(3, 8);
+    image.sdkVersion = 30;
+    image.arch = "x86_64";
+    return image;
+}
+
+class MachineFile : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_dir = hvtest::testRoot() + "/devices/" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        QDir(m_dir).removeRecursively();
+        ASSERT_TRUE(QDir().mkpath(m_dir + "/shared/config"));
+    }
+
+    QString configPath() const { return m_dir + "/shared/config/device.json"; }
+
+    void writeConfig(const QByteArray &content) const
+    {
+        QFile file(configPath());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(content);
+    }
+
+    void writeConfig(const QJsonObject &top) const { writeConfig(QJsonDocument(top).toJson()); }
+
+    QJsonObject readConfig() const
+    {
+        QFile file(configPath());
+        EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+        return QJsonDocument::fromJson(file.readAll()).object();
+    }
+
+    QJsonObject standardTop() const
+    {
+        return QJsonObject{{"os_image", OsImageIO::toJsonObject(makeImage())},
+                           {"hardware_profile", HwProfileIO::toJsonObject(makeProfile())}};
+    }
+
+    // Puts the file's modification time in the past, so a later write shows.
+    void ageConfig() const
+    {
+        QFile file(configPath());
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(file.setFileTime(QDateTime(QDate(2001, 1, 1), QTime(0, 0)), QFileDevice::FileModificationTime));
+    }
+
+    bool configWasWritten() const
+    {
+        return QFileInfo(configPath()).lastModified() > QDateTime(QDate(2001, 1, 1), QTime(0, 0, 1));
+    }
+
+    QString m_dir;
+};
+
+TEST_F(MachineFile, keepsUnknownKeysButRebuildsRoot)
+{
+    QJsonObject top = standardTop();
+    top.insert("uuid", "{abc}");
+    top.insert("custom", QJsonObject{{"nested", QJsonArray{1, "two"}}});
+    top.insert("configuration", QJsonObject{{"quickboot", false},
+                                            {"player_zoom", 1.5},
+                                            {"theme", "dark"},
+                                            {"root", QJsonObject{{"active", true}, {"su_path", "/sbin/su"}}}});
+    writeConfig(top);
+
+    RecordMachine machine(m_dir);
+    ASSERT_TRUE(machine.load());
+    EXPECT_FALSE(machine.isQuickbootEnabled());
+    EXPECT_TRUE(machine.isRootAccessEnabled());
+    ASSERT_TRUE(machine.save());
+
+    const QJsonObject saved = readConfig();
+    EXPECT_EQ(saved.value("uuid").toString(), "{abc}");
+    EXPECT_EQ(saved.value("custom").toObject(), top.value("custom").toObject());
+    const QJsonObject configuration = saved.value("configuration").toObject();
+    EXPECT_EQ(configuration.value("theme").toString(), "dark");
+    EXPECT_EQ(configuration.value("player_zoom").toDouble(), 1.5);
+    EXPECT_EQ(configuration.value("quickboot"), QJsonValue(false));
+    EXPECT_EQ(configuration.value("root").toObject(), (QJsonObject{{"active", true}}));
+    EXPECT_EQ(HwProfileIO::load(saved.value("hardware_profile").toObject()), makeProfile());
+    EXPECT_EQ(OsImageIO::load(saved.value("os_image").toObject()), makeImage());
+}
+
+TEST_F(MachineFile, fileWithoutConfigurationReadsDefaults)
+{
+    writeConfig(standardTop());
+    RecordMachine machine(m_dir);
+    ASSERT_TRUE(machine.load());
+    EXPECT_TRUE(machine.isQuickbootEnabled());
+    EXPECT_FALSE(machine.isRootAccessEnabled());
+    EXPECT_FALSE(machine.isSdCardInserted());
+    EXPECT_FALSE(machine.isVirtualKeyboardEnabled());
+    EXPECT_FALSE(machine.isFullScreen());
+    EXPECT_EQ(machine.getGlEsApiLevel(), QString());
+    EXPECT_EQ(machine.getHwProfile(), makeProfile());
+    EXPECT_EQ(machine.getCapabilities(), int(VMToolsMachine::VirtioDisks));
+}
+
+TEST_F(MachineFile, migratesAVersionOneImageAndSavesAtOnce)
+{
+    QJsonObject image = OsImageIO::toJsonObject(makeImage(VersionNumber(10, 0)));
+    image.insert("version", "1.0.0");
+    image.remove("arch");
+    QJsonObject top = standardTop();
+    top.insert("os_image", image);
+    writeConfig(top);
+    ageConfig();
+
+    RecordMachine machine(m_dir);
+    MessageCapture cap;
+    ASSERT_TRUE(machine.load());
+    EXPECT_TRUE(configWasWritten());
+    EXPECT_TRUE(cap.hasContaining(QtDebugMsg, "Migrating OsImage migratesAVersionOneImageAndSavesAtOnce of device "
+                                              "Android image from 1.0.0 to 1.1.0"));
+    const QJsonObject saved = readConfig().value("os_image").toObject();
+    EXPECT_EQ(saved.value("version").toString(), "1.1.0");
+    EXPECT_EQ(saved.value("arch").toString(), "x86");
+    EXPECT_EQ(machine.getOsImageArch(), "x86");
+}
+
+TEST_F(MachineFile, currentImageIsNotRewrittenOnLoad)
+{
+    writeConfig(standardTop());
+    ageConfig();
+    RecordMachine machine(m_dir);
+    ASSERT_TRUE(machine.load());
+    EXPECT_FALSE(configWasWritten());
+}
+
+struct BadFile {
+    const char *name;
+    QByteArray content;
+};
+
+class BadMachineFile : public MachineFile, public ::testing::WithParamInterface<BadFile>
+{
+};
+
+TEST_P(BadMachineFile, isRefusedAndLeavesTheFile)
+{
+    writeConfig(GetParam().content);
+    RecordMachine machine(m_dir);
+    MessageCapture cap;
+    EXPECT_FALSE(machine.load());
+    EXPECT_FALSE(cap.noneAtOrAbove(QtWarningMsg)) << "a refusal must be logged";
+    EXPECT_EQ(QFile(configPath()).size(), GetParam().content.size()) << "the file must stay as it was";
+}
+
+QByteArray standardBytes()
+{
+    return QJsonDocument(QJsonObject{{"os_image", OsImageIO::toJsonObject(makeImage())},
+                                     {"hardware_profile", HwProfileIO::toJsonObject(makeProfile())}})
+        .toJson();
+}
+
+QByteArray withConfiguration(const QJsonValue &configuration)
+{
+    QJsonObject top = QJsonDocument::fromJson(standardBytes()).object();
+    top.insert("configuration", configuration);
+    return QJsonDocument(top).toJson();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, BadMachineFile,
+    ::testing::Values(BadFile{"truncated", standardBytes().left(standardBytes().size() / 2)},
+                      BadFile{"notJson", "this is not json"}, BadFile{"empty", ""},
+                      BadFile{"array", "[1, 2, 3]"},
+                      BadFile{"configurationString", withConfiguration(QJsonValue("quickboot"))},
+                      BadFile{"configurationArray", withConfiguration(QJsonArray{1})},
+                      BadFile{"noProfile", QJsonDocument(QJsonObject{{"os_image", QJsonObject()}}).toJson()},
+                      BadFile{"profileString", QJsonDocument(QJsonObject{{"hardware_profile", "x"}}).toJson()}),
+    [](const ::testing::TestParamInfo<BadFile> &info) { return info.param.name; });
+
+TEST_F(MachineFile, invalidProfileNamesTheDevice)
+{
+    writeConfig(QJsonDocument(QJsonObject{{"hardware_profile", QJsonObject()}}).toJson());
+    RecordMachine machine(m_dir);
+    MessageCapture cap;
+    EXPECT_FALSE(machine.load());
+    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Failed to load hwProfile \"invalidProfileNamesTheDevice\" , skip device"));
+}
+
+TEST_F(MachineFile, missingFileIsRefused)
+{
+    QFile::remove(configPath());
+    RecordMachine machine(m_dir);
+    EXPECT_FALSE(machine.hasConfigFile());
+    EXPECT_FALSE(machine.load());
+}
+
+TEST_F(MachineFile, unwritableDirectoryFailsTheSaveWithItsPath)
+{
+    // A plain file where the "shared" directory should be.
+    QDir(m_dir + "/shared").removeRecursively();
+    QFile blocker(m_dir + "/shared");
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+
+    RecordMachine machine(m_dir);
+    machine.setHwProfile(makeProfile());
+    MessageCapture cap;
+    EXPECT_FALSE(machine.setRamSize(4096));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to create directory: \"" + m_dir + "/shared/config\""));
+}
+
+// Which setters write the file when given the value it already holds.
+struct SetterRow {
+    const char *name;
+    std::function<bool(VMToolsMachine &)> set;
+    bool writesUnchanged;
+};
+
+class SavingRules : public MachineFile, public ::testing::WithParamInterface<SetterRow>
+{
+};
+
+TEST_P(SavingRules, setterWritesTheFileOnlyWhenItShould)
+{
+    RecordMachine machine(m_dir);
+    machine.setHwProfile(makeProfile());
+    machine.setOsImage(makeImage());
+    ASSERT_TRUE(GetParam().set(machine));
+    ASSERT_TRUE(machine.hasConfigFile());
+    ageConfig();
+    ASSERT_TRUE(GetParam().set(machine));
+    EXPECT_EQ(configWasWritten(), GetParam().writesUnchanged);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Setters, SavingRules,
+    ::testing::Values(
+        SetterRow{"displayMode", [](VMToolsMachine &m) { return m.setDisplayMode(HwProfile::DisplayMode::FOLDABLE); },
+                  false},
+        SetterRow{"rootAccess", [](VMToolsMachine &m) { return m.setRootAccessEnabled(true); }, false},
+        SetterRow{"quickboot", [](VMToolsMachine &m) { return m.setQuickbootEnabled(false); }, true},
+        SetterRow{"fullScreen", [](VMToolsMachine &m) { return m.setFullScreen(true); }, true},
+        SetterRow{"virtualKeyboard", [](VMToolsMachine &m) { return m.setVirtualKeyboardEnabled(true); }, true},
+        SetterRow{"sdCardInserted", [](VMToolsMachine &m) { return m.setSdCardInserted(true); }, true},
+        SetterRow{"glEsApiLevel", [](VMToolsMachine &m) { return m.setGlEsApiLevel("3.1"); }, true},
+        SetterRow{"ramSize", [](VMToolsMachine &m) { return m.setRamSize(4096); }, true},
+        SetterRow{"cpuCount", [](VMToolsMachine &m) { return m.setCpuCount(4); }, true},
+        SetterRow{"density", [](VMToolsMachine &m) { return m.setDensity(320); }, true},
+        SetterRow{"navigationBar", [](VMToolsMachine &m) { return m.setNavigationBarVisibility(false); }, true},
+        SetterRow{"buildTags", [](VMToolsMachine &m) { return m.setBuildTags("release-keys"); }, true},
+        SetterRow{"androidVersion", [](VMToolsMachine &m) { return m.setAndroidVersion(VersionNumber(12, 0)); },
+                  true}),
+    [](const ::testing::TestParamInfo<SetterRow> &info) { return info.param.name; });
+
+class NoDisplay : public MachineFile, public ::testing::WithParamInterface<SetterRow>
+{
+};
+
+TEST_P(NoDisplay, displaySetterDoesNothing)
+{
+    RecordMachine machine(m_dir);
+    machine.setHwProfile(makeProfile(0));
+    EXPECT_TRUE(GetParam().set(machine));
+    EXPECT_FALSE(machine.hasConfigFile());
+    EXPECT_TRUE(machine.getDisplays().isEmpty());
+    EXPECT_TRUE(machine.getNavigationBarVisibility());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Setters, NoDisplay,
+    ::testing::Values(
+        SetterRow{"resolution", [](VMToolsMachine &m) { return m.setResolution(QSize(100, 200)); }, false},
+        SetterRow{"density", [](VMToolsMachine &m) { return m.setDensity(320); }, false},
+        SetterRow{"navigationBar", [](VMToolsMachine &m) { return m.setNavigationBarVisibility(false); }, false},
+        SetterRow{"topRadius", [](VMToolsMachine &m) { return m.setRoundedTopCornerRadius(8); }, false},
+        SetterRow{"bottomRadius", [](VMToolsMachine &m) { return m.setRoundedBottomCornerRadius(8); }, false},
+        SetterRow{"padding", [](VMToolsMachine &m) { return m.setRoundedCornerContentPadding(8); }, false}),
+    [](const ::testing::TestParamInfo<SetterRow> &info) { return info.param.name; });
+
+TEST_F(MachineFile, primaryDisplaySettersTouchTheFirstDisplayAndCornersTouchAll)
+{
+    RecordMachine machine(m_dir);
+    machine.setHwProfile(makeProfile(2));
+    ASSERT_TRUE(machine.setResolution(QSize(1080, 1920)));
+    ASSERT_TRUE(machine.setDensity(420));
+    ASSERT_TRUE(machine.setRoundedTopCornerRadius(11));
+    ASSERT_TRUE(machine.setRoundedBottomCornerRadius(12));
+    ASSERT_TRUE(machine.setRoundedCornerContentPadding(13));
+    ASSERT_TRUE(machine.setNavigationBarVisibility(false));
+
+    const QList<HwProfile::Display> displays = machine.getDisplays();
+    ASSERT_EQ(displays.size(), 2);
+    EXPECT_EQ(machine.getResolution(), QSize(1080, 1920));
+    EXPECT_EQ(machine.getDensity(), 420);
+    EXPECT_EQ(displays[1].width, HwProfile::Display().width);
+    EXPECT_EQ(displays[1].density, HwProfile::Display().density);
+    for (const HwProfile::Display &display : displays) {
+        EXPECT_EQ(display.topCornerRadius, 11);
+        EXPECT_EQ(display.bottomCornerRadius, 12);
+        EXPECT_EQ(display.contentPadding, 13);
+    }
+    EXPECT_FALSE(machine.getNavigationBarVisibility());
+    EXPECT_TRUE(machine.getHwProfile().displaySettings.hwNavigationKeys);
+
+    // What was written is what a fresh record reads.
+    RecordMachine reread(m_dir);
+    ASSERT_TRUE(reread.load());
+    EXPECT_EQ(reread.getDisplays(), displays);
+    EXPECT_FALSE(reread.getNavigationBarVisibility());
+}
+
+TEST_F(MachineFile, setPropertiesTakesTheProfilesValues)
+{
+    HwProfile profile = makeProfile();
+    profile.cpuCount = 6;
+    profile.ramSize = 3072;
+    profile.sdCardSize = 512;
+    profile.hasSdCard = true;
+    RecordMachine machine(m_dir);
+    ASSERT_TRUE(machine.setProperties(profile, makeImage(VersionNumber(8, 0))));
+    RecordMachine reread(m_dir);
+    ASSERT_TRUE(reread.load());
+    EXPECT_EQ(reread.getCpuCount(), 6);
+    EXPECT_EQ(reread.getRamSize(), 3072);
+    EXPECT_EQ(reread.getSdCardSize(), 512);
+    EXPECT_TRUE(reread.isSdCardInserted());
+    EXPECT_EQ(reread.getAndroidVersion(), VersionNumber(8, 0));
+    EXPECT_EQ(reread.getCapabilities(), 0);
+}
+
+TEST_F(MachineFile, getDataGivesTextOrTheDefault)
+{
+    QJsonObject top = standardTop();
+    top.insert("configuration", QJsonObject{{"count", 42}, {"list", QJsonArray{1}}, {"blank", ""}});
+    writeConfig(top);
+    RecordMachine machine(m_dir);
+    ASSERT_TRUE(machine.load());
+    EXPECT_EQ(machine.getData("count", "none"), QVariant(QString("42")));
+    EXPECT_EQ(machine.getData("list", "none"), QVariant("none"));
+    EXPECT_EQ(machine.getData("blank", "none"), QVariant("none"));
+    EXPECT_EQ(machine.getData("absent", 7), QVariant(7));
+    machine.setData("player_zoom", 2);
+    EXPECT_EQ(readConfig().value("configuration").toObject().value("player_zoom").toInt(), 2);
+    EXPECT_EQ(machine.getData("player_zoom"), QVariant(QString("2")));
+}
+
+TEST(MachineNames, statusAndAdapterStrings)
+{
+    const std::pair<int, const char *> states[] = {{0, "Unknown"}, {1, "On"},      {2, "Off"},    {3, "Paused"},
+                                                   {4, "Process"}, {5, "Aborted"}, {6, "Unknown"}, {-1, "Unknown"},
+                                                   {99, "Unknown"}};
+    for (const auto &[state, text] : states)
+        EXPECT_EQ(VMToolsMachine::getStatusString(state), text) << state;
+    const std::pair<int, const char *> adapters[] = {{0, "null"},        {1, "unknown"}, {2, "hostonly"},
+                                                     {3, "hostonlynet"}, {4, "null"},    {-3, "null"}};
+    for (const auto &[type, text] : adapters)
+        EXPECT_EQ(VMToolsMachine::getAdapterTypeString(type), text) << type;
+}
+
+TEST(MachineNames, connectionInfoFactories)
+{
+    EXPECT_EQ(VMToolsMachine::createUnknownConnectionInfo().type(), VMToolsMachine::UnknownConnection);
+    EXPECT_EQ(VMToolsMachine::createNatConnectionInfo().type(), VMToolsMachine::Nat);
+    EXPECT_EQ(VMToolsMachine::createNatConnectionInfo().name(), QString());
+    const VMToolsMachine::ConnectionInfo bridged = VMToolsMachine::createBridgedConnectionInfo("eth0");
+    EXPECT_EQ(bridged.type(), VMToolsMachine::Bridged);
+    EXPECT_EQ(bridged.name(), "eth0");
+}
+
+struct CapabilityRow {
+    VersionNumber android;
+    int capabilities;
+};
+
+class Capabilities : public ::testing::TestWithParam<CapabilityRow>
+{
+};
+
+TEST_P(Capabilities, virtioDisksAboveAndroid800)
+{
+    RecordMachine machine(hvtest::testRoot() + "/caps");
+    machine.setOsImage(makeImage(GetParam().android));
+    EXPECT_EQ(machine.getCapabilities(), GetParam().capabilities);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Versions, Capabilities,
+    ::testing::Values(CapabilityRow{VersionNumber(8, 0, 0), 0}, CapabilityRow{VersionNumber(7, 9, 9), 0},
+                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Release, 1), 1},
+                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Beta, 250), 1},
+                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Beta, 199), 0},
+                      CapabilityRow{VersionNumber(8, 0, 1), 1}, CapabilityRow{VersionNumber(8, 1, 0), 1},
+                      CapabilityRow{VersionNumber(9, 0, 0), 1}, CapabilityRow{VersionNumber(-1, 0), 0}));
+
+TEST_F(MachineFile, platformFollowsTheFormFactor)
+{
+    RecordMachine machine(m_dir);
+    machine.setHwProfile(makeProfile());
+    EXPECT_EQ(machine.getPlatform(), "p");
+    ASSERT_TRUE(machine.setFormFactor(HwProfile::FormFactor::TABLET));
+    EXPECT_EQ(machine.getPlatform(), "tp");
+    EXPECT_TRUE(machine.setPlatform("p"));
+    EXPECT_EQ(machine.getPlatform(), "tp");
+}
+
+TEST_F(MachineFile, sizeOnDiskIsComputedOnceUntilAskedAgain)
+{
+    QFile a(m_dir + "/system.qcow2");
+    ASSERT_TRUE(a.open(QIODevice::WriteOnly));
+    a.write(QByteArray(1000, 'x'));
+    a.close();
+    QFile b(m_dir + "/shared/config/other.bin");
+    ASSERT_TRUE(b.open(QIODevice::WriteOnly));
+    b.write(QByteArray(234, 'y'));
+    b.close();
+
+    RecordMachine machine(m_dir);
+    EXPECT_EQ(machine.getSizeOnDisk(), 1234);
+    ASSERT_TRUE(b.open(QIODevice::Append));
+    b.write(QByteArray(100, 'z'));
+    b.close();
+    EXPECT_EQ(machine.getSizeOnDisk(), 1234);
+    EXPECT_EQ(machine.computeSizeOnDisk(), 1334);
+    EXPECT_EQ(machine.getSizeOnDisk(), 1334);
+}
+
+TEST_F(MachineFile, upgradingFlagIsAnIniFile)
+{
+    RecordMachine machine(m_dir);
+    const QString flag = m_dir + "/upgrading.flag";
+    EXPECT_EQ(machine.getUpgradingFlagPath(), flag);
+    EXPECT_FALSE(machine.isUpgrading());
+    {
+        MessageCapture cap;
+        ASSERT_TRUE(machine.setUpgrading(true));
+        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Created \"" + flag + "\" flag"));
+    }
+    EXPECT_TRUE(machine.isUpgrading());
+    EXPECT_TRUE(QSettings(flag, QSettings::IniFormat).value("upgrading").toBool());
+    {
+        MessageCapture cap;
+        ASSERT_TRUE(machine.setUpgrading(false));
+        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Removed \"" + flag + "\" flag"));
+    }
+    EXPECT_FALSE(machine.isUpgrading());
+    MessageCapture cap;
+    EXPECT_FALSE(machine.setUpgrading(false));
+    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Cannot remove file \"" + flag + "\""));
+}
+
+TEST_F(MachineFile, quickbootSnapshotFilesAreRemovedWhenPresent)
+{
+    RecordMachine machine(m_dir);
+    EXPECT_EQ(machine.snapshotFilename(), m_dir + "/snapshot.snap");
+    EXPECT_EQ(machine.textureFilename(), m_dir + "/snapshot.stex");
+    QFile snap(machine.snapshotFilename());
+    ASSERT_TRUE(snap.open(QIODevice::WriteOnly));
+    snap.close();
+    MessageCapture cap;
+    machine.deleteOpenglSnapshot();
+    EXPECT_FALSE(QFile::exists(machine.snapshotFilename()));
+    EXPECT_TRUE(cap.noneAtOrAbove(QtWarningMsg));
+}
+
+TEST(MachineTimer, elapsedTimeIsZeroBeforeStart)
+{
+    RecordMachine machine(hvtest::testRoot() + "/timer");
+    EXPECT_EQ(machine.getElapsedTime(), 0);
+    EXPECT_EQ(VMToolsMachine::getMinVmHeapSize(), 16);
+}
+
+TEST(MachinePorts, baseClassDefaults)
+{
+    RecordMachine machine(hvtest::testRoot() + "/ports");
+    EXPECT_EQ(machine.getAdbPort(), 5555);
+    EXPECT_EQ(machine.getFrontCameraPort(), 24810);
+    EXPECT_EQ(machine.getBackCameraPort(), 24800);
+    EXPECT_EQ(machine.getAudioInputPort(), 24297);
+    EXPECT_EQ(machine.getAudioOutputPort(), 24296);
+    EXPECT_EQ(machine.getRedisPort(), 6379);
+    EXPECT_EQ(machine.getRenderMainPort(), 25000);
+    EXPECT_EQ(machine.getRenderDataPort(), 22468);
+}
+
+} // namespace
