@@ -1,0 +1,206 @@
+#include "QEMUEngine.h"
+
+#include "EnvVars.h"
+#include "Paths.h"
+#include "TriggerError.h"
+#include "Urls.h"
+#include "VMToolsCommon.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+namespace {
+
+// A version override is read the first time it is needed and then kept for
+// the life of the process, so that a running program sees one answer.
+QString versionOverride(const char *name)
+{
+    return EnvVars::getString(name);
+}
+
+} // namespace
+
+QEMUEngine::QEMUEngine()
+{
+    // Decoded up to the first zero byte, as the variable reaches us.
+    QString binDir = QString::fromLatin1(EnvVars::getByteArray("HV_QEMU_BIN_DIR").constData());
+    if (binDir.isEmpty())
+        binDir = Paths::getQEmuBinDirPath();
+    const QDir dir(binDir);
+    m_qemuSystemBinaryPath = QFileInfo(dir, getQemuSystemBinaryName()).absoluteFilePath();
+    m_qemuImgBinaryPath = QFileInfo(dir, getQemuImgBinaryName()).absoluteFilePath();
+
+    // A missing level leaves the directory where it was; the firmware is only
+    // needed on hosts that ship it.
+    QDir firmware(binDir);
+    firmware.cdUp();
+    firmware.cd(QStringLiteral("share"));
+    firmware.cd(QStringLiteral("qemu"));
+    m_firmwareDirPath = firmware.absolutePath();
+
+    qDebug() << "[VMTools]" << "QEMU path:" << m_qemuSystemBinaryPath;
+}
+
+QEMUEngine::~QEMUEngine() = default;
+
+void QEMUEngine::dumpInfos(QFile *)
+{
+}
+
+QString QEMUEngine::name() const
+{
+    return QStringLiteral("QEMU");
+}
+
+QUrl QEMUEngine::getDownloadUrl() const
+{
+    return QUrl(QStringLiteral("https://www.qemu.org/download/"));
+}
+
+QString QEMUEngine::versionString() const
+{
+    return m_versionString;
+}
+
+VersionNumber QEMUEngine::versionNumber() const
+{
+    static const QString override = versionOverride("HV_QEMU_VERSION");
+    return VersionNumber::fromString(override.isEmpty() ? m_versionString : override);
+}
+
+VersionNumber QEMUEngine::minimumVersionNumber() const
+{
+    static const QString override = versionOverride("HV_QEMU_MIN_VERSION");
+    return override.isEmpty() ? VersionNumber(6, 2, 0, VersionNumber::Release, 0) : VersionNumber::fromString(override);
+}
+
+VersionNumber QEMUEngine::maximumVersionNumber() const
+{
+    static const QString override = versionOverride("HV_QEMU_MAX_VERSION");
+    // Major -1 means there is no upper bound.
+    return override.isEmpty() ? VersionNumber(-1, 0, 0, 0, 0) : VersionNumber::fromString(override);
+}
+
+QList<VersionNumber> QEMUEngine::unsupportedVersionNumbers() const
+{
+    return QList<VersionNumber>();
+}
+
+QString QEMUEngine::getAdapterName() const
+{
+    return QString();
+}
+
+bool QEMUEngine::isAccelerationSupported() const
+{
+    if (TriggerError::hypervhaxmError())
+        return false;
+    return m_accelerationSupported;
+}
+
+bool QEMUEngine::isSnapshotSupported() const
+{
+    return true;
+}
+
+QString QEMUEngine::getDataDiskName() const
+{
+    return QString();
+}
+
+QString QEMUEngine::getSDCardDiskName() const
+{
+    return QStringLiteral("sdcard.qcow2");
+}
+
+QStringList QEMUEngine::fetchBridgeableInterfaces()
+{
+    return QStringList();
+}
+
+QStringList QEMUEngine::getBridgeableInterfaces() const
+{
+    return QStringList();
+}
+
+int QEMUEngine::getHostOnlyNetworkType() const
+{
+    return 0;
+}
+
+VMToolsEngine::InitResult QEMUEngine::initialize(InitMode mode)
+{
+    if (mode == Full)
+        checkAcceleration();
+    // The version is read even when a program is missing; a failure there is
+    // only logged.
+    initVersionString();
+
+    QString missing;
+    if (TriggerError::qemuNotInstalled() || !QFile::exists(m_qemuImgBinaryPath))
+        missing = m_qemuImgBinaryPath;
+    else if (!QFile::exists(m_qemuSystemBinaryPath))
+        missing = m_qemuSystemBinaryPath;
+    if (missing.isEmpty())
+        return InitResult(0, QString());
+
+    qWarning() << "[VMTools]" << "Could not find" << missing;
+    const QString link = Urls::getLinkForUrl(Urls::getDownloadUrl(), QString());
+    return InitResult(1, QCoreApplication::translate("QEMUEngine", "install.error.%1.%2").arg(missing, link));
+}
+
+QString QEMUEngine::getQemuSystemBinaryName()
+{
+    return QStringLiteral("qemu-system-x86_64");
+}
+
+QString QEMUEngine::getQemuImgBinaryName()
+{
+    return QStringLiteral("qemu-img");
+}
+
+QString QEMUEngine::parseVersion(const QString &text)
+{
+    static const QRegularExpression pattern(QStringLiteral(".* version ([a-zA-Z0-9.-]*).*"));
+    const QRegularExpressionMatch match = pattern.match(text);
+    return match.hasMatch() ? match.captured(1) : QString();
+}
+
+void QEMUEngine::checkAcceleration()
+{
+    // Whether the host can accelerate shows only when a start fails; the
+    // start-failure diagnosis reports it then.
+    m_accelerationSupported = true;
+}
+
+void QEMUEngine::initVersionString()
+{
+    const VMToolsCommon::CallResult result =
+        VMToolsCommon::call(m_qemuSystemBinaryPath, {QStringLiteral("--version")});
+    // A program that did not run to its end (missing, hung) printed no version.
+    if (!result.finished || result.returnCode != 0) {
+        qCritical() << "[VMTools]" << m_qemuSystemBinaryPath << "--version failed.";
+        return;
+    }
+    m_versionString = parseVersion(result.output);
+    qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+}
+
+QString QEMUEngine::getQemuSystemBinaryPath() const
+{
+    return m_qemuSystemBinaryPath;
+}
+
+QString QEMUEngine::getQemuImgBinaryPath() const
+{
+    return m_qemuImgBinaryPath;
+}
+
+QString QEMUEngine::getFirmwareDirPath() const
+{
+    return m_firmwareDirPath;
+}

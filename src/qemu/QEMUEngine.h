@@ -1,0 +1,75 @@
+#pragma once
+
+#include "VMToolsEngine.h"
+
+#include <QString>
+
+/// The engine that runs devices with the QEMU emulator. It finds
+/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
+/// directory beside the application, and accepts QEMU 6.2 and later.
+class QEMUEngine : public VMToolsEngine
+{
+public:
+    QEMUEngine();
+    ~QEMUEngine() override;
+
+    void dumpInfos(QFile *file) override;
+    QString name() const override;
+    QUrl getDownloadUrl() const override;
+    QString versionString() const override;
+    /// "HV_QEMU_VERSION" when set (read once per process), else the version read from QEMU.
+    VersionNumber versionNumber() const override;
+    /// "HV_QEMU_MIN_VERSION" when set (read once per process), else 6.2.0.
+    VersionNumber minimumVersionNumber() const override;
+    /// "HV_QEMU_MAX_VERSION" when set (read once per process), else major -1: no upper bound.
+    VersionNumber maximumVersionNumber() const override;
+    QList<VersionNumber> unsupportedVersionNumbers() const override;
+    QList<VMToolsMachine *> getMachines(std::function<bool()> cancel) override;
+    VMToolsMachine *getMachine(const QString &name) override;
+    bool doesMachineExistInHypervisor(const QString &name) const override;
+    QString getAdapterName() const override;
+    int createMachine(const QString &name, const OsImage &image, const HwProfile &profile) override;
+    int createMachine(const QString &name, const QString &path, int, long long, long long sdCardSize,
+                      const VersionNumber &imageVersion, const VersionNumber &osVersion) override;
+    int startMachine(VMToolsMachine *machine, const QString &snapshotName) override;
+    bool stopMachine(VMToolsMachine *machine) override;
+    bool deleteMachine(const VMToolsMachine *machine) const override;
+    /// True unless the "hypervhaxmerror" trigger is active; the host is not probed.
+    bool isAccelerationSupported() const override;
+    bool isSnapshotSupported() const override;
+    bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
+    int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
+    bool copyDisk(const QString &source, const QString &destination) const override;
+    bool deleteDisk(const QString &path) const override;
+    bool resizeDisk(const QString &path, long long size) const override;
+    QString getDataDiskName() const override;
+    QString getSDCardDiskName() const override;
+    QStringList fetchBridgeableInterfaces() override;
+    QStringList getBridgeableInterfaces() const override;
+    int getHostOnlyNetworkType() const override;
+    /// Reads QEMU's version and checks that both programs exist: status 1
+    /// with a message naming the missing one (qemu-img first) otherwise.
+    InitResult initialize(InitMode mode) override;
+
+    static QString getQemuSystemBinaryName();
+    static QString getQemuImgBinaryName();
+    /// The version in QEMU's "--version" output, or an empty string.
+    static QString parseVersion(const QString &text);
+
+    /// Marks acceleration as supported; the host is not probed.
+    void checkAcceleration();
+    /// Reads the version text by running the emulator with "--version".
+    void initVersionString();
+
+    QString getQemuSystemBinaryPath() const;
+    QString getQemuImgBinaryPath() const;
+    /// "share/qemu" beside the binaries' directory.
+    QString getFirmwareDirPath() const;
+
+protected:
+    QString m_versionString;
+    QString m_qemuSystemBinaryPath;
+    QString m_qemuImgBinaryPath;
+    QString m_firmwareDirPath;
+    bool m_accelerationSupported = true;
+};

@@ -1,0 +1,167 @@
+#include "VMToolsEngine.h"
+
+#include "Paths.h"
+#include "Settings.h"
+#include "SysInfo.h"
+#include "SystemInfo.h"
+#include "VMToolsCpu_p.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QLibrary>
+
+#include <thread>
+
+namespace {
+
+const QString kQemuEngine = QStringLiteral("qemu");
+const QString kVirtualBoxEngine = QStringLiteral("virtualbox");
+const QString kHypervisorKey = QStringLiteral("hypervisor");
+
+using EngineFactory = VMToolsEngine *(*)();
+
+} // namespace
+
+VMToolsEngine::VMToolsEngine()
+{
+    m_cpuVendor = VMToolsCpu::vendor(VMToolsCpu::cpuid);
+    qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
+    updateCPUVirtualizationAvailability();
+    m_devicesDirectory =
+        QDir(Settings::get(QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath()).toString());
+}
+
+VMToolsEngine::~VMToolsEngine() = default;
+
+bool VMToolsEngine::doesMachineExist(const QString &name) const
+{
+    return doesMachineExistInHypervisor(name) || doesMachineExistInDir(name);
+}
+
+bool VMToolsEngine::doesMachineExistInDir(const QString &name) const
+{
+    return getDevicesNamesSetFromDir().contains(name);
+}
+
+QStringList VMToolsEngine::fetchSnapshotNames(const VMToolsMachine *) const
+{
+    return QStringList();
+}
+
+bool VMToolsEngine::saveSnapshot(VMToolsMachine *, const QString &) const
+{
+    return true;
+}
+
+bool VMToolsEngine::deleteSnapshot(const VMToolsMachine *, const QString &) const
+{
+    return true;
+}
+
+VMToolsEngine::LoadResult VMToolsEngine::loadEngine(InitMode mode)
+{
+    // A host that translates x86 code cannot run any other engine.
+    if (SysInfo().isRosettaUi())
+        Settings::set(kHypervisorKey, kQemuEngine);
+    QString name = Settings::get(kHypervisorKey, kQemuEngine).toString();
+    if (name != kQemuEngine && name != kVirtualBoxEngine)
+        name = kQemuEngine;
+
+    const LoadResult result = loadEngine(name, mode);
+    if (result.status == 0)
+        Settings::set(kHypervisorKey, name);
+    return result;
+}
+
+VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMode mode)
+{
+    LoadResult result;
+    QString baseName;
+    if (name == kQemuEngine) {
+        baseName = QStringLiteral("qemu");
+    } else if (name == kVirtualBoxEngine) {
+        baseName = QStringLiteral("vboxmanage");
+    } else {
+        qCritical() << "[VMTools]" << "Tried to load unknown virtual engine" << name;
+        return result;
+    }
+
+    qDebug() << "[VMTools]" << "Loading" << name << "plugin";
+    const QString path = QCoreApplication::applicationDirPath() + QStringLiteral("/plugins/") + baseName;
+    // The library object goes away on return without unloading: the engine's
+    // code must stay mapped for as long as the engine lives.
+    QLibrary library(path);
+    const auto factory = reinterpret_cast<EngineFactory>(library.resolve("getVMToolsEngine"));
+    if (!factory) {
+        qCritical() << "[VMTools]"
+                    << QStringLiteral("Fail to load %1 plugin from %2: %3").arg(name, path, library.errorString());
+        return result;
+    }
+
+    qDebug() << "[VMTools]" << "Constructing engine";
+    VMToolsEngine *engine = factory();
+    if (!engine) {
+        qCritical() << "[VMTools]" << "Unable to execute getVMToolsEngine from" << path;
+        return result;
+    }
+
+    qDebug() << "[VMTools]" << "Initializing engine";
+    const InitResult init = engine->initialize(mode);
+    result.status = init.first;
+    result.message = init.second;
+    if (result.status != 0) {
+        qCritical() << "[VMTools]" << "Unable to initialize engine from" << path;
+        delete engine;
+        return result;
+    }
+
+    qDebug() << "[VMTools]" << "VMX/SVM CPU availability:" << engine->isCPUVirtualizationAvailable();
+    qDebug() << "[VMTools]" << "VM engine version:" << engine->versionString();
+    result.engine = engine;
+    return result;
+}
+
+bool VMToolsEngine::isCPUVirtualizationAvailable() const
+{
+    return m_cpuVirtualizationAvailable;
+}
+
+void VMToolsEngine::updateCPUVirtualizationAvailability()
+{
+    m_cpuVirtualizationAvailable = VMToolsCpu::virtualizationAvailable(m_cpuVendor, VMToolsCpu::cpuid);
+}
+
+int VMToolsEngine::getMaxCpuCount()
+{
+    return static_cast<int>(std::thread::hardware_concurrency());
+}
+
+QSet<QString> VMToolsEngine::getDevicesNamesSetFromDir()
+{
+    const QStringList names =
+        QDir(Paths::getDeployedPath()).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
+    return QSet<QString>(names.begin(), names.end());
+}
+
+void VMToolsEngine::initMigration(AbstractHwProfileListController *controller)
+{
+    m_migrationController = controller;
+}
+
+QString VMToolsEngine::getCpuVendor() const
+{
+    return m_cpuVendor;
+}
+
+QDir VMToolsEngine::getDevicesDirectory() const
+{
+    return m_devicesDirectory;
+}
+
+// Placeholder until the quick-boot decision lands with the machine record:
+// it needs VMToolsMachine, which this layer does not have yet.
+int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *, bool *)
+{
+    qCritical() << "[VMTools]" << "startFromLatestSnapshot not available yet";
+    return 1;
+}

@@ -1,0 +1,149 @@
+#pragma once
+
+#include "VersionNumber.h"
+#include "halvistromcore_export.h"
+
+#include <QDir>
+#include <QList>
+#include <QPair>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+#include <QUrl>
+
+#include <functional>
+
+class AbstractHwProfileListController;
+class HwProfile;
+class OsImage;
+class QFile;
+class VMToolsMachine;
+
+/// The virtual-machine engine: the one object through which the application
+/// creates, starts, stops, clones and deletes virtual devices, manages their
+/// disks and snapshots, and learns what the host can do. The concrete engine
+/// lives in a plug-in that loadEngine() opens at run time.
+///
+/// The order of the virtual operations is the plug-in's binary interface:
+/// add new ones at the end only.
+class HALVISTROM_CORE_EXPORT VMToolsEngine
+{
+public:
+    /// Full runs the engine's hardware-acceleration check while initialising;
+    /// any other value skips it.
+    enum InitMode {
+        Full = 0,
+        NoAccelerationCheck = 1,
+    };
+
+    /// Status 0 with an empty message on success; status 1 when the engine
+    /// cannot work, with a user-facing message.
+    using InitResult = QPair<int, QString>;
+
+    /// What loadEngine() hands back. The caller owns engine.
+    struct LoadResult {
+        /// The initialised engine, or null.
+        VMToolsEngine *engine = nullptr;
+        /// The status of initialize(), or 0 when it was never reached.
+        int status = 0;
+        /// The message of initialize(), or empty.
+        QString message;
+    };
+
+    VMToolsEngine();
+    virtual ~VMToolsEngine();
+
+    VMToolsEngine(const VMToolsEngine &) = delete;
+    VMToolsEngine &operator=(const VMToolsEngine &) = delete;
+
+    /// Writes diagnostic information about the engine to an open file.
+    virtual void dumpInfos(QFile *file) = 0;
+    /// The engine's display name.
+    virtual QString name() const = 0;
+    /// Where the user can obtain the hypervisor.
+    virtual QUrl getDownloadUrl() const = 0;
+    /// The hypervisor's version text.
+    virtual QString versionString() const = 0;
+    virtual VersionNumber versionNumber() const = 0;
+    virtual VersionNumber minimumVersionNumber() const = 0;
+    virtual VersionNumber maximumVersionNumber() const = 0;
+    virtual QList<VersionNumber> unsupportedVersionNumbers() const = 0;
+    /// Every device; cancel is polled while they are gathered. The caller owns
+    /// the machines.
+    virtual QList<VMToolsMachine *> getMachines(std::function<bool()> cancel) = 0;
+    /// The named device, owned by the caller, or null.
+    virtual VMToolsMachine *getMachine(const QString &name) = 0;
+    /// Whether the hypervisor knows the device or its directory exists.
+    virtual bool doesMachineExist(const QString &name) const;
+    virtual bool doesMachineExistInHypervisor(const QString &name) const = 0;
+    /// Whether a directory of exactly that name is among the deployed devices.
+    virtual bool doesMachineExistInDir(const QString &name) const;
+    /// The host network adapter used for host-only networking.
+    virtual QString getAdapterName() const = 0;
+    /// Creates a device from an OS image and a hardware profile; 0 on success.
+    virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile) = 0;
+    /// Creates a device's disks from an OVA file; 0 on success.
+    virtual int createMachine(const QString &name, const QString &path, int, long long, long long sdCardSize,
+                              const VersionNumber &imageVersion, const VersionNumber &osVersion) = 0;
+    /// Starts a device, from the named snapshot when it is not empty; 0 on success.
+    virtual int startMachine(VMToolsMachine *machine, const QString &snapshotName) = 0;
+    virtual bool stopMachine(VMToolsMachine *machine) = 0;
+    virtual bool deleteMachine(const VMToolsMachine *machine) const = 0;
+    virtual bool isAccelerationSupported() const = 0;
+    virtual bool isSnapshotSupported() const = 0;
+    /// The device's snapshots; none unless the engine overrides it.
+    virtual QStringList fetchSnapshotNames(const VMToolsMachine *machine) const;
+    /// Starts the device, resuming its "latest" snapshot when quickBoot asks
+    /// for it and one exists; quickBoot tells afterwards which start it was.
+    virtual int startFromLatestSnapshot(VMToolsMachine *machine, bool *quickBoot);
+    /// Succeeds without doing anything unless the engine overrides it.
+    virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name) const;
+    /// Succeeds without doing anything unless the engine overrides it.
+    virtual bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const;
+    virtual bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) = 0;
+    /// Copies a device under a new name; 0 on success.
+    virtual int cloneMachine(VMToolsMachine *machine, const QString &newName) = 0;
+    virtual bool copyDisk(const QString &source, const QString &destination) const = 0;
+    virtual bool deleteDisk(const QString &path) const = 0;
+    virtual bool resizeDisk(const QString &path, long long size) const = 0;
+    virtual QString getDataDiskName() const = 0;
+    virtual QString getSDCardDiskName() const = 0;
+    /// Refreshes the host interfaces a device can bridge to.
+    virtual QStringList fetchBridgeableInterfaces() = 0;
+    virtual QStringList getBridgeableInterfaces() const = 0;
+    virtual int getHostOnlyNetworkType() const = 0;
+    /// Makes the engine usable; called once, by loadEngine().
+    virtual InitResult initialize(InitMode mode) = 0;
+
+    /// Loads the engine the setting "hypervisor" names ("qemu" when it names
+    /// none that is known) and stores that name back after a load whose
+    /// status is 0.
+    static LoadResult loadEngine(InitMode mode);
+    /// Loads the plug-in of the named engine ("qemu" or "virtualbox") from the
+    /// "plugins" directory beside the application and initialises the engine.
+    static LoadResult loadEngine(const QString &name, InitMode mode);
+
+    /// Whether the processor offers VMX or SVM, as read at construction or by
+    /// the last updateCPUVirtualizationAvailability().
+    bool isCPUVirtualizationAvailable() const;
+    /// Reads the VMX/SVM flag from the processor again.
+    void updateCPUVirtualizationAvailability();
+    /// The host's hardware threads; 0 when unknown.
+    static int getMaxCpuCount();
+    /// The names of the directories under the deployed-devices path.
+    static QSet<QString> getDevicesNamesSetFromDir();
+    /// Keeps the controller (not owned) for the migration work.
+    void initMigration(AbstractHwProfileListController *controller);
+
+    /// The 12-character CPUID vendor identification ("GenuineIntel").
+    QString getCpuVendor() const;
+    /// The directory that holds the devices, fixed at construction.
+    QDir getDevicesDirectory() const;
+
+protected:
+    QString m_text;
+    AbstractHwProfileListController *m_migrationController = nullptr;
+    QDir m_devicesDirectory;
+    QString m_cpuVendor;
+    bool m_cpuVirtualizationAvailable = false;
+};

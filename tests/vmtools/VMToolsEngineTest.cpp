@@ -1,0 +1,309 @@
+#include "VMToolsEngine.h"
+
+#include "MessageCapture.h"
+#include "Paths.h"
+#include "Settings.h"
+#include "TestEnvironment.h"
+#include "VMToolsCpu_p.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QLibrary>
+#include <QThread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+
+using hvtest::LogLine;
+using hvtest::MessageCapture;
+using ::testing::Return;
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// CPUID decisions, against the register values of various processors.
+
+// Packs up to four characters into a register as CPUID reports them.
+quint32 reg(const char *text)
+{
+    quint32 value = 0;
+    for (int i = 0; i < 4 && text[i]; ++i)
+        value |= quint32(quint8(text[i])) << (8 * i);
+    return value;
+}
+
+struct CpuCase {
+    const char *name;
+    std::map<quint32, VMToolsCpu::Registers> leaves;
+    QString vendor;
+    bool available;
+    QString logLine;
+};
+
+void PrintTo(const CpuCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class CpuDetection : public ::testing::TestWithParam<CpuCase>
+{
+};
+
+TEST_P(CpuDetection, readsVendorAndVirtualizationBit)
+{
+    const CpuCase &c = GetParam();
+    QList<quint32> asked;
+    const VMToolsCpu::CpuidFunction fake = [&](quint32 leaf) {
+        asked << leaf;
+        const auto it = c.leaves.find(leaf);
+        return it == c.leaves.end() ? VMToolsCpu::Registers{} : it->second;
+    };
+    const QString vendor = VMToolsCpu::vendor(fake);
+    EXPECT_EQ(vendor, c.vendor);
+    MessageCapture cap;
+    EXPECT_EQ(VMToolsCpu::virtualizationAvailable(vendor, fake), c.available);
+    EXPECT_EQ(cap.lines(), (QList<LogLine>{{QtDebugMsg, c.logLine}}));
+}
+
+// Leaf 0 of an Intel processor with the given highest leaf.
+VMToolsCpu::Registers intelLeaf0(quint32 highest)
+{
+    return {highest, reg("Genu"), reg("ntel"), reg("ineI")};
+}
+
+VMToolsCpu::Registers amdLeaf0()
+{
+    return {0xd, reg("Auth"), reg("cAMD"), reg("enti")};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    VMToolsEngine, CpuDetection,
+    ::testing::Values(
+        CpuCase{"intelWithVmx",
+                {{0, intelLeaf0(0x16)}, {1, {0, 0, 0x7ffafbbf, 0}}},
+                "GenuineIntel",
+                true,
+                "[VMTools] CPUID 0x1 (Intel): ECX= \"7ffafbbf\""},
+        CpuCase{"intelWithoutVmx",
+                {{0, intelLeaf0(0x16)}, {1, {0, 0, 0x7ffafb9f, 0}}},
+                "GenuineIntel",
+                false,
+                "[VMTools] CPUID 0x1 (Intel): ECX= \"7ffafb9f\""},
+        CpuCase{"intelWithoutLeafOne",
+                {{0, intelLeaf0(0)}, {1, {0, 0, 0x20, 0}}},
+                "GenuineIntel",
+                false,
+                "[VMTools] CPUID 0x1 (Intel): ECX= \"0\""},
+        CpuCase{"amdWithSvm",
+                {{0, amdLeaf0()}, {0x80000000, {0x80000020, 0, 0, 0}}, {0x80000001, {0, 0, 0x4, 0}}},
+                "AuthenticAMD",
+                true,
+                "[VMTools] CPUID 0x80000001 (AMD): ECX= \"4\""},
+        CpuCase{"amdWhoseHighestExtendedLeafIsTheFirst",
+                {{0, amdLeaf0()}, {0x80000000, {0x80000000, 0, 0, 0}}, {0x80000001, {0, 0, 0x4, 0}}},
+                "AuthenticAMD",
+                false,
+                "[VMTools] CPUID 0x80000001 (AMD): ECX= \"0\""},
+        CpuCase{"otherVendorUsesTheAmdLeaf",
+                {{0, {0xd, reg("Hygo"), reg("uine"), reg("nGen")}},
+                 {0x80000000, {0x80000008, 0, 0, 0}},
+                 {0x80000001, {0, 0, 0x20, 0}}},
+                "HygonGenuine",
+                false,
+                "[VMTools] CPUID 0x80000001 (AMD): ECX= \"20\""},
+        CpuCase{"vendorRegisterStopsAtZeroByte",
+                {{0, {0x1, reg("Genu"), reg("in"), reg("Intel")}}, {0x80000000, {0, 0, 0, 0}}},
+                "GenuIntein",
+                false,
+                "[VMTools] CPUID 0x80000001 (AMD): ECX= \"0\""},
+        CpuCase{"lowerCaseIntelIsNotIntel",
+                {{0, {0x1, reg("genu"), reg("ntel"), reg("ineI")}},
+                 {1, {0, 0, 0x20, 0}},
+                 {0x80000000, {0x80000001, 0, 0, 0}},
+                 {0x80000001, {0, 0, 0x4, 0}}},
+                "genuineIntel",
+                true,
+                "[VMTools] CPUID 0x80000001 (AMD): ECX= \"4\""}),
+    [](const ::testing::TestParamInfo<CpuCase> &info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// The base class, through an engine whose own operations are scripted.
+
+class FakeEngine : public VMToolsEngine
+{
+public:
+    MOCK_METHOD(bool, doesMachineExistInHypervisor, (const QString &), (const, override));
+    MOCK_METHOD(int, startMachine, (VMToolsMachine *, const QString &), (override));
+    MOCK_METHOD(InitResult, initialize, (InitMode), (override));
+
+    void dumpInfos(QFile *) override {}
+    QString name() const override { return QStringLiteral("fake"); }
+    QUrl getDownloadUrl() const override { return QUrl(); }
+    QString versionString() const override { return QString(); }
+    VersionNumber versionNumber() const override { return VersionNumber(); }
+    VersionNumber minimumVersionNumber() const override { return VersionNumber(); }
+    VersionNumber maximumVersionNumber() const override { return VersionNumber(); }
+    QList<VersionNumber> unsupportedVersionNumbers() const override { return {}; }
+    QList<VMToolsMachine *> getMachines(std::function<bool()>) override { return {}; }
+    VMToolsMachine *getMachine(const QString &) override { return nullptr; }
+    QString getAdapterName() const override { return QString(); }
+    int createMachine(const QString &, const OsImage &, const HwProfile &) override { return 1; }
+    int createMachine(const QString &, const QString &, int, long long, long long, const VersionNumber &,
+                      const VersionNumber &) override
+    {
+        return 1;
+    }
+    bool stopMachine(VMToolsMachine *) override { return false; }
+    bool deleteMachine(const VMToolsMachine *) const override { return false; }
+    bool isAccelerationSupported() const override { return false; }
+    bool isSnapshotSupported() const override { return false; }
+    bool setMachineIdentifiers(VMToolsMachine *, const QString &, const QString &) override { return false; }
+    int cloneMachine(VMToolsMachine *, const QString &) override { return 1; }
+    bool copyDisk(const QString &, const QString &) const override { return false; }
+    bool deleteDisk(const QString &) const override { return false; }
+    bool resizeDisk(const QString &, long long) const override { return false; }
+    QString getDataDiskName() const override { return QString(); }
+    QString getSDCardDiskName() const override { return QString(); }
+    QStringList fetchBridgeableInterfaces() override { return {}; }
+    QStringList getBridgeableInterfaces() const override { return {}; }
+    int getHostOnlyNetworkType() const override { return 0; }
+};
+
+class VMToolsEngineBase : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_deployed = QDir(Paths::getDeployedPath());
+        ASSERT_TRUE(m_deployed.mkpath(QStringLiteral("on-disk")));
+        QFile file(m_deployed.filePath(QStringLiteral("plain-file")));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    }
+    void TearDown() override { m_deployed.removeRecursively(); }
+
+    QDir m_deployed;
+};
+
+TEST_F(VMToolsEngineBase, devicesNamesAreTheDirectoriesOnly)
+{
+    ASSERT_TRUE(m_deployed.mkpath(QStringLiteral("Second device")));
+    EXPECT_EQ(VMToolsEngine::getDevicesNamesSetFromDir(),
+              (QSet<QString>{QStringLiteral("on-disk"), QStringLiteral("Second device")}));
+    m_deployed.removeRecursively();
+    EXPECT_TRUE(VMToolsEngine::getDevicesNamesSetFromDir().isEmpty());
+}
+
+struct ExistCase {
+    const char *name;
+    bool inHypervisor;
+    bool exists;
+};
+
+class DoesMachineExist : public VMToolsEngineBase, public ::testing::WithParamInterface<ExistCase>
+{
+};
+
+TEST_P(DoesMachineExist, asksTheHypervisorThenTheDirectory)
+{
+    FakeEngine engine;
+    EXPECT_CALL(engine, doesMachineExistInHypervisor(QString::fromLatin1(GetParam().name)))
+        .WillOnce(Return(GetParam().inHypervisor));
+    EXPECT_EQ(engine.doesMachineExist(QString::fromLatin1(GetParam().name)), GetParam().exists);
+}
+
+INSTANTIATE_TEST_SUITE_P(VMToolsEngine, DoesMachineExist,
+                         ::testing::Values(ExistCase{"known-to-hypervisor", true, true},
+                                           ExistCase{"on-disk", false, true},
+                                           ExistCase{"ON-DISK", false, false},
+                                           ExistCase{"plain-file", false, false},
+                                           ExistCase{"nowhere", false, false}),
+                         [](const ::testing::TestParamInfo<ExistCase> &info) {
+                             return QString::fromLatin1(info.param.name).remove('-').toStdString();
+                         });
+
+TEST_F(VMToolsEngineBase, snapshotDefaultsSucceedWithoutSnapshots)
+{
+    FakeEngine engine;
+    EXPECT_TRUE(engine.fetchSnapshotNames(nullptr).isEmpty());
+    EXPECT_TRUE(engine.saveSnapshot(nullptr, QStringLiteral("latest")));
+    EXPECT_TRUE(engine.deleteSnapshot(nullptr, QStringLiteral("latest")));
+}
+
+TEST_F(VMToolsEngineBase, constructionReadsProcessorAndDevicesDirectory)
+{
+    MessageCapture cap;
+    FakeEngine engine;
+    const QString vendor = VMToolsCpu::vendor(VMToolsCpu::cpuid);
+    EXPECT_EQ(engine.getCpuVendor(), vendor);
+    EXPECT_EQ(engine.getCpuVendor().size(), 12);
+    EXPECT_EQ(cap.lines().value(0), (LogLine{QtDebugMsg, "[VMTools] Chipset: \"" + vendor + "\""}));
+    EXPECT_EQ(cap.lines().size(), 2);
+    EXPECT_EQ(engine.isCPUVirtualizationAvailable(),
+              VMToolsCpu::virtualizationAvailable(vendor, VMToolsCpu::cpuid));
+    EXPECT_EQ(engine.getDevicesDirectory(), QDir(Paths::getDeployedPath()));
+
+    Settings::set(QStringLiteral("virtual_devices.directory"), QStringLiteral("/srv/devices"));
+    FakeEngine moved;
+    EXPECT_EQ(moved.getDevicesDirectory(), QDir(QStringLiteral("/srv/devices")));
+    // An existing engine keeps the directory it was built with.
+    EXPECT_EQ(engine.getDevicesDirectory(), QDir(Paths::getDeployedPath()));
+    Settings::set(QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath());
+}
+
+TEST(VMToolsEngineStatic, maxCpuCountIsTheHardwareThreads)
+{
+    EXPECT_EQ(VMToolsEngine::getMaxCpuCount(), QThread::idealThreadCount());
+}
+
+// ---------------------------------------------------------------------------
+// Loading by name.
+
+TEST(VMToolsEngineLoad, unknownEngineReturnsAtOnce)
+{
+    MessageCapture cap;
+    const VMToolsEngine::LoadResult result =
+        VMToolsEngine::loadEngine(QStringLiteral("vmware"), VMToolsEngine::Full);
+    EXPECT_EQ(result.engine, nullptr);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.message, QString());
+    // Nothing else was attempted: no "Loading" line, no library opened.
+    EXPECT_EQ(cap.lines(),
+              (QList<LogLine>{{QtCriticalMsg, "[VMTools] Tried to load unknown virtual engine \"vmware\""}}));
+}
+
+TEST(VMToolsEngineLoad, missingPluginGivesNullEngineWithLibraryError)
+{
+    const QString path = QCoreApplication::applicationDirPath() + QStringLiteral("/plugins/vboxmanage");
+    QLibrary probe(path);
+    ASSERT_FALSE(probe.load());
+    MessageCapture cap;
+    const VMToolsEngine::LoadResult result =
+        VMToolsEngine::loadEngine(QStringLiteral("virtualbox"), VMToolsEngine::NoAccelerationCheck);
+    EXPECT_EQ(result.engine, nullptr);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.message, QString());
+    EXPECT_EQ(cap.lines(),
+              (QList<LogLine>{
+                  {QtDebugMsg, "[VMTools] Loading \"virtualbox\" plugin"},
+                  {QtCriticalMsg, QStringLiteral("[VMTools] \"Fail to load virtualbox plugin from %1: %2\"")
+                                      .arg(path, probe.errorString())},
+              }));
+    EXPECT_TRUE(probe.errorString().contains(QStringLiteral("vboxmanage")));
+}
+
+TEST(VMToolsEngineLoad, virtualBoxSettingIsKeptWhenItsPluginIsMissing)
+{
+    Settings::set(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
+    MessageCapture cap;
+    const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::Full);
+    EXPECT_EQ(result.engine, nullptr);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(Settings::get(QStringLiteral("hypervisor"), QString()).toString(), QStringLiteral("virtualbox"));
+    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg, "Fail to load virtualbox plugin from "
+                                                 + QCoreApplication::applicationDirPath() + "/plugins/vboxmanage: "));
+}
+
+} // namespace
