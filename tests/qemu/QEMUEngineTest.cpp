@@ -1,6 +1,8 @@
 #include "QEMUEngine.h"
 
 #include "MessageCapture.h"
+#include "SystemQemu.h"
+#include "ScopedEnv.h"
 #include "Paths.h"
 #include "TestEnvironment.h"
 #include "Urls.h"
@@ -19,29 +21,6 @@ using hvtest::LogLine;
 using hvtest::MessageCapture;
 
 namespace {
-
-class EnvOverride
-{
-public:
-    EnvOverride(const char *name, const QByteArray &value) : m_name(name) { qputenv(name, value); }
-    ~EnvOverride() { qunsetenv(m_name); }
-
-private:
-    const char *m_name;
-};
-
-// The version the emulator itself prints, read without the engine's pattern:
-// the word after "version" on the first line.
-QString systemQemuVersion()
-{
-    QProcess process;
-    process.start(QStringLiteral("qemu-system-x86_64"), {QStringLiteral("--version")});
-    if (!process.waitForFinished(30000))
-        return QString();
-    const QStringList words = QString::fromLatin1(process.readAllStandardOutput()).section('\n', 0, 0).split(' ');
-    const int index = words.indexOf(QStringLiteral("version"));
-    return index >= 0 ? words.value(index + 1) : QString();
-}
 
 QString bundledDir()
 {
@@ -111,7 +90,7 @@ TEST(QEMUEngineSetup, findsTheBundledProgramsWithoutEnvironment)
 
 TEST(QEMUEngineSetup, initializeReadsTheRealVersion)
 {
-    const QString expected = systemQemuVersion();
+    const QString expected = hvtest::systemQemuVersion();
     ASSERT_FALSE(expected.isEmpty());
     QEMUEngine engine;
     EXPECT_EQ(engine.versionString(), QString());
@@ -158,7 +137,7 @@ TEST(QEMUEngineSetup, accelerationIsAssumedUnlessTriggered)
     EXPECT_TRUE(engine.isAccelerationSupported());
     engine.checkAcceleration();
     EXPECT_TRUE(engine.isAccelerationSupported());
-    EnvOverride trigger("HV_TRIGGER_ERROR", "hypervhaxmerror");
+    hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", "hypervhaxmerror");
     EXPECT_FALSE(engine.isAccelerationSupported());
 }
 
@@ -167,12 +146,12 @@ TEST(QEMUEngineSetup, firmwareDirectoryIsShareQemuBesideTheBinaries)
     QTemporaryDir root;
     ASSERT_TRUE(QDir(root.path()).mkpath(QStringLiteral("bin")));
     {
-        EnvOverride binDir("HV_QEMU_BIN_DIR", QFile::encodeName(root.filePath(QStringLiteral("bin"))));
+        hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(root.filePath(QStringLiteral("bin"))));
         // A missing level leaves the directory where the walk stopped.
         EXPECT_EQ(QEMUEngine().getFirmwareDirPath(), root.path());
     }
     ASSERT_TRUE(QDir(root.path()).mkpath(QStringLiteral("share/qemu")));
-    EnvOverride binDir("HV_QEMU_BIN_DIR", QFile::encodeName(root.filePath(QStringLiteral("bin"))));
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(root.filePath(QStringLiteral("bin"))));
     EXPECT_EQ(QEMUEngine().getFirmwareDirPath(), root.filePath(QStringLiteral("share/qemu")));
 }
 
@@ -205,8 +184,8 @@ TEST_P(MissingPrograms, initializeNamesTheMissingProgram)
         ASSERT_TRUE(QFile::link(QStandardPaths::findExecutable(QStringLiteral("qemu-system-x86_64")),
                                 dir.filePath(QStringLiteral("qemu-system-x86_64"))));
     }
-    EnvOverride binDir("HV_QEMU_BIN_DIR", QFile::encodeName(dir.path()));
-    EnvOverride trigger("HV_TRIGGER_ERROR", c.trigger);
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(dir.path()));
+    hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", c.trigger);
     QEMUEngine engine;
     MessageCapture cap;
     const VMToolsEngine::InitResult result = engine.initialize(VMToolsEngine::NoAccelerationCheck);
@@ -236,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(QEMUEngineSetup, emptyBinDirOverrideMeansTheBundledPrograms)
 {
-    EnvOverride binDir("HV_QEMU_BIN_DIR", "");
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", "");
     EXPECT_EQ(QEMUEngine().getQemuImgBinaryPath(), bundledDir() + QStringLiteral("/qemu-img"));
 }
 
@@ -252,9 +231,9 @@ TEST(QEMUEngineVersionDefaults, builtInBoundsAreKeptForTheProcess)
     EXPECT_EQ(engine.maximumVersionNumber(), VersionNumber(-1, 0, 0, 0, 0));
     EXPECT_EQ(engine.versionNumber(), VersionNumber::fromString(QString()));
     // Read once per process: a later change of the environment is not seen.
-    EnvOverride min("HV_QEMU_MIN_VERSION", "9.9.9");
-    EnvOverride max("HV_QEMU_MAX_VERSION", "9.9.9");
-    EnvOverride version("HV_QEMU_VERSION", "9.9.9");
+    hvtest::ScopedEnv min("HV_QEMU_MIN_VERSION", "9.9.9");
+    hvtest::ScopedEnv max("HV_QEMU_MAX_VERSION", "9.9.9");
+    hvtest::ScopedEnv version("HV_QEMU_VERSION", "9.9.9");
     EXPECT_EQ(engine.minimumVersionNumber(), VersionNumber(6, 2, 0));
     EXPECT_EQ(QEMUEngine().maximumVersionNumber().major, -1);
     EXPECT_EQ(engine.versionNumber(), VersionNumber::fromString(QString()));
@@ -266,7 +245,7 @@ TEST(QEMUEngineVersionOverrides, environmentReplacesTheBoundsOnce)
 {
     QEMUEngine engine;
     ASSERT_EQ(engine.initialize(VMToolsEngine::NoAccelerationCheck).first, 0);
-    EXPECT_EQ(engine.versionString(), systemQemuVersion());
+    EXPECT_EQ(engine.versionString(), hvtest::systemQemuVersion());
     EXPECT_EQ(engine.versionNumber(), VersionNumber(7, 0, 0));
     EXPECT_EQ(engine.minimumVersionNumber(), VersionNumber(7, 1, 0));
     EXPECT_EQ(engine.maximumVersionNumber(), VersionNumber(8, 0, 0, VersionNumber::Beta, 2));

@@ -3,6 +3,8 @@
 #include "VMToolsEngine.h"
 
 #include "MessageCapture.h"
+#include "ScopedEnv.h"
+#include "SystemQemu.h"
 #include "Settings.h"
 #include "Urls.h"
 
@@ -26,17 +28,6 @@ QString pluginPath()
     return QCoreApplication::applicationDirPath() + QStringLiteral("/plugins/qemu");
 }
 
-QString systemQemuVersion()
-{
-    QProcess process;
-    process.start(QStringLiteral("qemu-system-x86_64"), {QStringLiteral("--version")});
-    if (!process.waitForFinished(30000))
-        return QString();
-    const QStringList words = QString::fromLatin1(process.readAllStandardOutput()).section('\n', 0, 0).split(' ');
-    const int index = words.indexOf(QStringLiteral("version"));
-    return index >= 0 ? words.value(index + 1) : QString();
-}
-
 QString hypervisorSetting()
 {
     return Settings::get(QStringLiteral("hypervisor"), QStringLiteral("<unset>")).toString();
@@ -50,7 +41,7 @@ TEST(QEMUPlugin, exportsTheUndecoratedFactory)
 
 TEST(QEMUPlugin, loadEngineGivesAnInitialisedQemuEngine)
 {
-    const QString expected = systemQemuVersion();
+    const QString expected = hvtest::systemQemuVersion();
     ASSERT_FALSE(expected.isEmpty());
     MessageCapture cap;
     const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::Full);
@@ -111,11 +102,10 @@ INSTANTIATE_TEST_SUITE_P(QEMUPlugin, HypervisorSetting,
 TEST(QEMUPlugin, missingProgramsGiveStatusOneAndNoEngine)
 {
     QTemporaryDir empty;
-    qputenv("HV_QEMU_BIN_DIR", QFile::encodeName(empty.path()));
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(empty.path()));
     Settings::set(QStringLiteral("hypervisor"), QStringLiteral("virtualbox-old"));
     MessageCapture cap;
     const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::Full);
-    qunsetenv("HV_QEMU_BIN_DIR");
     EXPECT_EQ(result.engine, nullptr);
     EXPECT_EQ(result.status, 1);
     const QString imageTool = empty.path() + QStringLiteral("/qemu-img");
@@ -125,6 +115,18 @@ TEST(QEMUPlugin, missingProgramsGiveStatusOneAndNoEngine)
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Unable to initialize engine from \"" + pluginPath() + "\""));
     // A failed initialisation does not store the name.
     EXPECT_EQ(hypervisorSetting(), QStringLiteral("virtualbox-old"));
+}
+
+// In an entry of its own that sets HV_ROSETTA_UI: a translating host runs
+// only QEMU, whatever the setting says.
+TEST(QEMUPluginRosetta, translatedHostForcesQemu)
+{
+    Settings::set(QStringLiteral("hypervisor"), QStringLiteral("virtualbox"));
+    const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck);
+    std::unique_ptr<VMToolsEngine> engine(result.engine);
+    ASSERT_NE(engine, nullptr);
+    EXPECT_EQ(engine->name(), QStringLiteral("QEMU"));
+    EXPECT_EQ(hypervisorSetting(), QStringLiteral("qemu"));
 }
 
 } // namespace

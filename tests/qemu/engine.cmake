@@ -12,7 +12,12 @@ hv_add_test(qemu_engine_version_overrides TARGET qemu_engine_tests
 
 hv_add_test(qemu_plugin_tests SOURCES
     ${CMAKE_CURRENT_LIST_DIR}/QEMUPluginTest.cpp
-    TIMEOUT 120)
+    TIMEOUT 120
+    ARGS --gtest_filter=-QEMUPluginRosetta.*)
+hv_add_test(qemu_plugin_rosetta TARGET qemu_plugin_tests
+    TIMEOUT 60
+    ENVIRONMENT HV_ROSETTA_UI=1
+    ARGS --gtest_filter=QEMUPluginRosetta.*)
 add_dependencies(qemu_plugin_tests qemu)
 
 # The install tree carries the same bundled QEMU links and plug-in.

@@ -1,6 +1,7 @@
 #include "VMToolsCommon.h"
 
 #include "MessageCapture.h"
+#include "ScopedEnv.h"
 #include "TestEnvironment.h"
 
 #include <QDir>
@@ -76,16 +77,6 @@ qint64 readPidFile(const QString &path)
     }
     return -1;
 }
-
-class EnvOverride
-{
-public:
-    EnvOverride(const char *name, const QByteArray &value) : m_name(name) { qputenv(name, value); }
-    ~EnvOverride() { qunsetenv(m_name); }
-
-private:
-    const char *m_name;
-};
 
 // ---------------------------------------------------------------------------
 // call(): exit codes, output and the log lines that go with them.
@@ -201,7 +192,7 @@ TEST(VMToolsCommonCall, missingProgramIsReportedAsNotRunWithCodeZero)
 
 TEST(VMToolsCommonCall, timeOutReportsCodeZeroAndKillsTheProgram)
 {
-    EnvOverride shortTimeout("HV_CALL_TIMEOUT_MS", "300");
+    hvtest::ScopedEnv shortTimeout("HV_CALL_TIMEOUT_MS", "300");
     QTemporaryDir dir;
     const QString pidFile = dir.filePath(QStringLiteral("pid"));
     MessageCapture cap;
@@ -221,8 +212,8 @@ TEST(VMToolsCommonCall, timeOutReportsCodeZeroAndKillsTheProgram)
 
 TEST(VMToolsCommonCall, longTimeoutUsesTheLongLimit)
 {
-    EnvOverride shortTimeout("HV_CALL_TIMEOUT_MS", "100");
-    EnvOverride longTimeout("HV_CALL_LONG_TIMEOUT_MS", "20000");
+    hvtest::ScopedEnv shortTimeout("HV_CALL_TIMEOUT_MS", "100");
+    hvtest::ScopedEnv longTimeout("HV_CALL_LONG_TIMEOUT_MS", "20000");
     const CallResult result = VMToolsCommon::call(helper(), {QStringLiteral("sleep"), QStringLiteral("600")},
                                                   VMToolsCommon::LongTimeout);
     EXPECT_TRUE(result.finished);
@@ -231,8 +222,8 @@ TEST(VMToolsCommonCall, longTimeoutUsesTheLongLimit)
 
 TEST(VMToolsCommonCall, noTimeoutWinsOverLongTimeout)
 {
-    EnvOverride shortTimeout("HV_CALL_TIMEOUT_MS", "100");
-    EnvOverride longTimeout("HV_CALL_LONG_TIMEOUT_MS", "100");
+    hvtest::ScopedEnv shortTimeout("HV_CALL_TIMEOUT_MS", "100");
+    hvtest::ScopedEnv longTimeout("HV_CALL_LONG_TIMEOUT_MS", "100");
     const CallResult result =
         VMToolsCommon::call(helper(), {QStringLiteral("sleep"), QStringLiteral("600"), QStringLiteral("exit"),
                                        QStringLiteral("4")},
@@ -243,7 +234,7 @@ TEST(VMToolsCommonCall, noTimeoutWinsOverLongTimeout)
 
 TEST(VMToolsCommonCall, timeOutAppliesWithACancelPredicateToo)
 {
-    EnvOverride shortTimeout("HV_CALL_TIMEOUT_MS", "200");
+    hvtest::ScopedEnv shortTimeout("HV_CALL_TIMEOUT_MS", "200");
     int polls = 0;
     MessageCapture cap;
     const CallResult result = VMToolsCommon::call(helper(), {QStringLiteral("sleep"), QStringLiteral("20000")}, {},
@@ -449,7 +440,7 @@ TEST(VMToolsCommonPid, waitForFinishedSeesAProcessEnd)
 
 TEST(VMToolsCommonVBox, overrideIsReturnedUnchecked)
 {
-    EnvOverride vbox("HV_VBOXMANAGE", "/nonexistent/VBoxManage");
+    hvtest::ScopedEnv vbox("HV_VBOXMANAGE", "/nonexistent/VBoxManage");
     MessageCapture cap;
     EXPECT_EQ(VMToolsCommon::findVBoxManage(), QStringLiteral("/nonexistent/VBoxManage"));
     EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] \"Using '/nonexistent/VBoxManage' for VBoxManage\""));
@@ -466,7 +457,7 @@ TEST(VMToolsCommonVBox, foundOnThePathAndInstalled)
     EXPECT_EQ(VMToolsCommon::findVBoxManage(), tool);
     EXPECT_TRUE(VMToolsCommon::isVBoxInstalled());
     {
-        EnvOverride trigger("HV_TRIGGER_ERROR", "noip,vboxnotinstalled");
+        hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", "noip,vboxnotinstalled");
         EXPECT_FALSE(VMToolsCommon::isVBoxInstalled());
     }
     qputenv("PATH", QFile::encodeName(dir.path() + QStringLiteral("/none")));
