@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <ostream>
 
 using hvtest::MessageCapture;
 
@@ -285,6 +286,16 @@ struct SetterRow {
     std::function<bool(VMToolsMachine &)> set;
     bool writesUnchanged;
 };
+
+void PrintTo(const SetterRow &row, std::ostream *os)
+{
+    *os << row.name;
+}
+
+void PrintTo(const BadFile &row, std::ostream *os)
+{
+    *os << row.name;
+}
 
 class SavingRules : public MachineFile, public ::testing::WithParamInterface<SetterRow>
 {
