@@ -4,3 +4,19 @@ hv_add_test(qemu_diagnosis_tests
     LIBS hv-qemu
     LABELS qemu
     TIMEOUT 60)
+
+hv_add_test(qemu_machine_tests
+    SOURCES
+        ${CMAKE_CURRENT_LIST_DIR}/QEMUMachineTest.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/QEMUMachineEmulatorTest.cpp
+    LIBS hv-qemu
+    ARGS --gtest_filter=-QEMUMachineEmulator*:*TakenPortStart*
+    LABELS qemu
+    TIMEOUT 60)
+
+# The real emulator under TCG: each start waits two seconds before it checks.
+hv_add_test(qemu_machine_emulator_tests
+    TARGET qemu_machine_tests
+    ARGS --gtest_filter=QEMUMachineEmulator*:*TakenPortStart*
+    LABELS qemu
+    TIMEOUT 180)

@@ -1,0 +1,474 @@
+#include "QEMUMachine.h"
+
+#include "QEMUEngine.h"
+#include "QEMUErrorDiagnosis.h"
+#include "VMToolsCommon.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QSettings>
+#include <QThread>
+#include <QUuid>
+
+#include <limits>
+
+namespace {
+
+const char kLockFileName[] = "qemu.lock";
+const char kLogFileName[] = "qemu.log";
+const char kPidKey[] = "pid";
+const char kOffsetKey[] = "offset";
+const char kUuidKey[] = "uuid";
+const char kVirtualizerKey[] = "virtualizer";
+const char kVirtualizer[] = "QEMU";
+const char kLocalAddress[] = "127.0.0.1";
+
+const int kQmpBasePort = 23555;
+// The guest's ADB daemon listens on 5555; the host side sits 1000 above it.
+const int kAdbHostShift = 1000;
+
+// A lock file holds two short lines. Anything larger was not written by us
+// and is not worth parsing.
+const qint64 kMaxLockFileSize = 4096;
+
+// The emulator gets this long to fail on its own before its error output is
+// read: QEMU reports a taken port, a locked disk or a bad accelerator within
+// the first moments.
+const unsigned long kStartGraceSeconds = 2;
+
+quint16 shifted(int base, int offset)
+{
+    return quint16(base + offset);
+}
+
+// A lock file that cannot be parsed, or is too large, reads as empty.
+bool isReadableLockFile(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.exists())
+        return false;
+    if (info.size() > kMaxLockFileSize) {
+        qWarning() << "[VMTools]" << "Ignoring oversized lock file" << path << info.size();
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+QEMUMachine::QEMUMachine(QEMUEngine *engine, const QString &path)
+    : VMToolsMachine(path), m_engine(engine), m_lockFilePath(path + QLatin1Char('/') + QLatin1String(kLockFileName))
+{
+    refreshPortOffset();
+}
+
+QEMUMachine::QEMUMachine(QEMUEngine *engine, const QString &path, const OsImage &image, const HwProfile &profile)
+    : QEMUMachine(engine, path)
+{
+    setOsImage(image);
+    setHwProfile(profile);
+    setExtraKey(QLatin1String(kUuidKey), QUuid::createUuid().toString());
+    setExtraKey(QLatin1String(kVirtualizerKey), QLatin1String(kVirtualizer));
+}
+
+QEMUMachine::~QEMUMachine() = default;
+
+bool QEMUMachine::save() const
+{
+    if (isQEMURunning())
+        qWarning() << "[VMTools]" << "Writing in shared folder while QEMU is running is not recommended";
+    return VMToolsMachine::save();
+}
+
+bool QEMUMachine::load()
+{
+    if (!VMToolsMachine::load())
+        return false;
+    const QString virtualizer = getExtraKey(QLatin1String(kVirtualizerKey)).toString();
+    if (virtualizer != QLatin1String(kVirtualizer)) {
+        qWarning() << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
+        return false;
+    }
+    setOnLoadStatus(getStatus());
+    return true;
+}
+
+bool QEMUMachine::reloadProperties()
+{
+    return load();
+}
+
+void QEMUMachine::reloadVmInfo()
+{
+    refreshPortOffset();
+}
+
+void QEMUMachine::dumpInfos(QFile *) {}
+
+QString QEMUMachine::getName() const
+{
+    return QDir(getPath()).dirName();
+}
+
+bool QEMUMachine::setName(const QString &name)
+{
+    const QString oldName = getName();
+    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..")
+        || name.contains(QLatin1Char('/'))) {
+        qWarning() << "[VMTools]" << "Invalid device name" << name;
+        return false;
+    }
+    QDir parent(getPath());
+    parent.cdUp();
+    if (parent.exists(name)) {
+        qWarning() << "[VMTools]" << "Cannot rename" << oldName << "to" << name << ": the name is taken";
+        return false;
+    }
+    if (!parent.rename(oldName, name)) {
+        qCritical() << "[VMTools]" << "Failed to rename" << getPath() << "to" << parent.filePath(name);
+        return false;
+    }
+    setPath(parent.filePath(name));
+    m_lockFilePath = getPath() + QLatin1Char('/') + QLatin1String(kLockFileName);
+    return true;
+}
+
+QString QEMUMachine::getUuid() const
+{
+    return getExtraKey(QLatin1String(kUuidKey)).toString();
+}
+
+bool QEMUMachine::setUuid(const QString &uuid)
+{
+    setExtraKey(QLatin1String(kUuidKey), uuid);
+    return save();
+}
+
+bool QEMUMachine::changeUuid()
+{
+    return setUuid(QUuid::createUuid().toString());
+}
+
+int QEMUMachine::getStatus() const
+{
+    return isQEMURunning() ? On : Off;
+}
+
+QString QEMUMachine::getIPAddress() const
+{
+    return QLatin1String(kLocalAddress);
+}
+
+QString QEMUMachine::waitForIP(std::function<bool()>)
+{
+    return QLatin1String(kLocalAddress);
+}
+
+QString QEMUMachine::getAdbSerial() const
+{
+    return QStringLiteral("%1:%2").arg(QLatin1String(kLocalAddress)).arg(getAdbPort());
+}
+
+VMToolsMachine::AdapterType QEMUMachine::getAdapterType(unsigned int) const
+{
+    return Null;
+}
+
+bool QEMUMachine::setAdapterType(unsigned int, AdapterType, const QString &)
+{
+    qDebug() << "[VMTools]" << "Network adapters of a QEMU device cannot be changed";
+    return false;
+}
+
+bool QEMUMachine::createFactoryBackup()
+{
+    // The reference disks of the OS image are the factory state; there is
+    // nothing to back up.
+    return true;
+}
+
+bool QEMUMachine::resetFactory()
+{
+    // The engine's factory reset rebuilds the disks; this engine build does
+    // not have it.
+    qCritical() << "[VMTools]" << "Factory reset is not available in this engine build:" << getName();
+    return false;
+}
+
+VMToolsMachine::ConnectionInfo QEMUMachine::fetchConnectionInfo()
+{
+    return createUnknownConnectionInfo();
+}
+
+VMToolsMachine::ConnectionInfo QEMUMachine::getConnectionInfo() const
+{
+    return createUnknownConnectionInfo();
+}
+
+bool QEMUMachine::setConnectionInfo(const ConnectionInfo &)
+{
+    return true;
+}
+
+bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
+{
+    // Converting the image's reference disk and laying a new overlay over it
+    // are the engine's disk operations, which this engine build does not have.
+    qCritical() << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "to" << image.name
+                << ": disk operations are not available in this engine build";
+    return false;
+}
+
+QString QEMUMachine::getSdCardPath() const
+{
+    return getPath() + QLatin1Char('/') + (m_engine ? m_engine->getSDCardDiskName() : QStringLiteral("sdcard.qcow2"));
+}
+
+bool QEMUMachine::setSdCardInserted(bool inserted)
+{
+    if (inserted && !QFile::exists(getSdCardPath())) {
+        // Creating the image is the engine's disk operation, which this
+        // engine build does not have: refuse rather than record a card
+        // that the next start could not mount.
+        qCritical() << "[VMTools]" << "Cannot insert the SD card of" << getName() << ": no image at"
+                    << getSdCardPath();
+        return false;
+    }
+    return VMToolsMachine::setSdCardInserted(inserted);
+}
+
+bool QEMUMachine::setSdCardSize(long long size)
+{
+    const QString card = getSdCardPath();
+    if (QFile::exists(card) && (!m_engine || !m_engine->resizeDisk(card, size))) {
+        qCritical() << "[VMTools]" << "Failed to resize the SD card of" << getName() << "to" << size << "MB";
+        return false;
+    }
+    return VMToolsMachine::setSdCardSize(size);
+}
+
+// Ports ---------------------------------------------------------------------
+
+int QEMUMachine::getAdbPort() const
+{
+    return VMToolsMachine::getAdbPort() + kAdbHostShift + m_portOffset;
+}
+
+int QEMUMachine::getFrontCameraPort() const
+{
+    return shifted(VMToolsMachine::getFrontCameraPort(), m_portOffset);
+}
+
+int QEMUMachine::getBackCameraPort() const
+{
+    return shifted(VMToolsMachine::getBackCameraPort(), m_portOffset);
+}
+
+int QEMUMachine::getAudioInputPort() const
+{
+    return shifted(VMToolsMachine::getAudioInputPort(), m_portOffset);
+}
+
+int QEMUMachine::getAudioOutputPort() const
+{
+    return shifted(VMToolsMachine::getAudioOutputPort(), m_portOffset);
+}
+
+int QEMUMachine::getRedisPort() const
+{
+    return shifted(VMToolsMachine::getRedisPort(), m_portOffset);
+}
+
+int QEMUMachine::getRenderMainPort() const
+{
+    return shifted(VMToolsMachine::getRenderMainPort(), m_portOffset);
+}
+
+int QEMUMachine::getRenderDataPort() const
+{
+    return shifted(VMToolsMachine::getRenderDataPort(), m_portOffset);
+}
+
+unsigned short QEMUMachine::getQmpPort() const
+{
+    return shifted(kQmpBasePort, m_portOffset);
+}
+
+int QEMUMachine::getPortOffset() const
+{
+    return m_portOffset;
+}
+
+void QEMUMachine::refreshPortOffset()
+{
+    m_portOffset = -1;
+    if (!isReadableLockFile(m_lockFilePath))
+        return;
+    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
+    bool ok = false;
+    const int offset = lock.value(QLatin1String(kOffsetKey)).toInt(&ok);
+    if (ok)
+        m_portOffset = offset;
+}
+
+// Lock file and process -----------------------------------------------------
+
+QString QEMUMachine::getLockFilePath() const
+{
+    return m_lockFilePath;
+}
+
+QString QEMUMachine::getLogFilePath() const
+{
+    return QFileInfo(getPath() + QLatin1Char('/') + QLatin1String(kLogFileName)).absoluteFilePath();
+}
+
+bool QEMUMachine::createLockFile(unsigned short offset, long long pid) const
+{
+    if (isQEMURunning()) {
+        qWarning() << "[VMTools]" << "The lock file already exists and QEMU seems to run.";
+        return false;
+    }
+    QSettings lock(m_lockFilePath, QSettings::IniFormat);
+    lock.clear();
+    lock.setValue(QLatin1String(kPidKey), pid);
+    lock.setValue(QLatin1String(kOffsetKey), offset);
+    lock.sync();
+    if (lock.status() != QSettings::NoError) {
+        qCritical() << "[VMTools]" << "Failed to write PID file to disk";
+        return false;
+    }
+    return true;
+}
+
+bool QEMUMachine::removeLockFile() const
+{
+    return QFile::remove(m_lockFilePath);
+}
+
+long long QEMUMachine::loadQEMUPid() const
+{
+    if (!isReadableLockFile(m_lockFilePath))
+        return 0;
+    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
+    bool ok = false;
+    const long long pid = lock.value(QLatin1String(kPidKey)).toLongLong(&ok);
+    // Zero and negative ids address process groups (and -1 every process) in
+    // kill(): such a value is never taken as an emulator to stop.
+    if (!ok || pid <= 0 || pid > std::numeric_limits<pid_t>::max())
+        return 0;
+    return pid;
+}
+
+bool QEMUMachine::isEmulatorProcess(long long pid)
+{
+    // The live process's name is the prefix tested against the binary name,
+    // so a shortened process name still counts. An empty name means no
+    // process we can see, which is never the emulator.
+    const QString name = VMToolsCommon::processNameByPid(pid);
+    return !name.isEmpty() && QEMUEngine::getQemuSystemBinaryName().startsWith(name);
+}
+
+bool QEMUMachine::isQEMURunning() const
+{
+    const long long pid = loadQEMUPid();
+    if (pid == 0)
+        return false;
+    if (!VMToolsCommon::isRunning(pid)) {
+        qDebug() << "[VMTools]" << "See no QEMU process with PID" << pid;
+        return false;
+    }
+    return isEmulatorProcess(pid);
+}
+
+int QEMUMachine::start(const QString &program, const QStringList &arguments, unsigned short offset)
+{
+    if (isQEMURunning()) {
+        qWarning() << "[VMTools]" << "QEMU process is already running.";
+        return Started;
+    }
+    if (!m_engine) {
+        qCritical() << "[VMTools]" << "Cannot start" << getName() << "without an engine";
+        return StartFailed;
+    }
+    if (!m_engine->isAccelerationSupported()) {
+        qCritical() << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
+        return AccelerationNotSupported;
+    }
+
+    const QString log = getLogFilePath();
+    QProcess process;
+    process.setProgram(program);
+    process.setArguments(arguments);
+    // The emulator outlives us: it must not hold our terminal or our output.
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
+    process.setStandardErrorFile(log, QIODevice::Truncate);
+    qint64 pid = 0;
+    if (!process.startDetached(&pid)) {
+        qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
+                    << arguments.join(QLatin1String(", "));
+        return StartFailed;
+    }
+
+    if (!createLockFile(offset, pid)) {
+        qCritical() << "[VMTools]" << "Failed create lock file.";
+        // The lock file may not name the process just started; stop that one
+        // directly so that it does not run on unrecorded.
+        VMToolsCommon::destroyProcess(pid);
+        return StartFailed;
+    }
+
+    QThread::sleep(kStartGraceSeconds);
+
+    if (QEMUErrorDiagnosis::isResourceBusy(log))
+        return ResourceBusy;
+    if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
+        return SystemFileUsed;
+    if (QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log))
+        return PortUsed;
+    if (!QEMUErrorDiagnosis::isMemorySupported(log))
+        return MemoryNotSupported;
+
+    if (!isQEMURunning()) {
+        qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
+        return StartFailed;
+    }
+    m_portOffset = offset;
+    startTimer();
+    return Started;
+}
+
+bool QEMUMachine::forceStop()
+{
+    const long long pid = loadQEMUPid();
+    if (pid == 0) {
+        qDebug() << "[VMTools]" << "Cannot stop QEMU because no PID was found";
+        m_portOffset = -1;
+        return false;
+    }
+    if (VMToolsCommon::isRunning(pid) && isEmulatorProcess(pid)) {
+        if (!VMToolsCommon::destroyProcess(pid))
+            return false;
+        return removeLockFile();
+    }
+    qDebug() << "[VMTools]" << "We have a stall lock file: let's remove it.";
+    removeLockFile();
+    return false;
+}
+
+bool QEMUMachine::waitForFinished()
+{
+    const long long pid = loadQEMUPid();
+    if (pid == 0) {
+        qDebug() << "[VMTools]" << "Failed to load QEMU pid";
+        return false;
+    }
+    if (!VMToolsCommon::waitForFinished(pid, 1000))
+        return false;
+    removeLockFile();
+    return true;
+}

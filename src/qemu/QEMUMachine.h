@@ -1,0 +1,122 @@
+#pragma once
+
+#include "VMToolsMachine.h"
+
+#include <QString>
+#include <QStringList>
+
+class QEMUEngine;
+
+/// A device of the QEMU engine: the machine record plus one emulator process.
+/// The emulator runs detached, so it outlives the program that started it;
+/// the lock file "qemu.lock" in the device directory ties its pid and the
+/// device's port offset to the device, so any later process can find, check
+/// and stop it.
+class QEMUMachine : public VMToolsMachine
+{
+public:
+    /// Result codes of start().
+    enum StartResult {
+        StartFailed = 0,
+        Started = 1,
+        AccelerationNotSupported = 4,
+        ResourceBusy = 5,
+        SystemFileUsed = 6,
+        PortUsed = 7,
+        MemoryNotSupported = 9,
+    };
+
+    /// The record of an existing device directory; reads the port offset from
+    /// the lock file. The engine is not owned.
+    QEMUMachine(QEMUEngine *engine, const QString &path);
+    /// The record of a new device: takes image and profile, gets a fresh uuid
+    /// and the "QEMU" virtualizer tag. Nothing is written until save().
+    QEMUMachine(QEMUEngine *engine, const QString &path, const OsImage &image, const HwProfile &profile);
+    ~QEMUMachine() override;
+
+    /// Warns when the emulator runs (the file lives in the folder the guest
+    /// sees), then writes device.json.
+    bool save() const override;
+    /// True when device.json loads and belongs to a QEMU device.
+    bool load() override;
+    bool reloadProperties() override;
+    void reloadVmInfo() override;
+    void dumpInfos(QFile *file) override;
+
+    /// The directory name.
+    QString getName() const override;
+    /// Renames the device directory inside its parent and follows it.
+    bool setName(const QString &name) override;
+    QString getUuid() const override;
+    bool setUuid(const QString &uuid) override;
+    /// Gives the device a newly created uuid and saves.
+    bool changeUuid();
+    /// On while the emulator runs, else Off.
+    int getStatus() const override;
+    QString getIPAddress() const override;
+    /// The address at once: the guest is reached through forwarded ports.
+    QString waitForIP(std::function<bool()> cancel) override;
+    QString getAdbSerial() const override;
+    AdapterType getAdapterType(unsigned int adapter) const override;
+    /// QEMU devices have no configurable adapters: false.
+    bool setAdapterType(unsigned int adapter, AdapterType type, const QString &name) override;
+    bool createFactoryBackup() override;
+    bool resetFactory() override;
+    ConnectionInfo fetchConnectionInfo() override;
+    ConnectionInfo getConnectionInfo() const override;
+    bool setConnectionInfo(const ConnectionInfo &info) override;
+    bool upgradeSystemDisk(const OsImage &image) const override;
+    /// Inserting needs an SD card image in the device directory.
+    bool setSdCardInserted(bool inserted) override;
+    /// Resizes an existing SD card image, then saves the size.
+    bool setSdCardSize(long long size) override;
+
+    /// Ports: the defaults shifted by the port offset, in 16 bits (they wrap
+    /// at 65536). ADB adds 1000 more and does not wrap.
+    int getAdbPort() const override;
+    int getFrontCameraPort() const override;
+    int getBackCameraPort() const override;
+    int getAudioInputPort() const override;
+    int getAudioOutputPort() const override;
+    int getRedisPort() const override;
+    int getRenderMainPort() const override;
+    int getRenderDataPort() const override;
+    unsigned short getQmpPort() const;
+    /// The offset of the running emulator; -1 when unknown.
+    int getPortOffset() const;
+    /// Re-reads the offset from the lock file (-1 without one).
+    void refreshPortOffset();
+
+    QString getLockFilePath() const;
+    /// "qemu.log" in the device directory: the emulator's error output.
+    QString getLogFilePath() const;
+    /// Records pid and offset; refused while the recorded emulator runs.
+    bool createLockFile(unsigned short offset, long long pid) const;
+    bool removeLockFile() const;
+    /// The recorded pid; 0 when there is none (or it is not a valid pid).
+    long long loadQEMUPid() const;
+    /// Whether the recorded pid is a live process of the emulator binary.
+    bool isQEMURunning() const;
+
+    /// Starts the emulator detached with its error output in qemu.log, records
+    /// it in the lock file, gives it two seconds and checks it still runs.
+    /// Returns a StartResult; Started also when it was already running.
+    int start(const QString &program, const QStringList &arguments, unsigned short offset);
+    /// Kills and reaps the recorded emulator and removes the lock file. A lock
+    /// file naming any other process is removed without touching that process
+    /// (and the result is false: nothing was stopped).
+    bool forceStop();
+    /// Waits up to a second for the recorded emulator to end; when it has, the
+    /// lock file is removed. True when it ended.
+    bool waitForFinished();
+
+private:
+    /// Whether pid is a live process whose executable name is a prefix of the
+    /// emulator's binary name.
+    static bool isEmulatorProcess(long long pid);
+    QString getSdCardPath() const;
+
+    QEMUEngine *m_engine;
+    QString m_lockFilePath;
+    int m_portOffset = -1;
+};
