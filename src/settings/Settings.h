@@ -29,8 +29,11 @@ public:
     static void remove(const QString &key);
     /// Every top-level user setting and installation key with its value.
     static QVariantMap getAll();
+    /// The user's settings file, for nested keys.
     static QSharedPointer<JsonSettings> getUserSettings();
+    /// The player's tool bar and features; lives until the process ends.
     static PlayerFeaturesConfig *getPlayerFeaturesConfig();
+    /// The player's shortcuts; lives until the process ends.
     static PlayerShortcutConfig *getPlayerShortcutConfig();
 
     /// Puts the variables of the environment file
