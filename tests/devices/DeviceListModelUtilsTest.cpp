@@ -63,11 +63,6 @@ TEST(DeviceListModelUtils, sizeKeysWrapIn32Bits)
     EXPECT_LT(DeviceListModelUtils::keyForSize(QSize(21475, 0)), 0);
 }
 
-TEST(DeviceListModelUtils, densityKeyIsTheDensity)
-{
-    EXPECT_EQ(DeviceListModelUtils::densityForKey(320), 320);
-}
-
 TEST(DeviceListModelUtils, stringKeyIsTheStandardHashOfTheUtf8Bytes)
 {
     for (const QString &text : {QString(), QString("abc"), QString::fromUtf8("dé日本"), QString("a") + QChar(0) + "b"}) {

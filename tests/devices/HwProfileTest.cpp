@@ -2,7 +2,6 @@
 #include "HwProfile.h"
 #include "HwProfileBuilder.h"
 
-#include <QMetaEnum>
 #include <QMetaProperty>
 #include <QUuid>
 
@@ -147,14 +146,6 @@ TEST(HwProfile, gadgetPropertiesInOrder)
     EXPECT_TRUE(formFactor.isEnumType());
     EXPECT_TRUE(formFactor.writeOnGadget(&profile, QVariant::fromValue(HwProfile::FormFactor::WATCH)));
     EXPECT_EQ(profile.formFactor, HwProfile::FormFactor::WATCH);
-}
-
-TEST(HwProfile, enumerationsConvertToAndFromTheirKeyNames)
-{
-    const QMetaEnum displayMode = QMetaEnum::fromType<HwProfile::DisplayMode>();
-    EXPECT_STREQ(displayMode.valueToKey(2), "MULTI_DISPLAY");
-    EXPECT_EQ(QMetaEnum::fromType<HwProfile::FormFactor>().keyToValue("TV"), 4);
-    EXPECT_EQ(QMetaEnum::fromType<HwProfile::Source>().keyToValue("SHARED"), 1);
 }
 
 TEST(HwProfile, printsReadably)

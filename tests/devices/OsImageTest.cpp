@@ -134,26 +134,6 @@ INSTANTIATE_TEST_SUITE_P(Releases, OsImageVersionQueries,
                                            VersionQueryCase{{9, -1}, false, false},
                                            VersionQueryCase{{11, -3}, true, false}));
 
-TEST(OsImage, gettersReadTheFields)
-{
-    OsImage image;
-    image.sdkVersion = 30;
-    image.arch = "x86_64";
-    image.beta = true;
-    image.imageSizeBytes = 5368709120;
-    image.osVersion = {11, 0};
-    image.imageVersion = VersionNumber(2, 1, 0, VersionNumber::Beta, 3);
-    EXPECT_EQ(image.getSdkVersion(), 30);
-    EXPECT_EQ(image.getImageArch(), "x86_64");
-    EXPECT_TRUE(image.isBeta());
-    EXPECT_EQ(image.getSize(), 5368709120);
-    EXPECT_EQ(image.getOsVersion(), "11.0.0");
-    EXPECT_EQ(image.getImageVersion(), "2.1.0-beta3");
-    image.source = HwProfile::Source::USER;
-    EXPECT_FALSE(image.isOfficial());
-    EXPECT_EQ(image.getSource(), "source.user");
-}
-
 TEST(OsImage, equalityLeavesOutFormatVersionSdkAndBeta)
 {
     const OsImage a = OsImageBuilder();
