@@ -122,6 +122,19 @@ QString dataPath(const QString &name)
 
 namespace {
 
+// A fixed vendor download address, so image addresses can be asserted exactly
+// however the binary is started.
+class VendorAddress : public ::testing::Environment
+{
+public:
+    void SetUp() override
+    {
+        qputenv("HV_VENDOR_OS_IMAGE_DOWNLOAD_BASE_URL", "https://images.example.test/vendor");
+    }
+};
+
+::testing::Environment *const vendorAddress = ::testing::AddGlobalTestEnvironment(new VendorAddress);
+
 template <typename Enum>
 void printEnum(Enum value, std::ostream *out)
 {
