@@ -1,0 +1,621 @@
+// hvtool device: create, list, start, stop, snapshot, clone, reset, delete
+// and configure virtual devices.
+#include "Catalog.h"
+#include "Command.h"
+#include "Engine.h"
+#include "Qcow2.h"
+
+#include "HwProfileIO.h"
+#include "OsImageIO.h"
+#include "QEMUEngine.h"
+#include "QEMUMachine.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QTcpSocket>
+#include <QThread>
+
+#include <memory>
+
+namespace hvtool {
+namespace {
+
+constexpr int kQmpBasePort = 23555;
+constexpr int kAdbBasePort = 6555;
+const QString kLatest = QStringLiteral("latest");
+
+using MachinePtr = std::unique_ptr<QEMUMachine>;
+
+/// Looks the device up; reports a missing one with exit code 3.
+MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString &name)
+{
+    QEMUEngine *e = engine(ctx, code);
+    if (!e)
+        return nullptr;
+    *engineOut = e;
+    MachinePtr machine(findDevice(e, name));
+    if (!machine)
+        *code = ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
+    else
+        machine->reloadVmInfo();
+    return machine;
+}
+
+QString systemDisk(const QEMUMachine &machine)
+{
+    return machine.getPath() + QStringLiteral("/system.qcow2");
+}
+
+QStringList snapshotNames(QEMUEngine *e, const QEMUMachine &machine)
+{
+    // The emulator holds the image lock while it runs, so read the table
+    // directly; it is also far cheaper than a process per device.
+    QStringList names;
+    QString error;
+    if (readQcow2SnapshotNames(systemDisk(machine), &names, &error))
+        return names;
+    return e->fetchSnapshotNames(&machine);
+}
+
+int portOffset(const QEMUMachine &machine)
+{
+    return machine.getStatus() == VMToolsMachine::On ? machine.getPortOffset() : -1;
+}
+
+QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
+{
+    const bool on = machine.getStatus() == VMToolsMachine::On;
+    const int offset = portOffset(machine);
+    QJsonObject object{
+        {"name", machine.getName()},
+        {"uuid", Catalog::bareUuid(machine.getUuid())},
+        {"status", on ? QStringLiteral("On") : QStringLiteral("Off")},
+        {"android_version", machine.getAndroidVersion().toString()},
+        {"adb_serial", on ? machine.getAdbSerial() : QString()},
+        {"qmp_port", on ? QJsonValue(int(machine.getQmpPort())) : QJsonValue()},
+        {"port_offset", on ? QJsonValue(offset) : QJsonValue()},
+        {"path", QDir(machine.getPath()).absolutePath()},
+        {"size_on_disk", double(machine.getSizeOnDisk())},
+        {"quickboot", machine.isQuickbootEnabled()},
+        {"latest_snapshot", snapshotNames(e, machine).contains(kLatest)},
+        {"cpus", machine.getCpuCount()},
+        {"ram_mb", double(machine.getRamSize())},
+    };
+    return object;
+}
+
+QString sizeText(qint64 bytes)
+{
+    if (bytes >= (qint64(1) << 30))
+        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral("G");
+    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral("M");
+}
+
+bool validName(const QString &name)
+{
+    static const QRegularExpression pattern(QStringLiteral("^[A-Za-z0-9][A-Za-z0-9._ -]{0,63}$"));
+    return pattern.match(name).hasMatch() && !name.contains(QLatin1String(".."));
+}
+
+int create(Context &ctx)
+{
+    const QString name = ctx.arg(0);
+    if (!validName(name))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not a valid device name: use letters, digits, '.', '_', "
+                                              "'-' and spaces, at most 64")
+                                   .arg(name));
+    if (!ctx.isSet(QStringLiteral("image")) || !ctx.isSet(QStringLiteral("profile")))
+        return ctx.fail(Usage, QStringLiteral("device create needs --image ID and --profile ID"));
+
+    Stored<OsImage> image;
+    bool ambiguous = false;
+    if (!Catalog::findImage(ctx.value(QStringLiteral("image")), &image, &ambiguous))
+        return ctx.fail(ambiguous ? Usage : NotFound,
+                        QStringLiteral("image '%1' %2")
+                            .arg(ctx.value(QStringLiteral("image")),
+                                 ambiguous ? QStringLiteral("is ambiguous; use its uuid") : QStringLiteral("does not exist")));
+    Stored<HwProfile> profile;
+    if (!Catalog::findProfile(ctx.value(QStringLiteral("profile")), &profile, &ambiguous))
+        return ctx.fail(ambiguous ? Usage : NotFound,
+                        QStringLiteral("profile '%1' %2")
+                            .arg(ctx.value(QStringLiteral("profile")),
+                                 ambiguous ? QStringLiteral("is ambiguous; use its uuid") : QStringLiteral("does not exist")));
+    if (!image.value.isImageAvailableLocally())
+        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
+                                      .arg(image.value.name, image.value.getLocalPath()));
+
+    int code = Success;
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
+        return code;
+    if (e->doesMachineExist(name))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
+
+    ctx.note(QStringLiteral("creating device '%1' from %2 (extracting and converting the image the first time)")
+                 .arg(name, image.value.name));
+    QElapsedTimer timer;
+    timer.start();
+    const int result = e->createMachine(name, image.value, profile.value);
+    if (result != 0)
+        return ctx.fail(Failed, QStringLiteral("could not create device '%1' (code %2)").arg(name).arg(result));
+
+    MachinePtr machine(findDevice(e, name));
+    if (ctx.json()) {
+        ctx.printJson(machine ? describe(e, *machine) : QJsonObject{{"name", name}});
+    } else {
+        ctx.print(QStringLiteral("created device '%1' in %2 s").arg(name).arg(timer.elapsed() / 1000.0, 0, 'f', 2));
+    }
+    return Success;
+}
+
+int list(Context &ctx)
+{
+    int code = Success;
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
+        return code;
+    const QList<VMToolsMachine *> machines = e->getMachines([] { return false; });
+    QJsonArray array;
+    QList<QStringList> rows;
+    for (VMToolsMachine *raw : machines) {
+        MachinePtr machine(static_cast<QEMUMachine *>(raw));
+        machine->reloadVmInfo();
+        const QJsonObject object = describe(e, *machine);
+        array.append(object);
+        rows << QStringList{object.value("name").toString(), object.value("status").toString(),
+                            object.value("android_version").toString(), object.value("adb_serial").toString(),
+                            object.value("qmp_port").isNull() ? QString() : QString::number(object.value("qmp_port").toInt()),
+                            sizeText(qint64(object.value("size_on_disk").toDouble())),
+                            object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
+    }
+    if (ctx.json())
+        ctx.printJson(array);
+    else
+        ctx.printTable({"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"}, rows);
+    return Success;
+}
+
+int show(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    QJsonObject object = describe(e, *machine);
+    if (ctx.json()) {
+        object.insert("hardware_profile", HwProfileIO::toJsonObject(machine->getHwProfile()));
+        object.insert("os_image", OsImageIO::toJsonObject(machine->getOsImage()));
+        object.insert("snapshots", QJsonArray::fromStringList(snapshotNames(e, *machine)));
+        ctx.printJson(object);
+        return Success;
+    }
+    for (const QString &key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_port", "port_offset",
+                               "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
+        const QJsonValue value = object.value(key);
+        QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
+                                      : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
+        ctx.print(QStringLiteral("%1 %2").arg(key + QLatin1Char(':'), -17).arg(text));
+    }
+    ctx.print(QStringLiteral("%1 %2").arg("size_on_disk:", -17).arg(sizeText(machine->getSizeOnDisk())));
+    ctx.print(QStringLiteral("%1 %2").arg("hardware:", -17).arg(machine->getHwProfile().getName()));
+    ctx.print(QStringLiteral("%1 %2").arg("os_image:", -17).arg(machine->getOsImage().name));
+    ctx.print(QStringLiteral("%1 %2").arg("snapshots:", -17).arg(snapshotNames(e, *machine).join(", ")));
+    return Success;
+}
+
+/// Why a start failed, in words, from the start's result code.
+QString startDiagnosis(int result)
+{
+    switch (result) {
+    case 4:
+        return QStringLiteral("hardware acceleration is not available on this host");
+    case 5:
+        return QStringLiteral("a device or resource QEMU needs is busy");
+    case 6:
+        return QStringLiteral("a system file of the device is used by another process");
+    case 7:
+        return QStringLiteral("a port the device needs is used by another program");
+    case 9:
+        return QStringLiteral("the memory size is not supported by QEMU on this host");
+    default:
+        return QStringLiteral("QEMU failed to start or exited early");
+    }
+}
+
+/// Waits until the guest answers on its forwarded port: data arrives, or the
+/// guest holds the connection open for a second. The user-mode network
+/// accepts every connection on the host side and drops it when nothing in
+/// the guest listens, so an accepted connection alone proves nothing.
+bool waitForGuest(quint16 port, int seconds, QByteArray *banner)
+{
+    QElapsedTimer timer;
+    timer.start();
+    const qint64 limit = qint64(seconds) * 1000;
+    while (timer.elapsed() < limit) {
+        QTcpSocket socket;
+        socket.connectToHost(QStringLiteral("127.0.0.1"), port);
+        if (socket.waitForConnected(1000)) {
+            if (socket.waitForReadyRead(1000)) {
+                *banner = socket.readAll();
+                return true;
+            }
+            if (socket.state() == QAbstractSocket::ConnectedState)
+                return true;
+        }
+        socket.abort();
+        QThread::msleep(250);
+    }
+    return false;
+}
+
+int start(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString name = machine->getName();
+    if (machine->getStatus() == VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
+
+    int waitSeconds = 0;
+    if (ctx.isSet(QStringLiteral("wait"))) {
+        bool ok = false;
+        waitSeconds = ctx.value(QStringLiteral("wait")).toInt(&ok);
+        if (!ok || waitSeconds <= 0)
+            return ctx.fail(Usage, QStringLiteral("--wait needs a number of seconds"));
+    }
+
+    bool quickBoot = !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
+    machine->setLatestSnapshotExists(snapshotNames(e, *machine).contains(kLatest));
+    QElapsedTimer timer;
+    timer.start();
+    const int result = e->startFromLatestSnapshot(machine.get(), &quickBoot);
+    if (result != 1) {
+        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2; see '%3'")
+                                    .arg(name, startDiagnosis(result), machine->getPath() + "/qemu.log"));
+    }
+    machine->reloadVmInfo();
+    const qint64 startedMs = timer.elapsed();
+
+    QByteArray banner;
+    if (waitSeconds > 0 && !waitForGuest(quint16(machine->getAdbPort()), waitSeconds, &banner))
+        return ctx.fail(Failed, QStringLiteral("device '%1' started but its guest did not answer on port %2 within %3 s")
+                                    .arg(name)
+                                    .arg(machine->getAdbPort())
+                                    .arg(waitSeconds));
+    const qint64 readyMs = timer.elapsed();
+
+    const QString how = quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold");
+    if (ctx.json()) {
+        QJsonObject object = describe(e, *machine);
+        object.insert("boot", how);
+        object.insert("start_seconds", startedMs / 1000.0);
+        if (waitSeconds > 0) {
+            object.insert("ready_seconds", readyMs / 1000.0);
+            object.insert("banner", QString::fromUtf8(banner).trimmed());
+        }
+        ctx.printJson(object);
+        return Success;
+    }
+    ctx.print(QStringLiteral("started '%1' (%2) in %3 s").arg(name, how).arg(startedMs / 1000.0, 0, 'f', 2));
+    ctx.print(QStringLiteral("adb serial: %1").arg(machine->getAdbSerial()));
+    ctx.print(QStringLiteral("qmp port:   %1").arg(machine->getQmpPort()));
+    if (waitSeconds > 0)
+        ctx.print(QStringLiteral("guest answered after %1 s").arg(readyMs / 1000.0, 0, 'f', 2));
+    return Success;
+}
+
+/// Waits for the emulator to exit and clears its lock file.
+bool waitForExit(QEMUMachine &machine, int seconds)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (machine.isQEMURunning()) {
+        if (timer.elapsed() > qint64(seconds) * 1000)
+            return false;
+        QThread::msleep(100);
+    }
+    if (QFile::exists(machine.getPath() + QStringLiteral("/qemu.lock")))
+        machine.removeLockFile();
+    return true;
+}
+
+int stop(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString name = machine->getName();
+    if (machine->getStatus() != VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is not running").arg(name));
+
+    if (ctx.isSet(QStringLiteral("force"))) {
+        if (!machine->forceStop())
+            return ctx.fail(Failed, QStringLiteral("could not kill the emulator of device '%1'").arg(name));
+        ctx.print(QStringLiteral("killed '%1'").arg(name));
+        return Success;
+    }
+
+    QElapsedTimer timer;
+    timer.start();
+    bool saved = false;
+    if (machine->isQuickbootEnabled() && !ctx.isSet(QStringLiteral("no-save"))) {
+        saved = e->saveSnapshot(machine.get(), kLatest);
+        if (!saved)
+            return ctx.fail(Failed, QStringLiteral("could not save the quick-boot state of device '%1'; it still runs "
+                                                   "(use --no-save to stop without saving)")
+                                        .arg(name));
+    }
+    const qint64 savedMs = timer.elapsed();
+    e->stopMachine(machine.get());
+    if (!waitForExit(*machine, 30)) {
+        ctx.note(QStringLiteral("device '%1' did not quit within 30 s; killing it").arg(name));
+        machine->forceStop();
+        waitForExit(*machine, 5);
+    }
+    if (ctx.json()) {
+        ctx.printJson(QJsonObject{{"name", name}, {"saved", saved}, {"save_seconds", savedMs / 1000.0},
+                                  {"stop_seconds", timer.elapsed() / 1000.0}});
+        return Success;
+    }
+    ctx.print(QStringLiteral("stopped '%1'%2 in %3 s")
+                  .arg(name, saved ? QStringLiteral(" (quick-boot state saved)") : QString())
+                  .arg(timer.elapsed() / 1000.0, 0, 'f', 2));
+    return Success;
+}
+
+int snapshotList(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QStringList names = snapshotNames(e, *machine);
+    if (ctx.json()) {
+        ctx.printJson(QJsonArray::fromStringList(names));
+        return Success;
+    }
+    for (const QString &n : names)
+        ctx.print(n);
+    return Success;
+}
+
+int snapshotSave(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    static const QRegularExpression valid(QStringLiteral("^\\w{1,64}$"));
+    if (!valid.match(ctx.arg(1)).hasMatch())
+        return ctx.fail(Usage, QStringLiteral("'%1' is not a valid snapshot name: use letters, digits and '_'")
+                                   .arg(ctx.arg(1)));
+    if (machine->getStatus() != VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is not running; start it to save its state")
+                                      .arg(machine->getName()));
+    QElapsedTimer timer;
+    timer.start();
+    if (!e->saveSnapshot(machine.get(), ctx.arg(1)))
+        return ctx.fail(Failed, QStringLiteral("could not save snapshot '%1' of device '%2'")
+                                    .arg(ctx.arg(1), machine->getName()));
+    if (ctx.json())
+        ctx.printJson(QJsonObject{{"name", machine->getName()}, {"snapshot", ctx.arg(1)},
+                                  {"seconds", timer.elapsed() / 1000.0}});
+    else
+        ctx.print(QStringLiteral("saved snapshot '%1' in %2 s").arg(ctx.arg(1)).arg(timer.elapsed() / 1000.0, 0, 'f', 2));
+    return Success;
+}
+
+int snapshotDelete(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    if (machine->getStatus() == VMToolsMachine::On)
+        return ctx.fail(Conflict,
+                        QStringLiteral("device '%1' is running; stop it first").arg(machine->getName()));
+    if (!snapshotNames(e, *machine).contains(ctx.arg(1)))
+        return ctx.fail(NotFound, QStringLiteral("snapshot '%1' of device '%2' does not exist")
+                                      .arg(ctx.arg(1), machine->getName()));
+    if (!e->deleteSnapshot(machine.get(), ctx.arg(1)))
+        return ctx.fail(Failed, QStringLiteral("could not delete snapshot '%1' of device '%2'")
+                                    .arg(ctx.arg(1), machine->getName()));
+    return Success;
+}
+
+int clone(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString newName = ctx.arg(1);
+    if (!validName(newName))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not a valid device name").arg(newName));
+    if (e->doesMachineExist(newName))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
+    const bool running = machine->getStatus() == VMToolsMachine::On;
+    if (running)
+        ctx.note(QStringLiteral("device '%1' is running: its disks are copied as they are now").arg(machine->getName()));
+
+    const int result = e->cloneMachine(machine.get(), newName);
+    if (result == 2)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
+    if (result != 0)
+        return ctx.fail(Failed, QStringLiteral("could not clone device '%1' to '%2'").arg(machine->getName(), newName));
+
+    // The copy carries the source's lock file and log; they describe the
+    // source's emulator, not the clone.
+    const QString clonePath = QDir(machine->getPath() + QStringLiteral("/..")).absoluteFilePath(newName);
+    QFile::remove(clonePath + QStringLiteral("/qemu.lock"));
+    QFile::remove(clonePath + QStringLiteral("/qemu.log"));
+
+    if (ctx.json()) {
+        MachinePtr cloned(findDevice(e, newName));
+        ctx.printJson(cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}});
+    } else {
+        ctx.print(QStringLiteral("cloned '%1' to '%2'").arg(machine->getName(), newName));
+    }
+    return Success;
+}
+
+int reset(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString name = machine->getName();
+    if (machine->getStatus() == VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
+    if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
+        return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
+    if (!machine->resetFactory())
+        return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
+    ctx.print(QStringLiteral("reset '%1' to its factory state").arg(name));
+    return Success;
+}
+
+int remove(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString name = machine->getName();
+    if (machine->getStatus() == VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
+    if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
+        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (!e->deleteMachine(machine.get()))
+        return ctx.fail(Failed, QStringLiteral("could not delete device '%1'").arg(name));
+    ctx.print(QStringLiteral("deleted '%1'").arg(name));
+    return Success;
+}
+
+bool parseBool(const QString &text, bool *ok)
+{
+    const QString t = text.toLower();
+    *ok = true;
+    if (t == "true" || t == "on" || t == "yes" || t == "1")
+        return true;
+    if (t == "false" || t == "off" || t == "no" || t == "0")
+        return false;
+    *ok = false;
+    return false;
+}
+
+int set(Context &ctx)
+{
+    QEMUEngine *e = nullptr;
+    int code = Success;
+    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
+    if (!machine)
+        return code;
+    const QString name = machine->getName();
+    const bool running = machine->getStatus() == VMToolsMachine::On;
+    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
+    static const QStringList known = {"cpus", "ram", "quickboot", "root", "sdcard", "sdcard-size", "virtual-keyboard",
+                                      "fullscreen"};
+
+    // Check everything before changing anything.
+    QList<QPair<QString, QString>> changes;
+    for (const QString &item : ctx.args().mid(1)) {
+        const int eq = item.indexOf(QLatin1Char('='));
+        const QString key = item.left(eq);
+        if (eq <= 0 || !known.contains(key))
+            return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2").arg(item, known.join(", ")));
+        if (running && hardware.contains(key))
+            return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(name, key));
+        changes.append({key, item.mid(eq + 1)});
+    }
+    for (const auto &[key, value] : changes) {
+        bool ok = false;
+        bool stored = false;
+        if (key == "cpus" || key == "ram" || key == "sdcard-size") {
+            const qint64 number = value.toLongLong(&ok);
+            const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
+            if (!ok || number < minimum)
+                return ctx.fail(Usage, QStringLiteral("%1 needs a whole number of at least %2").arg(key).arg(minimum));
+            if (key == "cpus")
+                stored = machine->setCpuCount(int(qMin<qint64>(number, 512)));
+            else if (key == "ram")
+                stored = machine->setRamSize(number);
+            else
+                stored = machine->setSdCardSize(number);
+        } else {
+            const bool flag = parseBool(value, &ok);
+            if (!ok)
+                return ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
+            if (key == "quickboot")
+                stored = machine->setQuickbootEnabled(flag);
+            else if (key == "root")
+                stored = machine->setRootAccessEnabled(flag);
+            else if (key == "sdcard")
+                stored = machine->setSdCardInserted(flag);
+            else if (key == "virtual-keyboard")
+                stored = machine->setVirtualKeyboardEnabled(flag);
+            else
+                stored = machine->setFullScreen(flag);
+        }
+        if (!stored)
+            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(key, name));
+    }
+    if (ctx.json())
+        ctx.printJson(describe(e, *machine));
+    return Success;
+}
+
+} // namespace
+
+void addDeviceCommands()
+{
+    const QCommandLineOption yes({"yes", "y"}, "Do not ask for confirmation.");
+    commands()
+        << Command{{"device", "create"}, "NAME", "Create a device from an OS image and a hardware profile.",
+                   {{"image", "OS image (uuid, name or record file).", "ID"},
+                    {"profile", "Hardware profile (uuid, name or file).", "ID"}},
+                   1, 1, create}
+        << Command{{"device", "list"}, {}, "List the devices and their state.", {}, 0, 0, list}
+        << Command{{"device", "show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show}
+        << Command{{"device", "start"}, "NAME",
+                   "Start a device: resume its saved state when quick boot is on, else boot cold.",
+                   {{"cold", "Boot cold even when a saved state exists."},
+                    {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
+                     "SECONDS"}},
+                   1, 1, start}
+        << Command{{"device", "stop"}, "NAME",
+                   "Stop a device gracefully, saving its state first when quick boot is on.",
+                   {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state."}}, 1, 1,
+                   stop}
+        << Command{{"device", "snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList}
+        << Command{{"device", "snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
+                   snapshotSave}
+        << Command{{"device", "snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2,
+                   2, snapshotDelete}
+        << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a device under a new name and identity.", {}, 2, 2,
+                   clone}
+        << Command{{"device", "reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset}
+        << Command{{"device", "delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove}
+        << Command{{"device", "set"}, "NAME KEY=VALUE...",
+                   "Change settings: cpus, ram, quickboot, root, sdcard, sdcard-size, virtual-keyboard, fullscreen.",
+                   {}, 2, -1, set};
+}
+
+} // namespace hvtool

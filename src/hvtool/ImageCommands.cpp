@@ -1,0 +1,254 @@
+// hvtool image: the user's OS images.
+#include "Catalog.h"
+#include "Command.h"
+#include "Progress.h"
+
+#include "HalvistromAppUtils.h"
+#include "OsImageIO.h"
+#include "Paths.h"
+#include "VersionUtils.h"
+#include "mtar.h"
+
+#include <QCoreApplication>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+#include <QUrl>
+#include <QUuid>
+
+namespace hvtool {
+namespace {
+
+const char *const kRequiredDisks[] = {"system.vmdk", "data.vmdk"};
+
+int notFound(Context &ctx, const QString &id, bool ambiguous)
+{
+    if (ambiguous)
+        return ctx.fail(Usage, QStringLiteral("image name '%1' is ambiguous; use its uuid").arg(id));
+    return ctx.fail(NotFound, QStringLiteral("image '%1' does not exist").arg(id));
+}
+
+QString sizeText(qint64 bytes)
+{
+    if (bytes >= (qint64(1) << 30))
+        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral(" GiB");
+    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral(" MiB");
+}
+
+int list(Context &ctx)
+{
+    const auto images = Catalog::images();
+    if (ctx.json()) {
+        QJsonArray array;
+        for (const auto &entry : images)
+            array.append(OsImageIO::toJsonObject(entry.value));
+        ctx.printJson(array);
+        return Success;
+    }
+    QList<QStringList> rows;
+    for (const auto &entry : images) {
+        const OsImage &i = entry.value;
+        rows << QStringList{Catalog::bareUuid(i.uuid), i.name, i.osVersion.toString(), QString::number(i.sdkVersion),
+                            i.arch, sizeText(i.imageSizeBytes),
+                            i.isImageAvailableLocally() ? QStringLiteral("yes") : QStringLiteral("no")};
+    }
+    ctx.printTable({"UUID", "NAME", "ANDROID", "API", "ARCH", "SIZE", "LOCAL"}, rows);
+    return Success;
+}
+
+int show(Context &ctx)
+{
+    Stored<OsImage> found;
+    bool ambiguous = false;
+    if (!Catalog::findImage(ctx.arg(0), &found, &ambiguous))
+        return notFound(ctx, ctx.arg(0), ambiguous);
+    const OsImage &i = found.value;
+    if (ctx.json()) {
+        ctx.printJson(OsImageIO::toJsonObject(i));
+        return Success;
+    }
+    ctx.print(QStringLiteral("uuid:     %1").arg(Catalog::bareUuid(i.uuid)));
+    ctx.print(QStringLiteral("name:     %1").arg(i.name));
+    ctx.print(QStringLiteral("android:  %1 (API %2)").arg(i.osVersion.toString()).arg(i.sdkVersion));
+    ctx.print(QStringLiteral("arch:     %1").arg(i.arch));
+    ctx.print(QStringLiteral("image:    %1").arg(i.imageVersion.toString()));
+    ctx.print(QStringLiteral("size:     %1 (%2 bytes)").arg(sizeText(i.imageSizeBytes)).arg(i.imageSizeBytes));
+    ctx.print(QStringLiteral("sha256:   %1").arg(i.imageHash));
+    ctx.print(QStringLiteral("uri:      %1").arg(i.getFormatedUri()));
+    ctx.print(QStringLiteral("local:    %1").arg(i.getLocalPath()));
+    ctx.print(QStringLiteral("record:   %1").arg(found.file));
+    return Success;
+}
+
+/// Checks that the file is a tar archive holding the reference disks; the
+/// error names what is missing.
+QString checkOva(const QString &path)
+{
+    mtar_t tar;
+    const int opened = mtar_open(&tar, QFile::encodeName(path).constData(), "r");
+    if (opened != MTAR_ESUCCESS)
+        return QStringLiteral("'%1' is not an OVA archive: %2").arg(path, QString::fromUtf8(mtar_strerror(opened)));
+    QString problem;
+    for (const char *disk : kRequiredDisks) {
+        mtar_header_t header;
+        if (mtar_find(&tar, disk, &header) != MTAR_ESUCCESS) {
+            problem = QStringLiteral("'%1' is not an OVA archive of a device image: it has no %2")
+                          .arg(path, QString::fromLatin1(disk));
+            break;
+        }
+    }
+    mtar_close(&tar);
+    return problem;
+}
+
+QString sha256(const QString &path, const Progress &progress, QString *error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = file.errorString();
+        return QString();
+    }
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    QByteArray buffer(1 << 20, Qt::Uninitialized);
+    qint64 done = 0;
+    for (;;) {
+        const qint64 n = file.read(buffer.data(), buffer.size());
+        if (n < 0) {
+            *error = file.errorString();
+            return QString();
+        }
+        if (n == 0)
+            break;
+        hash.addData(buffer.constData(), int(n));
+        done += n;
+        progress.update(done);
+    }
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+bool saveRecord(const OsImage &image, QString *file)
+{
+    QDir().mkpath(Paths::getUserOsImagePath());
+    *file = QDir(Paths::getUserOsImagePath()).absoluteFilePath(Catalog::bareUuid(image.uuid) + ".json");
+    QSaveFile out(*file);
+    if (!out.open(QIODevice::WriteOnly))
+        return false;
+    out.write(QJsonDocument(OsImageIO::toJsonObject(image)).toJson());
+    return out.commit();
+}
+
+int addRecord(Context &ctx, const QString &path)
+{
+    OsImage image = OsImageIO::loadFromFile(path, HwProfile::Source::USER);
+    if (!image.isValid())
+        return ctx.fail(Failed, QStringLiteral("'%1' is not a valid OS image record").arg(path));
+    Stored<OsImage> existing;
+    if (Catalog::findImage(image.uuid, &existing))
+        return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
+    QString file;
+    if (!saveRecord(image, &file))
+        return ctx.fail(Failed, QStringLiteral("could not write '%1'").arg(file));
+    if (ctx.json())
+        ctx.printJson(OsImageIO::toJsonObject(image));
+    else
+        ctx.print(Catalog::bareUuid(image.uuid));
+    return Success;
+}
+
+int addOva(Context &ctx, const QString &path)
+{
+    if (!ctx.isSet(QStringLiteral("android")))
+        return ctx.fail(Usage, QStringLiteral("an OVA needs --android VERSION, for example --android 11.0"));
+    const VersionNumber android = VersionNumber::fromString(ctx.value(QStringLiteral("android")));
+    if (android.major < 2)
+        return ctx.fail(Usage,
+                        QStringLiteral("'%1' is not an Android version").arg(ctx.value(QStringLiteral("android"))));
+
+    const QString problem = checkOva(path);
+    if (!problem.isEmpty())
+        return ctx.fail(Failed, problem);
+
+    const QFileInfo info(path);
+    OsImage image;
+    image.uuid = QUuid::createUuid().toString();
+    image.name = ctx.isSet(QStringLiteral("name")) ? ctx.value(QStringLiteral("name"))
+                                                   : QStringLiteral("Android %1").arg(android.toMajorMinorString());
+    image.buildDate = info.lastModified().toUTC();
+    image.source = HwProfile::Source::USER;
+    image.supportedFormFactors = {HwProfile::FormFactor::PHONE, HwProfile::FormFactor::TABLET};
+    image.osVersion = android;
+    image.imageVersion = VersionNumber::fromString(QCoreApplication::applicationVersion());
+    // Without --arch, the default follows the Android version as record
+    // migration does: x86_64 from Android 11 on.
+    image.arch = ctx.isSet(QStringLiteral("arch")) ? ctx.value(QStringLiteral("arch"))
+                                                    : (android >= VersionNumber(11, 0, 0) ? QStringLiteral("x86_64")
+                                                                                          : QStringLiteral("x86"));
+    image.imageUri = QUrl::fromLocalFile(info.absoluteFilePath()).toString();
+    image.imageSizeBytes = info.size();
+    image.sdkVersion = VersionUtils::androidVersionToApi(android);
+    image.version = OsImageIO::currentVersion();
+
+    Progress progress(QStringLiteral("hashing %1").arg(info.fileName()), info.size());
+    QString error;
+    image.imageHash = sha256(info.absoluteFilePath(), progress, &error);
+    progress.finish();
+    if (image.imageHash.isEmpty())
+        return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
+
+    QString file;
+    if (!saveRecord(image, &file))
+        return ctx.fail(Failed, QStringLiteral("could not write '%1'").arg(file));
+    if (ctx.json())
+        ctx.printJson(OsImageIO::toJsonObject(image));
+    else
+        ctx.print(Catalog::bareUuid(image.uuid));
+    return Success;
+}
+
+int add(Context &ctx)
+{
+    const QString path = ctx.arg(0);
+    const QFileInfo info(path);
+    if (!info.isFile())
+        return ctx.fail(NotFound, QStringLiteral("file '%1' does not exist").arg(path));
+    if (info.suffix().compare(QLatin1String("json"), Qt::CaseInsensitive) == 0)
+        return addRecord(ctx, info.absoluteFilePath());
+    return addOva(ctx, info.absoluteFilePath());
+}
+
+int remove(Context &ctx)
+{
+    Stored<OsImage> found;
+    bool ambiguous = false;
+    if (!Catalog::findImage(ctx.arg(0), &found, &ambiguous))
+        return notFound(ctx, ctx.arg(0), ambiguous);
+    if (!found.file.startsWith(QDir(Paths::getUserOsImagePath()).absolutePath()))
+        return ctx.fail(Failed, QStringLiteral("'%1' is not a registered image record").arg(found.file));
+    if (!QFile::remove(found.file))
+        return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
+    return Success;
+}
+
+} // namespace
+
+void addImageCommands()
+{
+    const QList<QCommandLineOption> addOptions = {
+        {"android", "Android version of an OVA, e.g. 11.0 (required for an OVA).", "VERSION"},
+        {"arch", "Architecture of an OVA: x86 or x86_64 (by Android version).", "ARCH"},
+        {"name", "Display name of an OVA (\"Android <version>\").", "NAME"},
+    };
+    commands() << Command{{"image", "add"}, "FILE",
+                          "Register an OS image: a record (.json) or an OVA archive (.ova, with --android).",
+                          addOptions, 1, 1, add}
+               << Command{{"image", "list"}, {}, "List the registered OS images.", {}, 0, 0, list}
+               << Command{{"image", "show"}, "ID", "Show one image (ID: uuid, name or file).", {}, 1, 1, show}
+               << Command{{"image", "remove"}, "ID", "Forget a registered image (the OVA stays).", {}, 1, 1, remove};
+}
+
+} // namespace hvtool

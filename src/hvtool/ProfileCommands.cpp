@@ -1,0 +1,176 @@
+// hvtool profile: the user's hardware profiles.
+#include "Catalog.h"
+#include "Command.h"
+
+#include "HwProfileBuilder.h"
+#include "HwProfileIO.h"
+#include "Paths.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QMetaEnum>
+#include <QRegularExpression>
+
+namespace hvtool {
+namespace {
+
+QString formFactorName(HwProfile::FormFactor formFactor)
+{
+    return QString::fromLatin1(QMetaEnum::fromType<HwProfile::FormFactor>().valueToKey(int(formFactor)));
+}
+
+QString displayText(const HwProfile &profile)
+{
+    const HwProfile::Display *display = profile.getPrimaryDisplay();
+    if (!display)
+        return QStringLiteral("-");
+    return QStringLiteral("%1x%2@%3").arg(display->width).arg(display->height).arg(display->density);
+}
+
+int notFound(Context &ctx, const QString &id, bool ambiguous)
+{
+    if (ambiguous)
+        return ctx.fail(Usage, QStringLiteral("profile name '%1' is ambiguous; use its uuid").arg(id));
+    return ctx.fail(NotFound, QStringLiteral("profile '%1' does not exist").arg(id));
+}
+
+int list(Context &ctx)
+{
+    const auto profiles = Catalog::profiles();
+    if (ctx.json()) {
+        QJsonArray array;
+        for (const auto &entry : profiles)
+            array.append(HwProfileIO::toJsonObject(entry.value));
+        ctx.printJson(array);
+        return Success;
+    }
+    QList<QStringList> rows;
+    for (const auto &entry : profiles) {
+        const HwProfile &p = entry.value;
+        rows << QStringList{Catalog::bareUuid(p.uuid), p.getName(), formFactorName(p.formFactor),
+                            QString::number(p.cpuCount), QString::number(p.ramSize), displayText(p)};
+    }
+    ctx.printTable({"UUID", "NAME", "FORM", "CPUS", "RAM_MB", "DISPLAY"}, rows);
+    return Success;
+}
+
+int show(Context &ctx)
+{
+    Stored<HwProfile> found;
+    bool ambiguous = false;
+    if (!Catalog::findProfile(ctx.arg(0), &found, &ambiguous))
+        return notFound(ctx, ctx.arg(0), ambiguous);
+    const HwProfile &p = found.value;
+    if (ctx.json()) {
+        ctx.printJson(HwProfileIO::toJsonObject(p));
+        return Success;
+    }
+    ctx.print(QStringLiteral("uuid:        %1").arg(Catalog::bareUuid(p.uuid)));
+    ctx.print(QStringLiteral("name:        %1").arg(p.getName()));
+    ctx.print(QStringLiteral("form factor: %1").arg(formFactorName(p.formFactor)));
+    ctx.print(QStringLiteral("cpus:        %1").arg(p.cpuCount));
+    ctx.print(QStringLiteral("ram:         %1 MB").arg(p.ramSize));
+    ctx.print(QStringLiteral("data disk:   %1 MB").arg(p.dataDiskSize));
+    ctx.print(QStringLiteral("sd card:     %1 MB").arg(p.sdCardSize));
+    ctx.print(QStringLiteral("display:     %1").arg(displayText(p)));
+    ctx.print(QStringLiteral("file:        %1").arg(found.file));
+    return Success;
+}
+
+bool positive(Context &ctx, const QString &option, qint64 *target, qint64 minimum)
+{
+    if (!ctx.isSet(option))
+        return true;
+    bool ok = false;
+    const qint64 value = ctx.value(option).toLongLong(&ok);
+    if (!ok || value < minimum) {
+        ctx.fail(Usage, QStringLiteral("--%1 needs a whole number of at least %2, not '%3'")
+                            .arg(option)
+                            .arg(minimum)
+                            .arg(ctx.value(option)));
+        return false;
+    }
+    *target = value;
+    return true;
+}
+
+int create(Context &ctx)
+{
+    HwProfileBuilder profile(ctx.arg(0));
+    profile.source = HwProfile::Source::USER;
+
+    if (ctx.isSet(QStringLiteral("form-factor"))) {
+        bool ok = false;
+        const int value = QMetaEnum::fromType<HwProfile::FormFactor>().keyToValue(
+            ctx.value(QStringLiteral("form-factor")).toUpper().toLatin1().constData(), &ok);
+        if (!ok)
+            return ctx.fail(Usage, QStringLiteral("unknown form factor '%1': use PHONE, TABLET, WATCH, CAR or TV")
+                                       .arg(ctx.value(QStringLiteral("form-factor"))));
+        profile.formFactor = HwProfile::FormFactor(value);
+    }
+
+    qint64 cpus = profile.cpuCount;
+    if (!positive(ctx, QStringLiteral("cpus"), &cpus, 1) || !positive(ctx, QStringLiteral("ram"), &profile.ramSize, 256)
+        || !positive(ctx, QStringLiteral("data-disk"), &profile.dataDiskSize, 64)
+        || !positive(ctx, QStringLiteral("sdcard"), &profile.sdCardSize, 0))
+        return Usage;
+    profile.cpuCount = int(qMin<qint64>(cpus, 512));
+    profile.hasSdCard = profile.sdCardSize > 0;
+
+    HwProfile::Display display;
+    if (ctx.isSet(QStringLiteral("display"))) {
+        static const QRegularExpression pattern(QStringLiteral("^(\\d{2,5})x(\\d{2,5})@(\\d{2,4})$"));
+        const QRegularExpressionMatch match = pattern.match(ctx.value(QStringLiteral("display")));
+        if (!match.hasMatch())
+            return ctx.fail(Usage, QStringLiteral("--display needs WIDTHxHEIGHT@DPI, for example 1080x1920@420"));
+        display.width = match.captured(1).toInt();
+        display.height = match.captured(2).toInt();
+        display.density = match.captured(3).toInt();
+    }
+    profile.displaySettings.displays = {display};
+
+    for (const auto &entry : Catalog::profiles()) {
+        if (entry.value.getName() == profile.getName())
+            return ctx.fail(Conflict, QStringLiteral("profile '%1' already exists").arg(profile.getName()));
+    }
+    if (!HwProfileIO::save(profile, Paths::getUserHwProfilePath()))
+        return ctx.fail(Failed, QStringLiteral("could not save profile '%1'").arg(profile.getName()));
+
+    if (ctx.json())
+        ctx.printJson(HwProfileIO::toJsonObject(profile));
+    else
+        ctx.print(Catalog::bareUuid(profile.uuid));
+    return Success;
+}
+
+int remove(Context &ctx)
+{
+    Stored<HwProfile> found;
+    bool ambiguous = false;
+    if (!Catalog::findProfile(ctx.arg(0), &found, &ambiguous))
+        return notFound(ctx, ctx.arg(0), ambiguous);
+    if (!QFile::remove(found.file))
+        return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
+    return Success;
+}
+
+} // namespace
+
+void addProfileCommands()
+{
+    const QList<QCommandLineOption> createOptions = {
+        {"form-factor", "PHONE, TABLET, WATCH, CAR or TV (PHONE).", "FORM"},
+        {"cpus", "Number of virtual CPUs (4).", "N"},
+        {"ram", "Memory in MB (2048).", "MB"},
+        {"data-disk", "Data disk size in MB (8192).", "MB"},
+        {"sdcard", "SD card size in MB; 0 for none (0).", "MB"},
+        {"display", "Screen as WIDTHxHEIGHT@DPI (1280x768@120).", "WxH@DPI"},
+    };
+    commands() << Command{{"profile", "list"}, {}, "List the user's hardware profiles.", {}, 0, 0, list}
+               << Command{{"profile", "show"}, "ID", "Show one profile (ID: uuid, name or file).", {}, 1, 1, show}
+               << Command{{"profile", "create"}, "NAME", "Create a hardware profile.", createOptions, 1, 1, create}
+               << Command{{"profile", "delete"}, "ID", "Delete a user profile.", {}, 1, 1, remove};
+}
+
+} // namespace hvtool

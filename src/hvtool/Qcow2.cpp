@@ -1,0 +1,67 @@
+#include "Qcow2.h"
+
+#include <QFile>
+#include <QtEndian>
+
+namespace hvtool {
+namespace {
+
+// Limits of the format itself; anything above is a damaged or hostile file.
+constexpr quint32 kMaxSnapshots = 65536;
+constexpr quint32 kMaxExtraData = 1024;
+constexpr quint32 kHeaderSize = 72;
+constexpr quint32 kEntryFixedSize = 40;
+
+} // namespace
+
+bool readQcow2SnapshotNames(const QString &path, QStringList *names, QString *error)
+{
+    names->clear();
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = file.errorString();
+        return false;
+    }
+    const QByteArray header = file.read(kHeaderSize);
+    if (header.size() < int(kHeaderSize) || !header.startsWith("QFI\xfb")) {
+        *error = QStringLiteral("not a qcow2 image");
+        return false;
+    }
+    const auto *h = reinterpret_cast<const uchar *>(header.constData());
+    const quint32 count = qFromBigEndian<quint32>(h + 60);
+    const quint64 offset = qFromBigEndian<quint64>(h + 64);
+    if (count == 0)
+        return true;
+    if (count > kMaxSnapshots || offset >= quint64(file.size()) || !file.seek(qint64(offset))) {
+        *error = QStringLiteral("damaged snapshot table");
+        return false;
+    }
+    for (quint32 i = 0; i < count; ++i) {
+        const qint64 start = file.pos();
+        const QByteArray fixed = file.read(kEntryFixedSize);
+        if (fixed.size() < int(kEntryFixedSize)) {
+            *error = QStringLiteral("truncated snapshot table");
+            return false;
+        }
+        const auto *e = reinterpret_cast<const uchar *>(fixed.constData());
+        const quint16 idSize = qFromBigEndian<quint16>(e + 12);
+        const quint16 nameSize = qFromBigEndian<quint16>(e + 14);
+        const quint32 extraSize = qFromBigEndian<quint32>(e + 36);
+        if (extraSize > kMaxExtraData) {
+            *error = QStringLiteral("damaged snapshot table");
+            return false;
+        }
+        const QByteArray rest = file.read(qint64(extraSize) + idSize + nameSize);
+        if (rest.size() != int(extraSize + idSize + nameSize)) {
+            *error = QStringLiteral("truncated snapshot table");
+            return false;
+        }
+        names->append(QString::fromUtf8(rest.mid(int(extraSize + idSize), nameSize)));
+        // Entries are padded to a multiple of eight bytes.
+        const qint64 length = file.pos() - start;
+        file.seek(start + ((length + 7) & ~qint64(7)));
+    }
+    return true;
+}
+
+} // namespace hvtool

@@ -1,0 +1,96 @@
+// hvtool settings: list, get, set and reset the user's settings.
+#include "Command.h"
+
+#include "Settings.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QVariant>
+
+namespace hvtool {
+namespace {
+
+QString render(const QVariant &value)
+{
+    const QJsonValue json = QJsonValue::fromVariant(value);
+    if (json.isObject())
+        return QString::fromUtf8(QJsonDocument(json.toObject()).toJson(QJsonDocument::Compact));
+    if (json.isArray())
+        return QString::fromUtf8(QJsonDocument(json.toArray()).toJson(QJsonDocument::Compact));
+    if (json.isBool())
+        return json.toBool() ? QStringLiteral("true") : QStringLiteral("false");
+    if (json.isNull())
+        return QStringLiteral("null");
+    return value.toString();
+}
+
+/// A value typed on the command line: JSON literals keep their type
+/// (true, 12, 1.5, null, [..], {..}); anything else is a string.
+QVariant parseValue(const QString &text)
+{
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray("[") + text.toUtf8() + "]");
+    if (document.isArray() && document.array().size() == 1)
+        return document.array().at(0).toVariant();
+    return text;
+}
+
+int list(Context &ctx)
+{
+    const QVariantMap all = Settings::getAll();
+    if (ctx.json()) {
+        ctx.printJson(QJsonObject::fromVariantMap(all));
+        return Success;
+    }
+    for (auto it = all.cbegin(); it != all.cend(); ++it)
+        ctx.print(it.key() + QStringLiteral(" = ") + render(it.value()));
+    return Success;
+}
+
+int get(Context &ctx)
+{
+    const QString key = ctx.arg(0);
+    const QVariant value = Settings::get(key);
+    if (!value.isValid())
+        return ctx.fail(NotFound, QStringLiteral("setting '%1' is not set and has no default").arg(key));
+    if (ctx.json())
+        ctx.printJson(QJsonObject{{key, QJsonValue::fromVariant(value)}});
+    else
+        ctx.print(render(value));
+    return Success;
+}
+
+int set(Context &ctx)
+{
+    const QString key = ctx.arg(0);
+    const QVariant value = parseValue(ctx.arg(1));
+    Settings::set(key, value);
+    // The store refuses some writes (a leaf over an object); read it back.
+    if (Settings::get(key) != value)
+        return ctx.fail(Failed, QStringLiteral("could not store setting '%1'").arg(key));
+    if (ctx.json())
+        ctx.printJson(QJsonObject{{key, QJsonValue::fromVariant(value)}});
+    return Success;
+}
+
+int reset(Context &ctx)
+{
+    Settings::remove(ctx.arg(0));
+    return Success;
+}
+
+} // namespace
+
+void addSettingsCommands()
+{
+    commands() << Command{{"settings", "list"}, {}, "List the user's settings and their values.", {}, 0, 0, list}
+               << Command{{"settings", "get"}, "KEY", "Print one setting (the default when the user has none).", {},
+                          1, 1, get}
+               << Command{{"settings", "set"}, "KEY VALUE",
+                          "Store a setting. JSON literals (true, 12, null, [..]) keep their type.", {}, 2, 2, set}
+               << Command{{"settings", "reset"}, "KEY", "Remove the user's value, so the default shows again.", {},
+                          1, 1, reset};
+}
+
+} // namespace hvtool

@@ -1,0 +1,20 @@
+#include "Command.h"
+
+#include "HalvistromAppUtils.h"
+#include "Settings.h"
+
+#include <QCoreApplication>
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    HalvistromAppUtils::setup(HalvistromAppUtils::Tool);
+    Settings::applyHalvistromEnv();
+
+    hvtool::addSettingsCommands();
+    hvtool::addProfileCommands();
+    hvtool::addImageCommands();
+    hvtool::addDeviceCommands();
+    hvtool::addDoctorCommand();
+    return hvtool::runCommandLine(QCoreApplication::arguments());
+}

@@ -1,0 +1,9 @@
+# hvtool driven end to end on the demo OS image, under TCG.
+if(TARGET hvtool)
+    find_package(Python3 COMPONENTS Interpreter REQUIRED)
+    add_test(NAME hvtool_e2e COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/hvtool_e2e.py
+        --hvtool $<TARGET_FILE:hvtool>
+        --image-dir ${CMAKE_BINARY_DIR}/demo-image
+        --demo-image ${PROJECT_SOURCE_DIR}/scripts/demo-image)
+    set_tests_properties(hvtool_e2e PROPERTIES TIMEOUT 900 LABELS e2e RUN_SERIAL TRUE)
+endif()

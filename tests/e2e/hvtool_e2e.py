@@ -1,0 +1,220 @@
+#!/usr/bin/env python3
+"""End-to-end tests: drive hvtool as a user would, on the demo OS image,
+with the real emulator under TCG. Each step asserts outcomes (banners, boot
+ids, counters, exit codes), not log lines."""
+
+import argparse
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+ADB_BASE = 6555
+TCG_ARGS = "-accel[0]=tcg;-cpu[0]=max;-audiodev[0]=none,id=snd0"
+
+
+class Failure(Exception):
+    pass
+
+
+class Env:
+    def __init__(self, hvtool, home):
+        self.hvtool = hvtool
+        self.env = dict(os.environ)
+        self.env.update({"HV_HOME": home, "HOME": home, "XDG_CONFIG_HOME": os.path.join(home, ".config"),
+                         "HV_QEMU_START_ARGS": TCG_ARGS})
+        self.timings = {}
+
+    def run(self, *args, expect=0, json_out=False):
+        cmd = [self.hvtool, *args] + (["--format", "json"] if json_out else [])
+        proc = subprocess.run(cmd, env=self.env, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=300)
+        if proc.returncode != expect:
+            raise Failure(f"{' '.join(args)}: exit {proc.returncode}, expected {expect}\n"
+                          f"stdout: {proc.stdout}\nstderr: {proc.stderr}")
+        if json_out and expect == 0:
+            return json.loads(proc.stdout)
+        return proc
+
+
+def banner(port, timeout=90):
+    """The guest's one-line answer on the forwarded ADB port, as a dict."""
+    deadline = time.time() + timeout
+    last = None
+    while time.time() < deadline:
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=2) as s:
+                s.settimeout(3)
+                data = s.recv(4096).decode()
+                if data.startswith("HALVISTROM-DEMO"):
+                    fields = dict(f.split("=", 1) for f in data.split()[1:])
+                    return fields
+                last = repr(data)
+        except OSError as error:
+            last = str(error)
+        time.sleep(0.5)
+    raise Failure(f"no banner on 127.0.0.1:{port} within {timeout} s (last: {last})")
+
+
+def check(condition, message):
+    if not condition:
+        raise Failure(message)
+
+
+def device(env, name):
+    return env.run("device", "show", name, json_out=True)
+
+
+def start(env, name, *extra):
+    began = time.time()
+    info = env.run("device", "start", name, "--wait", "120", *extra, json_out=True)
+    fields = banner(info["qmp_port"] - 23555 + ADB_BASE)
+    return info, fields, time.time() - began
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--hvtool", required=True)
+    parser.add_argument("--image-dir", required=True)
+    parser.add_argument("--demo-image", required=True, help="the script that makes the demo image")
+    args = parser.parse_args()
+
+    subprocess.run([args.demo_image, args.image_dir], check=True, stdout=subprocess.DEVNULL)
+    home = tempfile.mkdtemp(prefix="hv-e2e-")
+    env = Env(args.hvtool, home)
+    held = []
+    started = time.time()
+    try:
+        steps(env, args.image_dir, held)
+    finally:
+        for s in held:
+            s.close()
+        listing = subprocess.run([args.hvtool, "device", "list", "--format", "json"], env=env.env,
+                                 capture_output=True, text=True)
+        try:
+            for d in json.loads(listing.stdout or "[]"):
+                if d["status"] == "On":
+                    subprocess.run([args.hvtool, "device", "stop", d["name"], "--force"], env=env.env,
+                                   capture_output=True)
+        finally:
+            shutil.rmtree(home, ignore_errors=True)
+    print(f"e2e: all steps passed in {time.time() - started:.1f} s")
+    for key, value in env.timings.items():
+        print(f"e2e: {key}: {value:.2f} s")
+
+
+def steps(env, image_dir, held):
+    image11 = env.run("image", "add", os.path.join(image_dir, "demo-android-11.0.json"), json_out=True)["uuid"]
+    image71 = env.run("image", "add", os.path.join(image_dir, "demo-android-7.1.json"), json_out=True)["uuid"]
+    env.run("profile", "create", "e2e", "--cpus", "1", "--ram", "512", "--data-disk", "64")
+
+    # 1. Create; start cold: the banner arrives at 6555 + offset; counter 1.
+    env.run("device", "create", "pixel", "--image", image11, "--profile", "e2e")
+    info, cold, env.timings["cold boot to banner"] = start(env, "pixel", "--cold")
+    check(info["boot"] == "cold", f"first start should be cold: {info}")
+    check(info["port_offset"] == 0, f"first device should get offset 0: {info}")
+    check(cold["boot_count"] == "1", f"counter after the first boot: {cold}")
+    print("e2e: 1 cold start ok", cold)
+
+    # 2. Stop with save, then start: the guest resumed.
+    env.run("device", "stop", "pixel")
+    check(device(env, "pixel")["latest_snapshot"], "stop should have saved 'latest'")
+    info, warm, env.timings["quick-boot resume to banner"] = start(env, "pixel")
+    check(info["boot"] == "resumed", f"second start should resume: {info}")
+    check(warm["boot_id"] == cold["boot_id"] and warm["boot_count"] == "1", f"not resumed: {cold} vs {warm}")
+    print("e2e: 2 resume ok", warm)
+
+    # 3. start --cold: a new boot id and counter 2.
+    env.run("device", "stop", "pixel", "--no-save")
+    info, cold2, _ = start(env, "pixel", "--cold")
+    check(info["boot"] == "cold", f"--cold should boot cold: {info}")
+    check(cold2["boot_id"] != cold["boot_id"] and cold2["boot_count"] == "2", f"second cold boot: {cold2}")
+    print("e2e: 3 cold restart ok", cold2)
+
+    # 4. Clone while the source runs; both run at once on their own ports.
+    env.run("device", "clone", "pixel", "pixel-2")
+    info2, clone, _ = start(env, "pixel-2", "--cold")
+    check(info2["port_offset"] == 7, f"the clone should get offset 7: {info2}")
+    check(clone["boot_id"] != cold2["boot_id"], "the clone should be its own guest")
+    check(banner(ADB_BASE)["boot_id"] == cold2["boot_id"], "the source should still answer on its own port")
+    check(device(env, "pixel")["status"] == "On" and device(env, "pixel-2")["status"] == "On", "both should run")
+    check(device(env, "pixel-2")["uuid"] != device(env, "pixel")["uuid"], "the clone needs its own uuid")
+    print("e2e: 4 clone ok", clone)
+
+    # 5. Reset the stopped source: the next cold start counts 1 again.
+    env.run("device", "stop", "pixel-2", "--no-save")
+    env.run("device", "stop", "pixel", "--no-save")
+    env.run("device", "reset", "pixel", "--yes")
+    _, after_reset, _ = start(env, "pixel", "--cold")
+    check(after_reset["boot_count"] == "1", f"counter after reset: {after_reset}")
+    print("e2e: 5 reset ok", after_reset)
+
+    # 6. SIGKILL the emulator: listed as Off, and the next start works.
+    pid = int(open(os.path.join(device(env, "pixel")["path"], "qemu.lock")).read().split("pid=")[1].split()[0])
+    os.kill(pid, signal.SIGKILL)
+    deadline = time.time() + 10
+    while time.time() < deadline and os.path.exists(f"/proc/{pid}") and \
+            open(f"/proc/{pid}/stat").read().split()[2] != "Z":
+        time.sleep(0.1)
+    listed = {d["name"]: d for d in env.run("device", "list", json_out=True)}
+    check(listed["pixel"]["status"] == "Off", f"a killed device should list as Off: {listed['pixel']}")
+    _, after_kill, _ = start(env, "pixel", "--cold")
+    check(after_kill["boot_count"] == "2", f"start after kill: {after_kill}")
+    print("e2e: 6 stale lock ok", after_kill)
+
+    # 8. Error paths, while "pixel" runs.
+    env.run("device", "create", "pixel", "--image", image11, "--profile", "e2e", expect=4)
+    env.run("device", "start", "nosuch", expect=3)
+    not_ova = os.path.join(env.env["HV_HOME"], "not-an.ova")
+    with open(not_ova, "w") as f:
+        f.write("this is not a tar archive\n" * 40)
+    proc = env.run("image", "add", not_ova, "--android", "11.0", expect=1)
+    check("not an OVA" in proc.stderr, f"image add of a non-OVA: {proc.stderr}")
+    proc = env.run("device", "delete", "pixel", "--yes", expect=4)
+    check("device 'pixel' is running; stop it first" in proc.stderr, proc.stderr)
+    for offset in range(0, 700, 7):
+        s = socket.socket()
+        try:
+            s.bind(("127.0.0.1", ADB_BASE + offset))
+            s.listen(1)
+            held.append(s)
+        except OSError:
+            s.close()
+    proc = env.run("device", "start", "pixel-2", expect=1)
+    check("port" in proc.stderr, f"every offset taken: {proc.stderr}")
+    for s in held:
+        s.close()
+    held.clear()
+    print("e2e: 8 error paths ok")
+
+    # 7. Quick boot with IDE disks (the Android 7.1 record).
+    env.run("device", "create", "legacy", "--image", image71, "--profile", "e2e")
+    _, legacy_cold, _ = start(env, "legacy", "--cold")
+    env.run("device", "stop", "legacy")
+    info, legacy_warm, _ = start(env, "legacy")
+    check(info["boot"] == "resumed" and legacy_warm["boot_id"] == legacy_cold["boot_id"],
+          f"IDE quick boot: {legacy_cold} vs {legacy_warm}")
+    env.run("device", "stop", "legacy", "--no-save")
+    print("e2e: 7 IDE quick boot ok")
+
+    # 9. Delete: the directory is gone and the list no longer shows it.
+    env.run("device", "stop", "pixel", "--no-save")
+    path = device(env, "pixel")["path"]
+    env.run("device", "delete", "pixel", "--yes")
+    check(not os.path.exists(path), "the device directory should be gone")
+    names = [d["name"] for d in env.run("device", "list", json_out=True)]
+    check("pixel" not in names and "pixel-2" in names, f"list after delete: {names}")
+    print("e2e: 9 delete ok")
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except Failure as failure:
+        print(f"e2e: FAILED: {failure}", file=sys.stderr)
+        sys.exit(1)

@@ -1,0 +1,216 @@
+// hvtool's command contract, run as a user runs it: the real binary, its
+// exit codes, its stdout and stderr.
+#include "TestEnvironment.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Run {
+    int code = -1;
+    QString out;
+    QString err;
+    QJsonDocument json() const { return QJsonDocument::fromJson(out.toUtf8()); }
+};
+
+Run hvtool(const QStringList &args)
+{
+    QProcess p;
+    p.setStandardInputFile(QProcess::nullDevice());
+    p.start(hvtest::helperPath("hvtool"), args);
+    EXPECT_TRUE(p.waitForFinished(60000));
+    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
+}
+
+struct CliCase {
+    const char *name;
+    QStringList args;
+    int code;
+    const char *stdoutHas;
+    const char *stderrHas;
+};
+
+class HvtoolContract : public ::testing::TestWithParam<CliCase>
+{
+};
+
+TEST_P(HvtoolContract, exitCodeAndMessage)
+{
+    const CliCase &c = GetParam();
+    const Run r = hvtool(c.args);
+    EXPECT_EQ(r.code, c.code) << r.err.toStdString();
+    EXPECT_TRUE(r.out.contains(QString::fromUtf8(c.stdoutHas))) << r.out.toStdString();
+    EXPECT_TRUE(r.err.contains(QString::fromUtf8(c.stderrHas))) << r.err.toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLine, HvtoolContract,
+    ::testing::Values(
+        CliCase{"noCommand", {}, 2, "", "hvtool: missing command"},
+        CliCase{"unknownNoun", {"frobnicate"}, 2, "", "hvtool: unknown command 'frobnicate'"},
+        CliCase{"unknownVerb", {"device", "explode"}, 2, "", "hvtool: unknown command 'device explode'"},
+        CliCase{"nounAlone", {"device"}, 2, "", "hvtool device start NAME [--cold] [--wait SECONDS]"},
+        CliCase{"nounHelp", {"device", "snapshot", "--help"}, 0, "hvtool device snapshot save NAME SNAPSHOT", ""},
+        CliCase{"topHelpListsExitCodes", {"--help"}, 0, "  3  the named device, image, profile or snapshot", ""},
+        CliCase{"verbHelp", {"device", "start", "--help"}, 0, "Usage: hvtool device start NAME [--cold] [--wait SECONDS]",
+                ""},
+        CliCase{"badFormat", {"--format", "xml", "device", "list"}, 2, "", "hvtool: unknown format 'xml'"},
+        CliCase{"missingArgument", {"device", "start"}, 2, "", "hvtool: missing argument: NAME"},
+        CliCase{"extraArgument", {"device", "start", "a", "b"}, 2, "", "hvtool: unexpected argument 'b'"},
+        CliCase{"unknownOption", {"device", "list", "--colour"}, 2, "", "Unknown option 'colour'"},
+        CliCase{"unknownDevice", {"device", "start", "nosuch"}, 3, "", "hvtool: device 'nosuch' does not exist"},
+        CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "",
+                "device 'nosuch' does not exist"},
+        CliCase{"deleteUnknown", {"device", "delete", "nosuch", "--yes"}, 3, "", "device 'nosuch' does not exist"},
+        CliCase{"badDeviceName", {"device", "create", "../evil", "--image", "x", "--profile", "y"}, 2, "",
+                "'../evil' is not a valid device name"},
+        CliCase{"unknownSetting", {"settings", "get", "no.such.key"}, 3, "",
+                "setting 'no.such.key' is not set and has no default"},
+        CliCase{"unknownProfile", {"profile", "show", "nosuch"}, 3, "", "profile 'nosuch' does not exist"},
+        CliCase{"badDisplay", {"profile", "create", "p", "--display", "big"}, 2, "",
+                "--display needs WIDTHxHEIGHT@DPI"},
+        CliCase{"badFormFactor", {"profile", "create", "p", "--form-factor", "toaster"}, 2, "",
+                "unknown form factor 'toaster'"},
+        CliCase{"tooLittleRam", {"profile", "create", "p", "--ram", "12"}, 2, "",
+                "--ram needs a whole number of at least 256, not '12'"},
+        CliCase{"missingImageFile", {"image", "add", "/nonexistent.ova"}, 3, "",
+                "file '/nonexistent.ova' does not exist"},
+        CliCase{"versionFlag", {"--version"}, 0, "libhalvistrom-core 3.8.0", ""}),
+    [](const ::testing::TestParamInfo<CliCase> &info) { return std::string(info.param.name); });
+
+TEST(HvtoolSettings, setGetResetRoundTrip)
+{
+    EXPECT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}).code, 0);
+    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
+    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom", "--format", "json"}).json().object().value("ui.zoom").toDouble(),
+              1.5);
+    EXPECT_EQ(hvtool({"settings", "set", "player.name", "my phone"}).code, 0);
+    const Run list = hvtool({"settings", "list", "--format", "json"});
+    EXPECT_EQ(list.json().object().value("player.name").toString(), "my phone");
+    EXPECT_EQ(hvtool({"settings", "reset", "ui.zoom"}).code, 0);
+    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).code, 3);
+}
+
+TEST(HvtoolProfiles, createListShowDelete)
+{
+    const Run created = hvtool({"profile", "create", "Pocket", "--form-factor", "tablet", "--cpus", "2", "--ram",
+                                "1024", "--display", "1080x1920@420", "--format", "json"});
+    ASSERT_EQ(created.code, 0) << created.err.toStdString();
+    const QJsonObject profile = created.json().object();
+    EXPECT_EQ(profile.value("form_factor").toString(), "TABLET");
+    EXPECT_EQ(profile.value("cpu_count").toInt(), 2);
+    EXPECT_EQ(profile.value("ram_size").toInt(), 1024);
+
+    const Run again = hvtool({"profile", "create", "Pocket"});
+    EXPECT_EQ(again.code, 4);
+    EXPECT_TRUE(again.err.contains("profile 'Pocket' already exists")) << again.err.toStdString();
+
+    const Run list = hvtool({"profile", "list"});
+    EXPECT_TRUE(list.out.contains("1080x1920@420")) << list.out.toStdString();
+    const Run shown = hvtool({"profile", "show", "Pocket", "--format", "json"});
+    EXPECT_EQ(shown.json().object().value("uuid"), profile.value("uuid"));
+
+    EXPECT_EQ(hvtool({"profile", "delete", "Pocket"}).code, 0);
+    EXPECT_EQ(hvtool({"profile", "show", "Pocket"}).code, 3);
+}
+
+class HvtoolImages : public ::testing::Test
+{
+protected:
+    QString makeTar(const QString &name, const QStringList &members)
+    {
+        const QString dir = hvtest::testRoot() + "/ova-src-" + name;
+        QDir().mkpath(dir);
+        for (const QString &member : members) {
+            QFile f(dir + "/" + member);
+            EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+            f.write(QByteArray(3000, member.at(0).toLatin1()));
+        }
+        const QString tar = hvtest::testRoot() + "/" + name;
+        QProcess p;
+        p.start("tar", QStringList{"--format=ustar", "-cf", tar, "-C", dir} + members);
+        EXPECT_TRUE(p.waitForFinished(30000));
+        EXPECT_EQ(p.exitCode(), 0);
+        return tar;
+    }
+};
+
+TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
+{
+    const QString ova = makeTar("good.ova", {"system.vmdk", "data.vmdk", "device.ovf"});
+    const Run added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"});
+    ASSERT_EQ(added.code, 0) << added.err.toStdString();
+    const QJsonObject record = added.json().object();
+
+    QFile file(ova);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray content = file.readAll();
+    EXPECT_EQ(record.value("image_hash").toString(),
+              QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex()));
+    EXPECT_EQ(record.value("image_size_bytes").toDouble(), double(content.size()));
+    EXPECT_EQ(record.value("arch").toString(), "x86_64");
+    EXPECT_EQ(record.value("sdk_version").toInt(), 30);
+    EXPECT_EQ(QUrl(record.value("image_uri").toString()).toLocalFile(), ova);
+
+    const Run legacy = hvtool({"image", "add", ova, "--android", "7.1", "--name", "Old", "--format", "json"});
+    ASSERT_EQ(legacy.code, 0) << legacy.err.toStdString();
+    EXPECT_EQ(legacy.json().object().value("arch").toString(), "x86");
+    EXPECT_EQ(legacy.json().object().value("sdk_version").toInt(), 25);
+
+    const Run list = hvtool({"image", "list", "--format", "json"});
+    EXPECT_EQ(list.json().array().size(), 2);
+    EXPECT_EQ(hvtool({"image", "show", "Old"}).code, 0);
+    EXPECT_EQ(hvtool({"image", "remove", "Old"}).code, 0);
+    EXPECT_EQ(hvtool({"image", "show", "Old"}).code, 3);
+}
+
+TEST_F(HvtoolImages, refusesFilesThatAreNotDeviceOvas)
+{
+    const QString text = hvtest::testRoot() + "/text.ova";
+    QFile f(text);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QByteArray(2048, 'x'));
+    f.close();
+    Run r = hvtool({"image", "add", text, "--android", "11.0"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(r.err.contains("is not an OVA archive")) << r.err.toStdString();
+
+    const QString noDisks = makeTar("nodisks.ova", {"readme.txt"});
+    r = hvtool({"image", "add", noDisks, "--android", "11.0"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(r.err.contains("is not an OVA archive of a device image: it has no system.vmdk")) << r.err.toStdString();
+
+    r = hvtool({"image", "add", noDisks});
+    EXPECT_EQ(r.code, 2);
+    EXPECT_TRUE(r.err.contains("an OVA needs --android VERSION")) << r.err.toStdString();
+    EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), 0);
+}
+
+TEST(HvtoolDoctor, reportsEveryCheck)
+{
+    const Run r = hvtool({"doctor", "--format", "json"});
+    EXPECT_TRUE(r.code == 0 || r.code == 1) << r.err.toStdString();
+    QStringList names;
+    for (const QJsonValue &check : r.json().array()) {
+        names << check.toObject().value("check").toString();
+        EXPECT_TRUE(QStringList({"ok", "warn", "fail"}).contains(check.toObject().value("result").toString()));
+    }
+    EXPECT_EQ(names, (QStringList{"qemu-installed", "qemu-version", "plugin", "cpu-virtualisation", "kvm-device",
+                                  "kvm-runs-guest", "devices-directory"}));
+    for (const QJsonValue &check : r.json().array()) {
+        const QJsonObject c = check.toObject();
+        if (c.value("check") == "plugin" || c.value("check") == "qemu-installed")
+            EXPECT_EQ(c.value("result").toString(), "ok") << c.value("detail").toString().toStdString();
+    }
+}
+
+} // namespace
