@@ -158,13 +158,13 @@ TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
               QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex()));
     EXPECT_EQ(record.value("image_size_bytes").toDouble(), double(content.size()));
     EXPECT_EQ(record.value("arch").toString(), "x86_64");
-    EXPECT_EQ(record.value("sdk_version").toInt(), 30);
+    EXPECT_EQ(record.value("os_version").toObject().value("sdk_version").toInt(), 30);
     EXPECT_EQ(QUrl(record.value("image_uri").toString()).toLocalFile(), ova);
 
     const Run legacy = hvtool({"image", "add", ova, "--android", "7.1", "--name", "Old", "--format", "json"});
     ASSERT_EQ(legacy.code, 0) << legacy.err.toStdString();
     EXPECT_EQ(legacy.json().object().value("arch").toString(), "x86");
-    EXPECT_EQ(legacy.json().object().value("sdk_version").toInt(), 25);
+    EXPECT_EQ(legacy.json().object().value("os_version").toObject().value("sdk_version").toInt(), 25);
 
     const Run list = hvtool({"image", "list", "--format", "json"});
     EXPECT_EQ(list.json().array().size(), 2);
