@@ -8,6 +8,7 @@
 #include "Settings.h"
 #include "VMToolsEngine.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
