@@ -20,8 +20,8 @@ QStringList jsonFiles(const QString &dir)
     return files;
 }
 
-template<typename T, typename NameOf, typename Load>
-bool find(const QList<Stored<T>> &all, const QString &id, Stored<T> *found, bool *ambiguous, NameOf nameOf,
+template<typename T, typename NameMatches, typename Load>
+bool find(const QList<Stored<T>> &all, const QString &id, Stored<T> *found, bool *ambiguous, NameMatches nameMatches,
           Load loadFile)
 {
     if (ambiguous)
@@ -34,7 +34,7 @@ bool find(const QList<Stored<T>> &all, const QString &id, Stored<T> *found, bool
     }
     int matches = 0;
     for (const Stored<T> &entry : all) {
-        if (nameOf(entry.value) == id) {
+        if (nameMatches(entry.value, id)) {
             if (matches++ == 0)
                 *found = entry;
         }
@@ -91,14 +91,17 @@ QList<Stored<OsImage>> images()
 bool findProfile(const QString &id, Stored<HwProfile> *found, bool *ambiguous)
 {
     return find(
-        profiles(), id, found, ambiguous, [](const HwProfile &p) { return p.getName(); },
+        profiles(), id, found, ambiguous,
+        // A profile answers to its full name ("ACME Pocket") and to the
+        // model name it was created with ("Pocket").
+        [](const HwProfile &p, const QString &name) { return p.getName() == name || p.getModel() == name; },
         [](const QString &path) { return HwProfileIO::load(path); });
 }
 
 bool findImage(const QString &id, Stored<OsImage> *found, bool *ambiguous)
 {
     return find(
-        images(), id, found, ambiguous, [](const OsImage &i) { return i.name; },
+        images(), id, found, ambiguous, [](const OsImage &i, const QString &name) { return i.name == name; },
         [](const QString &path) { return OsImageIO::loadFromFile(path, HwProfile::Source::USER); });
 }
 

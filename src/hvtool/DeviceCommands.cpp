@@ -194,12 +194,12 @@ int show(Context &ctx)
         ctx.printJson(object);
         return Success;
     }
-    for (const QString &key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_port", "port_offset",
+    for (const char *key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_port", "port_offset",
                                "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
         const QJsonValue value = object.value(key);
         QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
                                       : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
-        ctx.print(QStringLiteral("%1 %2").arg(key + QLatin1Char(':'), -17).arg(text));
+        ctx.print(QStringLiteral("%1 %2").arg(QString::fromLatin1(key) + QLatin1Char(':'), -17).arg(text));
     }
     ctx.print(QStringLiteral("%1 %2").arg("size_on_disk:", -17).arg(sizeText(machine->getSizeOnDisk())));
     ctx.print(QStringLiteral("%1 %2").arg("hardware:", -17).arg(machine->getHwProfile().getName()));

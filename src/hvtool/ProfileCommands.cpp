@@ -130,10 +130,10 @@ int create(Context &ctx)
     }
     profile.displaySettings.displays = {display};
 
-    for (const auto &entry : Catalog::profiles()) {
-        if (entry.value.getName() == profile.getName())
-            return ctx.fail(Conflict, QStringLiteral("profile '%1' already exists").arg(profile.getName()));
-    }
+    Stored<HwProfile> existing;
+    bool ambiguous = false;
+    if (Catalog::findProfile(ctx.arg(0), &existing, &ambiguous) || ambiguous)
+        return ctx.fail(Conflict, QStringLiteral("profile '%1' already exists").arg(ctx.arg(0)));
     if (!HwProfileIO::save(profile, Paths::getUserHwProfilePath()))
         return ctx.fail(Failed, QStringLiteral("could not save profile '%1'").arg(profile.getName()));
 

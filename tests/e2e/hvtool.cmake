@@ -5,5 +5,5 @@ if(TARGET hvtool)
         --hvtool $<TARGET_FILE:hvtool>
         --image-dir ${CMAKE_BINARY_DIR}/demo-image
         --demo-image ${PROJECT_SOURCE_DIR}/scripts/demo-image)
-    set_tests_properties(hvtool_e2e PROPERTIES TIMEOUT 900 LABELS e2e RUN_SERIAL TRUE)
+    set_tests_properties(hvtool_e2e PROPERTIES TIMEOUT 900 LABELS e2e RUN_SERIAL TRUE FIXTURES_REQUIRED demo_image)
 endif()

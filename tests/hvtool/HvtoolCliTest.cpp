@@ -15,14 +15,14 @@
 
 namespace {
 
-struct Run {
+struct CliResult {
     int code = -1;
     QString out;
     QString err;
     QJsonDocument json() const { return QJsonDocument::fromJson(out.toUtf8()); }
 };
 
-Run hvtool(const QStringList &args)
+CliResult hvtool(const QStringList &args)
 {
     QProcess p;
     p.setStandardInputFile(QProcess::nullDevice());
@@ -46,7 +46,7 @@ class HvtoolContract : public ::testing::TestWithParam<CliCase>
 TEST_P(HvtoolContract, exitCodeAndMessage)
 {
     const CliCase &c = GetParam();
-    const Run r = hvtool(c.args);
+    const CliResult r = hvtool(c.args);
     EXPECT_EQ(r.code, c.code) << r.err.toStdString();
     EXPECT_TRUE(r.out.contains(QString::fromUtf8(c.stdoutHas))) << r.out.toStdString();
     EXPECT_TRUE(r.err.contains(QString::fromUtf8(c.stderrHas))) << r.err.toStdString();
@@ -94,7 +94,7 @@ TEST(HvtoolSettings, setGetResetRoundTrip)
     EXPECT_EQ(hvtool({"settings", "get", "ui.zoom", "--format", "json"}).json().object().value("ui.zoom").toDouble(),
               1.5);
     EXPECT_EQ(hvtool({"settings", "set", "player.name", "my phone"}).code, 0);
-    const Run list = hvtool({"settings", "list", "--format", "json"});
+    const CliResult list = hvtool({"settings", "list", "--format", "json"});
     EXPECT_EQ(list.json().object().value("player.name").toString(), "my phone");
     EXPECT_EQ(hvtool({"settings", "reset", "ui.zoom"}).code, 0);
     EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).code, 3);
@@ -102,7 +102,7 @@ TEST(HvtoolSettings, setGetResetRoundTrip)
 
 TEST(HvtoolProfiles, createListShowDelete)
 {
-    const Run created = hvtool({"profile", "create", "Pocket", "--form-factor", "tablet", "--cpus", "2", "--ram",
+    const CliResult created = hvtool({"profile", "create", "Pocket", "--form-factor", "tablet", "--cpus", "2", "--ram",
                                 "1024", "--display", "1080x1920@420", "--format", "json"});
     ASSERT_EQ(created.code, 0) << created.err.toStdString();
     const QJsonObject profile = created.json().object();
@@ -110,13 +110,13 @@ TEST(HvtoolProfiles, createListShowDelete)
     EXPECT_EQ(profile.value("cpu_count").toInt(), 2);
     EXPECT_EQ(profile.value("ram_size").toInt(), 1024);
 
-    const Run again = hvtool({"profile", "create", "Pocket"});
+    const CliResult again = hvtool({"profile", "create", "Pocket"});
     EXPECT_EQ(again.code, 4);
     EXPECT_TRUE(again.err.contains("profile 'Pocket' already exists")) << again.err.toStdString();
 
-    const Run list = hvtool({"profile", "list"});
+    const CliResult list = hvtool({"profile", "list"});
     EXPECT_TRUE(list.out.contains("1080x1920@420")) << list.out.toStdString();
-    const Run shown = hvtool({"profile", "show", "Pocket", "--format", "json"});
+    const CliResult shown = hvtool({"profile", "show", "Pocket", "--format", "json"});
     EXPECT_EQ(shown.json().object().value("uuid"), profile.value("uuid"));
 
     EXPECT_EQ(hvtool({"profile", "delete", "Pocket"}).code, 0);
@@ -147,7 +147,7 @@ protected:
 TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
 {
     const QString ova = makeTar("good.ova", {"system.vmdk", "data.vmdk", "device.ovf"});
-    const Run added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"});
+    const CliResult added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"});
     ASSERT_EQ(added.code, 0) << added.err.toStdString();
     const QJsonObject record = added.json().object();
 
@@ -161,12 +161,12 @@ TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
     EXPECT_EQ(record.value("os_version").toObject().value("sdk_version").toInt(), 30);
     EXPECT_EQ(QUrl(record.value("image_uri").toString()).toLocalFile(), ova);
 
-    const Run legacy = hvtool({"image", "add", ova, "--android", "7.1", "--name", "Old", "--format", "json"});
+    const CliResult legacy = hvtool({"image", "add", ova, "--android", "7.1", "--name", "Old", "--format", "json"});
     ASSERT_EQ(legacy.code, 0) << legacy.err.toStdString();
     EXPECT_EQ(legacy.json().object().value("arch").toString(), "x86");
     EXPECT_EQ(legacy.json().object().value("os_version").toObject().value("sdk_version").toInt(), 25);
 
-    const Run list = hvtool({"image", "list", "--format", "json"});
+    const CliResult list = hvtool({"image", "list", "--format", "json"});
     EXPECT_EQ(list.json().array().size(), 2);
     EXPECT_EQ(hvtool({"image", "show", "Old"}).code, 0);
     EXPECT_EQ(hvtool({"image", "remove", "Old"}).code, 0);
@@ -175,12 +175,13 @@ TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
 
 TEST_F(HvtoolImages, refusesFilesThatAreNotDeviceOvas)
 {
+    const int before = hvtool({"image", "list", "--format", "json"}).json().array().size();
     const QString text = hvtest::testRoot() + "/text.ova";
     QFile f(text);
     ASSERT_TRUE(f.open(QIODevice::WriteOnly));
     f.write(QByteArray(2048, 'x'));
     f.close();
-    Run r = hvtool({"image", "add", text, "--android", "11.0"});
+    CliResult r = hvtool({"image", "add", text, "--android", "11.0"});
     EXPECT_EQ(r.code, 1);
     EXPECT_TRUE(r.err.contains("is not an OVA archive")) << r.err.toStdString();
 
@@ -192,12 +193,12 @@ TEST_F(HvtoolImages, refusesFilesThatAreNotDeviceOvas)
     r = hvtool({"image", "add", noDisks});
     EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(r.err.contains("an OVA needs --android VERSION")) << r.err.toStdString();
-    EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), 0);
+    EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), before);
 }
 
 TEST(HvtoolDoctor, reportsEveryCheck)
 {
-    const Run r = hvtool({"doctor", "--format", "json"});
+    const CliResult r = hvtool({"doctor", "--format", "json"});
     EXPECT_TRUE(r.code == 0 || r.code == 1) << r.err.toStdString();
     QStringList names;
     for (const QJsonValue &check : r.json().array()) {
@@ -208,8 +209,9 @@ TEST(HvtoolDoctor, reportsEveryCheck)
                                   "kvm-runs-guest", "devices-directory"}));
     for (const QJsonValue &check : r.json().array()) {
         const QJsonObject c = check.toObject();
-        if (c.value("check") == "plugin" || c.value("check") == "qemu-installed")
+        if (c.value("check") == "plugin" || c.value("check") == "qemu-installed") {
             EXPECT_EQ(c.value("result").toString(), "ok") << c.value("detail").toString().toStdString();
+        }
     }
 }
 
