@@ -33,7 +33,7 @@ TEST(Qcow2SnapshotTable, readsTheNamesQemuImgWrote)
     EXPECT_TRUE(names.isEmpty());
 
     // Names of different lengths exercise the eight-byte entry padding.
-    for (const QString &name : {"latest", "a", "before_update_2", "x1234567"})
+    for (const char *name : {"latest", "a", "before_update_2", "x1234567"})
         run({"snapshot", "-c", name, disk});
     run({"snapshot", "-d", "a", disk});
     ASSERT_TRUE(hvtool::readQcow2SnapshotNames(disk, &names, &error)) << error.toStdString();
