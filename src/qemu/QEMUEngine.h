@@ -2,6 +2,7 @@
 
 #include "VMToolsEngine.h"
 
+#include <QFileInfo>
 #include <QString>
 
 /// The engine that runs devices with the QEMU emulator. It finds
@@ -39,8 +40,11 @@ public:
     bool isSnapshotSupported() const override;
     bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
     int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
+    /// Copies an image; an existing destination is never overwritten.
     bool copyDisk(const QString &source, const QString &destination) const override;
+    /// Removes an image; true when none is left at the path.
     bool deleteDisk(const QString &path) const override;
+    /// Resizes the image at path to size MiB; false, silently, when there is no image.
     bool resizeDisk(const QString &path, long long size) const override;
     QString getDataDiskName() const override;
     QString getSDCardDiskName() const override;
@@ -61,12 +65,31 @@ public:
     /// Reads the version text by running the emulator with "--version".
     void initVersionString();
 
+    /// Creates target as a qcow2 overlay of the qcow2 image backing; true
+    /// when the tool finished successfully and the target exists.
+    bool createDisk(const QFileInfo &backing, const QFileInfo &target) const;
+    /// Converts source into the qcow2 image target. The source is removed
+    /// only once the tool has finished successfully and the target exists.
+    bool convertDisk(const QFileInfo &source, const QFileInfo &target) const;
+    /// Creates the SD card image (getSDCardDiskName()) of sizeMiB MiB in directory.
+    bool createSDCard(const QString &directory, long long sizeMiB) const;
+    /// Deletes the snapshot from one image.
+    bool deleteSnapshot(const QFileInfo &disk, const QString &name) const;
+    using VMToolsEngine::deleteSnapshot;
+
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
     /// "share/qemu" beside the binaries' directory.
     QString getFirmwareDirPath() const;
 
 protected:
+    /// The snapshots of "system.qcow2" in the device directory whose names are
+    /// made of letters, digits and underscores; empty when they cannot be listed.
+    QStringList snapshotNamesIn(const QString &deviceDirectory) const;
+    /// Deletes the snapshot from the device's system disk and, only when that
+    /// worked, from its data disk and SD card. True when there is no such snapshot.
+    bool deleteSnapshotIn(const QString &deviceDirectory, const QString &name) const;
+
     QString m_versionString;
     QString m_qemuSystemBinaryPath;
     QString m_qemuImgBinaryPath;

@@ -75,21 +75,3 @@ int QEMUEngine::cloneMachine(VMToolsMachine *, const QString &)
     notAvailable("cloneMachine");
     return 1;
 }
-
-bool QEMUEngine::copyDisk(const QString &, const QString &) const
-{
-    notAvailable("copyDisk");
-    return false;
-}
-
-bool QEMUEngine::deleteDisk(const QString &) const
-{
-    notAvailable("deleteDisk");
-    return false;
-}
-
-bool QEMUEngine::resizeDisk(const QString &, long long) const
-{
-    notAvailable("resizeDisk");
-    return false;
-}
