@@ -38,6 +38,12 @@ public:
     /// True unless the "hypervhaxmerror" trigger is active; the host is not probed.
     bool isAccelerationSupported() const override;
     bool isSnapshotSupported() const override;
+    /// The snapshots of the device's system disk whose names are made of
+    /// letters, digits and underscores; empty when they cannot be listed.
+    QStringList fetchSnapshotNames(const VMToolsMachine *machine) const override;
+    /// Deletes the snapshot from the device's system disk and, only when that
+    /// worked, from its data disk and SD card. True when there is no such snapshot.
+    bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const override;
     bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
     int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
     /// Copies an image; an existing destination is never overwritten.
@@ -75,7 +81,6 @@ public:
     bool createSDCard(const QString &directory, long long sizeMiB) const;
     /// Deletes the snapshot from one image.
     bool deleteSnapshot(const QFileInfo &disk, const QString &name) const;
-    using VMToolsEngine::deleteSnapshot;
 
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
@@ -83,11 +88,8 @@ public:
     QString getFirmwareDirPath() const;
 
 protected:
-    /// The snapshots of "system.qcow2" in the device directory whose names are
-    /// made of letters, digits and underscores; empty when they cannot be listed.
+    /// fetchSnapshotNames() and deleteSnapshot() for a device directory.
     QStringList snapshotNamesIn(const QString &deviceDirectory) const;
-    /// Deletes the snapshot from the device's system disk and, only when that
-    /// worked, from its data disk and SD card. True when there is no such snapshot.
     bool deleteSnapshotIn(const QString &deviceDirectory, const QString &name) const;
 
     QString m_versionString;

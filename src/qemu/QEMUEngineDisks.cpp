@@ -4,6 +4,7 @@
 #include "QEMUEngine.h"
 
 #include "VMToolsCommon.h"
+#include "VMToolsMachine.h"
 
 #include <QDebug>
 #include <QDir>
@@ -130,6 +131,20 @@ bool QEMUEngine::deleteDisk(const QString &path) const
         return false;
     }
     return true;
+}
+
+QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
+{
+    return machine ? snapshotNamesIn(machine->getPath()) : QStringList();
+}
+
+bool QEMUEngine::deleteSnapshot(const VMToolsMachine *machine, const QString &name) const
+{
+    if (!machine) {
+        qWarning() << "[VMTools]" << "Cannot delete snapshot" << name << "of no device";
+        return false;
+    }
+    return deleteSnapshotIn(machine->getPath(), name);
 }
 
 QStringList QEMUEngine::snapshotNamesIn(const QString &deviceDirectory) const

@@ -1,6 +1,7 @@
 #include "QEMUEngine.h"
 
 #include "MessageCapture.h"
+#include "ScopedEnv.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <vector>
 
 using hvtest::MessageCapture;
@@ -26,26 +28,6 @@ class DiskEngine : public QEMUEngine
 public:
     using QEMUEngine::deleteSnapshotIn;
     using QEMUEngine::snapshotNamesIn;
-};
-
-// Sets environment variables for the life of the object.
-class ScopedEnv
-{
-public:
-    ScopedEnv &set(const char *name, const QByteArray &value)
-    {
-        qputenv(name, value);
-        m_names.push_back(name);
-        return *this;
-    }
-    ~ScopedEnv()
-    {
-        for (const char *name : m_names)
-            qunsetenv(name);
-    }
-
-private:
-    std::vector<const char *> m_names;
 };
 
 QString fakeToolDir()
@@ -157,9 +139,8 @@ protected:
     {
         DiskImages::SetUp();
         ASSERT_TRUE(QFile::exists(fakeTool()));
-        m_env.set("HV_FAKE_QEMU_IMG_LOG", runLog().toLocal8Bit());
-        ScopedEnv binDir;
-        binDir.set("HV_QEMU_BIN_DIR", fakeToolDir().toLocal8Bit());
+        setEnv("HV_FAKE_QEMU_IMG_LOG", runLog().toLocal8Bit());
+        hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", fakeToolDir().toLocal8Bit());
         m_engine.reset(new DiskEngine);
         ASSERT_EQ(m_engine->getQemuImgBinaryPath(), fakeTool());
     }
@@ -184,7 +165,12 @@ protected:
         return result;
     }
 
-    ScopedEnv m_env;
+    void setEnv(const char *name, const QByteArray &value)
+    {
+        m_env.push_back(std::make_unique<hvtest::ScopedEnv>(name, value));
+    }
+
+    std::vector<std::unique_ptr<hvtest::ScopedEnv>> m_env;
     std::unique_ptr<DiskEngine> m_engine;
 };
 
@@ -259,7 +245,9 @@ TEST_P(ToolOperations, failsWhenTheToolIsCutOffByTheTimeOut)
 {
     const ToolOperation &operation = GetParam();
     const QByteArray before = readAll(path("source.vmdk"));
-    m_env.set("HV_CALL_TIMEOUT_MS", "300").set("HV_CALL_LONG_TIMEOUT_MS", "300").set("HV_FAKE_QEMU_IMG_DELAY", "20");
+    setEnv("HV_CALL_TIMEOUT_MS", "300");
+    setEnv("HV_CALL_LONG_TIMEOUT_MS", "300");
+    setEnv("HV_FAKE_QEMU_IMG_DELAY", "20");
     MessageCapture cap;
     EXPECT_FALSE(operation.run(*m_engine, m_dir));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Can't run \"%1\"").arg(fakeTool())));
@@ -271,7 +259,9 @@ TEST_P(ToolOperations, failsWhenTheToolIsCutOffByTheTimeOut)
 TEST_P(ToolOperations, waitsForSlowToolsOnlyWithTheLongTimeOut)
 {
     const ToolOperation &operation = GetParam();
-    m_env.set("HV_CALL_TIMEOUT_MS", "200").set("HV_CALL_LONG_TIMEOUT_MS", "60000").set("HV_FAKE_QEMU_IMG_DELAY", "1");
+    setEnv("HV_CALL_TIMEOUT_MS", "200");
+    setEnv("HV_CALL_LONG_TIMEOUT_MS", "60000");
+    setEnv("HV_FAKE_QEMU_IMG_DELAY", "1");
     EXPECT_EQ(operation.run(*m_engine, m_dir), operation.longTimeout);
 }
 
@@ -282,7 +272,8 @@ INSTANTIATE_TEST_SUITE_P(QEMUEngineDisks, ToolOperations, ::testing::ValuesIn(to
 // complete-looking target does not count, the reference disk stays.
 TEST_F(FakeToolDisks, conversionCutOffAfterWritingKeepsTheSource)
 {
-    m_env.set("HV_CALL_LONG_TIMEOUT_MS", "1500").set("HV_FAKE_QEMU_IMG_LINGER", "20");
+    setEnv("HV_CALL_LONG_TIMEOUT_MS", "1500");
+    setEnv("HV_FAKE_QEMU_IMG_LINGER", "20");
     MessageCapture cap;
     EXPECT_FALSE(m_engine->convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(path("converted.qcow2"))));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Can't run \"%1\"").arg(fakeTool())));
@@ -295,7 +286,7 @@ TEST_F(FakeToolDisks, conversionCutOffAfterWritingKeepsTheSource)
 TEST_F(FakeToolDisks, snapshotDeletionStopsWhenTheSystemDiskFails)
 {
     ASSERT_TRUE(addDataAndSdCard());
-    m_env.set("HV_FAKE_QEMU_IMG_FAIL", "-d");
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "-d");
     MessageCapture cap;
     EXPECT_FALSE(m_engine->deleteSnapshotIn(m_dir, QStringLiteral("latest")));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to delete snapshot: \"latest\" \"%1\" . "
@@ -477,6 +468,16 @@ TEST_F(RealToolDisks, listsNoSnapshotsOfADeviceWithoutSystemDisk)
     EXPECT_TRUE(m_engine.snapshotNamesIn(path("empty")).isEmpty());
     EXPECT_TRUE(cap.has(QtCriticalMsg,
                         QStringLiteral("[VMTools] Failed to list snapshots of \"%1\"").arg(path("empty/system.qcow2"))));
+}
+
+TEST_F(RealToolDisks, refusesSnapshotWorkWithoutADevice)
+{
+    MessageCapture cap;
+    EXPECT_TRUE(m_engine.fetchSnapshotNames(nullptr).isEmpty());
+    EXPECT_FALSE(m_engine.deleteSnapshot(static_cast<const VMToolsMachine *>(nullptr), QStringLiteral("latest")));
+    EXPECT_EQ(cap.texts(QtWarningMsg),
+              QStringList{QStringLiteral("[VMTools] Cannot delete snapshot \"latest\" of no device")});
+    EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
 }
 
 TEST_F(RealToolDisks, deletesASnapshotFromEveryDiskOfTheDevice)
