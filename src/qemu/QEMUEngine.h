@@ -88,10 +88,6 @@ public:
     QString getFirmwareDirPath() const;
 
 protected:
-    /// fetchSnapshotNames() and deleteSnapshot() for a device directory.
-    QStringList snapshotNamesIn(const QString &deviceDirectory) const;
-    bool deleteSnapshotIn(const QString &deviceDirectory, const QString &name) const;
-
     QString m_versionString;
     QString m_qemuSystemBinaryPath;
     QString m_qemuImgBinaryPath;

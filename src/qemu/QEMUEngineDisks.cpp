@@ -135,22 +135,10 @@ bool QEMUEngine::deleteDisk(const QString &path) const
 
 QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
 {
-    return machine ? snapshotNamesIn(machine->getPath()) : QStringList();
-}
-
-bool QEMUEngine::deleteSnapshot(const VMToolsMachine *machine, const QString &name) const
-{
-    if (!machine) {
-        qWarning() << "[VMTools]" << "Cannot delete snapshot" << name << "of no device";
-        return false;
-    }
-    return deleteSnapshotIn(machine->getPath(), name);
-}
-
-QStringList QEMUEngine::snapshotNamesIn(const QString &deviceDirectory) const
-{
     QStringList names;
-    const QString disk = diskInDirectory(deviceDirectory, kSystemDiskName);
+    if (!machine)
+        return names;
+    const QString disk = diskInDirectory(machine->getPath(), kSystemDiskName);
     const VMToolsCommon::CallResult result =
         VMToolsCommon::call(m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-l"), disk});
     if (!succeeded(result)) {
@@ -183,10 +171,15 @@ bool QEMUEngine::deleteSnapshot(const QFileInfo &disk, const QString &name) cons
     return true;
 }
 
-bool QEMUEngine::deleteSnapshotIn(const QString &directory, const QString &name) const
+bool QEMUEngine::deleteSnapshot(const VMToolsMachine *machine, const QString &name) const
 {
-    if (!snapshotNamesIn(directory).contains(name))
+    if (!machine) {
+        qWarning() << "[VMTools]" << "Cannot delete snapshot" << name << "of no device";
+        return false;
+    }
+    if (!fetchSnapshotNames(machine).contains(name))
         return true;
+    const QString directory = machine->getPath();
     if (!deleteSnapshot(QFileInfo(diskInDirectory(directory, kSystemDiskName)), name))
         return false;
     // The system disk decides: the device's state is its snapshot. The other

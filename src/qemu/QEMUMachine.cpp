@@ -2,6 +2,7 @@
 
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
+#include "Paths.h"
 #include "VMToolsCommon.h"
 
 #include <QDebug>
@@ -13,6 +14,9 @@
 #include <QThread>
 #include <QUuid>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 
 namespace {
@@ -215,11 +219,31 @@ bool QEMUMachine::setConnectionInfo(const ConnectionInfo &)
 
 bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
 {
-    // Converting the image's reference disk and laying a new overlay over it
-    // are the engine's disk operations, which this engine build does not have.
-    qCritical() << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "to" << image.name
-                << ": disk operations are not available in this engine build";
-    return false;
+    if (!m_engine) {
+        qCritical() << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "without an engine";
+        return false;
+    }
+    const QDir reference(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    const QFileInfo referenceDisk(reference, QStringLiteral("system.qcow2"));
+    if (!referenceDisk.exists()
+        && !m_engine->convertDisk(QFileInfo(reference, QStringLiteral("system.vmdk")), referenceDisk)) {
+        qCritical() << "[VMTools]" << "Failed to get system disk info" << referenceDisk.absoluteFilePath();
+        return false;
+    }
+    // The new overlay is built beside the old disk and replaces it in one
+    // rename, so a failure leaves the device with the disk it had.
+    const QString disk = QDir(getPath()).absoluteFilePath(QStringLiteral("system.qcow2"));
+    const QString upgraded = disk + QStringLiteral(".upgrade");
+    if (!m_engine->deleteDisk(upgraded) || !m_engine->createDisk(referenceDisk, QFileInfo(upgraded))) {
+        qCritical() << "[VMTools]" << "Failed to upgrade the system disk of" << getName();
+        return false;
+    }
+    if (std::rename(QFile::encodeName(upgraded).constData(), QFile::encodeName(disk).constData()) != 0) {
+        qCritical() << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
+        m_engine->deleteDisk(upgraded);
+        return false;
+    }
+    return true;
 }
 
 QString QEMUMachine::getSdCardPath() const
@@ -229,10 +253,10 @@ QString QEMUMachine::getSdCardPath() const
 
 bool QEMUMachine::setSdCardInserted(bool inserted)
 {
-    if (inserted && !QFile::exists(getSdCardPath())) {
-        // Creating the image is the engine's disk operation, which this
-        // engine build does not have: refuse rather than record a card
-        // that the next start could not mount.
+    // A card is recorded as inserted only with an image the next start can
+    // mount.
+    if (inserted && !QFile::exists(getSdCardPath())
+        && (!m_engine || !m_engine->createSDCard(getPath(), getSdCardSize()))) {
         qCritical() << "[VMTools]" << "Cannot insert the SD card of" << getName() << ": no image at"
                     << getSdCardPath();
         return false;

@@ -65,8 +65,11 @@ public:
     ConnectionInfo fetchConnectionInfo() override;
     ConnectionInfo getConnectionInfo() const override;
     bool setConnectionInfo(const ConnectionInfo &info) override;
+    /// Lays a new system disk over the image's reference disk (converted from
+    /// its "system.vmdk" first when needed); the old disk stays on failure.
     bool upgradeSystemDisk(const OsImage &image) const override;
-    /// Inserting needs an SD card image in the device directory.
+    /// Inserting creates the SD card image of getSdCardSize() MiB when there
+    /// is none; without an image the card is not recorded as inserted.
     bool setSdCardInserted(bool inserted) override;
     /// Resizes an existing SD card image, then saves the size.
     bool setSdCardSize(long long size) override;

@@ -1,5 +1,9 @@
 #include "QEMUEngine.h"
 
+#include "OsImageBuilder.h"
+#include "Paths.h"
+#include "QEMUMachine.h"
+
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 
@@ -21,14 +25,6 @@
 using hvtest::MessageCapture;
 
 namespace {
-
-// Opens the device-directory forms of the snapshot operations to the tests.
-class DiskEngine : public QEMUEngine
-{
-public:
-    using QEMUEngine::deleteSnapshotIn;
-    using QEMUEngine::snapshotNamesIn;
-};
 
 QString fakeToolDir()
 {
@@ -141,7 +137,7 @@ protected:
         ASSERT_TRUE(QFile::exists(fakeTool()));
         setEnv("HV_FAKE_QEMU_IMG_LOG", runLog().toLocal8Bit());
         hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", fakeToolDir().toLocal8Bit());
-        m_engine.reset(new DiskEngine);
+        m_engine.reset(new QEMUEngine);
         ASSERT_EQ(m_engine->getQemuImgBinaryPath(), fakeTool());
     }
 
@@ -170,14 +166,23 @@ protected:
         m_env.push_back(std::make_unique<hvtest::ScopedEnv>(name, value));
     }
 
+    // The device of this directory, run by the engine under test.
+    QEMUMachine *device()
+    {
+        if (!m_device)
+            m_device = std::make_unique<QEMUMachine>(m_engine.get(), m_dir);
+        return m_device.get();
+    }
+
     std::vector<std::unique_ptr<hvtest::ScopedEnv>> m_env;
-    std::unique_ptr<DiskEngine> m_engine;
+    std::unique_ptr<QEMUEngine> m_engine;
+    std::unique_ptr<QEMUMachine> m_device;
 };
 
 // One tool-driven operation, run against the device directory.
 struct ToolOperation {
     const char *name;
-    std::function<bool(const DiskEngine &, const QString &dir)> run;
+    std::function<bool(QEMUEngine &, const QString &dir)> run;
     QStringList arguments;
     // The operation's own failure line, "%D" standing for the directory.
     QString failureLine;
@@ -199,29 +204,30 @@ const std::vector<ToolOperation> &toolOperations()
 {
     static const std::vector<ToolOperation> operations = {
         {"createDisk",
-         [](const DiskEngine &e, const QString &d) {
+         [](QEMUEngine &e, const QString &d) {
              return e.createDisk(QFileInfo(in(d, "base.qcow2")), QFileInfo(in(d, "overlay.qcow2")));
          },
          {"create", "-f", "qcow2", "-b", "%D/base.qcow2", "-F", "qcow2", "%D/overlay.qcow2"},
          "[VMTools] Failed to create disk \"%D/overlay.qcow2\" . \"\"", false},
         {"convertDisk",
-         [](const DiskEngine &e, const QString &d) {
+         [](QEMUEngine &e, const QString &d) {
              return e.convertDisk(QFileInfo(in(d, "source.vmdk")), QFileInfo(in(d, "converted.qcow2")));
          },
          {"convert", "-O", "qcow2", "%D/source.vmdk", "%D/converted.qcow2"},
          "[VMTools] Failed to convert \"%D/source.vmdk\" to \"%D/converted.qcow2\" . \"\"", true},
-        {"createSDCard", [](const DiskEngine &e, const QString &d) { return e.createSDCard(d, 64); },
+        {"createSDCard", [](QEMUEngine &e, const QString &d) { return e.createSDCard(d, 64); },
          {"create", "-f", "qcow2", "%D/sdcard.qcow2", "64M"},
          "[VMTools] Failed to create \"%D/sdcard.qcow2\" . \"\"", false},
-        {"resizeDisk", [](const DiskEngine &e, const QString &d) { return e.resizeDisk(in(d, "plain.qcow2"), 48); },
+        {"resizeDisk", [](QEMUEngine &e, const QString &d) { return e.resizeDisk(in(d, "plain.qcow2"), 48); },
          {"resize", "%D/plain.qcow2", "48M"}, "[VMTools] Failed to resize \"%D/plain.qcow2\" . \"\"", true},
         {"snapshotNames",
-         [](const DiskEngine &e, const QString &d) {
-             return e.snapshotNamesIn(d) == QStringList{QStringLiteral("latest")};
+         [](QEMUEngine &e, const QString &d) {
+             QEMUMachine device(&e, d);
+             return e.fetchSnapshotNames(&device) == QStringList{QStringLiteral("latest")};
          },
          {"snapshot", "-l", "%D/system.qcow2"}, "[VMTools] Failed to list snapshots of \"%D/system.qcow2\"", false},
         {"deleteSnapshot",
-         [](const DiskEngine &e, const QString &d) {
+         [](QEMUEngine &e, const QString &d) {
              return e.deleteSnapshot(QFileInfo(in(d, "system.qcow2")), QStringLiteral("latest"));
          },
          {"snapshot", "-d", "latest", "%D/system.qcow2"},
@@ -288,7 +294,7 @@ TEST_F(FakeToolDisks, snapshotDeletionStopsWhenTheSystemDiskFails)
     ASSERT_TRUE(addDataAndSdCard());
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "-d");
     MessageCapture cap;
-    EXPECT_FALSE(m_engine->deleteSnapshotIn(m_dir, QStringLiteral("latest")));
+    EXPECT_FALSE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to delete snapshot: \"latest\" \"%1\" . "
                                                       "\"fake failure\"")
                                            .arg(path("system.qcow2"))));
@@ -302,7 +308,7 @@ TEST_F(FakeToolDisks, snapshotDeletionStopsWhenTheSystemDiskFails)
 TEST_F(FakeToolDisks, snapshotDeletionFollowsTheSystemDiskToDataAndSdCard)
 {
     ASSERT_TRUE(addDataAndSdCard());
-    EXPECT_TRUE(m_engine->deleteSnapshotIn(m_dir, QStringLiteral("latest")));
+    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
     const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
                                          {"snapshot", "-d", "latest", "%D/system.qcow2"},
                                          {"snapshot", "-d", "latest", "%D/data.qcow2"},
@@ -316,8 +322,8 @@ TEST_F(FakeToolDisks, snapshotDeletionSkipsAnAbsentSdCardAndAnUnknownName)
 {
     ASSERT_TRUE(createImage(path("data.qcow2"), 16));
     ASSERT_TRUE(addSnapshot(path("data.qcow2"), QStringLiteral("latest")));
-    EXPECT_TRUE(m_engine->deleteSnapshotIn(m_dir, QStringLiteral("other")));
-    EXPECT_TRUE(m_engine->deleteSnapshotIn(m_dir, QStringLiteral("latest")));
+    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("other")));
+    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
     const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
                                          {"snapshot", "-l", "%D/system.qcow2"},
                                          {"snapshot", "-d", "latest", "%D/system.qcow2"},
@@ -330,7 +336,15 @@ TEST_F(FakeToolDisks, snapshotDeletionSkipsAnAbsentSdCardAndAnUnknownName)
 class RealToolDisks : public DiskImages
 {
 protected:
-    DiskEngine m_engine;
+    QEMUMachine *device()
+    {
+        if (!m_device)
+            m_device = std::make_unique<QEMUMachine>(&m_engine, m_dir);
+        return m_device.get();
+    }
+
+    QEMUEngine m_engine;
+    std::unique_ptr<QEMUMachine> m_device;
 };
 
 TEST_F(RealToolDisks, createsAnOverlayOfTheBackingDisk)
@@ -456,7 +470,7 @@ TEST_F(RealToolDisks, listsSnapshotsWhoseNamesAreWords)
     for (const char *name : {"my-snap", "first_2", "v1.5", "Boot9"})
         ASSERT_TRUE(addSnapshot(path("system.qcow2"), QLatin1String(name)));
     MessageCapture cap;
-    EXPECT_EQ(m_engine.snapshotNamesIn(m_dir), (QStringList{"latest", "first_2", "Boot9"}));
+    EXPECT_EQ(m_engine.fetchSnapshotNames(device()), (QStringList{"latest", "first_2", "Boot9"}));
     for (const char *name : {"latest", "first_2", "Boot9"})
         EXPECT_TRUE(cap.has(QtDebugMsg, QStringLiteral("[VMTools] found snapshot \"%1\"").arg(QLatin1String(name))));
 }
@@ -465,7 +479,8 @@ TEST_F(RealToolDisks, listsNoSnapshotsOfADeviceWithoutSystemDisk)
 {
     ASSERT_TRUE(QDir(m_dir).mkdir(QStringLiteral("empty")));
     MessageCapture cap;
-    EXPECT_TRUE(m_engine.snapshotNamesIn(path("empty")).isEmpty());
+    QEMUMachine empty(&m_engine, path("empty"));
+    EXPECT_TRUE(m_engine.fetchSnapshotNames(&empty).isEmpty());
     EXPECT_TRUE(cap.has(QtCriticalMsg,
                         QStringLiteral("[VMTools] Failed to list snapshots of \"%1\"").arg(path("empty/system.qcow2"))));
 }
@@ -485,9 +500,90 @@ TEST_F(RealToolDisks, deletesASnapshotFromEveryDiskOfTheDevice)
     ASSERT_TRUE(addDataAndSdCard());
     for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
         ASSERT_TRUE(addSnapshot(path(disk), QStringLiteral("keep")));
-    EXPECT_TRUE(m_engine.deleteSnapshotIn(m_dir, QStringLiteral("latest")));
+    EXPECT_TRUE(m_engine.deleteSnapshot(device(), QStringLiteral("latest")));
     for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
         EXPECT_EQ(snapshotsOf(path(disk)), QStringList{QStringLiteral("keep")}) << disk;
+}
+
+// The device's own disk operations go to the engine.
+
+OsImage imageOf(const VersionNumber &imageVersion)
+{
+    OsImage image = OsImageBuilder();
+    image.osVersion = VersionNumber(11, 0);
+    image.imageVersion = imageVersion;
+    return image;
+}
+
+TEST_F(RealToolDisks, insertingAnSdCardCreatesItsImageOfTheRecordedSize)
+{
+    ASSERT_TRUE(device()->setSdCardSize(80));
+    EXPECT_FALSE(QFile::exists(path("sdcard.qcow2")));
+    ASSERT_TRUE(device()->setSdCardInserted(true));
+    EXPECT_TRUE(device()->isSdCardInserted());
+    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value(QStringLiteral("virtual-size")).toDouble(), 80.0 * 1024 * 1024);
+    ASSERT_TRUE(device()->setSdCardSize(112));
+    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value(QStringLiteral("virtual-size")).toDouble(), 112.0 * 1024 * 1024);
+    EXPECT_EQ(device()->getSdCardSize(), 112);
+}
+
+TEST_F(FakeToolDisks, anSdCardWhoseImageCannotBeMadeIsNotInserted)
+{
+    ASSERT_TRUE(device()->setSdCardSize(80));
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
+    MessageCapture cap;
+    EXPECT_FALSE(device()->setSdCardInserted(true));
+    EXPECT_FALSE(device()->isSdCardInserted());
+    EXPECT_TRUE(cap.has(QtCriticalMsg,
+                        QStringLiteral("[VMTools] Failed to create \"%1\" . \"fake failure\"").arg(path("sdcard.qcow2"))));
+    const QList<QStringList> expected = {{"create", "-f", "qcow2", "%D/sdcard.qcow2", "80M"}};
+    EXPECT_EQ(runs(), expected);
+}
+
+TEST_F(FakeToolDisks, upgradeLaysANewSystemDiskOverTheConvertedReference)
+{
+    const OsImage image = imageOf(VersionNumber(3, 9));
+    const QString reference = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    ASSERT_TRUE(QDir().mkpath(reference));
+    ASSERT_TRUE(QFile::copy(path("source.vmdk"), reference + "/system.vmdk"));
+
+    ASSERT_TRUE(device()->upgradeSystemDisk(image));
+    EXPECT_FALSE(QFile::exists(reference + "/system.vmdk"));
+    const QJsonObject info = imageInfo(path("system.qcow2"));
+    EXPECT_EQ(info.value(QStringLiteral("backing-filename")).toString(), reference + "/system.qcow2");
+    EXPECT_TRUE(snapshotsOf(path("system.qcow2")).isEmpty()) << "the old disk's state is gone";
+    EXPECT_TRUE(qemuImg({QStringLiteral("compare"), path("pattern.raw"), path("system.qcow2")}));
+    EXPECT_FALSE(QFile::exists(path("system.qcow2.upgrade")));
+
+    // The reference is converted once; a second upgrade only lays an overlay.
+    ASSERT_TRUE(device()->upgradeSystemDisk(image));
+    const QList<QStringList> expected = {
+        {"convert", "-O", "qcow2", reference + "/system.vmdk", reference + "/system.qcow2"},
+        {"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"},
+        {"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"}};
+    EXPECT_EQ(runs(), expected);
+}
+
+TEST_F(FakeToolDisks, aFailedUpgradeKeepsTheSystemDisk)
+{
+    const QByteArray before = readAll(path("system.qcow2"));
+    const OsImage image = imageOf(VersionNumber(4, 0));
+    const QString reference = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    MessageCapture cap;
+    EXPECT_FALSE(device()->upgradeSystemDisk(image));
+    EXPECT_TRUE(cap.has(QtWarningMsg, QStringLiteral("[VMTools] Disk file not found: \"%1/system.vmdk\"").arg(reference)));
+    EXPECT_TRUE(cap.has(QtCriticalMsg,
+                        QStringLiteral("[VMTools] Failed to get system disk info \"%1/system.qcow2\"").arg(reference)));
+
+    // A reference that exists but an overlay that cannot be made.
+    ASSERT_TRUE(QDir().mkpath(reference));
+    ASSERT_TRUE(createImage(reference + "/system.qcow2", 16));
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
+    EXPECT_FALSE(device()->upgradeSystemDisk(image));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to upgrade the system disk of \"%1\"")
+                                           .arg(QDir(m_dir).dirName())));
+    EXPECT_EQ(readAll(path("system.qcow2")), before);
+    EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{QStringLiteral("latest")});
 }
 
 } // namespace

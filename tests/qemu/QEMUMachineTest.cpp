@@ -299,20 +299,11 @@ TEST_F(QEMUMachineTest, waitForFinishedWithoutLockFileSaysSo)
     EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Failed to load QEMU pid"));
 }
 
-TEST_F(QEMUMachineTest, insertingAnSdCardNeedsItsImage)
+TEST_F(QEMUMachineTest, insertingAnSdCardMakesItsImage)
 {
     QEMUMachine machine(&m_engine, m_dir, makeImage(), makeProfile());
-    {
-        MessageCapture cap;
-        EXPECT_FALSE(machine.setSdCardInserted(true));
-        EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Cannot insert the SD card of \"" + currentTestName()
-                                               + "\" : no image at \"" + m_dir + "/sdcard.qcow2\""));
-        EXPECT_FALSE(machine.isSdCardInserted());
-    }
-    QFile card(m_dir + "/sdcard.qcow2");
-    ASSERT_TRUE(card.open(QIODevice::WriteOnly));
-    card.close();
     EXPECT_TRUE(machine.setSdCardInserted(true));
+    EXPECT_TRUE(QFile::exists(m_dir + "/sdcard.qcow2"));
     EXPECT_TRUE(machine.isSdCardInserted());
     EXPECT_TRUE(machine.setSdCardInserted(false));
     EXPECT_FALSE(machine.isSdCardInserted());
