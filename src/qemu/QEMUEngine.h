@@ -3,7 +3,10 @@
 #include "VMToolsEngine.h"
 
 #include <QFileInfo>
+#include <QList>
 #include <QString>
+
+class QEMUMachine;
 
 /// The engine that runs devices with the QEMU emulator. It finds
 /// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
@@ -11,6 +14,9 @@
 class QEMUEngine : public VMToolsEngine
 {
 public:
+    class DirectoryCleaner;
+    class DirectoryRestorer;
+
     QEMUEngine();
     ~QEMUEngine() override;
 
@@ -82,6 +88,28 @@ public:
     /// Deletes the snapshot from one image.
     bool deleteSnapshot(const QFileInfo &disk, const QString &name) const;
 
+    /// Makes a device's disks from an OVA: the image's reference disks are
+    /// extracted and converted once, the device gets an overlay of the system
+    /// disk, a copy of the data disk and, when sdCardSize is not 0, an SD
+    /// card. 0 on success, 1 when refused or failed before the disk work, 2
+    /// when the disk work failed; nothing is left behind on failure.
+    int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
+                      const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
+    /// Rebuilds the device's system and data disks from the reference disks;
+    /// on failure the device directory is put back as it was.
+    bool resetFactory(const VMToolsMachine *machine) const;
+    /// Removes the directory recursively; true when it does not exist.
+    static bool cleanDirectory(const QString &path);
+    /// The first port offset whose forwarded host ports are all free and that
+    /// no device records; -1 when none is left.
+    int computePortOffset() const;
+    /// The inter-process lock held from choosing a device's port offset until
+    /// its lock file records it.
+    QString getPortOffsetLockPath() const;
+    /// Saves an internal snapshot of the running device over QMP; the
+    /// writable shared-folder drive is detached first when it is attached.
+    bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
+
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
     /// "share/qemu" beside the binaries' directory.
@@ -93,4 +121,10 @@ protected:
     QString m_qemuImgBinaryPath;
     QString m_firmwareDirPath;
     bool m_accelerationSupported = true;
+
+private:
+    /// The loaded record of the device directory at path, owned by the
+    /// caller, or null when it holds no QEMU device.
+    QEMUMachine *loadMachine(const QString &path) const;
+    QList<QEMUMachine *> loadMachines(const std::function<bool()> &cancel) const;
 };

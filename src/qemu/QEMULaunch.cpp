@@ -22,6 +22,14 @@ QString diskValue(const QString &path, bool virtio)
     return value;
 }
 
+QString sharedDriveValue(const QString &devicePath, bool writable)
+{
+    const QString shared = devicePath + QLatin1String("/shared");
+    if (writable)
+        return QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1").arg(shared);
+    return QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1,if=virtio").arg(shared);
+}
+
 QEMUOptionSet composeOptions(const Request &request)
 {
     const QDir device(request.devicePath);
@@ -57,17 +65,14 @@ QEMUOptionSet composeOptions(const Request &request)
     options.add(QStringLiteral("-nic"), net0);
     options.add(QStringLiteral("-nic"), QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
 
-    const QString shared = request.devicePath + QLatin1String("/shared");
     if (request.snapshotName.isEmpty()) {
         qDebug() << "[VMTools]" << "No shapshot available. Load shared folder drive.";
-        options.add(QStringLiteral("-drive"), QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1")
-                                                  .arg(shared));
+        options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, true));
     } else {
         qDebug() << "[VMTools]" << "Starting from snapshot" << request.snapshotName;
         options.add(QStringLiteral("-loadvm"), request.snapshotName);
         if (request.readOnlySharedDrive)
-            options.add(QStringLiteral("-drive"),
-                        QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1,if=virtio").arg(shared));
+            options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false));
     }
 
     options.add(QStringLiteral("-qmp"),

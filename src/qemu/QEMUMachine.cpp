@@ -196,10 +196,11 @@ bool QEMUMachine::createFactoryBackup()
 
 bool QEMUMachine::resetFactory()
 {
-    // The engine's factory reset rebuilds the disks; this engine build does
-    // not have it.
-    qCritical() << "[VMTools]" << "Factory reset is not available in this engine build:" << getName();
-    return false;
+    if (!m_engine) {
+        qCritical() << "[VMTools]" << "Cannot factory reset" << getName() << "without its engine";
+        return false;
+    }
+    return m_engine->resetFactory(this);
 }
 
 VMToolsMachine::ConnectionInfo QEMUMachine::fetchConnectionInfo()

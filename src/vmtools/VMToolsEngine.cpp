@@ -158,10 +158,3 @@ QDir VMToolsEngine::getDevicesDirectory() const
     return m_devicesDirectory;
 }
 
-// Placeholder until the quick-boot decision lands with the machine record:
-// it needs VMToolsMachine, which this layer does not have yet.
-int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *, bool *)
-{
-    qCritical() << "[VMTools]" << "startFromLatestSnapshot not available yet";
-    return 1;
-}

@@ -134,6 +134,15 @@ public:
     static QSet<QString> getDevicesNamesSetFromDir();
     /// Keeps the controller (not owned) for the migration work.
     void initMigration(AbstractHwProfileListController *controller);
+    /// Sets the machine's flag that tells whether its snapshot "latest"
+    /// exists. Does nothing for a null machine.
+    void checkLatestSnapshotExists(VMToolsMachine *machine) const;
+    /// Unpacks an OVA into the system-image directory of the two versions,
+    /// unless "system.vmdk" and "data.vmdk" are both there already.
+    bool extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
+                    const VersionNumber &osVersion) const;
+    /// Unpacks the image's local OVA into its system-image directory.
+    bool extractOva(const OsImage &image) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").
     QString getCpuVendor() const;

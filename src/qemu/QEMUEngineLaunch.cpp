@@ -1,0 +1,202 @@
+// Starting and stopping a device's emulator, and saving its snapshot.
+#include "QEMUEngine.h"
+
+#include "EnvVars.h"
+#include "QEMUClient.h"
+#include "QEMULaunch_p.h"
+#include "QEMUMachine.h"
+#include "SysInfo.h"
+#include "SystemInfo.h"
+#include "VMToolsCommon.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QFileInfo>
+#include <QLockFile>
+#include <QNetworkProxy>
+#include <QSet>
+#include <QSettings>
+#include <QTcpServer>
+
+#include <memory>
+
+namespace {
+
+// The lock file key that tells whether the running emulator has the writable
+// shared-folder drive (a cold boot has it, a snapshot start does not).
+const QString kWritableSharedKey = QStringLiteral("writable_shared_drive");
+// How long a graceful stop waits for the emulator to end.
+constexpr int kQuitTimeoutMs = 15000;
+// How long a start waits for another program's start to record its offset.
+constexpr int kPortOffsetLockTimeoutMs = 60000;
+
+bool arePortsFree(int offset)
+{
+    for (const QEMULaunch::PortForward &forward : QEMULaunch::portForwards()) {
+        QTcpServer server;
+        server.setProxy(QNetworkProxy::NoProxy);
+        if (!server.listen(QHostAddress::Any, static_cast<quint16>(forward.hostBase + offset)))
+            return false;
+        server.close();
+    }
+    return true;
+}
+
+QEMUMachine *asQemuMachine(VMToolsMachine *machine)
+{
+    auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
+    if (!qemuMachine)
+        qCritical() << "[VMTools]" << "Not a QEMU device";
+    return qemuMachine;
+}
+
+} // namespace
+
+QString QEMUEngine::getPortOffsetLockPath() const
+{
+    return m_devicesDirectory.absoluteFilePath(QStringLiteral("port-offset.lock"));
+}
+
+int QEMUEngine::computePortOffset() const
+{
+    // Only a live process holds its offset: a lock file left behind by an
+    // emulator that ended on its own must not keep the offset forever.
+    QSet<int> taken;
+    for (QEMUMachine *machine : loadMachines(std::function<bool()>())) {
+        const long long pid = machine->loadQEMUPid();
+        if (pid != 0 && VMToolsCommon::isRunning(pid))
+            taken.insert(machine->getPortOffset());
+        delete machine;
+    }
+    for (int offset = 0; offset <= QEMULaunch::kMaxPortOffset; offset += QEMULaunch::kPortOffsetStep) {
+        if (!taken.contains(offset) && arePortsFree(offset))
+            return offset;
+    }
+    return -1;
+}
+
+int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotName)
+{
+    QEMUMachine *qemuMachine = asQemuMachine(machine);
+    if (!qemuMachine)
+        return QEMUMachine::StartFailed;
+
+    const SystemInfo host = SystemInfo::getSystemInfo();
+    if (!host.osImageArchitectures.contains(machine->getOsImageArch(), Qt::CaseSensitive)) {
+        qWarning().noquote() << "[VMTools]"
+                             << QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
+                                    .arg(host.osImageArchitectures.join(QLatin1String(", ")),
+                                         machine->getOsImageArch());
+        return QEMUMachine::StartFailed;
+    }
+    if (machine->getStatus() == VMToolsMachine::On) {
+        qInfo() << "[VMTools]" << "Virtual Machine status: on. Nothing to do.";
+        return QEMUMachine::Started;
+    }
+
+    const QDir device(machine->getPath());
+    machine->loadCapabilities();
+    QEMULaunch::Request request;
+    request.devicePath = device.absolutePath();
+    request.virtioDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) != 0;
+    request.sdCardInserted = machine->isSdCardInserted();
+    request.ramMiB = machine->getRamSize();
+    request.cpuCount = machine->getCpuCount();
+    request.snapshotName = snapshotName;
+    // A snapshot start always brings the read-only view of the shared folder:
+    // it does not keep the emulator from saving, so a snapshot saved after a
+    // snapshot start has it too, and a snapshot saved after a cold boot
+    // (without it) resumes with it as an added device.
+    request.readOnlySharedDrive = !snapshotName.isEmpty();
+    request.throughRosetta = SysInfo().isRunningThroughRosetta();
+    request.firmwareDirPath = m_firmwareDirPath;
+    request.showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+
+    if (request.sdCardInserted) {
+        const QFileInfo sdCard(device, getSDCardDiskName());
+        if (!sdCard.exists() || !sdCard.isReadable() || !sdCard.isWritable()) {
+            qCritical() << "[VMTools]" << "Failed to mount SdCard disk" << sdCard.absoluteFilePath()
+                        << ", disk is either missing or doesn't have RW permission.";
+            return QEMUMachine::StartFailed;
+        }
+    }
+
+    // Two programs starting devices at once must not pick the same offset:
+    // the offset is chosen and recorded in the device's lock file under one
+    // lock shared by every program that uses this devices directory.
+    QLockFile portLock(getPortOffsetLockPath());
+    // The holder's pid tells a dead holder; a live one may hold it longer
+    // than any fixed age while its emulator starts.
+    portLock.setStaleLockTime(0);
+    if (!portLock.tryLock(kPortOffsetLockTimeoutMs)) {
+        qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
+        return QEMUMachine::StartFailed;
+    }
+    const int offset = computePortOffset();
+    if (offset < 0) {
+        qCritical() << "[VMTools]" << "Failed to determine a port offset";
+        return QEMUMachine::StartFailed;
+    }
+    request.portOffset = offset;
+
+    QEMUOptionSet options = QEMULaunch::composeOptions(request);
+    options.applyStartArgsVariable();
+    const QStringList arguments = options.render();
+    qDebug().noquote() << "[VMTools]" << "Start command:"
+                       << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
+
+    const int result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
+    if (result == QEMUMachine::Started) {
+        QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
+        const QVariant writableShared = QEMULaunch::sharedDriveValue(request.devicePath, true);
+        lock.setValue(kWritableSharedKey, options.values(QStringLiteral("-drive")).contains(writableShared));
+        lock.sync();
+    }
+    return result;
+}
+
+bool QEMUEngine::stopMachine(VMToolsMachine *machine)
+{
+    QEMUMachine *qemuMachine = asQemuMachine(machine);
+    if (!qemuMachine)
+        return false;
+    qemuMachine->refreshPortOffset();
+    QEMUClient client(qemuMachine->getQmpPort());
+    if (client.execQuit()) {
+        // The emulator writes its disks back before it ends, which can take
+        // longer than the machine's own one-second wait on a busy host.
+        VMToolsCommon::waitForFinished(qemuMachine->loadQEMUPid(), kQuitTimeoutMs);
+        qemuMachine->waitForFinished();
+        return true;
+    }
+    qWarning() << "[VMTools]" << "Failed to quit VM gracefully";
+    return qemuMachine->forceStop();
+}
+
+bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) const
+{
+    QEMUMachine *qemuMachine = asQemuMachine(machine);
+    if (!qemuMachine)
+        return false;
+    qemuMachine->refreshPortOffset();
+    // The emulator cannot save its state while a writable shared-folder drive
+    // is attached, whatever the disk interface: detach it when the lock file
+    // says the running emulator has it. A lock file without that record (an
+    // emulator started by an older program) falls back on the disk
+    // interface: IDE devices are the ones started with it.
+    QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
+    const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
+    const bool unplugShared = lock.value(kWritableSharedKey, ideDisks).toBool();
+
+    QEMUClient client(qemuMachine->getQmpPort());
+    const bool saved = client.execSaveSnapshot(name, unplugShared);
+    if (!saved) {
+        qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
+        return false;
+    }
+    if (unplugShared) {
+        lock.setValue(kWritableSharedKey, false);
+        lock.sync();
+    }
+    return true;
+}

@@ -1,0 +1,272 @@
+#include "DeviceFixture.h"
+
+#include "MessageCapture.h"
+#include "Paths.h"
+#include "QEMUEngine.h"
+#include "QEMUMachine.h"
+#include "TestEnvironment.h"
+#include "VMToolsCommon.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLockFile>
+#include <QThread>
+#include <QNetworkProxy>
+#include <QProcess>
+#include <QSettings>
+#include <QTcpServer>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+using namespace devicefixture;
+using hvtest::MessageCapture;
+
+namespace {
+
+QString deployed(const QString &name)
+{
+    return QDir(Paths::getDeployedPath()).absoluteFilePath(name);
+}
+
+QStringList commandLine(long long pid)
+{
+    QFile file(QString("/proc/%1/cmdline").arg(pid));
+    if (!file.open(QIODevice::ReadOnly))
+        return QStringList();
+    QStringList arguments;
+    for (const QByteArray &argument : file.readAll().split('\0'))
+        arguments << QString::fromLocal8Bit(argument);
+    if (!arguments.isEmpty() && arguments.last().isEmpty())
+        arguments.removeLast();
+    return arguments;
+}
+
+bool holdsArgument(const QStringList &arguments, const QString &fragment)
+{
+    for (const QString &argument : arguments) {
+        if (argument.contains(fragment))
+            return true;
+    }
+    return false;
+}
+
+const QString &blankOva()
+{
+    static const QString ova = makeOva("blank.ova", 8);
+    return ova;
+}
+
+// Every device a test starts is stopped at its end, whatever happened.
+class EmulatorTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        // The emulator runs under TCG with no sound here; ";" separates items
+        // because values carry ":".
+        qputenv("HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0");
+    }
+
+    void SetUp() override { m_engine = makeEngine(); }
+
+    void TearDown() override
+    {
+        for (const QString &name : m_started) {
+            std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine(name));
+            auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine.get());
+            if (qemuMachine && qemuMachine->isQEMURunning()) {
+                const long long pid = qemuMachine->loadQEMUPid();
+                qemuMachine->forceStop();
+                VMToolsCommon::waitForFinished(pid, 10000);
+            }
+        }
+    }
+
+    std::unique_ptr<QEMUMachine> createDevice(const QString &name, const QString &androidVersion)
+    {
+        EXPECT_EQ(m_engine->createMachine(name, makeImage(blankOva(), androidVersion, "4.0.0"), makeProfile()), 0);
+        m_started << name;
+        return std::unique_ptr<QEMUMachine>(dynamic_cast<QEMUMachine *>(m_engine->getMachine(name)));
+    }
+
+    // A graceful stop: the emulator ends and the lock file goes.
+    void stopGracefully(QEMUMachine *machine)
+    {
+        const long long pid = machine->loadQEMUPid();
+        ASSERT_NE(pid, 0);
+        EXPECT_TRUE(m_engine->stopMachine(machine));
+        EXPECT_TRUE(VMToolsCommon::waitForFinished(pid, 10000));
+        EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
+    }
+
+    std::unique_ptr<QEMUEngine> m_engine;
+    QStringList m_started;
+};
+
+class QuickBoot : public EmulatorTest, public ::testing::WithParamInterface<const char *>
+{
+};
+
+TEST_P(QuickBoot, coldStartSaveStopAndResume)
+{
+    const QString name = QString("QuickBoot-%1").arg(GetParam());
+    std::unique_ptr<QEMUMachine> machine = createDevice(name, GetParam());
+    ASSERT_NE(machine, nullptr);
+
+    bool quickBoot = true;
+    m_engine->checkLatestSnapshotExists(machine.get());
+    ASSERT_EQ(m_engine->startFromLatestSnapshot(machine.get(), &quickBoot), 1);
+    EXPECT_FALSE(quickBoot);
+    const QStringList cold = commandLine(machine->loadQEMUPid());
+    EXPECT_TRUE(holdsArgument(cold, "fat:rw:" + deployed(name) + "/shared"));
+    EXPECT_FALSE(cold.contains("-loadvm"));
+
+    EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
+    stopGracefully(machine.get());
+    m_engine->checkLatestSnapshotExists(machine.get());
+    EXPECT_TRUE(machine->isLatestSnapshotExist());
+
+    MessageCapture capture;
+    quickBoot = true;
+    ASSERT_EQ(m_engine->startFromLatestSnapshot(machine.get(), &quickBoot), 1) << capture.texts(QtCriticalMsg).join('\n').toStdString();
+    EXPECT_TRUE(quickBoot);
+    const QStringList resumed = commandLine(machine->loadQEMUPid());
+    EXPECT_EQ(resumed.mid(resumed.indexOf("-loadvm"), 2), QStringList({"-loadvm", "latest"}));
+    EXPECT_FALSE(holdsArgument(resumed, "fat:rw:"));
+    EXPECT_TRUE(holdsArgument(resumed, "fat:ro:" + deployed(name) + "/shared"));
+    EXPECT_TRUE(machine->isQEMURunning());
+
+    // A resumed device has no writable shared folder: saving again works
+    // without detaching anything.
+    EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
+    stopGracefully(machine.get());
+}
+
+INSTANTIATE_TEST_SUITE_P(Disks, QuickBoot, ::testing::Values("8.0.0", "11.0.0"),
+                         [](const ::testing::TestParamInfo<const char *> &info) {
+                             return std::string(info.param[0] == '8' ? "ide" : "virtio");
+                         });
+
+TEST_F(EmulatorTest, devicesStartedOneAfterTheOtherGetOffsetsZeroAndSeven)
+{
+    std::unique_ptr<QEMUMachine> first = createDevice("OffsetFirst", "11.0.0");
+    std::unique_ptr<QEMUMachine> second = createDevice("OffsetSecond", "8.0.0");
+    ASSERT_EQ(m_engine->startMachine(first.get(), ""), 1);
+    ASSERT_EQ(m_engine->startMachine(second.get(), ""), 1);
+    first->refreshPortOffset();
+    second->refreshPortOffset();
+    EXPECT_EQ(first->getPortOffset(), 0);
+    EXPECT_EQ(second->getPortOffset(), 7);
+    EXPECT_EQ(second->getAdbPort(), 6555 + 7);
+    EXPECT_EQ(second->getQmpPort(), 23555 + 7);
+    EXPECT_TRUE(QSettings(second->getLockFilePath(), QSettings::IniFormat).value("writable_shared_drive").toBool());
+
+    MessageCapture capture;
+    EXPECT_EQ(m_engine->startMachine(first.get(), ""), 1);
+    EXPECT_LOG(capture, QtInfoMsg, "[VMTools] Virtual Machine status: on. Nothing to do.");
+    stopGracefully(first.get());
+    stopGracefully(second.get());
+}
+
+TEST_F(EmulatorTest, twoProgramsStartingAtOnceGetDifferentOffsets)
+{
+    createDevice("RaceA", "11.0.0");
+    createDevice("RaceB", "11.0.0");
+    // Hold the programs' shared lock, so both starts are under way before
+    // either can choose an offset; then let them race.
+    QLockFile held(m_engine->getPortOffsetLockPath());
+    held.setStaleLockTime(0);
+    ASSERT_TRUE(held.tryLock(10000));
+
+    QProcess a;
+    QProcess b;
+    a.start(hvtest::helperPath("hv_start_device"), {"RaceA"});
+    b.start(hvtest::helperPath("hv_start_device"), {"RaceB"});
+    for (QProcess *p : {&a, &b}) {
+        ASSERT_TRUE(p->waitForStarted(30000));
+        QElapsedTimer waited;
+        waited.start();
+        while (!p->canReadLine() && p->state() == QProcess::Running && waited.elapsed() < 60000)
+            p->waitForReadyRead(1000);
+        EXPECT_EQ(p->readLine(), QByteArray("starting\n"));
+    }
+    // Both are now waiting for the lock: neither may have started its
+    // emulator.
+    QThread::msleep(1500);
+    EXPECT_FALSE(QFile::exists(deployed("RaceA/qemu.lock")));
+    EXPECT_FALSE(QFile::exists(deployed("RaceB/qemu.lock")));
+    held.unlock();
+
+    for (QProcess *p : {&a, &b}) {
+        if (!p->waitForFinished(120000)) {
+            p->kill();
+            p->waitForFinished(5000);
+        }
+    }
+    EXPECT_EQ(a.exitCode(), 0) << a.readAllStandardError().toStdString();
+    EXPECT_EQ(b.exitCode(), 0) << b.readAllStandardError().toStdString();
+    QStringList offsets{QString::fromUtf8(a.readAllStandardOutput()).trimmed(),
+                        QString::fromUtf8(b.readAllStandardOutput()).trimmed()};
+    offsets.sort();
+    EXPECT_EQ(offsets, QStringList({"offset=0", "offset=7"}));
+    for (const char *name : {"RaceA", "RaceB"}) {
+        std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine(name));
+        auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine.get());
+        ASSERT_NE(qemuMachine, nullptr);
+        EXPECT_TRUE(qemuMachine->isQEMURunning());
+        stopGracefully(qemuMachine);
+    }
+}
+
+// Any forwarded port of a candidate held by another program moves the offset.
+class PortHeld : public EmulatorTest, public ::testing::WithParamInterface<int>
+{
+};
+
+TEST_P(PortHeld, movesTheOffsetToTheNextCandidate)
+{
+    QTcpServer other;
+    other.setProxy(QNetworkProxy::NoProxy);
+    ASSERT_TRUE(other.listen(QHostAddress::Any, static_cast<quint16>(GetParam())));
+    EXPECT_EQ(m_engine->computePortOffset(), 7);
+}
+
+INSTANTIATE_TEST_SUITE_P(ForwardedPorts, PortHeld, ::testing::Values(6555, 6379, 24810, 25000));
+
+TEST_F(EmulatorTest, aLockFileLeftByAnEndedEmulatorDoesNotHoldItsOffset)
+{
+    createDevice("Stale", "11.0.0");
+    QProcess ended;
+    ended.start("true", QStringList());
+    ASSERT_TRUE(ended.waitForStarted(10000));
+    const qint64 deadPid = ended.processId();
+    ASSERT_TRUE(ended.waitForFinished(10000));
+    QSettings lock(deployed("Stale/qemu.lock"), QSettings::IniFormat);
+    lock.setValue("pid", deadPid);
+    lock.setValue("offset", 0);
+    lock.sync();
+    EXPECT_EQ(m_engine->computePortOffset(), 0);
+}
+
+TEST_F(EmulatorTest, withEveryCandidateTakenTheStartFails)
+{
+    std::vector<std::unique_ptr<QTcpServer>> held;
+    for (int offset = 0; offset <= 693; offset += 7) {
+        auto server = std::make_unique<QTcpServer>();
+        server->setProxy(QNetworkProxy::NoProxy);
+        ASSERT_TRUE(server->listen(QHostAddress::Any, 6555 + offset)) << offset;
+        held.push_back(std::move(server));
+    }
+    std::unique_ptr<QEMUMachine> machine = createDevice("NoOffset", "11.0.0");
+    EXPECT_EQ(m_engine->computePortOffset(), -1);
+    MessageCapture capture;
+    EXPECT_EQ(m_engine->startMachine(machine.get(), ""), 0);
+    EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] Failed to determine a port offset");
+    EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
+}
+
+} // namespace
