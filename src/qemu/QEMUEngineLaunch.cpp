@@ -103,11 +103,12 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     request.ramMiB = machine->getRamSize();
     request.cpuCount = machine->getCpuCount();
     request.snapshotName = snapshotName;
-    // A snapshot start always brings the read-only view of the shared folder:
-    // it does not keep the emulator from saving, so a snapshot saved after a
-    // snapshot start has it too, and a snapshot saved after a cold boot
-    // (without it) resumes with it as an added device.
-    request.readOnlySharedDrive = !snapshotName.isEmpty();
+    // A snapshot start of a virtio device brings the read-only view of the
+    // shared folder: it takes the place of the writable virtio drive that a
+    // cold boot had (detached, not removed, before the save), so the resumed
+    // device has the topology it was saved with. An IDE device resumes
+    // without a shared folder: its detached drive left an empty IDE unit.
+    request.readOnlySharedDrive = !snapshotName.isEmpty() && request.virtioDisks;
     request.throughRosetta = SysInfo().isRunningThroughRosetta();
     request.firmwareDirPath = m_firmwareDirPath;
     request.showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
@@ -148,7 +149,7 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     const int result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
     if (result == QEMUMachine::Started) {
         QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
-        const QVariant writableShared = QEMULaunch::sharedDriveValue(request.devicePath, true);
+        const QVariant writableShared = QEMULaunch::sharedDriveValue(request.devicePath, true, request.virtioDisks);
         lock.setValue(kWritableSharedKey, options.values(QStringLiteral("-drive")).contains(writableShared));
         lock.sync();
     }

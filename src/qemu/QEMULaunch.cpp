@@ -22,11 +22,17 @@ QString diskValue(const QString &path, bool virtio)
     return value;
 }
 
-QString sharedDriveValue(const QString &devicePath, bool writable)
+QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio)
 {
     const QString shared = devicePath + QLatin1String("/shared");
-    if (writable)
-        return QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1").arg(shared);
+    if (writable) {
+        // On the disks' interface: an IDE drive beside virtio disks would be
+        // the first hard disk the firmware tries to boot.
+        QString value = QStringLiteral("format=vvfat,label=shared,id=shared,file=fat:rw:%1").arg(shared);
+        if (virtio)
+            value += QLatin1String(",if=virtio");
+        return value;
+    }
     return QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1,if=virtio").arg(shared);
 }
 
@@ -67,12 +73,12 @@ QEMUOptionSet composeOptions(const Request &request)
 
     if (request.snapshotName.isEmpty()) {
         qDebug() << "[VMTools]" << "No shapshot available. Load shared folder drive.";
-        options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, true));
+        options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, true, request.virtioDisks));
     } else {
         qDebug() << "[VMTools]" << "Starting from snapshot" << request.snapshotName;
         options.add(QStringLiteral("-loadvm"), request.snapshotName);
         if (request.readOnlySharedDrive)
-            options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false));
+            options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false, true));
     }
 
     options.add(QStringLiteral("-qmp"),

@@ -47,8 +47,9 @@ struct Request {
 /// "file=<path>,format=qcow2" plus ",if=virtio" for virtio disks.
 QString diskValue(const QString &path, bool virtio);
 /// The shared folder as a vvfat drive: writable (with the id "shared" that
-/// lets it be detached) or read-only (a virtio device).
-QString sharedDriveValue(const QString &devicePath, bool writable);
+/// lets it be detached, on the disks' interface) or read-only (always a
+/// virtio device).
+QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio);
 /// The options of a start, before "HV_QEMU_START_ARGS" is applied.
 QEMUOptionSet composeOptions(const Request &request);
 /// The start command as logged: the program in double quotes, each option on

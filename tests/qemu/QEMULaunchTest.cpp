@@ -84,6 +84,14 @@ TEST(QEMULaunch, snapshotStartOfAVirtioDeviceWithSdCard)
     EXPECT_LOG(capture, QtDebugMsg, "[VMTools] Starting from snapshot \"latest\"");
 }
 
+TEST(QEMULaunch, coldBootOfAVirtioDeviceKeepsTheSharedFolderOnVirtio)
+{
+    const QVariantList drives = QEMULaunch::composeOptions(request(true)).values("-drive");
+    EXPECT_EQ(drives, QVariantList({"file=/devices/Pixel/system.qcow2,format=qcow2,if=virtio",
+                                    "file=/devices/Pixel/data.qcow2,format=qcow2,if=virtio",
+                                    "format=vvfat,label=shared,id=shared,file=fat:rw:/devices/Pixel/shared,if=virtio"}));
+}
+
 TEST(QEMULaunch, snapshotStartWithoutTheReadOnlyDriveHasNoSharedDrive)
 {
     QEMULaunch::Request r = request(false);
