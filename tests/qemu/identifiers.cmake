@@ -1,0 +1,1 @@
+hv_add_test(qemu_identifier_tests SOURCES QEMUIdentifiersTest.cpp LIBS hv-qemu)
