@@ -85,7 +85,8 @@ public:
     /// Creates a device's disks from an OVA file; 0 on success.
     virtual int createMachine(const QString &name, const QString &path, int, long long, long long sdCardSize,
                               const VersionNumber &imageVersion, const VersionNumber &osVersion) = 0;
-    /// Starts a device, from the named snapshot when it is not empty; 0 on success.
+    /// Starts a device, from the named snapshot when it is not empty. The QEMU
+    /// engine answers with the machine's start codes: 1 when the device runs.
     virtual int startMachine(VMToolsMachine *machine, const QString &snapshotName) = 0;
     virtual bool stopMachine(VMToolsMachine *machine) = 0;
     virtual bool deleteMachine(const VMToolsMachine *machine) const = 0;
