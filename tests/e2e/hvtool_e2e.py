@@ -61,6 +61,32 @@ def banner(port, timeout=90):
     raise Failure(f"no banner on 127.0.0.1:{port} within {timeout} s (last: {last})")
 
 
+FORWARD_BASES = (6555, 6379, 22468, 24297, 24296, 24800, 24810, 25000)
+
+
+def free_offsets(exclude=()):
+    """The port offsets whose eight forwarded ports are free now, in order:
+    what the engine should pick (another program may hold some ports)."""
+    result = []
+    for offset in range(0, 700, 7):
+        if offset in exclude:
+            continue
+        sockets = []
+        try:
+            for base in FORWARD_BASES:
+                s = socket.socket()
+                sockets.append(s)
+                s.bind(("0.0.0.0", base + offset))
+                s.listen(1)
+            result.append(offset)
+        except OSError:
+            pass
+        finally:
+            for s in sockets:
+                s.close()
+    return result
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)
@@ -115,9 +141,10 @@ def steps(env, image_dir, held):
 
     # 1. Create; start cold: the banner arrives at 6555 + offset; counter 1.
     env.run("device", "create", "pixel", "--image", image11, "--profile", "e2e")
+    first_offset = free_offsets()[0]  # 0 on a machine where nothing else runs
     info, cold, env.timings["cold boot to banner"] = start(env, "pixel", "--cold")
     check(info["boot"] == "cold", f"first start should be cold: {info}")
-    check(info["port_offset"] == 0, f"first device should get offset 0: {info}")
+    check(info["port_offset"] == first_offset, f"first device should get offset {first_offset}: {info}")
     check(cold["boot_count"] == "1", f"counter after the first boot: {cold}")
     print("e2e: 1 cold start ok", cold)
 
@@ -138,10 +165,12 @@ def steps(env, image_dir, held):
 
     # 4. Clone while the source runs; both run at once on their own ports.
     env.run("device", "clone", "pixel", "pixel-2")
+    clone_offset = free_offsets(exclude=(first_offset,))[0]  # 7 on a quiet machine
     info2, clone, _ = start(env, "pixel-2", "--cold")
-    check(info2["port_offset"] == 7, f"the clone should get offset 7: {info2}")
+    check(info2["port_offset"] == clone_offset, f"the clone should get offset {clone_offset}: {info2}")
     check(clone["boot_id"] != cold2["boot_id"], "the clone should be its own guest")
-    check(banner(ADB_BASE)["boot_id"] == cold2["boot_id"], "the source should still answer on its own port")
+    check(banner(ADB_BASE + first_offset)["boot_id"] == cold2["boot_id"],
+          "the source should still answer on its own port")
     check(device(env, "pixel")["status"] == "On" and device(env, "pixel-2")["status"] == "On", "both should run")
     check(device(env, "pixel-2")["uuid"] != device(env, "pixel")["uuid"], "the clone needs its own uuid")
     print("e2e: 4 clone ok", clone)
