@@ -18,6 +18,7 @@
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QThread>
+#include <QtEndian>
 
 #include <memory>
 
@@ -227,10 +228,29 @@ QString startDiagnosis(int result)
     }
 }
 
-/// Waits until the guest answers on its forwarded port: data arrives, or the
-/// guest holds the connection open for a second. The user-mode network
-/// accepts every connection on the host side and drops it when nothing in
-/// the guest listens, so an accepted connection alone proves nothing.
+/// The connect message an ADB client opens a session with; a guest's adbd
+/// answers it, and a guest that speaks first (a banner) needs nothing.
+QByteArray adbConnectMessage()
+{
+    const QByteArray payload("host::\0", 7);
+    auto le32 = [](quint32 v) {
+        QByteArray b(4, '\0');
+        qToLittleEndian(v, b.data());
+        return b;
+    };
+    const quint32 command = 0x4e584e43; // "CNXN"
+    quint32 sum = 0;
+    for (const char c : payload)
+        sum += quint8(c);
+    return le32(command) + le32(0x01000000) + le32(4096) + le32(quint32(payload.size())) + le32(sum)
+        + le32(command ^ 0xffffffffu) + payload;
+}
+
+/// Waits until the guest answers on its forwarded port with data. The
+/// user-mode network accepts every connection on the host side and holds it
+/// open while the guest is still booting, so a connection that merely stays
+/// open proves nothing; the probe speaks first, the way an ADB client does,
+/// so a guest's adbd answers too.
 bool waitForGuest(quint16 port, int seconds, QByteArray *banner)
 {
     QElapsedTimer timer;
@@ -240,12 +260,11 @@ bool waitForGuest(quint16 port, int seconds, QByteArray *banner)
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), port);
         if (socket.waitForConnected(1000)) {
+            socket.write(adbConnectMessage());
             if (socket.waitForReadyRead(1000)) {
                 *banner = socket.readAll();
                 return true;
             }
-            if (socket.state() == QAbstractSocket::ConnectedState)
-                return true;
         }
         socket.abort();
         QThread::msleep(250);
