@@ -3,10 +3,12 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "Progress.h"
 #include "Qcow2.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
+#include "Paths.h"
 #include "QEMUEngine.h"
 #include "QEMUMachine.h"
 
@@ -20,7 +22,9 @@
 #include <QThread>
 #include <QtEndian>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 namespace hvtool {
 namespace {
@@ -102,6 +106,41 @@ bool validName(const QString &name)
     return pattern.match(name).hasMatch() && !name.contains(QLatin1String(".."));
 }
 
+/// Bytes in the files of the given directories, not descending.
+qint64 bytesIn(const QStringList &dirs)
+{
+    qint64 total = 0;
+    for (const QString &dir : dirs) {
+        for (const QFileInfo &file : QDir(dir).entryInfoList(QDir::Files))
+            total += file.size();
+    }
+    return total;
+}
+
+/// Creates the device on a worker thread while this thread shows how much
+/// the extraction and conversion have written. The library's blocking steps
+/// (unpacking the archive, converting disks) give no progress of their own.
+int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image, const HwProfile &profile)
+{
+    const QStringList watched = {Paths::getSystemImagePath(image.imageVersion, image.osVersion),
+                                 e->getDevicesDirectory().absoluteFilePath(name)};
+    const qint64 before = bytesIn(watched);
+    std::atomic<int> result{-1};
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+        result = e->createMachine(name, image, profile);
+        done = true;
+    });
+    Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
+    while (!done) {
+        QThread::msleep(100);
+        progress.update(qMax<qint64>(0, bytesIn(watched) - before));
+    }
+    worker.join();
+    progress.finish();
+    return result;
+}
+
 int create(Context &ctx)
 {
     const QString name = ctx.arg(0);
@@ -136,11 +175,9 @@ int create(Context &ctx)
     if (e->doesMachineExist(name))
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
 
-    ctx.note(QStringLiteral("creating device '%1' from %2 (extracting and converting the image the first time)")
-                 .arg(name, image.value.name));
     QElapsedTimer timer;
     timer.start();
-    const int result = e->createMachine(name, image.value, profile.value);
+    const int result = createWithProgress(e, name, image.value, profile.value);
     if (result != 0)
         return ctx.fail(Failed, QStringLiteral("could not create device '%1' (code %2)").arg(name).arg(result));
 

@@ -31,7 +31,10 @@ void Progress::update(qint64 done) const
         return;
     m_sinceDraw.restart();
     const int percent = m_total > 0 ? int(qBound<qint64>(0, done * 100 / m_total, 100)) : -1;
-    if (m_terminal) {
+    if (m_terminal && percent < 0) {
+        std::fprintf(stderr, "\r%s: %.1f MiB written, %lld s", qPrintable(m_label), done / 1048576.0,
+                     m_started.elapsed() / 1000);
+    } else if (m_terminal) {
         const int width = 30;
         const int filled = percent < 0 ? 0 : percent * width / 100;
         std::fprintf(stderr, "\r%s [%s%s] %3d%%", qPrintable(m_label), QByteArray(filled, '#').constData(),
@@ -39,7 +42,8 @@ void Progress::update(qint64 done) const
     } else if (percent >= 0) {
         std::fprintf(stderr, "%s: %d%%\n", qPrintable(m_label), percent);
     } else {
-        std::fprintf(stderr, "%s: %lld s\n", qPrintable(m_label), m_started.elapsed() / 1000);
+        std::fprintf(stderr, "%s: %.1f MiB written, %lld s\n", qPrintable(m_label), done / 1048576.0,
+                     m_started.elapsed() / 1000);
     }
     std::fflush(stderr);
 }
