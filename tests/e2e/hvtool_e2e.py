@@ -76,6 +76,9 @@ def free_offsets(exclude=()):
             for base in FORWARD_BASES:
                 s = socket.socket()
                 sockets.append(s)
+                # As the engine and QEMU bind: connections in TIME_WAIT from
+                # earlier steps do not hold a port.
+                s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
                 s.bind(("0.0.0.0", base + offset))
                 s.listen(1)
             result.append(offset)
@@ -208,18 +211,39 @@ def steps(env, image_dir, held):
     check("device 'pixel' is running; stop it first" in proc.stderr, proc.stderr)
     for offset in range(0, 700, 7):
         s = socket.socket()
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         try:
             s.bind(("127.0.0.1", ADB_BASE + offset))
             s.listen(1)
             held.append(s)
         except OSError:
             s.close()
+    print("e2e: holding", len(held), "ports; pixel at offset", device(env, "pixel")["port_offset"])
     proc = env.run("device", "start", "pixel-2", expect=1)
     check("port" in proc.stderr, f"every offset taken: {proc.stderr}")
     for s in held:
         s.close()
     held.clear()
     print("e2e: 8 error paths ok")
+
+    # Named snapshots and settings, with "pixel" running and "pixel-2" stopped.
+    env.run("device", "snapshot", "save", "pixel", "before_update")
+    check("before_update" in env.run("device", "snapshot", "list", "pixel", json_out=True), "snapshot not listed")
+    env.run("device", "snapshot", "delete", "pixel", "before_update", expect=4)
+    env.run("device", "set", "pixel", "cpus=2", expect=4)
+    env.run("device", "set", "pixel-2", "cpus=2", "ram=768", "quickboot=off")
+    shown = device(env, "pixel-2")
+    check(shown["cpus"] == 2 and shown["ram_mb"] == 768 and not shown["quickboot"], f"settings not stored: {shown}")
+    env.run("device", "set", "pixel-2", "colour=red", expect=2)
+    info, _, _ = start(env, "pixel-2")
+    check(info["boot"] == "cold", f"quickboot=off should boot cold: {info}")
+    env.run("device", "stop", "pixel-2")
+    env.run("device", "stop", "pixel", "--no-save")
+    env.run("device", "snapshot", "delete", "pixel", "before_update")
+    env.run("device", "snapshot", "delete", "pixel", "before_update", expect=3)
+    check("before_update" not in env.run("device", "snapshot", "list", "pixel", json_out=True), "snapshot kept")
+    env.run("device", "start", "pixel", "--cold", "--wait", "120")
+    print("e2e: snapshots and settings ok")
 
     # 7. Quick boot with IDE disks (the Android 7.1 record).
     env.run("device", "create", "legacy", "--image", image71, "--profile", "e2e")
