@@ -6,6 +6,7 @@
 #include <QDeadlineTimer>
 #include <QDebug>
 #include <QFile>
+#include <QDateTime>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonValue>
@@ -277,6 +278,19 @@ bool JsonSettings::acquire(QLockFile &lock) const
     while (!lock.tryLock(0)) {
         if (lock.error() != QLockFile::LockFailedError || deadline.hasExpired())
             return false;
+        // A writer killed between creating the lock file and writing its pid
+        // into it leaves a file that names no one; QLockFile would wait out
+        // the whole stale time for it. A live writer fills it within
+        // milliseconds, so one that stays empty for a second is abandoned.
+        qint64 pid = 0;
+        QString host;
+        QString application;
+        const QFileInfo lockInfo(m_filePath + QStringLiteral(".lock"));
+        if (!lock.getLockInfo(&pid, &host, &application) && lockInfo.exists()
+            && lockInfo.lastModified().msecsTo(QDateTime::currentDateTime()) > 1000) {
+            lock.removeStaleLockFile();
+            continue;
+        }
         QThread::msleep(static_cast<unsigned long>(qMin<qint64>(pauseMs, qMax<qint64>(deadline.remainingTime(), 1))));
         pauseMs = qMin(pauseMs * 2, 32);
     }

@@ -4,6 +4,7 @@
 #include "PlayerFeaturesConfig.h"
 #include "SettingsTestUtils.h"
 
+#include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -211,6 +212,23 @@ TEST_F(JsonSettingsTest, firstSetCreatesTheFile)
     EXPECT_TRUE(settings.setValue(QStringLiteral("virtual_devices.directory"), QStringLiteral("/d")));
     EXPECT_EQ(readObject(m_path), parseObject(R"({"virtual_devices.directory": "/d"})"));
     EXPECT_FALSE(QFile::exists(m_path + QStringLiteral(".lock"))) << "the lock is released after the change";
+}
+
+TEST_F(JsonSettingsTest, emptyLockFileOfAKilledWriterIsTakenOver)
+{
+    // What a writer killed between creating the lock file and writing its
+    // pid leaves behind; the stale time alone would block for 30 s.
+    QFile lockFile(m_path + QStringLiteral(".lock"));
+    ASSERT_TRUE(lockFile.open(QIODevice::WriteOnly));
+    lockFile.close();
+    ASSERT_TRUE(lockFile.open(QIODevice::ReadWrite));
+    ASSERT_TRUE(lockFile.setFileTime(QDateTime::currentDateTime().addSecs(-5), QFileDevice::FileModificationTime));
+    lockFile.close();
+
+    JsonSettings settings(m_path, JsonSettings::ReadWrite);
+    settings.setLockTimeouts(3000, 30000);
+    EXPECT_TRUE(settings.setValue(QStringLiteral("after"), 1));
+    EXPECT_EQ(readObject(m_path), parseObject(R"({"after": 1})"));
 }
 
 TEST_F(JsonSettingsTest, setIntoMissingDirectoryIsLoggedAndLost)
