@@ -50,6 +50,27 @@ MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString
     return machine;
 }
 
+/// The engine and the device a command names first, or the exit code that
+/// reports why there is none.
+struct Target {
+    QEMUEngine *engine = nullptr;
+    MachinePtr machine;
+    int code = Success;
+};
+
+Target findTarget(Context &ctx)
+{
+    Target target;
+    target.machine = device(ctx, &target.engine, &target.code, ctx.arg(0));
+    return target;
+}
+
+/// Refuses a change that needs the device stopped.
+int refuseRunning(Context &ctx, const QEMUMachine &machine)
+{
+    return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(machine.getName()));
+}
+
 QString systemDisk(const QEMUMachine &machine)
 {
     return machine.getPath() + QStringLiteral("/system.qcow2");
@@ -219,11 +240,11 @@ int list(Context &ctx)
 
 int show(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     QJsonObject object = describe(e, *machine);
     if (ctx.json()) {
         object.insert("hardware_profile", HwProfileIO::toJsonObject(machine->getHwProfile()));
@@ -311,11 +332,11 @@ bool waitForGuest(quint16 port, int seconds, QByteArray *banner)
 
 int start(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
@@ -385,11 +406,11 @@ bool waitForExit(QEMUMachine &machine, int seconds)
 
 int stop(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() != VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is not running").arg(name));
@@ -431,11 +452,11 @@ int stop(Context &ctx)
 
 int snapshotList(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QStringList names = snapshotNames(e, *machine);
     if (ctx.json()) {
         ctx.printJson(QJsonArray::fromStringList(names));
@@ -448,11 +469,11 @@ int snapshotList(Context &ctx)
 
 int snapshotSave(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     static const QRegularExpression valid(QStringLiteral("^\\w{1,64}$"));
     if (!valid.match(ctx.arg(1)).hasMatch())
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid snapshot name: use letters, digits and '_'")
@@ -475,14 +496,13 @@ int snapshotSave(Context &ctx)
 
 int snapshotDelete(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     if (machine->getStatus() == VMToolsMachine::On)
-        return ctx.fail(Conflict,
-                        QStringLiteral("device '%1' is running; stop it first").arg(machine->getName()));
+        return refuseRunning(ctx, *machine);
     if (!snapshotNames(e, *machine).contains(ctx.arg(1)))
         return ctx.fail(NotFound, QStringLiteral("snapshot '%1' of device '%2' does not exist")
                                       .arg(ctx.arg(1), machine->getName()));
@@ -494,11 +514,11 @@ int snapshotDelete(Context &ctx)
 
 int clone(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QString newName = ctx.arg(1);
     if (!validName(newName))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid device name").arg(newName));
@@ -531,14 +551,13 @@ int clone(Context &ctx)
 
 int reset(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
-        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
+        return refuseRunning(ctx, *machine);
     if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
     if (!machine->resetFactory())
@@ -549,14 +568,14 @@ int reset(Context &ctx)
 
 int remove(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
-        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
+        return refuseRunning(ctx, *machine);
     if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
     if (!e->deleteMachine(machine.get()))
@@ -579,11 +598,11 @@ bool parseBool(const QString &text, bool *ok)
 
 int set(Context &ctx)
 {
-    QEMUEngine *e = nullptr;
-    int code = Success;
-    MachinePtr machine = device(ctx, &e, &code, ctx.arg(0));
-    if (!machine)
-        return code;
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     const bool running = machine->getStatus() == VMToolsMachine::On;
     static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
