@@ -142,14 +142,9 @@ bool saveRecord(const OsImage &image, QString *file)
     return out.commit();
 }
 
-int addRecord(Context &ctx, const QString &path)
+/// Stores the record among the user's images and prints what was registered.
+int registerImage(Context &ctx, const OsImage &image)
 {
-    OsImage image = OsImageIO::loadFromFile(path, HwProfile::Source::USER);
-    if (!image.isValid())
-        return ctx.fail(Failed, QStringLiteral("'%1' is not a valid OS image record").arg(path));
-    Stored<OsImage> existing;
-    if (Catalog::findImage(image.uuid, &existing))
-        return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
     QString file;
     if (!saveRecord(image, &file))
         return ctx.fail(Failed, QStringLiteral("could not write '%1'").arg(file));
@@ -158,6 +153,17 @@ int addRecord(Context &ctx, const QString &path)
     else
         ctx.print(Catalog::bareUuid(image.uuid));
     return Success;
+}
+
+int addRecord(Context &ctx, const QString &path)
+{
+    OsImage image = OsImageIO::loadFromFile(path, HwProfile::Source::USER);
+    if (!image.isValid())
+        return ctx.fail(Failed, QStringLiteral("'%1' is not a valid OS image record").arg(path));
+    Stored<OsImage> existing;
+    if (Catalog::findImage(image.uuid, &existing))
+        return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
+    return registerImage(ctx, image);
 }
 
 int addOva(Context &ctx, const QString &path)
@@ -200,14 +206,7 @@ int addOva(Context &ctx, const QString &path)
     if (image.imageHash.isEmpty())
         return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
 
-    QString file;
-    if (!saveRecord(image, &file))
-        return ctx.fail(Failed, QStringLiteral("could not write '%1'").arg(file));
-    if (ctx.json())
-        ctx.printJson(OsImageIO::toJsonObject(image));
-    else
-        ctx.print(Catalog::bareUuid(image.uuid));
-    return Success;
+    return registerImage(ctx, image);
 }
 
 int add(Context &ctx)
