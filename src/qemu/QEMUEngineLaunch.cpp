@@ -11,12 +11,14 @@
 
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QLockFile>
 #include <QNetworkProxy>
 #include <QSet>
 #include <QSettings>
 #include <QTcpServer>
+#include <QThread>
 
 #include <memory>
 
@@ -25,10 +27,26 @@ namespace {
 // The lock file key that tells whether the running emulator has the writable
 // shared-folder drive (a cold boot has it, a snapshot start does not).
 const QString kWritableSharedKey = QStringLiteral("writable_shared_drive");
-// How long a graceful stop waits for the emulator to end.
+// How long a graceful stop waits for the emulator to end, and how often it
+// looks: an emulator usually ends within a tenth of a second of answering
+// "quit", and the stop is done the moment it has.
 constexpr int kQuitTimeoutMs = 15000;
+constexpr int kQuitPollMs = 5;
 // How long a start waits for another program's start to record its offset.
 constexpr int kPortOffsetLockTimeoutMs = 60000;
+
+/// Waits until the process has ended, or the time is up.
+bool waitForEnd(qint64 pid, int timeoutMs)
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (VMToolsCommon::isRunning(pid)) {
+        if (elapsed.elapsed() >= timeoutMs)
+            return false;
+        QThread::msleep(kQuitPollMs);
+    }
+    return true;
+}
 
 bool arePortsFree(int offset)
 {
@@ -166,7 +184,9 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
     if (client.execQuit()) {
         // The emulator writes its disks back before it ends, which can take
         // longer than the machine's own one-second wait on a busy host.
-        VMToolsCommon::waitForFinished(qemuMachine->loadQEMUPid(), kQuitTimeoutMs);
+        const qint64 pid = qemuMachine->loadQEMUPid();
+        if (!waitForEnd(pid, kQuitTimeoutMs))
+            qWarning() << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;
         qemuMachine->waitForFinished();
         return true;
     }
