@@ -22,7 +22,8 @@
 #include <QThread>
 #include <QtEndian>
 
-#include <atomic>
+#include <chrono>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -146,20 +147,17 @@ int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image,
     const QStringList watched = {Paths::getSystemImagePath(image.imageVersion, image.osVersion),
                                  e->getDevicesDirectory().absoluteFilePath(name)};
     const qint64 before = bytesIn(watched);
-    std::atomic<int> result{-1};
-    std::atomic<bool> done{false};
-    std::thread worker([&] {
-        result = e->createMachine(name, image, profile);
-        done = true;
-    });
+    // The future wakes this thread the moment the creation ends; the tenth
+    // of a second is only how often the progress is redrawn.
+    std::packaged_task<int()> task([&] { return e->createMachine(name, image, profile); });
+    std::future<int> result = task.get_future();
+    std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
-    while (!done) {
-        QThread::msleep(100);
+    while (result.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
         progress.update(qMax<qint64>(0, bytesIn(watched) - before));
-    }
     worker.join();
     progress.finish();
-    return result;
+    return result.get();
 }
 
 int create(Context &ctx)
