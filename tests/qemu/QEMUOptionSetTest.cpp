@@ -1,6 +1,7 @@
 #include "QEMUOptionSet.h"
 
 #include "MessageCapture.h"
+#include "ScopedEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -8,12 +9,18 @@ using hvtest::MessageCapture;
 
 namespace {
 
+const QStringList kHead{"-accel", "kvm", "-cpu", "host"};
+const QStringList kSystem{"-drive", "file=/d/system.qcow2,format=qcow2"};
+const QStringList kData{"-drive", "file=/d/data.qcow2,format=qcow2"};
+const QStringList kShared{"-drive", "format=vvfat,label=shared,id=shared,file=fat:rw:/d/shared"};
+const QStringList kDrives = kSystem + kData + kShared;
+const QStringList kFlag{"-nographic"};
+
 QEMUOptionSet baseOptions()
 {
     QEMUOptionSet options;
-    options.add("-drive", "file=/d/system.qcow2,format=qcow2");
-    options.add("-drive", "file=/d/data.qcow2,format=qcow2");
-    options.add("-drive", "format=vvfat,label=shared,id=shared,file=fat:rw:/d/shared");
+    for (int i = 1; i < kDrives.size(); i += 2)
+        options.add("-drive", kDrives.at(i));
     options.add("-accel", "kvm");
     options.add("-cpu", "host");
     options.addFlag("-nographic");
@@ -24,7 +31,10 @@ struct OverrideCase {
     const char *name;
     QStringList items;
     QStringList expected;
+    QString warning = QString(); // set when the item is ignored
 };
+
+void PrintTo(const OverrideCase &c, std::ostream *os) { *os << c.name; }
 
 class StartArgsOverride : public ::testing::TestWithParam<OverrideCase>
 {
@@ -32,79 +42,45 @@ class StartArgsOverride : public ::testing::TestWithParam<OverrideCase>
 
 TEST_P(StartArgsOverride, rewritesTheOptionSet)
 {
+    MessageCapture capture;
     QEMUOptionSet options = baseOptions();
     options.applyOverrides(GetParam().items);
     EXPECT_EQ(options.render(), GetParam().expected);
+    if (GetParam().warning.isEmpty())
+        EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
+    else
+        EXPECT_EQ(capture.texts(QtWarningMsg), QStringList{"[VMTools] Ignoring start argument " + GetParam().warning});
 }
 
-const QStringList kSystem{"-drive", "file=/d/system.qcow2,format=qcow2"};
-const QStringList kData{"-drive", "file=/d/data.qcow2,format=qcow2"};
-const QStringList kShared{"-drive", "format=vvfat,label=shared,id=shared,file=fat:rw:/d/shared"};
+const QString kForm = "not of the form -name[index]=value";
 
 INSTANTIATE_TEST_SUITE_P(
     Forms, StartArgsOverride,
     ::testing::Values(
-        OverrideCase{"none", {}, QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData + kShared +
-                                     QStringList{"-nographic"}},
-        OverrideCase{"removeWithEmptyValue", {"-drive="},
-                     {"-accel", "kvm", "-cpu", "host", "-nographic"}},
-        OverrideCase{"removeFlag", {"-nographic="}, QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData + kShared},
-        OverrideCase{"addNewOptionAtItsSortedPlace", {"-machine=q35"},
-                     QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData + kShared +
-                         QStringList{"-machine", "q35", "-nographic"}},
-        OverrideCase{"trueIsAFlag", {"-snapshot=true"},
-                     QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData + kShared +
-                         QStringList{"-nographic", "-snapshot"}},
+        OverrideCase{"none", {}, kHead + kDrives + kFlag},
+        OverrideCase{"removeWithEmptyValue", {"-drive="}, kHead + kFlag},
+        OverrideCase{"removeFlag", {"-nographic="}, kHead + kDrives},
+        OverrideCase{"addNewOptionAtItsSortedPlace", {"-machine=q35"}, kHead + kDrives + QStringList{"-machine", "q35"} + kFlag},
+        OverrideCase{"trueIsAFlag", {"-snapshot=true"}, kHead + kDrives + kFlag + QStringList{"-snapshot"}},
         OverrideCase{"appendWithMinusOne", {"-drive[-1]=file=/x.img"},
-                     QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData + kShared +
-                         QStringList{"-drive", "file=/x.img", "-nographic"}},
+                     kHead + kDrives + QStringList{"-drive", "file=/x.img"} + kFlag},
         OverrideCase{"replaceLatestWithMinusTwo", {"-drive[-2]=fat:ro"},
-                     QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem + kData +
-                         QStringList{"-drive", "fat:ro", "-nographic"}},
-        OverrideCase{"replaceAtIndex", {"-drive[1]=file=/other.qcow2"},
-                     QStringList{"-accel", "kvm", "-cpu", "host"} + kSystem +
-                         QStringList{"-drive", "file=/other.qcow2"} + kShared + QStringList{"-nographic"}},
+                     kHead + kSystem + kData + QStringList{"-drive", "fat:ro"} + kFlag},
+        OverrideCase{"replaceAtIndex", {"-drive[1]=file=/o.qcow2"},
+                     kHead + kSystem + QStringList{"-drive", "file=/o.qcow2"} + kShared + kFlag},
         OverrideCase{"withoutIndexReplacesEveryValue", {"-accel=tcg", "-drive=file=/only.qcow2"},
                      {"-accel", "tcg", "-cpu", "host", "-drive", "file=/only.qcow2", "-nographic"}},
         OverrideCase{"itemsApplyInOrder", {"-cpu=", "-cpu=max", "-cpu[-1]=qemu64"},
-                     QStringList{"-accel", "kvm", "-cpu", "max", "-cpu", "qemu64"} + kSystem + kData + kShared +
-                         QStringList{"-nographic"}},
+                     QStringList{"-accel", "kvm", "-cpu", "max", "-cpu", "qemu64"} + kDrives + kFlag},
         OverrideCase{"doubleDashName", {"--device=ac97,audiodev=snd0"},
-                     QStringList{"--device", "ac97,audiodev=snd0", "-accel", "kvm", "-cpu", "host"} + kSystem +
-                         kData + kShared + QStringList{"-nographic"}}),
+                     QStringList{"--device", "ac97,audiodev=snd0"} + kHead + kDrives + kFlag},
+        OverrideCase{"noDash", {"accel=tcg"}, kHead + kDrives + kFlag, "\"accel=tcg\" " + kForm},
+        OverrideCase{"noEquals", {"-accel"}, kHead + kDrives + kFlag, "\"-accel\" " + kForm},
+        OverrideCase{"indexPastTheEnd", {"-drive[3]=x"}, kHead + kDrives + kFlag,
+                     "\"-drive[3]=x\" index out of range"},
+        OverrideCase{"negativeIndexOtherThanTheTwoForms", {"-drive[-3]=x"}, kHead + kDrives + kFlag,
+                     "\"-drive[-3]=x\" index out of range"}),
     [](const ::testing::TestParamInfo<OverrideCase> &info) { return std::string(info.param.name); });
-
-struct IgnoredCase {
-    const char *name;
-    QString item;
-    QString warning;
-};
-
-class StartArgsIgnored : public ::testing::TestWithParam<IgnoredCase>
-{
-};
-
-TEST_P(StartArgsIgnored, leavesTheSetAsItWasAndSaysWhy)
-{
-    MessageCapture capture;
-    QEMUOptionSet options = baseOptions();
-    options.applyOverrides({GetParam().item});
-    EXPECT_EQ(options.render(), baseOptions().render());
-    EXPECT_LOG(capture, QtWarningMsg, GetParam().warning);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Items, StartArgsIgnored,
-    ::testing::Values(
-        IgnoredCase{"noDash", "accel=tcg",
-                    "[VMTools] Ignoring start argument \"accel=tcg\" not of the form -name[index]=value"},
-        IgnoredCase{"noEquals", "-accel",
-                    "[VMTools] Ignoring start argument \"-accel\" not of the form -name[index]=value"},
-        IgnoredCase{"indexPastTheEnd", "-drive[3]=x",
-                    "[VMTools] Ignoring start argument \"-drive[3]=x\" index out of range"},
-        IgnoredCase{"negativeIndexOtherThanTheTwoForms", "-drive[-3]=x",
-                    "[VMTools] Ignoring start argument \"-drive[-3]=x\" index out of range"}),
-    [](const ::testing::TestParamInfo<IgnoredCase> &info) { return std::string(info.param.name); });
 
 TEST(QEMUOptionSet, rendersNamesInCodeUnitOrderAndValuesInInsertionOrder)
 {
@@ -122,14 +98,13 @@ TEST(QEMUOptionSet, rendersNamesInCodeUnitOrderAndValuesInInsertionOrder)
 
 TEST(QEMUOptionSet, readsTheVariableSplitOnSemicolons)
 {
+    hvtest::ScopedEnv args(QEMUOptionSet::startArgsVariable(),
+                           "-accel=tcg;-drive[-2]=format=vvfat,file=fat:ro:/d/shared;-vga=none");
     EXPECT_STREQ(QEMUOptionSet::startArgsVariable(), "HV_QEMU_START_ARGS");
-    qputenv("HV_QEMU_START_ARGS", "-accel=tcg;-drive[-2]=format=vvfat,file=fat:ro:/d/shared;-vga=none");
     QEMUOptionSet options = baseOptions();
     options.applyStartArgsVariable();
-    qunsetenv("HV_QEMU_START_ARGS");
-    EXPECT_EQ(options.render(), QStringList({"-accel", "tcg", "-cpu", "host"}) + kSystem + kData +
-                                    QStringList({"-drive", "format=vvfat,file=fat:ro:/d/shared", "-nographic", "-vga",
-                                                 "none"}));
+    EXPECT_EQ(options.render(), QStringList({"-accel", "tcg", "-cpu", "host"}) + kSystem + kData
+                                    + QStringList({"-drive", "format=vvfat,file=fat:ro:/d/shared", "-nographic", "-vga", "none"}));
 }
 
 } // namespace
