@@ -1,34 +1,103 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
-#include <QStringList>
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+
+#include <cstring>
 
 // Archive bytes written independently of the mtar writer, so the reader is
 // never checked against its own twin.
 namespace tarrecords {
 
+/// The header's checksum: the byte sum with the checksum field as spaces.
+inline quint32 checksum(const QByteArray &record)
+{
+    quint32 sum = 0;
+    for (int i = 0; i < 512; ++i)
+        sum += (i >= 148 && i < 156) ? quint32(' ') : quint32(static_cast<unsigned char>(record.at(i)));
+    return sum;
+}
+
 /// A ustar header record (magic "ustar", version "00") with a correct
 /// checksum; numbers are zero-padded octal as other writers produce them.
-QByteArray header(const QByteArray &name, char type, quint64 size, const QByteArray &linkname = QByteArray());
-/// The header's checksum: the byte sum with the checksum field as spaces.
-quint32 checksum(const QByteArray &record);
+inline QByteArray header(const QByteArray &name, char type, quint64 size, const QByteArray &linkname = {})
+{
+    QByteArray r(512, '\0');
+    const auto put = [&r](int offset, const QByteArray &bytes, int width) {
+        std::memcpy(r.data() + offset, bytes.constData(), static_cast<size_t>(qMin(bytes.size(), width)));
+    };
+    const auto octal = [](quint64 value, int width) { return QByteArray::number(value, 8).rightJustified(width, '0'); };
+    put(0, name, 100);
+    put(100, octal(0644, 7), 7);
+    put(108, octal(1000, 7), 7);
+    put(116, octal(1000, 7), 7);
+    put(124, octal(size, 11), 11);
+    put(136, octal(1700000000, 11), 11);
+    r[156] = type;
+    put(157, linkname, 100);
+    put(257, QByteArray("ustar\0" "00", 8), 8);
+    put(148, octal(checksum(r), 6), 6);
+    r[155] = ' ';
+    return r;
+}
+
 /// Entry data padded with zeros to whole records.
-QByteArray padded(const QByteArray &data);
-/// A regular file entry with its data.
-QByteArray file(const QByteArray &name, const QByteArray &data);
-/// A directory entry.
-QByteArray dir(const QByteArray &name);
+inline QByteArray padded(QByteArray data)
+{
+    return data.append(QByteArray((512 - data.size() % 512) % 512, '\0'));
+}
+inline QByteArray file(const QByteArray &name, const QByteArray &data)
+{
+    return header(name, '0', static_cast<quint64>(data.size())) + padded(data);
+}
+inline QByteArray dir(const QByteArray &name) { return header(name, '5', 0); }
 /// The two null records that end an archive.
-QByteArray end();
+inline QByteArray end() { return QByteArray(1024, '\0'); }
 
 /// Deterministic pseudo-random bytes, so large test files differ everywhere.
-QByteArray noise(int size, quint32 seed);
+inline QByteArray noise(int size, quint32 seed)
+{
+    QByteArray out(size, '\0');
+    quint32 x = seed | 1u;
+    for (int i = 0; i < size; ++i) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        out[i] = static_cast<char>(x & 0xff);
+    }
+    return out;
+}
 
-bool writeFile(const QString &path, const QByteArray &data);
-QByteArray readFile(const QString &path);
+inline bool writeFile(const QString &path, const QByteArray &data)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(data) == data.size();
+}
+inline QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 /// Every file and directory below root, relative, with "/" after directories
 /// and the size after files, sorted.
-QStringList listTree(const QString &root);
+inline QStringList listTree(const QString &root)
+{
+    QStringList entries;
+    QDirIterator it(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        const QFileInfo info = it.fileInfo();
+        const QString rel = QDir(root).relativeFilePath(info.filePath());
+        if (info.isSymLink())
+            entries << rel + " -> " + info.symLinkTarget();
+        else
+            entries << (info.isDir() ? rel + "/" : rel + " " + QString::number(info.size()));
+    }
+    entries.sort();
+    return entries;
+}
 
 } // namespace tarrecords

@@ -19,27 +19,16 @@ using hvtest::MessageCapture;
 
 namespace {
 
-/// Sets or unsets one variable for the length of a test.
+/// Sets (or, with nullptr, unsets) one variable for the length of a scope.
 class ScopedEnv
 {
 public:
     ScopedEnv(const char *name, const char *value)
-        : m_name(name)
-        , m_wasSet(qEnvironmentVariableIsSet(name))
-        , m_old(qgetenv(name))
+        : m_name(name), m_wasSet(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
     {
-        if (value)
-            qputenv(name, value);
-        else
-            qunsetenv(name);
+        value ? qputenv(name, value) : qunsetenv(name);
     }
-    ~ScopedEnv()
-    {
-        if (m_wasSet)
-            qputenv(m_name, m_old);
-        else
-            qunsetenv(m_name);
-    }
+    ~ScopedEnv() { m_wasSet ? qputenv(m_name, m_old) : qunsetenv(m_name); }
 
 private:
     const char *m_name;
@@ -47,150 +36,102 @@ private:
     QByteArray m_old;
 };
 
-TEST(EnvVars, readsRawStringsAndDefaults)
+TEST(EnvVars, readsStringsNumbersAndLists)
 {
-    ScopedEnv unset("HV_T_STR", nullptr);
-    EXPECT_EQ(EnvVars::getString("HV_T_STR", "dflt"), "dflt");
-    EXPECT_TRUE(EnvVars::getString("HV_T_STR").isNull());
-    EXPECT_TRUE(EnvVars::getByteArray("HV_T_STR").isNull());
+    ScopedEnv unset("HV_T", nullptr);
+    EXPECT_EQ(EnvVars::getString("HV_T", "dflt"), "dflt");
+    EXPECT_TRUE(EnvVars::getByteArray("HV_T").isNull());
+    EXPECT_EQ(EnvVars::getInt("HV_T", 7), 7);
+    EXPECT_EQ(EnvVars::getStringList("HV_T", {"d"}), QStringList{"d"});
+    EXPECT_FALSE(EnvVars::isStringListed("HV_T", ""));
     {
-        ScopedEnv empty("HV_T_STR", "");
-        EXPECT_EQ(EnvVars::getString("HV_T_STR", "dflt"), "");
-        EXPECT_EQ(EnvVars::getByteArray("HV_T_STR", "dflt"), QByteArray());
+        // Empty is a value for strings, but no number.
+        ScopedEnv empty("HV_T", "");
+        EXPECT_EQ(EnvVars::getString("HV_T", "dflt"), "");
+        EXPECT_EQ(EnvVars::getInt("HV_T", 7), 7);
+        EXPECT_EQ(EnvVars::getDouble("HV_T", 1.5), 1.5);
     }
-    ScopedEnv set("HV_T_STR", "caf\xc3\xa9");
-    EXPECT_EQ(EnvVars::getString("HV_T_STR"), QString::fromUtf8("caf\xc3\xa9"));
+    {
+        ScopedEnv number("HV_T", "-42");
+        EXPECT_EQ(EnvVars::getInt("HV_T", 7), -42);
+        EXPECT_EQ(EnvVars::getDouble("HV_T", 1.5), -42.0);
+    }
+    ScopedEnv list("HV_T", "a:b::c");
+    EXPECT_EQ(EnvVars::getStringList("HV_T"), (QStringList{"a", "b", "", "c"}));
+    EXPECT_EQ(EnvVars::getStringList("HV_T", {}, QLatin1Char(';')), QStringList{"a:b::c"});
+    EXPECT_TRUE(EnvVars::isStringListed("HV_T", "b"));
+    EXPECT_TRUE(EnvVars::isStringListed("HV_T", ""));
+    EXPECT_FALSE(EnvVars::isStringListed("HV_T", "B"));
+    EXPECT_FALSE(EnvVars::isStringListed("HV_T", "a:b"));
 }
 
-TEST(EnvVars, numbersFallBackToTheDefaultWhenUnsetOrEmpty)
+TEST(EnvVars, malformedNumberEndsTheProcess)
 {
-    ScopedEnv unset("HV_T_NUM", nullptr);
-    EXPECT_EQ(EnvVars::getInt("HV_T_NUM", 7), 7);
-    EXPECT_EQ(EnvVars::getDouble("HV_T_NUM", 1.5), 1.5);
-    ScopedEnv empty("HV_T_NUM", "");
-    EXPECT_EQ(EnvVars::getInt("HV_T_NUM", 7), 7);
-    EXPECT_EQ(EnvVars::getDouble("HV_T_NUM", 1.5), 1.5);
-    ScopedEnv value("HV_T_NUM", "-42");
-    EXPECT_EQ(EnvVars::getInt("HV_T_NUM", 7), -42);
-    EXPECT_EQ(EnvVars::getDouble("HV_T_NUM", 1.5), -42.0);
+    const struct {
+        const char *value;
+        bool asInt;
+        const char *message;
+    } cases[] = {{"12abc", true, "Invalid int: 12abc"}, {"1.5", true, "Invalid int: 1\\.5"},
+                 {"99999999999", true, "Invalid int: 99999999999"}, {"1,5", false, "Invalid double: 1,5"}};
+    for (const auto &c : cases) {
+        ScopedEnv value("HV_T_BAD", c.value);
+        if (c.asInt)
+            EXPECT_DEATH(EnvVars::getInt("HV_T_BAD", 0), c.message);
+        else
+            EXPECT_DEATH(EnvVars::getDouble("HV_T_BAD", 0), c.message);
+    }
 }
 
-struct FatalNumber {
-    const char *value;
-    bool asInt;
-    const char *message;
-};
-
-class EnvVarsFatal : public ::testing::TestWithParam<FatalNumber>
-{
-};
-
-TEST_P(EnvVarsFatal, malformedNumberEndsTheProcess)
-{
-    const FatalNumber &c = GetParam();
-    ScopedEnv value("HV_T_BAD", c.value);
-    if (c.asInt)
-        EXPECT_DEATH(EnvVars::getInt("HV_T_BAD", 0), c.message);
-    else
-        EXPECT_DEATH(EnvVars::getDouble("HV_T_BAD", 0), c.message);
-}
-
-INSTANTIATE_TEST_SUITE_P(Overrides, EnvVarsFatal,
-                         ::testing::Values(FatalNumber{"12abc", true, "Invalid int: 12abc"},
-                                           FatalNumber{"1.5", true, "Invalid int: 1\\.5"},
-                                           FatalNumber{"99999999999", true, "Invalid int: 99999999999"},
-                                           FatalNumber{"x1", false, "Invalid double: x1"},
-                                           FatalNumber{"1,5", false, "Invalid double: 1,5"}));
-
-TEST(EnvVars, stringListsKeepEmptyPieces)
-{
-    ScopedEnv unset("HV_T_LIST", nullptr);
-    EXPECT_EQ(EnvVars::getStringList("HV_T_LIST", {"d"}), QStringList{"d"});
-    EXPECT_FALSE(EnvVars::isStringListed("HV_T_LIST", ""));
-    EXPECT_FALSE(EnvVars::isStringListed("HV_T_LIST", "a"));
-
-    ScopedEnv value("HV_T_LIST", "a:b::c");
-    EXPECT_EQ(EnvVars::getStringList("HV_T_LIST"), (QStringList{"a", "b", "", "c"}));
-    EXPECT_EQ(EnvVars::getStringList("HV_T_LIST", {}, QLatin1Char(';')), QStringList{"a:b::c"});
-    EXPECT_TRUE(EnvVars::isStringListed("HV_T_LIST", "b"));
-    EXPECT_TRUE(EnvVars::isStringListed("HV_T_LIST", ""));
-    EXPECT_FALSE(EnvVars::isStringListed("HV_T_LIST", "B"));
-    EXPECT_FALSE(EnvVars::isStringListed("HV_T_LIST", "a:b"));
-}
-
-TEST(HalvistromAppUtils, namesEveryProgram)
+TEST(HalvistromAppUtils, namesAndSetsUpTheApplication)
 {
     using A = HalvistromAppUtils;
-    EXPECT_EQ(A::getAppName(A::Desktop), "Halvistrom");
-    EXPECT_EQ(A::getAppName(A::Player), "Halvistrom Player");
-    EXPECT_EQ(A::getAppName(A::Shell), "Halvistrom Shell");
-    EXPECT_EQ(A::getAppName(A::Tool), "hvtool");
-    EXPECT_EQ(A::getAppName(static_cast<A::HalvistromApp>(9)), "hvtool");
-    EXPECT_EQ(A::getAppName(static_cast<A::HalvistromApp>(-1)), "Halvistrom Player");
-    EXPECT_EQ(A::getOrganizationName(), "Corbelwick");
+    const std::pair<int, const char *> names[] = {
+        {A::Desktop, "Halvistrom"}, {A::Player, "Halvistrom Player"}, {A::Shell, "Halvistrom Shell"},
+        {A::Tool, "hvtool"}, {9, "hvtool"}, {-1, "Halvistrom Player"}};
+    for (const auto &[app, name] : names)
+        EXPECT_EQ(A::getAppName(static_cast<A::HalvistromApp>(app)), name) << app;
     EXPECT_EQ(A::getHalvistromAppName(), "Halvistrom");
-}
 
-TEST(HalvistromAppUtils, setupNamesTheApplication)
-{
     ScopedEnv unset("HV_SOFT_VERSION", nullptr);
     MessageCapture capture;
-    HalvistromAppUtils::setup(HalvistromAppUtils::Tool);
+    A::setup(A::Tool);
     EXPECT_EQ(QCoreApplication::applicationName(), "hvtool");
     EXPECT_EQ(QCoreApplication::organizationName(), "Corbelwick");
-    EXPECT_EQ(QCoreApplication::organizationDomain(), HalvistromAppUtils::getOrganizationDomain());
     EXPECT_EQ(QCoreApplication::applicationVersion(), "3.8.0");
     EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
-}
 
-TEST(HalvistromAppUtils, softVersionOverridesEvenWhenEmpty)
-{
-    for (const char *value : {"3.8.91", ""}) {
+    // The override applies even when empty, and says so.
+    for (const char *value : {"", "3.8.91"}) {
         ScopedEnv soft("HV_SOFT_VERSION", value);
-        MessageCapture capture;
-        HalvistromAppUtils::setup(HalvistromAppUtils::Desktop);
-        EXPECT_EQ(QCoreApplication::applicationVersion(), QString::fromUtf8(value));
-        EXPECT_TRUE(capture.has(QtWarningMsg,
-                                QStringLiteral("Override Halvistrom version from \"3.8.0\" to \"%1\"").arg(value)));
+        MessageCapture overridden;
+        A::setup(A::Desktop);
+        EXPECT_EQ(QCoreApplication::applicationVersion(), value);
+        EXPECT_TRUE(overridden.has(QtWarningMsg,
+                                   QStringLiteral("Override Halvistrom version from \"3.8.0\" to \"%1\"").arg(value)));
     }
-    ScopedEnv soft("HV_SOFT_VERSION", "3.8.91");
-    HalvistromAppUtils::setup(HalvistromAppUtils::Desktop);
-    EXPECT_EQ(HalvistromAppUtils::getUserFriendlyVersion(), "3.9.0-beta1");
+    EXPECT_EQ(A::getUserFriendlyVersion(), "3.9.0-beta1");
 }
 
-TEST(SystemInfo, describesTheHost)
+TEST(SystemInfo, describesTheHostUnlessOverridden)
 {
-    ScopedEnv archs("HV_OSIMAGE_ARCH_LIST", nullptr);
-    ScopedEnv os("HV_OS_VERSION", nullptr);
-    const SystemInfo info = SystemInfo::getSystemInfo();
-    EXPECT_EQ(info.cpuArchitecture, QSysInfo::currentCpuArchitecture());
-    EXPECT_EQ(info.buildCpuArchitecture, QSysInfo::buildCpuArchitecture());
-    EXPECT_EQ(info.osImageArchitectures, (QStringList{"x86", "x86_64"}));
-    EXPECT_TRUE(info.osName.startsWith("Linux "));
-    EXPECT_EQ(info.osVersion, VersionNumber::fromString(QSysInfo::productVersion()));
-    EXPECT_FALSE(SystemInfo::isWindows());
-}
-
-TEST(SystemInfo, overridesComeFromTheEnvironment)
-{
+    {
+        ScopedEnv archs("HV_OSIMAGE_ARCH_LIST", nullptr);
+        ScopedEnv os("HV_OS_VERSION", "-3.1"); // negative: ignored
+        const SystemInfo info = SystemInfo::getSystemInfo();
+        EXPECT_EQ(info.cpuArchitecture, QSysInfo::currentCpuArchitecture());
+        EXPECT_EQ(info.osImageArchitectures, (QStringList{"x86", "x86_64"}));
+        EXPECT_TRUE(info.osName.startsWith("Linux "));
+        EXPECT_EQ(info.osVersion, VersionNumber::fromString(QSysInfo::productVersion()));
+    }
     ScopedEnv archs("HV_OSIMAGE_ARCH_LIST", "arm64:x86_64");
     ScopedEnv os("HV_OS_VERSION", "10.15");
     const SystemInfo info = SystemInfo::getSystemInfo();
     EXPECT_EQ(info.osImageArchitectures, (QStringList{"arm64", "x86_64"}));
     EXPECT_EQ(info.osVersion, VersionNumber(10, 15, 0));
 
-    ScopedEnv negative("HV_OS_VERSION", "-3.1");
-    EXPECT_EQ(SystemInfo::getSystemInfo().osVersion, VersionNumber::fromString(QSysInfo::productVersion()));
-}
-
-TEST(SysInfo, rosettaUiFollowsItsVariableEvenWhenEmpty)
-{
     SysInfo sys;
     EXPECT_FALSE(sys.isRunningThroughRosetta());
-    {
-        ScopedEnv unset("HV_ROSETTA_UI", nullptr);
-        EXPECT_FALSE(sys.isRosettaUi());
-    }
+    EXPECT_FALSE(sys.isRosettaUi());
     ScopedEnv empty("HV_ROSETTA_UI", "");
     EXPECT_TRUE(sys.isRosettaUi());
 }
@@ -220,18 +161,17 @@ protected:
     QString m_path;
 };
 
-TEST_F(EnvironmentFile, missingFileIsNotAnError)
-{
-    MessageCapture capture;
-    Settings::applyHalvistromEnv();
-    EXPECT_TRUE(capture.lines().isEmpty());
-}
-
 TEST_F(EnvironmentFile, setsVariablesButTheRealEnvironmentWins)
 {
+    MessageCapture missing;
+    Settings::applyHalvistromEnv();
+    EXPECT_TRUE(missing.lines().isEmpty()) << "a missing file is no error";
+
     ScopedEnv a("HV_T_FILE_A", nullptr);
     ScopedEnv b("HV_T_FILE_B", "from-env");
-    write(R"({"HV_T_FILE_A": "from-file", "HV_T_FILE_B": "from-file"})");
+    ScopedEnv num("HV_T_FILE_NUM", "set");
+    // An already set key is skipped before its value is checked.
+    write(R"({"HV_T_FILE_A": "from-file", "HV_T_FILE_B": "from-file", "HV_T_FILE_NUM": 5})");
     MessageCapture capture;
     Settings::applyHalvistromEnv();
     EXPECT_EQ(qgetenv("HV_T_FILE_A"), "from-file");
@@ -239,34 +179,20 @@ TEST_F(EnvironmentFile, setsVariablesButTheRealEnvironmentWins)
     EXPECT_EQ(capture.texts(QtDebugMsg),
               (QStringList{"Loading environment variables from \"" + m_path + "\"",
                            "Setting environment variable \"HV_T_FILE_A\" to \"from-file\"",
-                           "Not setting \"HV_T_FILE_B\" since it is already set."}));
+                           "Not setting \"HV_T_FILE_B\" since it is already set.",
+                           "Not setting \"HV_T_FILE_NUM\" since it is already set."}));
 }
 
-TEST_F(EnvironmentFile, alreadySetKeyIsSkippedBeforeItsValueIsChecked)
-{
-    ScopedEnv home("HV_T_FILE_NUM", "set");
-    write(R"({"HV_T_FILE_NUM": 5})");
-    Settings::applyHalvistromEnv();
-    EXPECT_EQ(qgetenv("HV_T_FILE_NUM"), "set");
-}
-
-TEST_F(EnvironmentFile, nonStringValueIsFatal)
+TEST_F(EnvironmentFile, badFileIsFatal)
 {
     ScopedEnv unset("HV_T_FILE_NUM", nullptr);
     write(R"({"HV_T_FILE_A": "fine", "HV_T_FILE_NUM": 5})");
     EXPECT_DEATH(Settings::applyHalvistromEnv(), "value of key HV_T_FILE_NUM is not a string");
-}
-
-TEST_F(EnvironmentFile, malformedFileIsFatal)
-{
     write(R"({"HV_T_FILE_A": )");
     EXPECT_DEATH(Settings::applyHalvistromEnv(),
                  "Failed to parse JSON from .*/Corbelwick/HalvistromEnv\\.json\\. offset 16: unterminated object");
-}
-
-TEST_F(EnvironmentFile, unreadableFileIsFatal)
-{
     // A directory in the file's place exists but cannot be read as a file.
+    QFile::remove(m_path);
     ASSERT_TRUE(QDir().mkpath(m_path));
     EXPECT_DEATH(Settings::applyHalvistromEnv(), "Failed to open .*/Corbelwick/HalvistromEnv\\.json");
 }

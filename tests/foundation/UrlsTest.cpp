@@ -31,8 +31,6 @@ struct Link {
     const char *path;
 };
 
-void PrintTo(const Link &link, std::ostream *os) { *os << link.name; }
-
 const Link kLinks[] = {
     {"hubHost", &Urls::getHubHost, "HV_HUB_BASE_URL", ""},
     {"platformUrl", &Urls::getPlatformUrl, "HV_PLATFORM_BASE_URL", ""},
@@ -61,47 +59,6 @@ const Link kLinks[] = {
     {"vendorOsImageDownloadUrl", &Urls::getVendorOsImageDownloadUrl, "HV_VENDOR_OS_IMAGE_DOWNLOAD_BASE_URL", ""},
 };
 
-class UrlsLinkTest : public ::testing::TestWithParam<Link>
-{
-protected:
-    void SetUp() override { clearOverrides(); }
-    void TearDown() override { clearOverrides(); }
-};
-
-TEST_P(UrlsLinkTest, defaultIsSecureAndQuiet)
-{
-    MessageCapture cap;
-    const QUrl url = GetParam().getter();
-    EXPECT_TRUE(url.isValid());
-    EXPECT_EQ(url.scheme(), "https");
-    EXPECT_TRUE(url.toString().endsWith(QLatin1String(GetParam().path))) << url.toString().toStdString();
-    EXPECT_TRUE(cap.noneAtOrAbove(QtDebugMsg));
-}
-
-TEST_P(UrlsLinkTest, overrideReplacesTheBaseOnly)
-{
-    qputenv(GetParam().variable, "https://staging.example.test/v2");
-    MessageCapture cap;
-    EXPECT_EQ(GetParam().getter().toString(), QStringLiteral("https://staging.example.test/v2") + GetParam().path);
-    EXPECT_TRUE(cap.noneAtOrAbove(QtDebugMsg));
-}
-
-TEST_P(UrlsLinkTest, baseEndingInSlashKeepsDoubledSeparator)
-{
-    qputenv(GetParam().variable, "https://staging.example.test/");
-    EXPECT_EQ(GetParam().getter().toString(), QStringLiteral("https://staging.example.test/") + GetParam().path);
-}
-
-TEST_P(UrlsLinkTest, propertyMatchesGetter)
-{
-    qputenv(GetParam().variable, "https://staging.example.test");
-    Urls urls;
-    EXPECT_EQ(urls.property(GetParam().name).toUrl(), GetParam().getter());
-}
-
-INSTANTIATE_TEST_SUITE_P(AllLinks, UrlsLinkTest, ::testing::ValuesIn(kLinks),
-                         [](const ::testing::TestParamInfo<Link> &info) { return std::string(info.param.name); });
-
 class UrlsTest : public ::testing::Test
 {
 protected:
@@ -109,85 +66,68 @@ protected:
     void TearDown() override { clearOverrides(); }
 };
 
-TEST_F(UrlsTest, plainHttpWarnsOnEveryCall)
+TEST_F(UrlsTest, everyLinkIsSecureByDefaultAndFollowsItsOverride)
 {
+    Urls urls;
+    for (const Link &link : kLinks) {
+        clearOverrides();
+        MessageCapture cap;
+        const QUrl url = link.getter();
+        EXPECT_EQ(url.scheme(), "https") << link.name;
+        EXPECT_TRUE(url.toString().endsWith(QLatin1String(link.path))) << url.toString().toStdString();
+        // Only the base changes; a trailing slash is kept, doubling the separator.
+        for (const QString base : {"https://staging.example.test/v2", "https://staging.example.test/"}) {
+            qputenv(link.variable, base.toUtf8());
+            EXPECT_EQ(link.getter().toString(), base + link.path) << link.name;
+            EXPECT_EQ(urls.property(link.name).toUrl(), link.getter()) << link.name;
+        }
+        EXPECT_TRUE(cap.noneAtOrAbove(QtDebugMsg)) << link.name;
+    }
+}
+
+TEST_F(UrlsTest, badOverrides)
+{
+    qputenv("HV_DOC_BASE_URL", "docs.example.test");
+    EXPECT_DEATH(Urls::getUserGuideUrl(), "Missing URL scheme in docs\\.example\\.test from HV_DOC_BASE_URL");
     qputenv("HV_WEB_BASE_URL", "http://staging.example.test");
     MessageCapture cap;
     EXPECT_EQ(Urls::getVBoxFaqUrl(), QUrl("http://staging.example.test/faq/vbox"));
     EXPECT_EQ(Urls::getVBoxFaqUrl(), QUrl("http://staging.example.test/faq/vbox"));
-    EXPECT_EQ(cap.texts(QtWarningMsg),
-              QStringList({"Using insecure URL \"http://staging.example.test\"",
-                           "Using insecure URL \"http://staging.example.test\""}));
-}
+    const QString insecure = QStringLiteral("Using insecure URL \"http://staging.example.test\"");
+    EXPECT_EQ(cap.texts(QtWarningMsg), QStringList({insecure, insecure})) << "warned on every call";
 
-TEST_F(UrlsTest, unparsableOverrideFallsBackToDefault)
-{
-    const QString fallback = Urls::getBaseUrlString("HV_DOC_BASE_URL", "https://docs.example.test");
     qputenv("HV_DOC_BASE_URL", "http://[not-a-host");
-    MessageCapture cap;
-    EXPECT_EQ(Urls::getBaseUrlString("HV_DOC_BASE_URL", "https://docs.example.test"), fallback);
-    EXPECT_EQ(fallback, "https://docs.example.test");
-    EXPECT_TRUE(cap.noneAtOrAbove(QtDebugMsg));
+    EXPECT_EQ(Urls::getBaseUrlString("HV_DOC_BASE_URL", "https://docs.example.test"), "https://docs.example.test");
+    EXPECT_EQ(cap.lines().size(), 2) << "an unparsable override falls back silently";
 }
 
-using UrlsDeathTest = UrlsTest;
-
-TEST_F(UrlsDeathTest, overrideWithoutSchemeIsFatal)
+TEST_F(UrlsTest, composedLinks)
 {
-    qputenv("HV_DOC_BASE_URL", "docs.example.test");
-    EXPECT_DEATH(Urls::getUserGuideUrl(), "Missing URL scheme in docs\\.example\\.test from HV_DOC_BASE_URL");
-}
-
-TEST_F(UrlsTest, hubUrlAppendsPathAsGiven)
-{
+    const QUrl social[] = {Urls::getFacebookUrl(), Urls::getTwitterUrl(), Urls::getMediumUrl(),
+                           Urls::getYoutubeUrl(), Urls::getInstagramUrl()};
     qputenv("HV_HUB_BASE_URL", "https://hub.example.test");
-    EXPECT_EQ(Urls::getHubUrl("/devices/list").toString(), "https://hub.example.test/devices/list");
-}
-
-TEST_F(UrlsTest, slideshowCarriesCustomerLocaleAndVersion)
-{
-    qputenv("HV_HUB_BASE_URL", "https://hub.example.test");
+    qputenv("HV_WEB_BASE_URL", "https://www.example.test");
+    qputenv("HV_RSS_FEED_SOURCE", "https://feeds.example.test/halvistrom.xml");
+    qputenv("HV_ARTICLE_BASE_URL", "https://help.example.test/articles");
     QCoreApplication::setApplicationVersion("3.8.1");
+
+    EXPECT_EQ(Urls::getHubUrl("/devices/list").toString(), "https://hub.example.test/devices/list");
     EXPECT_EQ(Urls::getSlideshowUrl("c0ffee-42").toString(),
               "https://hub.example.test/page/launchpad/slideshow/?uid=c0ffee-42&lang=" + QLocale().name()
                   + "&version=3.8.1");
-}
-
-TEST_F(UrlsTest, rssFeedSourceReplacesTheWholeAddress)
-{
-    qputenv("HV_WEB_BASE_URL", "https://www.example.test");
-    qputenv("HV_RSS_FEED_SOURCE", "https://feeds.example.test/halvistrom.xml");
     EXPECT_EQ(Urls::getRssFeedUrl().toString(), "https://feeds.example.test/halvistrom.xml");
-}
-
-TEST_F(UrlsTest, supportArticlesAreNumberedUnderArticleBase)
-{
-    qputenv("HV_ARTICLE_BASE_URL", "https://help.example.test/articles");
+    const QUrl articles[] = {Urls::getCreateSkinDocUrl(), Urls::getUnifiedPlatformFaqUrl(), Urls::getWhiteScreenFaqUrl()};
     const QRegularExpression article("^https://help\\.example\\.test/articles/[0-9]+$");
-    const QUrl links[] = {Urls::getCreateSkinDocUrl(), Urls::getUnifiedPlatformFaqUrl(), Urls::getWhiteScreenFaqUrl()};
-    for (const QUrl &url : links)
+    for (const QUrl &url : articles)
         EXPECT_TRUE(article.match(url.toString()).hasMatch()) << url.toString().toStdString();
-    EXPECT_NE(links[0], links[1]);
-    EXPECT_NE(links[1], links[2]);
-    EXPECT_NE(links[0], links[2]);
-}
+    EXPECT_TRUE(articles[0] != articles[1] && articles[1] != articles[2] && articles[0] != articles[2]);
+    // Social pages ignore every override.
+    EXPECT_EQ(QList<QUrl>(std::begin(social), std::end(social)),
+              (QList<QUrl>{Urls::getFacebookUrl(), Urls::getTwitterUrl(), Urls::getMediumUrl(),
+                           Urls::getYoutubeUrl(), Urls::getInstagramUrl()}));
+    for (const QUrl &url : social)
+        EXPECT_EQ(url.scheme(), "https");
 
-TEST_F(UrlsTest, socialPagesIgnoreOverrides)
-{
-    const QUrl before[] = {Urls::getFacebookUrl(), Urls::getTwitterUrl(), Urls::getMediumUrl(),
-                           Urls::getYoutubeUrl(), Urls::getInstagramUrl()};
-    qputenv("HV_WEB_BASE_URL", "https://www.example.test");
-    qputenv("HV_HUB_BASE_URL", "https://hub.example.test");
-    const QUrl after[] = {Urls::getFacebookUrl(), Urls::getTwitterUrl(), Urls::getMediumUrl(),
-                          Urls::getYoutubeUrl(), Urls::getInstagramUrl()};
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(before[i], after[i]);
-        EXPECT_EQ(after[i].scheme(), "https");
-    }
-}
-
-TEST_F(UrlsTest, linkAndDisplayText)
-{
     const QUrl url("https://www.example.test/faq/qemu/?x=1#top");
     EXPECT_EQ(Urls::getLinkForUrl(url, "QEMU help"), "<a href='https://www.example.test/faq/qemu/?x=1#top'>QEMU help</a>");
     EXPECT_EQ(Urls::getDisplayStringForUrl(url), "www.example.test/faq/qemu");
