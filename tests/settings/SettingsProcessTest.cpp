@@ -5,62 +5,44 @@
 
 #include "Paths.h"
 #include "SettingsTestUtils.h"
-#include "TestEnvironment.h"
 
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
-#include <QSettings>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
-using hvtest::parseObject;
-using hvtest::readFile;
-using hvtest::readObject;
-using hvtest::writeFile;
+using namespace hvtest;
 
 namespace {
 
+const QString kPersistent = QStringLiteral("virtualbox.host_only_interface_name");
+
 /// A helper process that is always killed and reaped, whatever the test does.
-class Helper
+class Helper : public QProcess
 {
 public:
-    explicit Helper(const QString &program = hvtest::helperPath(QStringLiteral("settings_helper")))
-        : m_program(program)
+    explicit Helper(const QString &program = helperPath(QStringLiteral("settings_helper"))) { setProgram(program); }
+    ~Helper() override
     {
+        kill();
+        waitForFinished(10000);
     }
-    ~Helper()
+    void start(const QStringList &args)
     {
-        if (m_process.state() != QProcess::NotRunning) {
-            m_process.kill();
-            m_process.waitForFinished(10000);
-        }
+        setArguments(args);
+        QProcess::start();
     }
-
-    void start(const QStringList &args) { m_process.start(m_program, args); }
-    QProcess &process() { return m_process; }
-
     /// Runs to the end; the exit code, or -1 when it did not finish normally.
     int run(const QStringList &args, QByteArray *output = nullptr)
     {
         start(args);
-        if (!m_process.waitForFinished(60000) || m_process.exitStatus() != QProcess::NormalExit)
+        if (!waitForFinished(60000) || exitStatus() != QProcess::NormalExit)
             return -1;
         if (output)
-            *output = m_process.readAllStandardOutput().trimmed();
-        return m_process.exitCode();
+            *output = readAllStandardOutput().trimmed();
+        return exitCode();
     }
-
-private:
-    QString m_program;
-    QProcess m_process;
 };
 
 class SettingsProcessTest : public ::testing::Test
@@ -69,12 +51,11 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(m_dir.isValid());
-        ASSERT_TRUE(QFile::exists(hvtest::helperPath(QStringLiteral("settings_helper"))));
-        m_path = m_dir.path(QStringLiteral("settings.json"));
+        ASSERT_TRUE(QFile::exists(helperPath(QStringLiteral("settings_helper"))));
     }
 
-    hvtest::SettingsDir m_dir;
-    QString m_path;
+    SettingsDir m_dir;
+    const QString m_path = m_dir.path(QStringLiteral("settings.json"));
 };
 
 /// Whether the file is one complete version written by the burst: the marker
@@ -106,14 +87,14 @@ TEST_F(SettingsProcessTest, writerKilledMidBurstLeavesACompleteVersion)
         {
             Helper writer;
             writer.start({QStringLiteral("burst"), m_path, QString::number(size)});
-            ASSERT_TRUE(writer.process().waitForReadyRead(30000)) << "the writer never got going";
-            ASSERT_EQ(writer.process().readLine().trimmed(), QByteArray("ready"));
+            ASSERT_TRUE(writer.waitForReadyRead(30000)) << "the writer never got going";
+            ASSERT_EQ(writer.readLine().trimmed(), QByteArray("ready"));
             // Let it write for a while so the kill lands at a different
             // point of a change each round.
             QThread::msleep(20 + 37 * round);
-            writer.process().kill();
-            ASSERT_TRUE(writer.process().waitForFinished(10000));
-            ASSERT_EQ(writer.process().exitStatus(), QProcess::CrashExit);
+            writer.kill();
+            ASSERT_TRUE(writer.waitForFinished(10000));
+            ASSERT_EQ(writer.exitStatus(), QProcess::CrashExit);
         }
         EXPECT_TRUE(isCompleteBurstVersion(m_path, size)) << "round " << round;
 
@@ -129,23 +110,23 @@ TEST_F(SettingsProcessTest, writerKilledMidBurstLeavesACompleteVersion)
 TEST_F(SettingsProcessTest, twoWritersSettingDifferentKeysLoseNothing)
 {
     const int count = 200;
-    Helper first;
-    Helper second;
+    Helper writers[2];
+    const QString prefixes[] = {QStringLiteral("first."), QStringLiteral("second.")};
     QElapsedTimer timer;
     timer.start();
-    first.start({QStringLiteral("keys"), m_path, QStringLiteral("first."), QString::number(count)});
-    second.start({QStringLiteral("keys"), m_path, QStringLiteral("second."), QString::number(count)});
-    ASSERT_TRUE(first.process().waitForFinished(180000));
-    ASSERT_TRUE(second.process().waitForFinished(180000));
+    for (int w = 0; w < 2; ++w)
+        writers[w].start({QStringLiteral("keys"), m_path, prefixes[w], QString::number(count)});
+    for (Helper &writer : writers) {
+        ASSERT_TRUE(writer.waitForFinished(180000));
+        EXPECT_EQ(writer.exitCode(), 0) << writer.readAllStandardError().toStdString();
+    }
     std::printf("two writers, %d keys each: %lld ms\n", count, static_cast<long long>(timer.elapsed()));
-    EXPECT_EQ(first.process().exitCode(), 0) << first.process().readAllStandardError().toStdString();
-    EXPECT_EQ(second.process().exitCode(), 0) << second.process().readAllStandardError().toStdString();
 
     const QJsonObject root = readObject(m_path);
     EXPECT_EQ(root.size(), 2 * count);
     for (int i = 0; i < count; ++i) {
-        EXPECT_EQ(root.value(QStringLiteral("first.%1").arg(i)).toInt(-1), i);
-        EXPECT_EQ(root.value(QStringLiteral("second.%1").arg(i)).toInt(-1), i);
+        for (const QString &prefix : prefixes)
+            EXPECT_EQ(root.value(prefix + QString::number(i)).toInt(-1), i);
     }
 }
 
@@ -157,9 +138,9 @@ class InstallDir
 {
 public:
     InstallDir()
-        : m_dir(hvtest::testRoot() + QStringLiteral("/install-XXXXXX"))
+        : m_dir(testRoot() + QStringLiteral("/install-XXXXXX"))
     {
-        QFile::copy(hvtest::helperPath(QStringLiteral("settings_helper")), program());
+        QFile::copy(helperPath(QStringLiteral("settings_helper")), program());
     }
     QString program() const { return m_dir.filePath(QStringLiteral("settings_helper")); }
     QString ini() const { return m_dir.filePath(QStringLiteral("halvistrom.ini")); }
@@ -169,14 +150,12 @@ private:
     QTemporaryDir m_dir;
 };
 
-const QString kPersistent = QStringLiteral("virtualbox.host_only_interface_name");
-
 TEST_F(SettingsProcessTest, persistentKeyIsWrittenBesideTheExecutableAndCopiedIntoTheUserFile)
 {
     InstallDir install;
     ASSERT_TRUE(QFile::exists(install.program()));
     const QString userFile = Paths::getHalvistromPath() + QStringLiteral("/settings.json");
-    const QString buildIni = hvtest::helperPath(QStringLiteral("halvistrom.ini"));
+    const QString buildIni = helperPath(QStringLiteral("halvistrom.ini"));
     const QByteArray buildIniBefore = readFile(buildIni);
 
     ASSERT_EQ(Helper(install.program()).run({QStringLiteral("set"), kPersistent, QStringLiteral("vboxnet7")}), 0);

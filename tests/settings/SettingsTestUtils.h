@@ -1,8 +1,12 @@
 #pragma once
 
-#include <QByteArray>
+#include "MultiSettings.h"
+#include "TestEnvironment.h"
+
+#include <QFile>
+#include <QJsonDocument>
 #include <QJsonObject>
-#include <QString>
+#include <QSettings>
 #include <QTemporaryDir>
 
 namespace hvtest {
@@ -11,20 +15,48 @@ namespace hvtest {
 class SettingsDir
 {
 public:
-    SettingsDir();
-    QString path(const QString &name) const;
+    QString path(const QString &name) const { return m_dir.filePath(name); }
     bool isValid() const { return m_dir.isValid(); }
 
 private:
-    QTemporaryDir m_dir;
+    QTemporaryDir m_dir{testRoot() + QStringLiteral("/settings-XXXXXX")};
 };
 
 /// Writes bytes as the whole file; false when it cannot.
-bool writeFile(const QString &path, const QByteArray &content);
-QByteArray readFile(const QString &path);
+inline bool writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
+}
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+/// A JSON object given as text (for expected values in tables).
+inline QJsonObject parseObject(const QByteArray &json)
+{
+    return QJsonDocument::fromJson(json).object();
+}
 /// The file's root object; an empty object when it is not one.
-QJsonObject readObject(const QString &path);
-/// Parses a JSON object given as text (for expected values in tables).
-QJsonObject parseObject(const QByteArray &json);
+inline QJsonObject readObject(const QString &path)
+{
+    return parseObject(readFile(path));
+}
+
+/// A settings stack over "defaults.json", "settings.json" and "halvistrom.ini"
+/// in dir, the JSON files written first (user may be null: no user file).
+inline std::unique_ptr<MultiSettings> makeStack(const SettingsDir &dir, const QByteArray &defaults,
+                                                const QByteArray &user, const QSet<QString> &persistent = {})
+{
+    writeFile(dir.path(QStringLiteral("defaults.json")), defaults);
+    if (!user.isNull())
+        writeFile(dir.path(QStringLiteral("settings.json")), user);
+    return std::make_unique<MultiSettings>(
+        QSharedPointer<JsonSettings>::create(dir.path(QStringLiteral("defaults.json")), JsonSettings::ReadOnly),
+        QSharedPointer<JsonSettings>::create(dir.path(QStringLiteral("settings.json")), JsonSettings::ReadWrite),
+        QSharedPointer<QSettings>::create(dir.path(QStringLiteral("halvistrom.ini")), QSettings::IniFormat),
+        persistent);
+}
 
 } // namespace hvtest
