@@ -26,21 +26,16 @@ using hvtest::MessageCapture;
 
 namespace {
 
-QString fakeToolDir()
-{
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/fake-qemu-img");
-}
-
 QString fakeTool()
 {
-    return fakeToolDir() + QStringLiteral("/qemu-img");
+    return QCoreApplication::applicationDirPath() + "/fake-qemu-img/qemu-img";
 }
 
 // Runs the real qemu-img for the test's own set-up and checks; true on exit 0.
 bool qemuImg(const QStringList &arguments, QByteArray *output = nullptr)
 {
     QProcess process;
-    process.start(QStringLiteral("qemu-img"), arguments);
+    process.start("qemu-img", arguments);
     if (!process.waitForFinished(60000)) {
         process.kill();
         process.waitForFinished(5000);
@@ -54,16 +49,14 @@ bool qemuImg(const QStringList &arguments, QByteArray *output = nullptr)
 QJsonObject imageInfo(const QString &path)
 {
     QByteArray output;
-    if (!qemuImg({QStringLiteral("info"), QStringLiteral("--output=json"), path}, &output))
-        return QJsonObject();
-    return QJsonDocument::fromJson(output).object();
+    return qemuImg({"info", "--output=json", path}, &output) ? QJsonDocument::fromJson(output).object() : QJsonObject();
 }
 
 QStringList snapshotsOf(const QString &path)
 {
     QStringList names;
-    for (const QJsonValue &snapshot : imageInfo(path).value(QStringLiteral("snapshots")).toArray())
-        names.append(snapshot.toObject().value(QStringLiteral("name")).toString());
+    for (const QJsonValue &snapshot : imageInfo(path).value("snapshots").toArray())
+        names.append(snapshot.toObject().value("name").toString());
     return names;
 }
 
@@ -71,12 +64,6 @@ QByteArray readAll(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 // A device directory with real images: "base.qcow2" (a reference disk),
@@ -89,35 +76,30 @@ protected:
     {
         ASSERT_TRUE(m_tmp.isValid());
         m_dir = m_tmp.path();
-        ASSERT_TRUE(createImage(path("base.qcow2"), 16));
-        ASSERT_TRUE(createImage(path("plain.qcow2"), 16));
+        ASSERT_TRUE(createImage(path("base.qcow2"), 16) && createImage(path("plain.qcow2"), 16));
         QByteArray pattern(1024 * 1024, '\0');
         pattern.replace(4096, 17, "reference content");
-        ASSERT_TRUE(writeFile(path("pattern.raw"), pattern));
-        ASSERT_TRUE(qemuImg({QStringLiteral("convert"), QStringLiteral("-f"), QStringLiteral("raw"),
-                             QStringLiteral("-O"), QStringLiteral("vmdk"), path("pattern.raw"), path("source.vmdk")}));
-        ASSERT_TRUE(createImage(path("system.qcow2"), 16));
-        ASSERT_TRUE(addSnapshot(path("system.qcow2"), QStringLiteral("latest")));
+        QFile raw(path("pattern.raw"));
+        ASSERT_TRUE(raw.open(QIODevice::WriteOnly) && raw.write(pattern) == pattern.size());
+        raw.close();
+        ASSERT_TRUE(qemuImg({"convert", "-f", "raw", "-O", "vmdk", path("pattern.raw"), path("source.vmdk")}));
+        ASSERT_TRUE(createImage(path("system.qcow2"), 16) && addSnapshot(path("system.qcow2"), "latest"));
     }
 
-    QString path(const QString &name) const { return m_dir + QLatin1Char('/') + name; }
+    QString path(const QString &name) const { return m_dir + '/' + name; }
 
     static bool createImage(const QString &file, int sizeMiB)
     {
-        return qemuImg({QStringLiteral("create"), QStringLiteral("-q"), QStringLiteral("-f"), QStringLiteral("qcow2"),
-                        file, QString::number(sizeMiB) + QLatin1Char('M')});
+        return qemuImg({"create", "-q", "-f", "qcow2", file, QString::number(sizeMiB) + 'M'});
     }
 
-    static bool addSnapshot(const QString &file, const QString &name)
-    {
-        return qemuImg({QStringLiteral("snapshot"), QStringLiteral("-c"), name, file});
-    }
+    static bool addSnapshot(const QString &file, const QString &name) { return qemuImg({"snapshot", "-c", name, file}); }
 
     // "data.qcow2" and "sdcard.qcow2", each with the snapshot "latest".
     bool addDataAndSdCard() const
     {
         for (const char *disk : {"data.qcow2", "sdcard.qcow2"}) {
-            if (!createImage(path(disk), 16) || !addSnapshot(path(disk), QStringLiteral("latest")))
+            if (!createImage(path(disk), 16) || !addSnapshot(path(disk), "latest"))
                 return false;
         }
         return true;
@@ -134,14 +116,19 @@ protected:
     void SetUp() override
     {
         DiskImages::SetUp();
-        ASSERT_TRUE(QFile::exists(fakeTool()));
         setEnv("HV_FAKE_QEMU_IMG_LOG", runLog().toLocal8Bit());
-        hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", fakeToolDir().toLocal8Bit());
+        hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFileInfo(fakeTool()).path().toLocal8Bit());
         m_engine.reset(new QEMUEngine);
         ASSERT_EQ(m_engine->getQemuImgBinaryPath(), fakeTool());
     }
 
-    QString runLog() const { return path(QStringLiteral("runs.log")); }
+    void TearDown() override
+    {
+        while (!m_env.empty()) // the latest setting of a variable is undone first
+            m_env.pop_back();
+    }
+
+    QString runLog() const { return path("runs.log"); }
 
     // Every run of the tool, as its argument list, "%D" standing for the
     // device directory.
@@ -149,14 +136,11 @@ protected:
     {
         QList<QStringList> result;
         QStringList current;
-        const QString text = QString::fromLocal8Bit(readAll(runLog()));
-        for (const QString &line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-            if (line == QLatin1String("--")) {
-                result.append(current);
-                current.clear();
-            } else {
-                current.append(QString(line).replace(m_dir, QStringLiteral("%D")));
-            }
+        for (const QString &line : QString::fromLocal8Bit(readAll(runLog())).split('\n', Qt::SkipEmptyParts)) {
+            if (line == "--")
+                result.append(std::exchange(current, {}));
+            else
+                current.append(QString(line).replace(m_dir, "%D"));
         }
         return result;
     }
@@ -166,7 +150,6 @@ protected:
         m_env.push_back(std::make_unique<hvtest::ScopedEnv>(name, value));
     }
 
-    // The device of this directory, run by the engine under test.
     QEMUMachine *device()
     {
         if (!m_device)
@@ -184,52 +167,37 @@ struct ToolOperation {
     const char *name;
     std::function<bool(QEMUEngine &, const QString &dir)> run;
     QStringList arguments;
-    // The operation's own failure line, "%D" standing for the directory.
-    QString failureLine;
-    // Whether it runs with the long time-out.
+    QString failureLine; // the operation's own failure line, "%D" standing for the directory
     bool longTimeout;
 };
 
-void PrintTo(const ToolOperation &operation, std::ostream *os)
-{
-    *os << operation.name;
-}
+void PrintTo(const ToolOperation &operation, std::ostream *os) { *os << operation.name; }
 
-QString in(const QString &dir, const char *name)
+QFileInfo in(const QString &dir, const char *name)
 {
-    return dir + QLatin1Char('/') + QLatin1String(name);
+    return QFileInfo(dir + '/' + name);
 }
 
 const std::vector<ToolOperation> &toolOperations()
 {
     static const std::vector<ToolOperation> operations = {
-        {"createDisk",
-         [](QEMUEngine &e, const QString &d) {
-             return e.createDisk(QFileInfo(in(d, "base.qcow2")), QFileInfo(in(d, "overlay.qcow2")));
-         },
+        {"createDisk", [](QEMUEngine &e, const QString &d) { return e.createDisk(in(d, "base.qcow2"), in(d, "overlay.qcow2")); },
          {"create", "-f", "qcow2", "-b", "%D/base.qcow2", "-F", "qcow2", "%D/overlay.qcow2"},
          "[VMTools] Failed to create disk \"%D/overlay.qcow2\" . \"\"", false},
-        {"convertDisk",
-         [](QEMUEngine &e, const QString &d) {
-             return e.convertDisk(QFileInfo(in(d, "source.vmdk")), QFileInfo(in(d, "converted.qcow2")));
-         },
+        {"convertDisk", [](QEMUEngine &e, const QString &d) { return e.convertDisk(in(d, "source.vmdk"), in(d, "converted.qcow2")); },
          {"convert", "-O", "qcow2", "%D/source.vmdk", "%D/converted.qcow2"},
          "[VMTools] Failed to convert \"%D/source.vmdk\" to \"%D/converted.qcow2\" . \"\"", true},
         {"createSDCard", [](QEMUEngine &e, const QString &d) { return e.createSDCard(d, 64); },
-         {"create", "-f", "qcow2", "%D/sdcard.qcow2", "64M"},
-         "[VMTools] Failed to create \"%D/sdcard.qcow2\" . \"\"", false},
-        {"resizeDisk", [](QEMUEngine &e, const QString &d) { return e.resizeDisk(in(d, "plain.qcow2"), 48); },
+         {"create", "-f", "qcow2", "%D/sdcard.qcow2", "64M"}, "[VMTools] Failed to create \"%D/sdcard.qcow2\" . \"\"", false},
+        {"resizeDisk", [](QEMUEngine &e, const QString &d) { return e.resizeDisk(d + "/plain.qcow2", 48); },
          {"resize", "%D/plain.qcow2", "48M"}, "[VMTools] Failed to resize \"%D/plain.qcow2\" . \"\"", true},
         {"snapshotNames",
          [](QEMUEngine &e, const QString &d) {
              QEMUMachine device(&e, d);
-             return e.fetchSnapshotNames(&device) == QStringList{QStringLiteral("latest")};
+             return e.fetchSnapshotNames(&device) == QStringList{"latest"};
          },
          {"snapshot", "-l", "%D/system.qcow2"}, "[VMTools] Failed to list snapshots of \"%D/system.qcow2\"", false},
-        {"deleteSnapshot",
-         [](QEMUEngine &e, const QString &d) {
-             return e.deleteSnapshot(QFileInfo(in(d, "system.qcow2")), QStringLiteral("latest"));
-         },
+        {"deleteSnapshot", [](QEMUEngine &e, const QString &d) { return e.deleteSnapshot(in(d, "system.qcow2"), "latest"); },
          {"snapshot", "-d", "latest", "%D/system.qcow2"},
          "[VMTools] Failed to delete snapshot: \"latest\" \"%D/system.qcow2\" . \"\"", false},
     };
@@ -242,9 +210,16 @@ class ToolOperations : public FakeToolDisks, public ::testing::WithParamInterfac
 
 TEST_P(ToolOperations, runsTheImageToolWithItsExactArguments)
 {
-    const ToolOperation &operation = GetParam();
-    EXPECT_TRUE(operation.run(*m_engine, m_dir));
-    EXPECT_EQ(runs(), QList<QStringList>{operation.arguments});
+    EXPECT_TRUE(GetParam().run(*m_engine, m_dir));
+    EXPECT_EQ(runs(), QList<QStringList>{GetParam().arguments});
+}
+
+TEST_P(ToolOperations, waitsForSlowToolsOnlyWithTheLongTimeOut)
+{
+    setEnv("HV_CALL_TIMEOUT_MS", "200");
+    setEnv("HV_CALL_LONG_TIMEOUT_MS", "60000");
+    setEnv("HV_FAKE_QEMU_IMG_DELAY", "1");
+    EXPECT_EQ(GetParam().run(*m_engine, m_dir), GetParam().longTimeout);
 }
 
 TEST_P(ToolOperations, failsWhenTheToolIsCutOffByTheTimeOut)
@@ -256,19 +231,10 @@ TEST_P(ToolOperations, failsWhenTheToolIsCutOffByTheTimeOut)
     setEnv("HV_FAKE_QEMU_IMG_DELAY", "20");
     MessageCapture cap;
     EXPECT_FALSE(operation.run(*m_engine, m_dir));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Can't run \"%1\"").arg(fakeTool())));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QString(operation.failureLine).replace(QStringLiteral("%D"), m_dir)));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Can't run \"" + fakeTool() + "\""));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, QString(operation.failureLine).replace("%D", m_dir)));
     EXPECT_EQ(readAll(path("source.vmdk")), before);
-    EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{QStringLiteral("latest")});
-}
-
-TEST_P(ToolOperations, waitsForSlowToolsOnlyWithTheLongTimeOut)
-{
-    const ToolOperation &operation = GetParam();
-    setEnv("HV_CALL_TIMEOUT_MS", "200");
-    setEnv("HV_CALL_LONG_TIMEOUT_MS", "60000");
-    setEnv("HV_FAKE_QEMU_IMG_DELAY", "1");
-    EXPECT_EQ(operation.run(*m_engine, m_dir), operation.longTimeout);
+    EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{"latest"});
 }
 
 INSTANTIATE_TEST_SUITE_P(QEMUEngineDisks, ToolOperations, ::testing::ValuesIn(toolOperations()),
@@ -282,54 +248,35 @@ TEST_F(FakeToolDisks, conversionCutOffAfterWritingKeepsTheSource)
     setEnv("HV_FAKE_QEMU_IMG_LINGER", "20");
     MessageCapture cap;
     EXPECT_FALSE(m_engine->convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(path("converted.qcow2"))));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Can't run \"%1\"").arg(fakeTool())));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Can't run \"" + fakeTool() + "\""));
     EXPECT_TRUE(QFile::exists(path("converted.qcow2")));
-    EXPECT_TRUE(QFile::exists(path("source.vmdk")));
-    EXPECT_TRUE(qemuImg({QStringLiteral("compare"), path("pattern.raw"), path("source.vmdk")}));
+    EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("source.vmdk")}));
 }
 
-// The cascade, watched through the runs of the tool.
-TEST_F(FakeToolDisks, snapshotDeletionStopsWhenTheSystemDiskFails)
+// The cascade, watched through the runs of the tool: an unknown name is only
+// listed, an absent SD card is skipped, and a failing system disk stops it.
+TEST_F(FakeToolDisks, snapshotDeletionFollowsTheSystemDisk)
 {
-    ASSERT_TRUE(addDataAndSdCard());
-    setEnv("HV_FAKE_QEMU_IMG_FAIL", "-d");
-    MessageCapture cap;
-    EXPECT_FALSE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to delete snapshot: \"latest\" \"%1\" . "
-                                                      "\"fake failure\"")
-                                           .arg(path("system.qcow2"))));
-    const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/system.qcow2"}};
-    EXPECT_EQ(runs(), expected);
-    for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
-        EXPECT_EQ(snapshotsOf(path(disk)), QStringList{QStringLiteral("latest")}) << disk;
-}
-
-TEST_F(FakeToolDisks, snapshotDeletionFollowsTheSystemDiskToDataAndSdCard)
-{
-    ASSERT_TRUE(addDataAndSdCard());
-    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
-    const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/data.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/sdcard.qcow2"}};
-    EXPECT_EQ(runs(), expected);
-    for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
-        EXPECT_TRUE(snapshotsOf(path(disk)).isEmpty()) << disk;
-}
-
-TEST_F(FakeToolDisks, snapshotDeletionSkipsAnAbsentSdCardAndAnUnknownName)
-{
-    ASSERT_TRUE(createImage(path("data.qcow2"), 16));
-    ASSERT_TRUE(addSnapshot(path("data.qcow2"), QStringLiteral("latest")));
-    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("other")));
-    EXPECT_TRUE(m_engine->deleteSnapshot(device(), QStringLiteral("latest")));
-    const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/data.qcow2"}};
+    ASSERT_TRUE(createImage(path("data.qcow2"), 16) && addSnapshot(path("data.qcow2"), "latest"));
+    EXPECT_TRUE(m_engine->deleteSnapshot(device(), "other"));
+    EXPECT_TRUE(m_engine->deleteSnapshot(device(), "latest"));
+    QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
+                                   {"snapshot", "-l", "%D/system.qcow2"},
+                                   {"snapshot", "-d", "latest", "%D/system.qcow2"},
+                                   {"snapshot", "-d", "latest", "%D/data.qcow2"}};
     EXPECT_EQ(runs(), expected);
     EXPECT_TRUE(snapshotsOf(path("data.qcow2")).isEmpty());
+
+    ASSERT_TRUE(QFile::remove(runLog()));
+    ASSERT_TRUE(addSnapshot(path("system.qcow2"), "latest") && addDataAndSdCard());
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "-d");
+    MessageCapture cap;
+    EXPECT_FALSE(m_engine->deleteSnapshot(device(), "latest"));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, QString("[VMTools] Failed to delete snapshot: \"latest\" \"%1\" . \"fake failure\"")
+                                           .arg(path("system.qcow2"))));
+    EXPECT_EQ(runs(), expected.mid(1, 2));
+    for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
+        EXPECT_EQ(snapshotsOf(path(disk)), QStringList{"latest"}) << disk;
 }
 
 // The real image tool, found where the engine looks for the bundled QEMU.
@@ -343,247 +290,177 @@ protected:
         return m_device.get();
     }
 
+    double virtualSize(const char *disk) const { return imageInfo(path(disk)).value("virtual-size").toDouble(); }
+
     QEMUEngine m_engine;
     std::unique_ptr<QEMUMachine> m_device;
 };
 
-TEST_F(RealToolDisks, createsAnOverlayOfTheBackingDisk)
+const double MiB = 1024 * 1024;
+
+TEST_F(RealToolDisks, createsAnOverlayOfAQcow2BackingDiskOnly)
 {
     ASSERT_TRUE(m_engine.createDisk(QFileInfo(path("base.qcow2")), QFileInfo(path("overlay.qcow2"))));
     const QJsonObject info = imageInfo(path("overlay.qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("format")).toString(), QStringLiteral("qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("backing-filename")).toString(), path("base.qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("backing-filename-format")).toString(), QStringLiteral("qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("virtual-size")).toDouble(), 16.0 * 1024 * 1024);
-}
+    EXPECT_EQ(info.value("format").toString(), "qcow2");
+    EXPECT_EQ(info.value("backing-filename").toString(), path("base.qcow2"));
+    EXPECT_EQ(info.value("backing-filename-format").toString(), "qcow2");
+    EXPECT_EQ(info.value("virtual-size").toDouble(), 16 * MiB);
 
-TEST_F(RealToolDisks, refusesAnOverlayOfAMissingBackingDisk)
-{
     MessageCapture cap;
-    EXPECT_FALSE(m_engine.createDisk(QFileInfo(path("missing.qcow2")), QFileInfo(path("overlay.qcow2"))));
-    EXPECT_EQ(cap.texts(QtWarningMsg),
-              QStringList{QStringLiteral("[VMTools] Backing disk file not found: \"%1\"").arg(path("missing.qcow2"))});
+    EXPECT_FALSE(m_engine.createDisk(QFileInfo(path("missing.qcow2")), QFileInfo(path("other.qcow2"))));
+    EXPECT_EQ(cap.texts(QtWarningMsg), QStringList{"[VMTools] Backing disk file not found: \"" + path("missing.qcow2") + "\""});
     EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
-    EXPECT_FALSE(QFile::exists(path("overlay.qcow2")));
+    EXPECT_FALSE(QFile::exists(path("other.qcow2")));
+    EXPECT_FALSE(m_engine.createDisk(QFileInfo(path("pattern.raw")), QFileInfo(path("other.qcow2"))));
+    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg, "[VMTools] Failed to create disk \"" + path("other.qcow2") + "\" . \"qemu-img:"));
 }
 
-TEST_F(RealToolDisks, reportsTheToolsRefusalOfABackingDiskThatIsNotQcow2)
+TEST_F(RealToolDisks, convertsAVmdkAndRemovesTheSourceOnlyOnSuccess)
 {
     MessageCapture cap;
-    EXPECT_FALSE(m_engine.createDisk(QFileInfo(path("pattern.raw")), QFileInfo(path("overlay.qcow2"))));
-    EXPECT_TRUE(cap.hasContaining(
-        QtCriticalMsg, QStringLiteral("[VMTools] Failed to create disk \"%1\" . \"qemu-img:").arg(path("overlay.qcow2"))));
-}
+    EXPECT_FALSE(m_engine.convertDisk(QFileInfo(path("missing.vmdk")), QFileInfo(path("ref.qcow2"))));
+    EXPECT_EQ(cap.texts(QtWarningMsg), QStringList{"[VMTools] Disk file not found: \"" + path("missing.vmdk") + "\""});
+    EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
 
-TEST_F(RealToolDisks, convertsAVmdkAndRemovesTheSource)
-{
-    ASSERT_TRUE(m_engine.convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(path("system-ref.qcow2"))));
+    const QString badTarget = path("no-such-dir/ref.qcow2");
+    EXPECT_FALSE(m_engine.convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(badTarget)));
+    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg, QString("[VMTools] Failed to convert \"%1\" to \"%2\" . \"qemu-img:")
+                                                     .arg(path("source.vmdk"), badTarget)));
+    EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("source.vmdk")}));
+
+    ASSERT_TRUE(m_engine.convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(path("ref.qcow2"))));
     EXPECT_FALSE(QFile::exists(path("source.vmdk")));
-    EXPECT_EQ(imageInfo(path("system-ref.qcow2")).value(QStringLiteral("format")).toString(), QStringLiteral("qcow2"));
-    EXPECT_TRUE(qemuImg({QStringLiteral("compare"), path("pattern.raw"), path("system-ref.qcow2")}));
+    EXPECT_EQ(imageInfo(path("ref.qcow2")).value("format").toString(), "qcow2");
+    EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("ref.qcow2")}));
 }
 
-TEST_F(RealToolDisks, keepsTheSourceWhenTheConversionFails)
-{
-    const QString target = path("no-such-dir/system-ref.qcow2");
-    MessageCapture cap;
-    EXPECT_FALSE(m_engine.convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(target)));
-    EXPECT_TRUE(cap.hasContaining(
-        QtCriticalMsg,
-        QStringLiteral("[VMTools] Failed to convert \"%1\" to \"%2\" . \"qemu-img:").arg(path("source.vmdk"), target)));
-    EXPECT_TRUE(qemuImg({QStringLiteral("compare"), path("pattern.raw"), path("source.vmdk")}));
-}
-
-TEST_F(RealToolDisks, refusesToConvertAMissingSource)
-{
-    MessageCapture cap;
-    EXPECT_FALSE(m_engine.convertDisk(QFileInfo(path("missing.vmdk")), QFileInfo(path("system-ref.qcow2"))));
-    EXPECT_EQ(cap.texts(QtWarningMsg),
-              QStringList{QStringLiteral("[VMTools] Disk file not found: \"%1\"").arg(path("missing.vmdk"))});
-    EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
-}
-
-TEST_F(RealToolDisks, createsAnSdCardOfTheAskedSize)
+TEST_F(RealToolDisks, createsSdCardsAndResizesImages)
 {
     ASSERT_TRUE(m_engine.createSDCard(m_dir, 96));
-    const QJsonObject info = imageInfo(path("sdcard.qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("format")).toString(), QStringLiteral("qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("virtual-size")).toDouble(), 96.0 * 1024 * 1024);
-}
-
-TEST_F(RealToolDisks, reportsAnSdCardThatCannotBeCreated)
-{
-    MessageCapture cap;
-    EXPECT_FALSE(m_engine.createSDCard(path("no-such-dir"), 96));
-    EXPECT_TRUE(cap.hasContaining(
-        QtCriticalMsg, QStringLiteral("[VMTools] Failed to create \"%1\" . \"qemu-img:").arg(path("no-such-dir/sdcard.qcow2"))));
-}
-
-TEST_F(RealToolDisks, resizesAnImage)
-{
+    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value("format").toString(), "qcow2");
+    EXPECT_EQ(virtualSize("sdcard.qcow2"), 96 * MiB);
     ASSERT_TRUE(m_engine.resizeDisk(path("plain.qcow2"), 48));
-    EXPECT_EQ(imageInfo(path("plain.qcow2")).value(QStringLiteral("virtual-size")).toDouble(), 48.0 * 1024 * 1024);
-}
+    EXPECT_EQ(virtualSize("plain.qcow2"), 48 * MiB);
 
-TEST_F(RealToolDisks, resizingAMissingImageFailsSilently)
-{
     MessageCapture cap;
     EXPECT_FALSE(m_engine.resizeDisk(path("missing.qcow2"), 48));
-    EXPECT_TRUE(cap.lines().isEmpty());
+    EXPECT_TRUE(cap.lines().isEmpty()) << "a missing image fails silently";
+    EXPECT_FALSE(m_engine.createSDCard(path("no-such-dir"), 96));
+    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg,
+                                  "[VMTools] Failed to create \"" + path("no-such-dir/sdcard.qcow2") + "\" . \"qemu-img:"));
 }
 
-TEST_F(RealToolDisks, copiesAnImageButNeverOverAnother)
+TEST_F(RealToolDisks, copiesNeverOverAnotherImageAndDeletes)
 {
     ASSERT_TRUE(m_engine.copyDisk(path("base.qcow2"), path("copy.qcow2")));
     EXPECT_EQ(readAll(path("copy.qcow2")), readAll(path("base.qcow2")));
-
     const QByteArray before = readAll(path("plain.qcow2"));
     MessageCapture cap;
     EXPECT_FALSE(m_engine.copyDisk(path("source.vmdk"), path("plain.qcow2")));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to copy \"%1\" to \"%2\" : \"Destination file exists\"")
+    EXPECT_TRUE(cap.has(QtCriticalMsg, QString("[VMTools] Failed to copy \"%1\" to \"%2\" : \"Destination file exists\"")
                                            .arg(path("source.vmdk"), path("plain.qcow2"))));
     EXPECT_EQ(readAll(path("plain.qcow2")), before);
-}
 
-TEST_F(RealToolDisks, deletesAnImageAndTakesAMissingOneAsDeleted)
-{
     EXPECT_TRUE(m_engine.deleteDisk(path("plain.qcow2")));
     EXPECT_FALSE(QFile::exists(path("plain.qcow2")));
-    MessageCapture cap;
-    EXPECT_TRUE(m_engine.deleteDisk(path("plain.qcow2")));
+    cap.clear();
+    EXPECT_TRUE(m_engine.deleteDisk(path("plain.qcow2"))); // a missing disk counts as deleted
     EXPECT_TRUE(cap.lines().isEmpty());
-}
-
-TEST_F(RealToolDisks, reportsADiskThatCannotBeRemoved)
-{
     // A directory is not removed as a file, whoever runs the test.
-    ASSERT_TRUE(QDir(m_dir).mkdir(QStringLiteral("folder.qcow2")));
-    MessageCapture cap;
+    ASSERT_TRUE(QDir(m_dir).mkdir("folder.qcow2"));
     EXPECT_FALSE(m_engine.deleteDisk(path("folder.qcow2")));
-    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg,
-                                  QStringLiteral("[VMTools] Failed to remove \"%1\" : ").arg(path("folder.qcow2"))));
+    EXPECT_TRUE(cap.hasContaining(QtCriticalMsg, "[VMTools] Failed to remove \"" + path("folder.qcow2") + "\" : "));
     EXPECT_TRUE(QFileInfo(path("folder.qcow2")).isDir());
 }
 
 TEST_F(RealToolDisks, listsSnapshotsWhoseNamesAreWords)
 {
     for (const char *name : {"my-snap", "first_2", "v1.5", "Boot9"})
-        ASSERT_TRUE(addSnapshot(path("system.qcow2"), QLatin1String(name)));
+        ASSERT_TRUE(addSnapshot(path("system.qcow2"), name));
     MessageCapture cap;
     EXPECT_EQ(m_engine.fetchSnapshotNames(device()), (QStringList{"latest", "first_2", "Boot9"}));
     for (const char *name : {"latest", "first_2", "Boot9"})
-        EXPECT_TRUE(cap.has(QtDebugMsg, QStringLiteral("[VMTools] found snapshot \"%1\"").arg(QLatin1String(name))));
-}
+        EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] found snapshot \"%1\"").arg(name)));
 
-TEST_F(RealToolDisks, listsNoSnapshotsOfADeviceWithoutSystemDisk)
-{
-    ASSERT_TRUE(QDir(m_dir).mkdir(QStringLiteral("empty")));
-    MessageCapture cap;
+    ASSERT_TRUE(QDir(m_dir).mkdir("empty"));
     QEMUMachine empty(&m_engine, path("empty"));
     EXPECT_TRUE(m_engine.fetchSnapshotNames(&empty).isEmpty());
-    EXPECT_TRUE(cap.has(QtCriticalMsg,
-                        QStringLiteral("[VMTools] Failed to list snapshots of \"%1\"").arg(path("empty/system.qcow2"))));
-}
-
-TEST_F(RealToolDisks, refusesSnapshotWorkWithoutADevice)
-{
-    MessageCapture cap;
-    EXPECT_TRUE(m_engine.fetchSnapshotNames(nullptr).isEmpty());
-    EXPECT_FALSE(m_engine.deleteSnapshot(static_cast<const VMToolsMachine *>(nullptr), QStringLiteral("latest")));
-    EXPECT_EQ(cap.texts(QtWarningMsg),
-              QStringList{QStringLiteral("[VMTools] Cannot delete snapshot \"latest\" of no device")});
-    EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to list snapshots of \"" + path("empty/system.qcow2") + "\""));
 }
 
 TEST_F(RealToolDisks, deletesASnapshotFromEveryDiskOfTheDevice)
 {
+    MessageCapture cap;
+    EXPECT_TRUE(m_engine.fetchSnapshotNames(nullptr).isEmpty());
+    EXPECT_FALSE(m_engine.deleteSnapshot(static_cast<const VMToolsMachine *>(nullptr), "latest"));
+    EXPECT_EQ(cap.texts(QtWarningMsg), QStringList{"[VMTools] Cannot delete snapshot \"latest\" of no device"});
+    EXPECT_TRUE(cap.texts(QtDebugMsg).isEmpty()) << "the tool must not run";
+
     ASSERT_TRUE(addDataAndSdCard());
     for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
-        ASSERT_TRUE(addSnapshot(path(disk), QStringLiteral("keep")));
-    EXPECT_TRUE(m_engine.deleteSnapshot(device(), QStringLiteral("latest")));
+        ASSERT_TRUE(addSnapshot(path(disk), "keep"));
+    EXPECT_TRUE(m_engine.deleteSnapshot(device(), "latest"));
     for (const char *disk : {"system.qcow2", "data.qcow2", "sdcard.qcow2"})
-        EXPECT_EQ(snapshotsOf(path(disk)), QStringList{QStringLiteral("keep")}) << disk;
+        EXPECT_EQ(snapshotsOf(path(disk)), QStringList{"keep"}) << disk;
 }
 
 // The device's own disk operations go to the engine.
 
-OsImage imageOf(const VersionNumber &imageVersion)
-{
-    OsImage image = OsImageBuilder();
-    image.osVersion = VersionNumber(11, 0);
-    image.imageVersion = imageVersion;
-    return image;
-}
-
-TEST_F(RealToolDisks, insertingAnSdCardCreatesItsImageOfTheRecordedSize)
+TEST_F(FakeToolDisks, anSdCardIsInsertedOnlyWithItsImageOfTheRecordedSize)
 {
     ASSERT_TRUE(device()->setSdCardSize(80));
     EXPECT_FALSE(QFile::exists(path("sdcard.qcow2")));
-    ASSERT_TRUE(device()->setSdCardInserted(true));
-    EXPECT_TRUE(device()->isSdCardInserted());
-    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value(QStringLiteral("virtual-size")).toDouble(), 80.0 * 1024 * 1024);
-    ASSERT_TRUE(device()->setSdCardSize(112));
-    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value(QStringLiteral("virtual-size")).toDouble(), 112.0 * 1024 * 1024);
-    EXPECT_EQ(device()->getSdCardSize(), 112);
-}
-
-TEST_F(FakeToolDisks, anSdCardWhoseImageCannotBeMadeIsNotInserted)
-{
-    ASSERT_TRUE(device()->setSdCardSize(80));
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
     MessageCapture cap;
     EXPECT_FALSE(device()->setSdCardInserted(true));
     EXPECT_FALSE(device()->isSdCardInserted());
-    EXPECT_TRUE(cap.has(QtCriticalMsg,
-                        QStringLiteral("[VMTools] Failed to create \"%1\" . \"fake failure\"").arg(path("sdcard.qcow2"))));
-    const QList<QStringList> expected = {{"create", "-f", "qcow2", "%D/sdcard.qcow2", "80M"}};
-    EXPECT_EQ(runs(), expected);
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to create \"" + path("sdcard.qcow2") + "\" . \"fake failure\""));
+
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "");
+    ASSERT_TRUE(device()->setSdCardInserted(true));
+    EXPECT_TRUE(device()->isSdCardInserted());
+    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value("virtual-size").toDouble(), 80.0 * 1024 * 1024);
+    ASSERT_TRUE(device()->setSdCardSize(112));
+    EXPECT_EQ(imageInfo(path("sdcard.qcow2")).value("virtual-size").toDouble(), 112.0 * 1024 * 1024);
+    EXPECT_EQ(device()->getSdCardSize(), 112);
+    const QStringList create{"create", "-f", "qcow2", "%D/sdcard.qcow2", "80M"};
+    EXPECT_EQ(runs(), (QList<QStringList>{create, create, {"resize", "%D/sdcard.qcow2", "112M"}}));
 }
 
+// The reference system disk of an OS image, converted once; every upgrade
+// lays a new overlay over it and keeps the old disk when anything fails.
 TEST_F(FakeToolDisks, upgradeLaysANewSystemDiskOverTheConvertedReference)
 {
-    const OsImage image = imageOf(VersionNumber(3, 9));
+    OsImage image = OsImageBuilder();
+    image.osVersion = VersionNumber(11, 0);
+    image.imageVersion = VersionNumber(3, 9);
     const QString reference = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
-    ASSERT_TRUE(QDir().mkpath(reference));
-    ASSERT_TRUE(QFile::copy(path("source.vmdk"), reference + "/system.vmdk"));
-
-    ASSERT_TRUE(device()->upgradeSystemDisk(image));
-    EXPECT_FALSE(QFile::exists(reference + "/system.vmdk"));
-    const QJsonObject info = imageInfo(path("system.qcow2"));
-    EXPECT_EQ(info.value(QStringLiteral("backing-filename")).toString(), reference + "/system.qcow2");
-    EXPECT_TRUE(snapshotsOf(path("system.qcow2")).isEmpty()) << "the old disk's state is gone";
-    EXPECT_TRUE(qemuImg({QStringLiteral("compare"), path("pattern.raw"), path("system.qcow2")}));
-    EXPECT_FALSE(QFile::exists(path("system.qcow2.upgrade")));
-
-    // The reference is converted once; a second upgrade only lays an overlay.
-    ASSERT_TRUE(device()->upgradeSystemDisk(image));
-    const QList<QStringList> expected = {
-        {"convert", "-O", "qcow2", reference + "/system.vmdk", reference + "/system.qcow2"},
-        {"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"},
-        {"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"}};
-    EXPECT_EQ(runs(), expected);
-}
-
-TEST_F(FakeToolDisks, aFailedUpgradeKeepsTheSystemDisk)
-{
     const QByteArray before = readAll(path("system.qcow2"));
-    const OsImage image = imageOf(VersionNumber(4, 0));
-    const QString reference = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
     MessageCapture cap;
     EXPECT_FALSE(device()->upgradeSystemDisk(image));
-    EXPECT_TRUE(cap.has(QtWarningMsg, QStringLiteral("[VMTools] Disk file not found: \"%1/system.vmdk\"").arg(reference)));
-    EXPECT_TRUE(cap.has(QtCriticalMsg,
-                        QStringLiteral("[VMTools] Failed to get system disk info \"%1/system.qcow2\"").arg(reference)));
-
-    // A reference that exists but an overlay that cannot be made.
-    ASSERT_TRUE(QDir().mkpath(reference));
-    ASSERT_TRUE(createImage(reference + "/system.qcow2", 16));
-    setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
-    EXPECT_FALSE(device()->upgradeSystemDisk(image));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, QStringLiteral("[VMTools] Failed to upgrade the system disk of \"%1\"")
-                                           .arg(QDir(m_dir).dirName())));
+    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Disk file not found: \"" + reference + "/system.vmdk\""));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to get system disk info \"" + reference + "/system.qcow2\""));
     EXPECT_EQ(readAll(path("system.qcow2")), before);
-    EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{QStringLiteral("latest")});
+
+    ASSERT_TRUE(QDir().mkpath(reference));
+    ASSERT_TRUE(QFile::copy(path("source.vmdk"), reference + "/system.vmdk"));
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
+    EXPECT_FALSE(device()->upgradeSystemDisk(image)); // converted, but no overlay can be made
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to upgrade the system disk of \"" + QDir(m_dir).dirName() + "\""));
+    EXPECT_EQ(readAll(path("system.qcow2")), before);
+    EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{"latest"});
+
+    setEnv("HV_FAKE_QEMU_IMG_FAIL", "");
+    ASSERT_TRUE(device()->upgradeSystemDisk(image));
+    EXPECT_FALSE(QFile::exists(reference + "/system.vmdk"));
+    EXPECT_EQ(imageInfo(path("system.qcow2")).value("backing-filename").toString(), reference + "/system.qcow2");
+    EXPECT_TRUE(snapshotsOf(path("system.qcow2")).isEmpty()) << "the old disk's state is gone";
+    EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("system.qcow2")}));
+    EXPECT_FALSE(QFile::exists(path("system.qcow2.upgrade")));
+    const QStringList overlay{"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"};
+    EXPECT_EQ(runs(), (QList<QStringList>{{"convert", "-O", "qcow2", reference + "/system.vmdk", reference + "/system.qcow2"},
+                                          overlay, overlay}));
 }
 
 } // namespace

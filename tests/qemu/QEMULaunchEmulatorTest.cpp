@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QPair>
 #include <QFile>
 #include <QLockFile>
 #include <QThread>
@@ -32,26 +33,11 @@ QString deployed(const QString &name)
     return QDir(Paths::getDeployedPath()).absoluteFilePath(name);
 }
 
-QStringList commandLine(long long pid)
+// The emulator's command line, one argument a line.
+QString commandLine(long long pid)
 {
     QFile file(QString("/proc/%1/cmdline").arg(pid));
-    if (!file.open(QIODevice::ReadOnly))
-        return QStringList();
-    QStringList arguments;
-    for (const QByteArray &argument : file.readAll().split('\0'))
-        arguments << QString::fromLocal8Bit(argument);
-    if (!arguments.isEmpty() && arguments.last().isEmpty())
-        arguments.removeLast();
-    return arguments;
-}
-
-bool holdsArgument(const QStringList &arguments, const QString &fragment)
-{
-    for (const QString &argument : arguments) {
-        if (argument.contains(fragment))
-            return true;
-    }
-    return false;
+    return file.open(QIODevice::ReadOnly) ? QString::fromLocal8Bit(file.readAll().replace('\0', '\n')) : QString();
 }
 
 const QString &blankOva()
@@ -107,73 +93,62 @@ protected:
     QStringList m_started;
 };
 
-class QuickBoot : public EmulatorTest, public ::testing::WithParamInterface<const char *>
+// An IDE device (Android 8) and a virtio one (Android 11): a cold start with
+// the writable shared folder, offsets 0 and 7, a snapshot, a stop and a
+// resume from the snapshot, four emulator starts in all.
+TEST_F(EmulatorTest, coldStartSaveStopAndResume)
 {
-};
-
-TEST_P(QuickBoot, coldStartSaveStopAndResume)
-{
-    const QString name = QString("QuickBoot-%1").arg(GetParam());
-    std::unique_ptr<QEMUMachine> machine = createDevice(name, GetParam());
-    ASSERT_NE(machine, nullptr);
-
-    bool quickBoot = true;
-    m_engine->checkLatestSnapshotExists(machine.get());
-    ASSERT_EQ(m_engine->startFromLatestSnapshot(machine.get(), &quickBoot), 1);
-    EXPECT_FALSE(quickBoot);
-    const QStringList cold = commandLine(machine->loadQEMUPid());
-    EXPECT_TRUE(holdsArgument(cold, "fat:rw:" + deployed(name) + "/shared"));
-    EXPECT_EQ(holdsArgument(cold, "/shared,if=virtio"), QString(GetParam()) != "8.0.0");
-    EXPECT_FALSE(cold.contains("-loadvm"));
-
-    EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
-    stopGracefully(machine.get());
-    m_engine->checkLatestSnapshotExists(machine.get());
-    EXPECT_TRUE(machine->isLatestSnapshotExist());
-
-    MessageCapture capture;
-    quickBoot = true;
-    ASSERT_EQ(m_engine->startFromLatestSnapshot(machine.get(), &quickBoot), 1) << capture.texts(QtCriticalMsg).join('\n').toStdString();
-    EXPECT_TRUE(quickBoot);
-    const QStringList resumed = commandLine(machine->loadQEMUPid());
-    EXPECT_EQ(resumed.mid(resumed.indexOf("-loadvm"), 2), QStringList({"-loadvm", "latest"}));
-    EXPECT_FALSE(holdsArgument(resumed, "fat:rw:"));
-    // The read-only view takes the place of a virtio device's detached drive;
-    // an IDE device resumes without one.
-    const bool virtio = QString(GetParam()) != "8.0.0";
-    EXPECT_EQ(holdsArgument(resumed, "fat:ro:" + deployed(name) + "/shared"), virtio);
-    EXPECT_TRUE(machine->isQEMURunning());
-
-    // A resumed device has no writable shared folder: saving again works
-    // without detaching anything.
-    EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
-    stopGracefully(machine.get());
-}
-
-INSTANTIATE_TEST_SUITE_P(Disks, QuickBoot, ::testing::Values("8.0.0", "11.0.0"),
-                         [](const ::testing::TestParamInfo<const char *> &info) {
-                             return std::string(info.param[0] == '8' ? "ide" : "virtio");
-                         });
-
-TEST_F(EmulatorTest, devicesStartedOneAfterTheOtherGetOffsetsZeroAndSeven)
-{
-    std::unique_ptr<QEMUMachine> first = createDevice("OffsetFirst", "11.0.0");
-    std::unique_ptr<QEMUMachine> second = createDevice("OffsetSecond", "8.0.0");
-    ASSERT_EQ(m_engine->startMachine(first.get(), ""), 1);
-    ASSERT_EQ(m_engine->startMachine(second.get(), ""), 1);
-    first->refreshPortOffset();
-    second->refreshPortOffset();
-    EXPECT_EQ(first->getPortOffset(), 0);
-    EXPECT_EQ(second->getPortOffset(), 7);
+    const QList<QPair<QString, bool>> devices{{"Virtio", true}, {"Ide", false}};
+    std::vector<std::unique_ptr<QEMUMachine>> machines;
+    for (const auto &device : devices) {
+        machines.push_back(createDevice(device.first, device.second ? "11.0.0" : "8.0.0"));
+        QEMUMachine *machine = machines.back().get();
+        ASSERT_NE(machine, nullptr);
+        bool quickBoot = true;
+        m_engine->checkLatestSnapshotExists(machine);
+        ASSERT_EQ(m_engine->startFromLatestSnapshot(machine, &quickBoot), 1);
+        EXPECT_FALSE(quickBoot);
+        const QString cold = commandLine(machine->loadQEMUPid());
+        EXPECT_TRUE(cold.contains("fat:rw:" + deployed(device.first) + "/shared"));
+        EXPECT_EQ(cold.contains("/shared,if=virtio"), device.second);
+        EXPECT_FALSE(cold.contains("-loadvm"));
+        machine->refreshPortOffset();
+        EXPECT_EQ(machine->getPortOffset(), machines.size() == 1 ? 0 : 7);
+    }
+    QEMUMachine *second = machines.back().get();
     EXPECT_EQ(second->getAdbPort(), 6555 + 7);
     EXPECT_EQ(second->getQmpPort(), 23555 + 7);
     EXPECT_TRUE(QSettings(second->getLockFilePath(), QSettings::IniFormat).value("writable_shared_drive").toBool());
-
-    MessageCapture capture;
-    EXPECT_EQ(m_engine->startMachine(first.get(), ""), 1);
-    EXPECT_LOG(capture, QtInfoMsg, "[VMTools] Virtual Machine status: on. Nothing to do.");
-    stopGracefully(first.get());
-    stopGracefully(second.get());
+    {
+        MessageCapture capture;
+        EXPECT_EQ(m_engine->startMachine(machines.front().get(), ""), 1);
+        EXPECT_LOG(capture, QtInfoMsg, "[VMTools] Virtual Machine status: on. Nothing to do.");
+    }
+    for (const auto &machine : machines) {
+        EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
+        stopGracefully(machine.get());
+        m_engine->checkLatestSnapshotExists(machine.get());
+        EXPECT_TRUE(machine->isLatestSnapshotExist());
+    }
+    for (int i = 0; i < devices.size(); ++i) {
+        QEMUMachine *machine = machines.at(i).get();
+        MessageCapture capture;
+        bool quickBoot = true;
+        ASSERT_EQ(m_engine->startFromLatestSnapshot(machine, &quickBoot), 1)
+            << capture.texts(QtCriticalMsg).join('\n').toStdString();
+        EXPECT_TRUE(quickBoot);
+        const QString resumed = commandLine(machine->loadQEMUPid());
+        EXPECT_TRUE(resumed.contains("\n-loadvm\nlatest\n"));
+        EXPECT_FALSE(resumed.contains("fat:rw:"));
+        // The read-only view takes the place of a virtio device's detached
+        // drive; an IDE device resumes without one.
+        EXPECT_EQ(resumed.contains("fat:ro:" + deployed(devices.at(i).first) + "/shared"), devices.at(i).second);
+        EXPECT_TRUE(machine->isQEMURunning());
+        // A resumed device has no writable shared folder: saving again works
+        // without detaching anything.
+        EXPECT_TRUE(m_engine->saveSnapshot(machine, "latest"));
+        stopGracefully(machine);
+    }
 }
 
 TEST_F(EmulatorTest, twoProgramsStartingAtOnceGetDifferentOffsets)
@@ -226,22 +201,9 @@ TEST_F(EmulatorTest, twoProgramsStartingAtOnceGetDifferentOffsets)
     }
 }
 
-// Any forwarded port of a candidate held by another program moves the offset.
-class PortHeld : public EmulatorTest, public ::testing::WithParamInterface<int>
-{
-};
-
-TEST_P(PortHeld, movesTheOffsetToTheNextCandidate)
-{
-    QTcpServer other;
-    other.setProxy(QNetworkProxy::NoProxy);
-    ASSERT_TRUE(other.listen(QHostAddress::Any, static_cast<quint16>(GetParam())));
-    EXPECT_EQ(m_engine->computePortOffset(), 7);
-}
-
-INSTANTIATE_TEST_SUITE_P(ForwardedPorts, PortHeld, ::testing::Values(6555, 6379, 24810, 25000));
-
-TEST_F(EmulatorTest, aLockFileLeftByAnEndedEmulatorDoesNotHoldItsOffset)
+// A lock file left by an ended emulator does not hold its offset; any
+// forwarded port of a candidate held by another program moves the offset.
+TEST_F(EmulatorTest, portOffsetSkipsOnlyLiveLocksAndHeldPorts)
 {
     createDevice("Stale", "11.0.0");
     QProcess ended;
@@ -254,6 +216,12 @@ TEST_F(EmulatorTest, aLockFileLeftByAnEndedEmulatorDoesNotHoldItsOffset)
     lock.setValue("offset", 0);
     lock.sync();
     EXPECT_EQ(m_engine->computePortOffset(), 0);
+    for (quint16 port : {6555, 6379, 24810, 25000}) {
+        QTcpServer other;
+        other.setProxy(QNetworkProxy::NoProxy);
+        ASSERT_TRUE(other.listen(QHostAddress::Any, port));
+        EXPECT_EQ(m_engine->computePortOffset(), 7) << port;
+    }
 }
 
 TEST_F(EmulatorTest, withEveryCandidateTakenTheStartFails)
