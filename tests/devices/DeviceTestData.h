@@ -16,23 +16,17 @@ namespace devtest {
 QJsonObject profileJson();
 /// A complete image record of format 1.1.0 for Android 9 with an https address.
 QJsonObject imageJson();
-
-/// object with the value at path replaced (or added). path is a "/"-separated
-/// list of keys; a number selects an array element.
+/// object with the value at path ("/"-separated keys; a number selects an
+/// array element) replaced or added, or removed when value is undefined.
 QJsonObject with(const QJsonObject &object, const QString &path, const QJsonValue &value);
-/// object without the value at path.
 QJsonObject without(const QJsonObject &object, const QString &path);
-
 /// Writes content to dir/name and returns the path.
 QString writeFile(const QString &dir, const QString &name, const QByteArray &content);
-
-/// The folder of the test's fixed input files.
+/// A fixed input file of the tests.
 QString dataPath(const QString &name);
 
 } // namespace devtest
 
-// Readable strings and enumeration values in test output.
 void PrintTo(const QString &text, std::ostream *out);
 void PrintTo(HwProfile::Source source, std::ostream *out);
 void PrintTo(HwProfile::FormFactor formFactor, std::ostream *out);
-void PrintTo(HwProfile::DisplayMode displayMode, std::ostream *out);

@@ -20,13 +20,10 @@ QByteArray json(const QJsonObject &object)
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
-// object with the raw JSON text replacing the value of key (a top-level key
-// whose value is a string placeholder).
+// The record's text with raw JSON text as the value of the top-level key.
 QByteArray spliced(const QJsonObject &object, const QString &key, const QByteArray &raw)
 {
-    QJsonObject marked = object;
-    marked.insert(key, "@@SPLICE@@");
-    return json(marked).replace("\"@@SPLICE@@\"", raw);
+    return json(devtest::with(object, key, "@@SPLICE@@")).replace("\"@@SPLICE@@\"", raw);
 }
 
 QByteArray nestedObjects(int depth)
@@ -142,10 +139,6 @@ TEST(HostileInput, escapedNulCharactersStayInsideTheirStrings)
     EXPECT_EQ(OsImageIO::load(QJsonDocument::fromJson(text).object()), OsImage());
     EXPECT_TRUE(capture.has(QtWarningMsg, "Error in field \"build_date field does not respect datetime ISO format.\""));
 }
-
-} // namespace
-
-namespace {
 
 // Found by the fuzzer: a record whose keys repeat (with object and array
 // values) made the JSON parser leak under the sanitizer. It must still load

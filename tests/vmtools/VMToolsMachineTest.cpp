@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <ostream>
 
 using hvtest::MessageCapture;
 
@@ -79,12 +78,25 @@ OsImage makeImage(const VersionNumber &android = VersionNumber(11, 0))
     return image;
 }
 
+QJsonObject standardTop()
+{
+    return {{"os_image", OsImageIO::toJsonObject(makeImage())},
+            {"hardware_profile", HwProfileIO::toJsonObject(makeProfile())}};
+}
+
+QByteArray bytes(const QJsonObject &top)
+{
+    return QJsonDocument(top).toJson();
+}
+
+// A device directory named after the test, with its configuration file.
 class MachineFile : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        m_dir = hvtest::testRoot() + "/devices/" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
+        m_dir = hvtest::testRoot() + "/devices/" + info->name();
         QDir(m_dir).removeRecursively();
         ASSERT_TRUE(QDir().mkpath(m_dir + "/shared/config"));
     }
@@ -98,19 +110,11 @@ protected:
         file.write(content);
     }
 
-    void writeConfig(const QJsonObject &top) const { writeConfig(QJsonDocument(top).toJson()); }
-
     QJsonObject readConfig() const
     {
         QFile file(configPath());
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
         return QJsonDocument::fromJson(file.readAll()).object();
-    }
-
-    QJsonObject standardTop() const
-    {
-        return QJsonObject{{"os_image", OsImageIO::toJsonObject(makeImage())},
-                           {"hardware_profile", HwProfileIO::toJsonObject(makeProfile())}};
     }
 
     // Puts the file's modification time in the past, so a later write shows.
@@ -138,8 +142,7 @@ TEST_F(MachineFile, keepsUnknownKeysButRebuildsRoot)
                                             {"player_zoom", 1.5},
                                             {"theme", "dark"},
                                             {"root", QJsonObject{{"active", true}, {"su_path", "/sbin/su"}}}});
-    writeConfig(top);
-
+    writeConfig(bytes(top));
     RecordMachine machine(m_dir);
     ASSERT_TRUE(machine.load());
     EXPECT_FALSE(machine.isQuickbootEnabled());
@@ -148,7 +151,7 @@ TEST_F(MachineFile, keepsUnknownKeysButRebuildsRoot)
 
     const QJsonObject saved = readConfig();
     EXPECT_EQ(saved.value("uuid").toString(), "{abc}");
-    EXPECT_EQ(saved.value("custom").toObject(), top.value("custom").toObject());
+    EXPECT_EQ(saved.value("custom"), top.value("custom"));
     const QJsonObject configuration = saved.value("configuration").toObject();
     EXPECT_EQ(configuration.value("theme").toString(), "dark");
     EXPECT_EQ(configuration.value("player_zoom").toDouble(), 1.5);
@@ -158,11 +161,13 @@ TEST_F(MachineFile, keepsUnknownKeysButRebuildsRoot)
     EXPECT_EQ(OsImageIO::load(saved.value("os_image").toObject()), makeImage());
 }
 
-TEST_F(MachineFile, fileWithoutConfigurationReadsDefaults)
+TEST_F(MachineFile, fileWithoutConfigurationReadsDefaultsAndIsNotRewritten)
 {
-    writeConfig(standardTop());
+    writeConfig(bytes(standardTop()));
+    ageConfig();
     RecordMachine machine(m_dir);
     ASSERT_TRUE(machine.load());
+    EXPECT_FALSE(configWasWritten());
     EXPECT_TRUE(machine.isQuickbootEnabled());
     EXPECT_FALSE(machine.isRootAccessEnabled());
     EXPECT_FALSE(machine.isSdCardInserted());
@@ -180,87 +185,55 @@ TEST_F(MachineFile, migratesAVersionOneImageAndSavesAtOnce)
     image.remove("arch");
     QJsonObject top = standardTop();
     top.insert("os_image", image);
-    writeConfig(top);
+    writeConfig(bytes(top));
     ageConfig();
-
     RecordMachine machine(m_dir);
     MessageCapture cap;
     ASSERT_TRUE(machine.load());
     EXPECT_TRUE(configWasWritten());
-    EXPECT_TRUE(cap.hasContaining(QtDebugMsg, "Migrating OsImage migratesAVersionOneImageAndSavesAtOnce of device "
-                                              "Android image from 1.0.0 to 1.1.0"));
+    EXPECT_TRUE(cap.has(QtDebugMsg, "Migrating OsImage migratesAVersionOneImageAndSavesAtOnce of device "
+                                    "Android image from 1.0.0 to 1.1.0"));
     const QJsonObject saved = readConfig().value("os_image").toObject();
     EXPECT_EQ(saved.value("version").toString(), "1.1.0");
     EXPECT_EQ(saved.value("arch").toString(), "x86");
     EXPECT_EQ(machine.getOsImageArch(), "x86");
 }
 
-TEST_F(MachineFile, currentImageIsNotRewrittenOnLoad)
-{
-    writeConfig(standardTop());
-    ageConfig();
-    RecordMachine machine(m_dir);
-    ASSERT_TRUE(machine.load());
-    EXPECT_FALSE(configWasWritten());
-}
-
-struct BadFile {
-    const char *name;
-    QByteArray content;
-};
-
-class BadMachineFile : public MachineFile, public ::testing::WithParamInterface<BadFile>
-{
-};
-
-TEST_P(BadMachineFile, isRefusedAndLeavesTheFile)
-{
-    writeConfig(GetParam().content);
-    RecordMachine machine(m_dir);
-    MessageCapture cap;
-    EXPECT_FALSE(machine.load());
-    EXPECT_FALSE(cap.noneAtOrAbove(QtWarningMsg)) << "a refusal must be logged";
-    EXPECT_EQ(QFile(configPath()).size(), GetParam().content.size()) << "the file must stay as it was";
-}
-
-QByteArray standardBytes()
-{
-    return QJsonDocument(QJsonObject{{"os_image", OsImageIO::toJsonObject(makeImage())},
-                                     {"hardware_profile", HwProfileIO::toJsonObject(makeProfile())}})
-        .toJson();
-}
-
 QByteArray withConfiguration(const QJsonValue &configuration)
 {
-    QJsonObject top = QJsonDocument::fromJson(standardBytes()).object();
+    QJsonObject top = standardTop();
     top.insert("configuration", configuration);
-    return QJsonDocument(top).toJson();
+    return bytes(top);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Inputs, BadMachineFile,
-    ::testing::Values(BadFile{"truncated", standardBytes().left(standardBytes().size() / 2)},
-                      BadFile{"notJson", "this is not json"}, BadFile{"empty", ""},
-                      BadFile{"array", "[1, 2, 3]"},
-                      BadFile{"configurationString", withConfiguration(QJsonValue("quickboot"))},
-                      BadFile{"configurationArray", withConfiguration(QJsonArray{1})},
-                      BadFile{"noProfile", QJsonDocument(QJsonObject{{"os_image", QJsonObject()}}).toJson()},
-                      BadFile{"profileString", QJsonDocument(QJsonObject{{"hardware_profile", "x"}}).toJson()}),
-    [](const ::testing::TestParamInfo<BadFile> &info) { return info.param.name; });
-
-TEST_F(MachineFile, invalidProfileNamesTheDevice)
+TEST_F(MachineFile, badFilesAreRefusedAndLeftAsTheyWere)
 {
-    writeConfig(QJsonDocument(QJsonObject{{"hardware_profile", QJsonObject()}}).toJson());
+    const struct {
+        const char *name;
+        QByteArray content;
+    } rows[] = {{"truncated", bytes(standardTop()).left(bytes(standardTop()).size() / 2)},
+                {"notJson", "this is not json"},
+                {"empty", ""},
+                {"array", "[1, 2, 3]"},
+                {"configurationString", withConfiguration("quickboot")},
+                {"configurationArray", withConfiguration(QJsonArray{1})},
+                {"noProfile", bytes({{"os_image", QJsonObject()}})},
+                {"profileString", bytes({{"hardware_profile", "x"}})}};
+    for (const auto &row : rows) {
+        writeConfig(row.content);
+        RecordMachine machine(m_dir);
+        MessageCapture cap;
+        EXPECT_FALSE(machine.load()) << row.name;
+        EXPECT_FALSE(cap.noneAtOrAbove(QtWarningMsg)) << row.name << ": a refusal must be logged";
+        EXPECT_EQ(QFile(configPath()).size(), row.content.size()) << row.name;
+    }
+    writeConfig(bytes({{"hardware_profile", QJsonObject()}}));
     RecordMachine machine(m_dir);
     MessageCapture cap;
     EXPECT_FALSE(machine.load());
-    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Failed to load hwProfile \"invalidProfileNamesTheDevice\" , skip device"));
-}
-
-TEST_F(MachineFile, missingFileIsRefused)
-{
+    EXPECT_TRUE(cap.has(QtWarningMsg,
+                        "[VMTools] Failed to load hwProfile \"badFilesAreRefusedAndLeftAsTheyWere\" , skip device"));
     QFile::remove(configPath());
-    RecordMachine machine(m_dir);
     EXPECT_FALSE(machine.hasConfigFile());
     EXPECT_FALSE(machine.load());
 }
@@ -272,7 +245,6 @@ TEST_F(MachineFile, unwritableDirectoryFailsTheSaveWithItsPath)
     QFile blocker(m_dir + "/shared");
     ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
     blocker.close();
-
     RecordMachine machine(m_dir);
     machine.setHwProfile(makeProfile());
     MessageCapture cap;
@@ -286,16 +258,6 @@ struct SetterRow {
     std::function<bool(VMToolsMachine &)> set;
     bool writesUnchanged;
 };
-
-void PrintTo(const SetterRow &row, std::ostream *os)
-{
-    *os << row.name;
-}
-
-void PrintTo(const BadFile &row, std::ostream *os)
-{
-    *os << row.name;
-}
 
 class SavingRules : public MachineFile, public ::testing::WithParamInterface<SetterRow>
 {
@@ -331,35 +293,26 @@ INSTANTIATE_TEST_SUITE_P(
         SetterRow{"buildTags", [](VMToolsMachine &m) { return m.setBuildTags("release-keys"); }, true},
         SetterRow{"androidVersion", [](VMToolsMachine &m) { return m.setAndroidVersion(VersionNumber(12, 0)); },
                   true}),
-    [](const ::testing::TestParamInfo<SetterRow> &info) { return info.param.name; });
+    [](const auto &info) { return std::string(info.param.name); });
 
-class NoDisplay : public MachineFile, public ::testing::WithParamInterface<SetterRow>
+TEST_F(MachineFile, displaySettersTouchThePrimaryDisplayAndCornersTouchAll)
 {
-};
+    // Without a display every display setter succeeds and does nothing.
+    const std::function<bool(VMToolsMachine &)> displaySetters[] = {
+        [](VMToolsMachine &m) { return m.setResolution(QSize(100, 200)); },
+        [](VMToolsMachine &m) { return m.setDensity(320); },
+        [](VMToolsMachine &m) { return m.setNavigationBarVisibility(false); },
+        [](VMToolsMachine &m) { return m.setRoundedTopCornerRadius(8); },
+        [](VMToolsMachine &m) { return m.setRoundedBottomCornerRadius(8); },
+        [](VMToolsMachine &m) { return m.setRoundedCornerContentPadding(8); }};
+    RecordMachine none(m_dir);
+    none.setHwProfile(makeProfile(0));
+    for (const auto &set : displaySetters)
+        EXPECT_TRUE(set(none));
+    EXPECT_FALSE(none.hasConfigFile());
+    EXPECT_TRUE(none.getDisplays().isEmpty());
+    EXPECT_TRUE(none.getNavigationBarVisibility());
 
-TEST_P(NoDisplay, displaySetterDoesNothing)
-{
-    RecordMachine machine(m_dir);
-    machine.setHwProfile(makeProfile(0));
-    EXPECT_TRUE(GetParam().set(machine));
-    EXPECT_FALSE(machine.hasConfigFile());
-    EXPECT_TRUE(machine.getDisplays().isEmpty());
-    EXPECT_TRUE(machine.getNavigationBarVisibility());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Setters, NoDisplay,
-    ::testing::Values(
-        SetterRow{"resolution", [](VMToolsMachine &m) { return m.setResolution(QSize(100, 200)); }, false},
-        SetterRow{"density", [](VMToolsMachine &m) { return m.setDensity(320); }, false},
-        SetterRow{"navigationBar", [](VMToolsMachine &m) { return m.setNavigationBarVisibility(false); }, false},
-        SetterRow{"topRadius", [](VMToolsMachine &m) { return m.setRoundedTopCornerRadius(8); }, false},
-        SetterRow{"bottomRadius", [](VMToolsMachine &m) { return m.setRoundedBottomCornerRadius(8); }, false},
-        SetterRow{"padding", [](VMToolsMachine &m) { return m.setRoundedCornerContentPadding(8); }, false}),
-    [](const ::testing::TestParamInfo<SetterRow> &info) { return info.param.name; });
-
-TEST_F(MachineFile, primaryDisplaySettersTouchTheFirstDisplayAndCornersTouchAll)
-{
     RecordMachine machine(m_dir);
     machine.setHwProfile(makeProfile(2));
     ASSERT_TRUE(machine.setResolution(QSize(1080, 1920)));
@@ -368,7 +321,6 @@ TEST_F(MachineFile, primaryDisplaySettersTouchTheFirstDisplayAndCornersTouchAll)
     ASSERT_TRUE(machine.setRoundedBottomCornerRadius(12));
     ASSERT_TRUE(machine.setRoundedCornerContentPadding(13));
     ASSERT_TRUE(machine.setNavigationBarVisibility(false));
-
     const QList<HwProfile::Display> displays = machine.getDisplays();
     ASSERT_EQ(displays.size(), 2);
     EXPECT_EQ(machine.getResolution(), QSize(1080, 1920));
@@ -382,7 +334,6 @@ TEST_F(MachineFile, primaryDisplaySettersTouchTheFirstDisplayAndCornersTouchAll)
     }
     EXPECT_FALSE(machine.getNavigationBarVisibility());
     EXPECT_TRUE(machine.getHwProfile().displaySettings.hwNavigationKeys);
-
     // What was written is what a fresh record reads.
     RecordMachine reread(m_dir);
     ASSERT_TRUE(reread.load());
@@ -411,9 +362,7 @@ TEST_F(MachineFile, setPropertiesTakesTheProfilesValues)
 
 TEST_F(MachineFile, getDataGivesTextOrTheDefault)
 {
-    QJsonObject top = standardTop();
-    top.insert("configuration", QJsonObject{{"count", 42}, {"list", QJsonArray{1}}, {"blank", ""}});
-    writeConfig(top);
+    writeConfig(withConfiguration(QJsonObject{{"count", 42}, {"list", QJsonArray{1}}, {"blank", ""}}));
     RecordMachine machine(m_dir);
     ASSERT_TRUE(machine.load());
     EXPECT_EQ(machine.getData("count", "none"), QVariant(QString("42")));
@@ -438,68 +387,43 @@ TEST(MachineNames, statusAndAdapterStrings)
         EXPECT_EQ(VMToolsMachine::getAdapterTypeString(type), text) << type;
 }
 
-TEST(MachineNames, connectionInfoFactories)
+TEST_F(MachineFile, capabilitiesAndPlatformFollowImageAndProfile)
 {
-    EXPECT_EQ(VMToolsMachine::createUnknownConnectionInfo().type(), VMToolsMachine::UnknownConnection);
-    EXPECT_EQ(VMToolsMachine::createNatConnectionInfo().type(), VMToolsMachine::Nat);
-    EXPECT_EQ(VMToolsMachine::createNatConnectionInfo().name(), QString());
-    const VMToolsMachine::ConnectionInfo bridged = VMToolsMachine::createBridgedConnectionInfo("eth0");
-    EXPECT_EQ(bridged.type(), VMToolsMachine::Bridged);
-    EXPECT_EQ(bridged.name(), "eth0");
-}
-
-struct CapabilityRow {
-    VersionNumber android;
-    int capabilities;
-};
-
-class Capabilities : public ::testing::TestWithParam<CapabilityRow>
-{
-};
-
-TEST_P(Capabilities, virtioDisksAboveAndroid800)
-{
-    RecordMachine machine(hvtest::testRoot() + "/caps");
-    machine.setOsImage(makeImage(GetParam().android));
-    EXPECT_EQ(machine.getCapabilities(), GetParam().capabilities);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Versions, Capabilities,
-    ::testing::Values(CapabilityRow{VersionNumber(8, 0, 0), 0}, CapabilityRow{VersionNumber(7, 9, 9), 0},
-                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Release, 1), 1},
-                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Beta, 250), 1},
-                      CapabilityRow{VersionNumber(8, 0, 0, VersionNumber::Beta, 199), 0},
-                      CapabilityRow{VersionNumber(8, 0, 1), 1}, CapabilityRow{VersionNumber(8, 1, 0), 1},
-                      CapabilityRow{VersionNumber(9, 0, 0), 1}, CapabilityRow{VersionNumber(-1, 0), 0}));
-
-TEST_F(MachineFile, platformFollowsTheFormFactor)
-{
+    const std::pair<VersionNumber, int> rows[] = {
+        {VersionNumber(8, 0, 0), 0},
+        {VersionNumber(7, 9, 9), 0},
+        {VersionNumber(8, 0, 0, VersionNumber::Release, 1), 1},
+        {VersionNumber(8, 0, 0, VersionNumber::Beta, 250), 1},
+        {VersionNumber(8, 0, 0, VersionNumber::Beta, 199), 0},
+        {VersionNumber(8, 0, 1), 1},
+        {VersionNumber(9, 0, 0), 1},
+        {VersionNumber(-1, 0), 0}};
     RecordMachine machine(m_dir);
+    for (const auto &[android, capabilities] : rows) {
+        machine.setOsImage(makeImage(android));
+        EXPECT_EQ(machine.getCapabilities(), capabilities) << android.toString().toStdString();
+    }
     machine.setHwProfile(makeProfile());
     EXPECT_EQ(machine.getPlatform(), "p");
     ASSERT_TRUE(machine.setFormFactor(HwProfile::FormFactor::TABLET));
     EXPECT_EQ(machine.getPlatform(), "tp");
     EXPECT_TRUE(machine.setPlatform("p"));
     EXPECT_EQ(machine.getPlatform(), "tp");
+    EXPECT_EQ(machine.getElapsedTime(), 0);
 }
 
 TEST_F(MachineFile, sizeOnDiskIsComputedOnceUntilAskedAgain)
 {
-    QFile a(m_dir + "/system.qcow2");
-    ASSERT_TRUE(a.open(QIODevice::WriteOnly));
-    a.write(QByteArray(1000, 'x'));
-    a.close();
-    QFile b(m_dir + "/shared/config/other.bin");
-    ASSERT_TRUE(b.open(QIODevice::WriteOnly));
-    b.write(QByteArray(234, 'y'));
-    b.close();
-
+    const auto append = [](const QString &path, int size) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::Append));
+        file.write(QByteArray(size, 'x'));
+    };
+    append(m_dir + "/system.qcow2", 1000);
+    append(m_dir + "/shared/config/other.bin", 234);
     RecordMachine machine(m_dir);
     EXPECT_EQ(machine.getSizeOnDisk(), 1234);
-    ASSERT_TRUE(b.open(QIODevice::Append));
-    b.write(QByteArray(100, 'z'));
-    b.close();
+    append(m_dir + "/shared/config/other.bin", 100);
     EXPECT_EQ(machine.getSizeOnDisk(), 1234);
     EXPECT_EQ(machine.computeSizeOnDisk(), 1334);
     EXPECT_EQ(machine.getSizeOnDisk(), 1334);
@@ -511,22 +435,16 @@ TEST_F(MachineFile, upgradingFlagIsAnIniFile)
     const QString flag = m_dir + "/upgrading.flag";
     EXPECT_EQ(machine.getUpgradingFlagPath(), flag);
     EXPECT_FALSE(machine.isUpgrading());
-    {
-        MessageCapture cap;
-        ASSERT_TRUE(machine.setUpgrading(true));
-        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Created \"" + flag + "\" flag"));
-    }
+    MessageCapture cap;
+    ASSERT_TRUE(machine.setUpgrading(true));
     EXPECT_TRUE(machine.isUpgrading());
     EXPECT_TRUE(QSettings(flag, QSettings::IniFormat).value("upgrading").toBool());
-    {
-        MessageCapture cap;
-        ASSERT_TRUE(machine.setUpgrading(false));
-        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Removed \"" + flag + "\" flag"));
-    }
+    ASSERT_TRUE(machine.setUpgrading(false));
     EXPECT_FALSE(machine.isUpgrading());
-    MessageCapture cap;
     EXPECT_FALSE(machine.setUpgrading(false));
-    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Cannot remove file \"" + flag + "\""));
+    EXPECT_EQ(cap.lines(), (QList<hvtest::LogLine>{{QtDebugMsg, "[VMTools] Created \"" + flag + "\" flag"},
+                                                   {QtDebugMsg, "[VMTools] Removed \"" + flag + "\" flag"},
+                                                   {QtWarningMsg, "[VMTools] Cannot remove file \"" + flag + "\""}}));
 }
 
 TEST_F(MachineFile, quickbootSnapshotFilesAreRemovedWhenPresent)
@@ -541,26 +459,6 @@ TEST_F(MachineFile, quickbootSnapshotFilesAreRemovedWhenPresent)
     machine.deleteOpenglSnapshot();
     EXPECT_FALSE(QFile::exists(machine.snapshotFilename()));
     EXPECT_TRUE(cap.noneAtOrAbove(QtWarningMsg));
-}
-
-TEST(MachineTimer, elapsedTimeIsZeroBeforeStart)
-{
-    RecordMachine machine(hvtest::testRoot() + "/timer");
-    EXPECT_EQ(machine.getElapsedTime(), 0);
-    EXPECT_EQ(VMToolsMachine::getMinVmHeapSize(), 16);
-}
-
-TEST(MachinePorts, baseClassDefaults)
-{
-    RecordMachine machine(hvtest::testRoot() + "/ports");
-    EXPECT_EQ(machine.getAdbPort(), 5555);
-    EXPECT_EQ(machine.getFrontCameraPort(), 24810);
-    EXPECT_EQ(machine.getBackCameraPort(), 24800);
-    EXPECT_EQ(machine.getAudioInputPort(), 24297);
-    EXPECT_EQ(machine.getAudioOutputPort(), 24296);
-    EXPECT_EQ(machine.getRedisPort(), 6379);
-    EXPECT_EQ(machine.getRenderMainPort(), 25000);
-    EXPECT_EQ(machine.getRenderDataPort(), 22468);
 }
 
 } // namespace
