@@ -1,14 +1,17 @@
 #pragma once
 
-#include <QDir>
+#include "TestFiles.h"
+
 #include <QDirIterator>
-#include <QFile>
 
 #include <cstring>
 
 // Archive bytes written independently of the mtar writer, so the reader is
 // never checked against its own twin.
 namespace tarrecords {
+
+using hvtest::readFile;
+using hvtest::writeFile;
 
 /// The header's checksum: the byte sum with the checksum field as spaces.
 inline quint32 checksum(const QByteArray &record)
@@ -67,17 +70,6 @@ inline QByteArray noise(int size, quint32 seed)
         out[i] = static_cast<char>(x & 0xff);
     }
     return out;
-}
-
-inline bool writeFile(const QString &path, const QByteArray &data)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(data) == data.size();
-}
-inline QByteArray readFile(const QString &path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 /// Every file and directory below root, relative, with "/" after directories

@@ -3,6 +3,7 @@
 
 #include "MessageCapture.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -18,16 +19,9 @@
 #include <functional>
 
 using hvtest::MessageCapture;
+using hvtest::writeFile;
 
 namespace {
-
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate)) << path.toStdString();
-    file.write(content);
-}
 
 TEST(Paths, layoutUnderHvHome)
 {
@@ -76,7 +70,7 @@ TEST(Paths, temporaryDirectoryIsMadeOnEveryCallOrFallsBack)
     EXPECT_TRUE(QFileInfo(tmp).isDir());
 
     ASSERT_TRUE(QDir(tmp).removeRecursively());
-    writeFile(Paths::getHalvistromPath() + "/tmp", "a file in the way");
+    ASSERT_TRUE(writeFile(Paths::getHalvistromPath() + "/tmp", "a file in the way"));
     MessageCapture capture;
     EXPECT_EQ(Paths::getTemporaryDirPath(), QDir::tempPath());
     EXPECT_TRUE(capture.has(QtWarningMsg, "QString Paths::getTemporaryDirPath() Failed to create \"" + tmp
@@ -103,8 +97,8 @@ TEST(PathsFreshProcess, hvHomeIsMadeAbsoluteAndCreated)
 {
     const QByteArray saved = qgetenv("HV_HOME");
     const QString root = hvtest::testRoot();
-    writeFile(root + "/blocker", "x");
-    writeFile(root + "/blocked/.Corbelwick/Halvistrom/ova", "a file where a folder belongs");
+    ASSERT_TRUE(writeFile(root + "/blocker", "x"));
+    ASSERT_TRUE(writeFile(root + "/blocked/.Corbelwick/Halvistrom/ova", "a file where a folder belongs"));
     const struct {
         const char *home; // nullptr: unset
         QString organization;
@@ -143,10 +137,10 @@ TEST(Paths, findExecutableInPathSkipsEmptyAndNonExecutableEntries)
     const QByteArray savedPath = qgetenv("PATH");
     const QString good = hvtest::testRoot() + "/bin-a", bad = hvtest::testRoot() + "/bin-b";
     for (const QString &path : {good + "/hv-probe", QDir::currentPath() + "/hv-probe"}) {
-        writeFile(path, "#!/bin/sh\n");
+        ASSERT_TRUE(writeFile(path, "#!/bin/sh\n"));
         QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::ExeOwner);
     }
-    writeFile(bad + "/hv-probe", "data");
+    ASSERT_TRUE(writeFile(bad + "/hv-probe", "data"));
     // An empty entry would mean the current directory, which holds a probe too.
     const std::pair<QString, QString> cases[] = {{":/nonexistent::" + good + ":", good + "/hv-probe"},
                                                  {"::", QString()}, {bad + ":" + good, good + "/hv-probe"}};
@@ -172,15 +166,15 @@ protected:
 
 TEST_F(FileUtilsTest, copiesATreeWithoutLinksAndRefusesToOverwrite)
 {
-    writeFile(m_dir + "/src/a.txt", "alpha");
-    writeFile(m_dir + "/src/sub/deeper/b.bin", QByteArray("\0\1\2", 3));
+    ASSERT_TRUE(writeFile(m_dir + "/src/a.txt", "alpha"));
+    ASSERT_TRUE(writeFile(m_dir + "/src/sub/deeper/b.bin", QByteArray("\0\1\2", 3)));
     QFile::link(m_dir + "/src/a.txt", m_dir + "/src/link");
     ASSERT_TRUE(FileUtils::copyDirectory(m_dir + "/src", m_dir + "/dst"));
     EXPECT_EQ(FileUtils::loadFile(m_dir + "/dst/a.txt"), "alpha");
     EXPECT_EQ(FileUtils::loadFile(m_dir + "/dst/sub/deeper/b.bin"), QByteArray("\0\1\2", 3));
     EXPECT_FALSE(QFileInfo::exists(m_dir + "/dst/link"));
 
-    writeFile(m_dir + "/dst2/a.txt", "keep me");
+    ASSERT_TRUE(writeFile(m_dir + "/dst2/a.txt", "keep me"));
     MessageCapture capture;
     EXPECT_FALSE(FileUtils::copyDirectory(m_dir + "/src/a.txt", m_dir + "/dst2/a.txt"));
     EXPECT_FALSE(FileUtils::copyDirectory(m_dir + "/src", m_dir + "/dst2"));
@@ -193,8 +187,8 @@ TEST_F(FileUtilsTest, copiesATreeWithoutLinksAndRefusesToOverwrite)
 
 TEST_F(FileUtilsTest, loadReportsFailures)
 {
-    writeFile(m_dir + "/ok.json", R"({"a": 1})");
-    writeFile(m_dir + "/bad.json", R"({"a": )");
+    ASSERT_TRUE(writeFile(m_dir + "/ok.json", R"({"a": 1})"));
+    ASSERT_TRUE(writeFile(m_dir + "/bad.json", R"({"a": )"));
     EXPECT_EQ(FileUtils::loadJson(m_dir + "/ok.json").object().value("a").toInt(), 1);
     MessageCapture capture;
     EXPECT_TRUE(FileUtils::loadJson(m_dir + "/bad.json").isNull());
@@ -208,7 +202,7 @@ TEST_F(FileUtilsTest, loadReportsFailures)
 TEST_F(FileUtilsTest, walkVisitsEveryMatchingFileOnce)
 {
     for (const char *name : {"/a.json", "/x/b.json", "/x/y/c.json", "/x/y/skip.txt"})
-        writeFile(m_dir + name, "1");
+        ASSERT_TRUE(writeFile(m_dir + name, "1"));
     QDir().mkpath(m_dir + "/z.json");
     QStringList seen;
     FileUtils::walkDirectory(m_dir, {"*.json"}, [&](QFile *file) {

@@ -2,8 +2,8 @@
 
 #include "MultiSettings.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
-#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
@@ -22,17 +22,6 @@ private:
     QTemporaryDir m_dir{testRoot() + QStringLiteral("/settings-XXXXXX")};
 };
 
-/// Writes bytes as the whole file; false when it cannot.
-inline bool writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
-}
-inline QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 /// A JSON object given as text (for expected values in tables).
 inline QJsonObject parseObject(const QByteArray &json)
 {
