@@ -1,6 +1,6 @@
 #include "QEMUMachine.h"
 
-#include "HwProfileIO.h"
+#include "HwProfileBuilder.h"
 #include "OsImageBuilder.h"
 #include "QEMUEngine.h"
 
@@ -18,200 +18,119 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 using hvtest::MessageCapture;
 
 namespace {
 
-HwProfile makeProfile()
+void writeFile(const QString &path, const QByteArray &content)
 {
-    HwProfile profile;
-    profile.uuid = "{11111111-2222-3333-4444-555555555555}";
-    profile.deviceProperties.productBrand = "ACME";
-    profile.deviceProperties.productModel = "Rocket";
-    profile.cpuCount = 1;
-    profile.ramSize = 64;
-    return profile;
-}
-
-OsImage makeImage()
-{
-    OsImage image = OsImageBuilder();
-    image.osVersion = VersionNumber(11, 0);
-    image.imageVersion = VersionNumber(3, 8);
-    image.arch = "x86_64";
-    return image;
-}
-
-QString deviceDir(const QString &name)
-{
-    const QString dir = hvtest::testRoot() + "/devices/" + name;
-    QDir(dir).removeRecursively();
-    QDir().mkpath(dir);
-    return dir;
-}
-
-QString currentTestName()
-{
-    return QString::fromLatin1(::testing::UnitTest::GetInstance()->current_test_info()->name());
-}
-
-void writeLock(const QString &dir, const QByteArray &content)
-{
-    QFile file(dir + "/qemu.lock");
+    QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write(content);
 }
 
-// The engine is a real one: the machine asks it for the emulator's name, the
-// SD card's file name and whether acceleration is supported.
+// A fresh device directory named after the test; the engine is a real one.
 class QEMUMachineTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { m_dir = deviceDir(currentTestName()); }
+    void SetUp() override
+    {
+        m_dir = hvtest::testRoot() + "/devices/" + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        QDir(m_dir).removeRecursively();
+        QDir().mkpath(m_dir);
+        m_image.osVersion = VersionNumber(11, 0);
+        m_image.arch = "x86_64";
+    }
 
     QEMUEngine m_engine;
     QString m_dir;
+    OsImage m_image = OsImageBuilder();
+    HwProfile m_profile = HwProfileBuilder("Rocket");
 };
 
-struct PortRow {
-    int offset; // -1: no lock file
-    int qmp, adb, frontCamera, backCamera, audioIn, audioOut, redis, renderMain, renderData;
-};
-
-class Ports : public QEMUMachineTest, public ::testing::WithParamInterface<PortRow>
+TEST_F(QEMUMachineTest, portsFollowTheOffsetInSixteenBits)
 {
-};
-
-TEST_P(Ports, followTheOffsetInSixteenBits)
-{
-    const PortRow &row = GetParam();
-    if (row.offset >= 0) {
-        QEMUMachine writer(&m_engine, m_dir);
-        ASSERT_TRUE(writer.createLockFile(quint16(row.offset), 999999));
+    const struct {
+        int offset; // -1: no lock file
+        int qmp, adb, frontCamera, backCamera, audioIn, audioOut, redis, renderMain, renderData;
+    } rows[] = {{-1, 23554, 6554, 24809, 24799, 24296, 24295, 6378, 24999, 22467},
+                {7, 23562, 6562, 24817, 24807, 24304, 24303, 6386, 25007, 22475},
+                // 40536 + 25000 = 65536: render main wraps to 0, ADB does not wrap.
+                {40536, 64091, 47091, 65346, 65336, 64833, 64832, 46915, 0, 63004},
+                {65535, 23554, 72090, 24809, 24799, 24296, 24295, 6378, 24999, 22467}};
+    for (const auto &row : rows) {
+        QEMUMachine machine(&m_engine, m_dir);
+        if (row.offset >= 0) {
+            ASSERT_TRUE(machine.createLockFile(quint16(row.offset), 999999));
+            EXPECT_EQ(machine.getPortOffset(), -1) << "read only on a refresh";
+            machine.reloadVmInfo();
+        }
+        EXPECT_EQ(machine.getPortOffset(), row.offset);
+        EXPECT_EQ(QList<int>({machine.getQmpPort(), machine.getAdbPort(), machine.getFrontCameraPort(),
+                              machine.getBackCameraPort(), machine.getAudioInputPort(), machine.getAudioOutputPort(),
+                              machine.getRedisPort(), machine.getRenderMainPort(), machine.getRenderDataPort()}),
+                  QList<int>({row.qmp, row.adb, row.frontCamera, row.backCamera, row.audioIn, row.audioOut, row.redis,
+                              row.renderMain, row.renderData}))
+            << row.offset;
+        EXPECT_EQ(machine.getAdbSerial(), QString("127.0.0.1:%1").arg(row.adb));
+        if (row.offset >= 0) {
+            EXPECT_EQ(QSettings(machine.getLockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), 999999);
+            ASSERT_TRUE(machine.removeLockFile());
+            machine.refreshPortOffset();
+            EXPECT_EQ(machine.getPortOffset(), -1);
+        }
     }
-    QEMUMachine machine(&m_engine, m_dir);
-    EXPECT_EQ(machine.getPortOffset(), row.offset);
-    EXPECT_EQ(machine.getQmpPort(), row.qmp);
-    EXPECT_EQ(machine.getAdbPort(), row.adb);
-    EXPECT_EQ(machine.getFrontCameraPort(), row.frontCamera);
-    EXPECT_EQ(machine.getBackCameraPort(), row.backCamera);
-    EXPECT_EQ(machine.getAudioInputPort(), row.audioIn);
-    EXPECT_EQ(machine.getAudioOutputPort(), row.audioOut);
-    EXPECT_EQ(machine.getRedisPort(), row.redis);
-    EXPECT_EQ(machine.getRenderMainPort(), row.renderMain);
-    EXPECT_EQ(machine.getRenderDataPort(), row.renderData);
-    EXPECT_EQ(machine.getAdbSerial(), QString("127.0.0.1:%1").arg(row.adb));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Offsets, Ports,
-    ::testing::Values(PortRow{-1, 23554, 6554, 24809, 24799, 24296, 24295, 6378, 24999, 22467},
-                      PortRow{0, 23555, 6555, 24810, 24800, 24297, 24296, 6379, 25000, 22468},
-                      PortRow{7, 23562, 6562, 24817, 24807, 24304, 24303, 6386, 25007, 22475},
-                      // 40536 + 25000 = 65536: render main wraps to 0, ADB does not wrap.
-                      PortRow{40536, 64091, 47091, 65346, 65336, 64833, 64832, 46915, 0, 63004},
-                      PortRow{65535, 23554, 72090, 24809, 24799, 24296, 24295, 6378, 24999, 22467}));
-
-TEST_F(QEMUMachineTest, refreshReadsTheOffsetAgain)
+TEST_F(QEMUMachineTest, configurationCarriesUuidAndTheVirtualizerTag)
 {
-    QEMUMachine machine(&m_engine, m_dir);
-    EXPECT_EQ(machine.getPortOffset(), -1);
-    ASSERT_TRUE(machine.createLockFile(14, 999999));
-    EXPECT_EQ(machine.getPortOffset(), -1);
-    machine.reloadVmInfo();
-    EXPECT_EQ(machine.getPortOffset(), 14);
-    EXPECT_EQ(QSettings(machine.getLockFilePath(), QSettings::IniFormat).value("pid").toLongLong(), 999999);
-    ASSERT_TRUE(machine.removeLockFile());
-    machine.refreshPortOffset();
-    EXPECT_EQ(machine.getPortOffset(), -1);
-}
-
-TEST_F(QEMUMachineTest, newDeviceGetsAUuidAndTheVirtualizerTag)
-{
-    QEMUMachine created(&m_engine, m_dir, makeImage(), makeProfile());
+    QEMUMachine created(&m_engine, m_dir, m_image, m_profile);
     const QString uuid = created.getUuid();
     EXPECT_FALSE(QUuid(uuid).isNull()) << uuid.toStdString();
     EXPECT_TRUE(uuid.startsWith('{') && uuid.endsWith('}'));
     ASSERT_TRUE(created.save());
-
-    const QJsonObject top = QJsonDocument::fromJson([&] {
-                                QFile file(created.getConfigFilePath());
-                                file.open(QIODevice::ReadOnly);
-                                return file.readAll();
-                            }())
-                                .object();
+    QFile file(created.getConfigFilePath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QJsonObject top = QJsonDocument::fromJson(file.readAll()).object();
+    file.close();
     EXPECT_EQ(top.value("virtualizer").toString(), "QEMU");
     EXPECT_EQ(top.value("uuid").toString(), uuid);
 
     QEMUMachine loaded(&m_engine, m_dir);
     ASSERT_TRUE(loaded.load());
     EXPECT_EQ(loaded.getUuid(), uuid);
-    EXPECT_EQ(loaded.getName(), currentTestName());
     EXPECT_EQ(loaded.getOnLoadStatus(), VMToolsMachine::Off);
-
     ASSERT_TRUE(loaded.changeUuid());
     EXPECT_NE(loaded.getUuid(), uuid);
     QEMUMachine reloaded(&m_engine, m_dir);
     ASSERT_TRUE(reloaded.reloadProperties());
     EXPECT_EQ(reloaded.getUuid(), loaded.getUuid());
-}
 
-TEST_F(QEMUMachineTest, deviceOfAnotherVirtualizerIsRefused)
-{
+    // A device of another virtualizer (the tag is case-sensitive) is refused.
     for (const char *virtualizer : {"qemu", "VirtualBox", ""}) {
-        QEMUMachine created(&m_engine, m_dir, makeImage(), makeProfile());
-        ASSERT_TRUE(created.save());
-        QFile file(created.getConfigFilePath());
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        QJsonObject top = QJsonDocument::fromJson(file.readAll()).object();
-        file.close();
         top.insert("virtualizer", virtualizer);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(QJsonDocument(top).toJson());
-        file.close();
-
-        QEMUMachine loaded(&m_engine, m_dir);
+        writeFile(created.getConfigFilePath(), QJsonDocument(top).toJson());
+        QEMUMachine other(&m_engine, m_dir);
         MessageCapture cap;
-        EXPECT_FALSE(loaded.load()) << virtualizer;
+        EXPECT_FALSE(other.load()) << virtualizer;
         EXPECT_TRUE(cap.hasContaining(QtWarningMsg, "[VMTools] Not a QEMU device:")) << virtualizer;
     }
 }
 
-TEST_F(QEMUMachineTest, fixedAnswersOfTheQemuEngine)
-{
-    QEMUMachine machine(&m_engine, m_dir, makeImage(), makeProfile());
-    EXPECT_EQ(machine.getStatus(), VMToolsMachine::Off);
-    EXPECT_EQ(machine.getIPAddress(), "127.0.0.1");
-    EXPECT_EQ(machine.waitForIP([] { return false; }), "127.0.0.1");
-    EXPECT_EQ(machine.getAdapterType(0), VMToolsMachine::Null);
-    EXPECT_FALSE(machine.setAdapterType(0, VMToolsMachine::HostOnly, "vboxnet0"));
-    EXPECT_EQ(machine.getAdapterType(0), VMToolsMachine::Null);
-    EXPECT_TRUE(machine.createFactoryBackup());
-    EXPECT_EQ(machine.getConnectionInfo().type(), VMToolsMachine::UnknownConnection);
-    EXPECT_EQ(machine.fetchConnectionInfo().type(), VMToolsMachine::UnknownConnection);
-    EXPECT_TRUE(machine.setConnectionInfo(VMToolsMachine::createNatConnectionInfo()));
-    EXPECT_EQ(machine.getConnectionInfo().type(), VMToolsMachine::UnknownConnection);
-}
-
 TEST_F(QEMUMachineTest, renameMovesTheDirectoryAndTheLockFile)
 {
-    QEMUMachine machine(&m_engine, m_dir, makeImage(), makeProfile());
+    QEMUMachine machine(&m_engine, m_dir, m_image, m_profile);
     ASSERT_TRUE(machine.save());
     const QString target = hvtest::testRoot() + "/devices/renamed";
     QDir(target).removeRecursively();
-
     ASSERT_TRUE(machine.setName("renamed"));
     EXPECT_EQ(machine.getName(), "renamed");
-    EXPECT_EQ(machine.getPath(), target);
     EXPECT_EQ(machine.getLockFilePath(), target + "/qemu.lock");
     EXPECT_FALSE(QDir(m_dir).exists());
     EXPECT_TRUE(QFile::exists(target + "/shared/config/device.json"));
 
-    deviceDir("taken");
+    QDir().mkpath(hvtest::testRoot() + "/devices/taken");
     for (const char *bad : {"taken", "", "..", "a/b"}) {
         MessageCapture cap;
         EXPECT_FALSE(machine.setName(bad)) << bad;
@@ -220,51 +139,35 @@ TEST_F(QEMUMachineTest, renameMovesTheDirectoryAndTheLockFile)
     }
 }
 
-struct BadLock {
-    const char *name;
-    QByteArray content;
-};
-
-void PrintTo(const BadLock &row, std::ostream *os)
+// Lock files that name no live emulator: nothing runs, nothing is stopped.
+TEST_F(QEMUMachineTest, badLockFilesNameNoProcess)
 {
-    *os << row.name;
-}
-
-class BadLockFile : public QEMUMachineTest, public ::testing::WithParamInterface<BadLock>
-{
-};
-
-TEST_P(BadLockFile, namesNoProcess)
-{
-    writeLock(m_dir, GetParam().content);
-    QEMUMachine machine(&m_engine, m_dir);
-    EXPECT_EQ(machine.loadQEMUPid(), 0);
-    EXPECT_FALSE(machine.isQEMURunning());
-    MessageCapture cap;
-    EXPECT_FALSE(machine.forceStop());
-    EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Cannot stop QEMU because no PID was found"));
-    EXPECT_EQ(machine.getPortOffset(), -1);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Contents, BadLockFile,
-    ::testing::Values(BadLock{"empty", ""}, BadLock{"noPid", "[General]\noffset=7\n"},
-                      BadLock{"minusOne", "[General]\npid=-1\noffset=7\n"}, BadLock{"zero", "[General]\npid=0\n"},
-                      BadLock{"text", "[General]\npid=qemu\n"}, BadLock{"huge", "[General]\npid=99999999999999\n"},
-                      BadLock{"oversized", "[General]\npid=1\n" + QByteArray(8192, '#')},
-                      BadLock{"binary", QByteArray("\0\xff\xfe[General]\npid=1", 19)}),
-    [](const ::testing::TestParamInfo<BadLock> &info) { return info.param.name; });
-
-TEST_F(QEMUMachineTest, deadPidIsNotRunning)
-{
+    {
+        QEMUMachine machine(&m_engine, m_dir);
+        MessageCapture cap;
+        EXPECT_FALSE(machine.waitForFinished());
+        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Failed to load QEMU pid"));
+    }
+    for (const QByteArray &content :
+         {QByteArray(), QByteArray("[General]\noffset=7\n"), QByteArray("[General]\npid=-1\noffset=7\n"),
+          QByteArray("[General]\npid=0\n"), QByteArray("[General]\npid=qemu\n"), QByteArray("[General]\npid=99999999999999\n"),
+          "[General]\npid=1\n" + QByteArray(8192, '#'), QByteArray("\0\xff\xfe[General]\npid=1", 19)}) {
+        writeFile(m_dir + "/qemu.lock", content);
+        QEMUMachine machine(&m_engine, m_dir);
+        EXPECT_EQ(machine.loadQEMUPid(), 0) << content.constData();
+        EXPECT_FALSE(machine.isQEMURunning());
+        MessageCapture cap;
+        EXPECT_FALSE(machine.forceStop());
+        EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Cannot stop QEMU because no PID was found"));
+        EXPECT_EQ(machine.getPortOffset(), -1);
+    }
     // Above the largest pid_max Linux allows: no process can have it.
-    const qint64 pid = 4194305;
-    writeLock(m_dir, QByteArray("[General]\npid=") + QByteArray::number(pid) + "\noffset=0\n");
+    writeFile(m_dir + "/qemu.lock", "[General]\npid=4194305\noffset=0\n");
     QEMUMachine machine(&m_engine, m_dir);
-    EXPECT_EQ(machine.loadQEMUPid(), pid);
+    EXPECT_EQ(machine.loadQEMUPid(), 4194305);
     MessageCapture cap;
     EXPECT_FALSE(machine.isQEMURunning());
-    EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] See no QEMU process with PID %1").arg(pid)));
+    EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] See no QEMU process with PID 4194305"));
 }
 
 TEST_F(QEMUMachineTest, lockOfAnotherProgramIsStaleAndItsProcessLivesOn)
@@ -275,7 +178,6 @@ TEST_F(QEMUMachineTest, lockOfAnotherProgramIsStaleAndItsProcessLivesOn)
     QEMUMachine machine(&m_engine, m_dir);
     ASSERT_TRUE(machine.createLockFile(21, other.processId()));
     machine.refreshPortOffset();
-
     EXPECT_FALSE(machine.isQEMURunning());
     EXPECT_EQ(machine.getStatus(), VMToolsMachine::Off);
     // A stale lock file does not stop a new one from being written.
@@ -284,33 +186,23 @@ TEST_F(QEMUMachineTest, lockOfAnotherProgramIsStaleAndItsProcessLivesOn)
     EXPECT_FALSE(machine.forceStop());
     EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] We have a stall lock file: let's remove it."));
     EXPECT_FALSE(QFile::exists(machine.getLockFilePath()));
-    EXPECT_EQ(other.state(), QProcess::Running);
     EXPECT_EQ(::kill(pid_t(other.processId()), 0), 0);
-
     other.kill();
     EXPECT_TRUE(other.waitForFinished(5000));
 }
 
-TEST_F(QEMUMachineTest, waitForFinishedWithoutLockFileSaysSo)
+TEST_F(QEMUMachineTest, identifiersAreStoredInTheDeviceConfiguration)
 {
-    QEMUMachine machine(&m_engine, m_dir);
-    MessageCapture cap;
-    EXPECT_FALSE(machine.waitForFinished());
-    EXPECT_TRUE(cap.has(QtDebugMsg, "[VMTools] Failed to load QEMU pid"));
-}
-
-TEST_F(QEMUMachineTest, insertingAnSdCardMakesItsImage)
-{
-    QEMUMachine machine(&m_engine, m_dir, makeImage(), makeProfile());
-    EXPECT_TRUE(machine.setSdCardInserted(true));
-    EXPECT_TRUE(QFile::exists(m_dir + "/sdcard.qcow2"));
-    EXPECT_TRUE(machine.isSdCardInserted());
-    EXPECT_TRUE(machine.setSdCardInserted(false));
-    EXPECT_FALSE(machine.isSdCardInserted());
-    // Without an image there is nothing to resize: the size is only stored.
-    ASSERT_TRUE(QFile::remove(m_dir + "/sdcard.qcow2"));
-    EXPECT_TRUE(machine.setSdCardSize(256));
-    EXPECT_EQ(machine.getSdCardSize(), 256);
+    QEMUMachine created(&m_engine, m_dir, m_image, m_profile);
+    ASSERT_TRUE(created.save());
+    ASSERT_TRUE(m_engine.setMachineIdentifiers(&created, "HV0001", "3f2a9c"));
+    QEMUMachine reloaded(&m_engine, m_dir);
+    ASSERT_TRUE(reloaded.load());
+    EXPECT_EQ(reloaded.getBuildSerial(), "HV0001");
+    EXPECT_EQ(reloaded.getData("android_id").toString(), "3f2a9c");
+    MessageCapture capture;
+    EXPECT_FALSE(m_engine.setMachineIdentifiers(nullptr, "a", "b"));
+    EXPECT_TRUE(capture.has(QtWarningMsg, "[VMTools] Cannot set identifiers of a null machine"));
 }
 
 } // namespace
