@@ -76,25 +76,6 @@ TEST_F(MtarTest, writesHeaderRecordsByteForByte)
     EXPECT_EQ(bytes.mid(1024, 512), expectedRecord("plain", "600", "7", '0'));
 }
 
-TEST_F(MtarTest, padsEveryEntryToWholeRecords)
-{
-    for (const auto &[size, paddedEnd] : {std::pair<uint32_t, uint32_t>{1, 1024}, {511, 1024}, {512, 1024},
-                                          {513, 1536}, {4097, 5120}}) {
-        const QByteArray data = noise(static_cast<int>(size), 7);
-        mtar_t tar;
-        ASSERT_EQ(mtar_open(&tar, local("p.tar").constData(), "w"), MTAR_ESUCCESS);
-        ASSERT_EQ(mtar_write_file_header(&tar, "f", size), MTAR_ESUCCESS);
-        ASSERT_EQ(mtar_write_data(&tar, data.constData(), size), MTAR_ESUCCESS);
-        EXPECT_EQ(tar.offset, paddedEnd);
-        ASSERT_EQ(mtar_finalize(&tar), MTAR_ESUCCESS);
-        ASSERT_EQ(mtar_close(&tar), MTAR_ESUCCESS);
-        const QByteArray bytes = readFile(path("p.tar"));
-        ASSERT_EQ(static_cast<uint32_t>(bytes.size()), paddedEnd + 1024) << size;
-        EXPECT_EQ(bytes.mid(512, data.size()), data);
-        EXPECT_EQ(bytes.mid(512 + data.size()), QByteArray(bytes.size() - 512 - data.size(), '\0'));
-    }
-}
-
 TEST_F(MtarTest, refusesWhatDoesNotFit)
 {
     const std::string fits(100, 'n'), tooLong(101, 'n');
@@ -192,25 +173,6 @@ TEST_F(MtarTest, hugeEntrySizeDoesNotWrapThePosition)
         EXPECT_EQ(mtar_next(&tar), MTAR_ESEEKFAIL) << size;
         mtar_close(&tar);
     }
-}
-
-TEST_F(MtarTest, appendModeAddsAfterExistingBytes)
-{
-    ASSERT_TRUE(writeFile(path("a.tar"), file("first", "1")));
-    mtar_t tar;
-    ASSERT_EQ(mtar_open(&tar, local("a.tar").constData(), "a"), MTAR_ESUCCESS);
-    ASSERT_EQ(mtar_write_file_header(&tar, "second", 1), MTAR_ESUCCESS);
-    ASSERT_EQ(mtar_write_data(&tar, "2", 1), MTAR_ESUCCESS);
-    ASSERT_EQ(mtar_finalize(&tar), MTAR_ESUCCESS);
-    mtar_close(&tar);
-
-    ASSERT_EQ(mtar_open(&tar, local("a.tar").constData(), "r"), MTAR_ESUCCESS);
-    mtar_header_t h;
-    ASSERT_EQ(mtar_find(&tar, "second", &h), MTAR_ESUCCESS);
-    char c = 0;
-    ASSERT_EQ(mtar_read_data(&tar, &c, 1), MTAR_ESUCCESS);
-    EXPECT_EQ(c, '2');
-    mtar_close(&tar);
 }
 
 // GNU tar is the reference reader: it must list and extract what mtar writes.

@@ -12,45 +12,26 @@
 
 #include <cstdio>
 
-namespace {
-
-/// The burst's version n: its number, a colon, then size copies of one
-/// letter, so a reader can tell a complete version from a torn one.
-QString burstPayload(int n, int size)
-{
-    return QString::number(n) + QLatin1Char(':') + QString(size, QLatin1Char('a' + n % 26));
-}
-
-int usage()
-{
-    std::fputs("usage: settings_helper keys|burst|get|set ...\n", stderr);
-    return 2;
-}
-
-} // namespace
-
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
-    if (args.size() < 2)
-        return usage();
-    const QString command = args.at(1);
-
+    const QString command = args.value(1);
     if (command == QLatin1String("keys") && args.size() == 5) {
         JsonSettings settings(args.at(2), JsonSettings::ReadWrite);
-        const int count = args.at(4).toInt();
-        for (int i = 0; i < count; ++i) {
+        for (int i = 0; i < args.at(4).toInt(); ++i) {
             if (!settings.setValue(args.at(3) + QString::number(i), i))
                 return 1;
         }
         return 0;
     }
     if (command == QLatin1String("burst") && args.size() == 4) {
+        // Version n is its number, a colon, then size copies of one letter,
+        // so a reader can tell a complete version from a torn one.
         JsonSettings settings(args.at(2), JsonSettings::ReadWrite);
-        const int size = args.at(3).toInt();
         for (int n = 0;; ++n) {
-            if (!settings.setValue(QStringLiteral("payload"), burstPayload(n, size)))
+            const QString payload = QString::number(n) + ':' + QString(args.at(3).toInt(), QChar('a' + n % 26));
+            if (!settings.setValue(QStringLiteral("payload"), payload))
                 return 1;
             if (n == 0) {
                 std::puts("ready");
@@ -66,5 +47,6 @@ int main(int argc, char **argv)
         Settings::set(args.at(2), args.at(3));
         return 0;
     }
-    return usage();
+    std::fputs("usage: settings_helper keys|burst|get|set ...\n", stderr);
+    return 2;
 }

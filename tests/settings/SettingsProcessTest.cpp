@@ -63,20 +63,12 @@ protected:
 /// letter of n.
 ::testing::AssertionResult isCompleteBurstVersion(const QString &path, int size)
 {
-    const QByteArray bytes = readFile(path);
     const QJsonObject root = readObject(path);
-    if (root.value("marker").toString() != QLatin1String("kept"))
-        return ::testing::AssertionFailure() << "marker lost or file torn (" << bytes.size() << " bytes)";
     const QString payload = root.value("payload").toString();
-    const int colon = payload.indexOf(QLatin1Char(':'));
-    bool ok = false;
-    const int n = payload.left(colon).toInt(&ok);
-    if (colon < 0 || !ok)
-        return ::testing::AssertionFailure() << "payload without version (" << bytes.size() << " bytes)";
-    const QString expected = QString(size, QLatin1Char('a' + n % 26));
-    if (payload.mid(colon + 1) != expected)
-        return ::testing::AssertionFailure() << "payload of version " << n << " is incomplete";
-    return ::testing::AssertionSuccess() << "version " << n;
+    const int n = payload.section(QLatin1Char(':'), 0, 0).toInt();
+    if (root.value("marker") != "kept" || payload != QString::number(n) + ':' + QString(size, QChar('a' + n % 26)))
+        return ::testing::AssertionFailure() << "torn or lost (" << readFile(path).size() << " bytes)";
+    return ::testing::AssertionSuccess();
 }
 
 TEST_F(SettingsProcessTest, writerKilledMidBurstLeavesACompleteVersion)
@@ -130,59 +122,44 @@ TEST_F(SettingsProcessTest, twoWritersSettingDifferentKeysLoseNothing)
     }
 }
 
-// ---- the installation INI file beside the executable -----------------------------
-
-/// A copy of the helper in a directory of its own: the facade puts its
-/// "halvistrom.ini" beside the running executable.
-class InstallDir
-{
-public:
-    InstallDir()
-        : m_dir(testRoot() + QStringLiteral("/install-XXXXXX"))
-    {
-        QFile::copy(helperPath(QStringLiteral("settings_helper")), program());
-    }
-    QString program() const { return m_dir.filePath(QStringLiteral("settings_helper")); }
-    QString ini() const { return m_dir.filePath(QStringLiteral("halvistrom.ini")); }
-    QVariant iniValue(const QString &key) const { return QSettings(ini(), QSettings::IniFormat).value(key); }
-
-private:
-    QTemporaryDir m_dir;
-};
-
+// The facade puts "halvistrom.ini" beside the running executable, so each
+// installation here is a copy of the helper in a directory of its own.
 TEST_F(SettingsProcessTest, persistentKeyIsWrittenBesideTheExecutableAndCopiedIntoTheUserFile)
 {
-    InstallDir install;
-    ASSERT_TRUE(QFile::exists(install.program()));
+    QTemporaryDir install(testRoot() + "/install-XXXXXX"), fresh(testRoot() + "/install-XXXXXX");
+    for (const QTemporaryDir *dir : {&install, &fresh})
+        ASSERT_TRUE(QFile::copy(helperPath("settings_helper"), dir->filePath("settings_helper")));
+    const auto ini = [](const QTemporaryDir &dir) {
+        return QSettings(dir.filePath("halvistrom.ini"), QSettings::IniFormat).value(kPersistent).toString();
+    };
+    const auto run = [](const QTemporaryDir &dir, const QStringList &args) {
+        QByteArray output;
+        EXPECT_EQ(Helper(dir.filePath("settings_helper")).run(args, &output), 0);
+        return output;
+    };
     const QString userFile = Paths::getHalvistromPath() + QStringLiteral("/settings.json");
-    const QString buildIni = helperPath(QStringLiteral("halvistrom.ini"));
-    const QByteArray buildIniBefore = readFile(buildIni);
+    const QByteArray buildIniBefore = readFile(helperPath("halvistrom.ini"));
 
-    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("set"), kPersistent, QStringLiteral("vboxnet7")}), 0);
-    EXPECT_EQ(install.iniValue(kPersistent), QVariant(QStringLiteral("vboxnet7")));
+    run(install, {"set", kPersistent, "vboxnet7"});
+    EXPECT_EQ(ini(install), "vboxnet7");
     EXPECT_FALSE(readObject(userFile).contains(kPersistent)) << "the value goes to the INI file only";
-    EXPECT_EQ(readFile(buildIni), buildIniBefore);
+    EXPECT_EQ(readFile(helperPath("halvistrom.ini")), buildIniBefore);
 
     // The next start copies it into the user file, which has none.
-    QByteArray output;
-    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
-    EXPECT_EQ(output, QByteArray("vboxnet7"));
-    EXPECT_EQ(readObject(userFile).value(kPersistent).toString(), QStringLiteral("vboxnet7"));
+    EXPECT_EQ(run(install, {"get", kPersistent}), "vboxnet7");
+    EXPECT_EQ(readObject(userFile).value(kPersistent), "vboxnet7");
 
     // Once both have a value, nothing is copied and reads use the INI file.
     QJsonObject user = readObject(userFile);
-    user.insert(kPersistent, QStringLiteral("edited"));
+    user.insert(kPersistent, "edited");
     ASSERT_TRUE(writeFile(userFile, QJsonDocument(user).toJson()));
-    ASSERT_EQ(Helper(install.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
-    EXPECT_EQ(output, QByteArray("vboxnet7"));
-    EXPECT_EQ(install.iniValue(kPersistent), QVariant(QStringLiteral("vboxnet7")));
-    EXPECT_EQ(readObject(userFile).value(kPersistent).toString(), QStringLiteral("edited"));
+    EXPECT_EQ(run(install, {"get", kPersistent}), "vboxnet7");
+    EXPECT_EQ(ini(install), "vboxnet7");
+    EXPECT_EQ(readObject(userFile).value(kPersistent), "edited");
 
     // A new installation without the key takes the user's value.
-    InstallDir fresh;
-    ASSERT_EQ(Helper(fresh.program()).run({QStringLiteral("get"), kPersistent}, &output), 0);
-    EXPECT_EQ(output, QByteArray("edited"));
-    EXPECT_EQ(fresh.iniValue(kPersistent), QVariant(QStringLiteral("edited")));
+    EXPECT_EQ(run(fresh, {"get", kPersistent}), "edited");
+    EXPECT_EQ(ini(fresh), "edited");
 }
 
 } // namespace
