@@ -7,22 +7,19 @@
 
 #include <thread>
 
-/// A scripted QMP peer on 127.0.0.1 (port 0, so the system picks a free
-/// one). It accepts one connection and plays its script step by step: bytes
-/// it sends, lines it expects from the client, closing, streaming. Anything
-/// the client sends that the script did not expect is recorded as an error.
-/// It runs on a thread of its own because the client blocks its thread
-/// while it waits for answers.
+/// A scripted QMP peer on 127.0.0.1 (a port the system picks). It accepts one
+/// connection and plays its script: bytes it sends, lines it expects, closing,
+/// streaming bytes without a line break. Whatever the client does that the
+/// script does not expect is an error. It runs on its own thread because the
+/// client blocks its thread while it waits for answers; every wait is bounded.
 class FakeQmpServer
 {
 public:
     struct Step {
-        enum class Kind { Send, Expect, Close, Stream };
-        Kind kind;
-        QByteArray data;   // Send: the bytes; Expect: the line, without "\n"
-        qint64 count = 0;  // Stream: how many bytes without a line break
+        enum class Kind { Send, Expect, Close, Stream } kind;
+        QByteArray data;  // Send: the bytes; Expect: the line, without "\n"
+        qint64 count = 0; // Stream: how many bytes
     };
-
     static Step send(const QByteArray &bytes) { return {Step::Kind::Send, bytes}; }
     static Step expect(const QByteArray &line) { return {Step::Kind::Expect, line}; }
     static Step close() { return {Step::Kind::Close, {}}; }
@@ -31,23 +28,19 @@ public:
     /// The greeting as the emulator sends it.
     static QByteArray greeting();
 
-    /// Starts listening and serving the script; returns once the port is known.
     explicit FakeQmpServer(const QList<Step> &script);
-    /// Waits (bounded) for the script and the connection to end.
-    ~FakeQmpServer();
+    ~FakeQmpServer() { finish(); }
     FakeQmpServer(const FakeQmpServer &) = delete;
     FakeQmpServer &operator=(const FakeQmpServer &) = delete;
 
     unsigned short port() const { return m_port; }
-
-    /// Waits (bounded) until the client has gone and the script is over,
-    /// then returns every deviation from the script.
+    /// Waits until the client has gone and the script is over; every deviation.
     QStringList finish();
-
     /// Bytes of the Stream steps that the client's side accepted.
     qint64 streamedBytes();
 
 private:
+    void serve(class QTcpSocket *socket, const QList<Step> &script);
     void fail(const QString &error);
 
     unsigned short m_port = 0;

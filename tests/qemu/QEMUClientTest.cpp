@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 
 using hvtest::LogLine;
 using hvtest::MessageCapture;
@@ -23,23 +24,23 @@ const QByteArray DriveDel = R"({"arguments":{"command-line":"drive_del shared"},
 const QByteArray SaveVm = R"({"arguments":{"command-line":"savevm latest"},"execute":"human-monitor-command"})";
 const QByteArray EmptyReturn = "{\"return\": {}}\r\n";
 const QByteArray EmptyText = "{\"return\": \"\"}\r\n";
-const QByteArray StopEvent = R"({"timestamp": {"seconds": 1795313671, "microseconds": 799499}, "event": "STOP"})"
-                             "\r\n";
-const QByteArray ShutdownEvent =
-    R"({"timestamp": {"seconds": 1795313671, "microseconds": 847719}, "event": "SHUTDOWN", "data": {"guest": false, "reason": "host-qmp-quit"}})"
-    "\r\n";
+const QByteArray StopEvent = R"({"timestamp": {"seconds": 1795313671, "microseconds": 799499}, "event": "STOP"})" "\r\n";
+const QByteArray ShutdownEvent = R"({"timestamp": {"seconds": 1795313671, "microseconds": 847719}, "event": "SHUTDOWN", )"
+                                 R"("data": {"guest": false, "reason": "host-qmp-quit"}})" "\r\n";
 constexpr qint64 MaxLine = 16 * 1024 * 1024;
+const auto send = FakeQmpServer::send;
+const auto expect = FakeQmpServer::expect;
+const Step Greeting = send(FakeQmpServer::greeting());
 
+// The greeting, the capabilities and their acceptance, then the rest.
 QList<Step> ready(const QList<Step> &then)
 {
-    return QList<Step>{FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-                       FakeQmpServer::send(EmptyReturn)}
-           + then;
+    return QList<Step>{Greeting, expect(Capabilities), send(EmptyReturn)} + then;
 }
 
-QString line(const char *text)
+QString line(const QString &text)
 {
-    return QStringLiteral("[VMTools] QEMUClient: ") + QLatin1String(text);
+    return "[VMTools] QEMUClient: " + text;
 }
 
 struct ExchangeCase {
@@ -54,10 +55,8 @@ void PrintTo(const ExchangeCase &c, std::ostream *os) { *os << c.name; }
 
 const auto doInit = [](QEMUClient &client) { return client.init(); };
 const auto doQuit = [](QEMUClient &client) { return client.execQuit(); };
-const auto doSave = [](QEMUClient &client) { return client.execSaveSnapshot(QStringLiteral("latest"), false); };
-const auto doUnplugAndSave = [](QEMUClient &client) {
-    return client.execSaveSnapshot(QStringLiteral("latest"), true);
-};
+const auto doSave = [](QEMUClient &client) { return client.execSaveSnapshot("latest", false); };
+const auto doUnplugAndSave = [](QEMUClient &client) { return client.execSaveSnapshot("latest", true); };
 
 class QEMUClientExchange : public ::testing::TestWithParam<ExchangeCase> {};
 
@@ -67,141 +66,74 @@ TEST_P(QEMUClientExchange, givesResultAndLogLine)
     FakeQmpServer server(c.script);
     ASSERT_NE(server.port(), 0);
     MessageCapture capture;
-    {
-        QEMUClient client(server.port());
-        EXPECT_EQ(c.action(client), c.result);
-    }
+    EXPECT_EQ(c.action(*std::make_unique<QEMUClient>(server.port())), c.result);
     for (const LogLine &expected : c.lines)
         EXPECT_TRUE(capture.has(expected.type, expected.text));
     EXPECT_THAT(server.finish(), ::testing::IsEmpty());
 }
 
+const QString TooLong = line(R"(failed to parse response as JSON "line longer than 16777216 bytes")");
+const QString BadInit = line("bad message during initialization");
+
 const ExchangeCase exchangeCases[] = {
     {"greetingNeverArrives", {}, doInit, false, {{QtCriticalMsg, line("timeout during initialization")}}},
-    {"greetingNotJson",
-     {FakeQmpServer::send("Welcome to the monitor\r\n")},
-     doInit,
-     false,
-     {{QtCriticalMsg, line("bad message during initialization")}}},
-    {"greetingWithoutQmpObject",
-     {FakeQmpServer::send(EmptyReturn)},
-     doInit,
-     false,
-     {{QtCriticalMsg, line("bad message during initialization")}}},
+    {"greetingNotJson", {send("Welcome to the monitor\r\n")}, doInit, false, {{QtCriticalMsg, BadInit}}},
+    {"greetingWithoutQmpObject", {send(EmptyReturn)}, doInit, false, {{QtCriticalMsg, BadInit}}},
     {"greetingInPieces",
-     {FakeQmpServer::send(FakeQmpServer::greeting().left(25)), FakeQmpServer::send(FakeQmpServer::greeting().mid(25)),
-      FakeQmpServer::expect(Capabilities), FakeQmpServer::send(EmptyReturn)},
-     doInit,
-     true,
+     {send(FakeQmpServer::greeting().left(25)), send(FakeQmpServer::greeting().mid(25)), expect(Capabilities),
+      send(EmptyReturn)},
+     doInit, true,
      {{QtDebugMsg, line("enabling QMP capabilities")},
-      {QtDebugMsg, line("request") + QLatin1String(R"( "{\"execute\":\"qmp_capabilities\"}\n")")}}},
-    {"eventsBeforeAnswerAreSkipped",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send(StopEvent), FakeQmpServer::send(StopEvent), FakeQmpServer::send(EmptyReturn)},
-     doInit,
-     true,
-     {{QtDebugMsg, line("response") + QLatin1String(R"( "{\"return\": {}}")")}}},
-    {"eventsAndAnswerInOneSegment",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send(StopEvent + StopEvent + EmptyReturn)},
-     doInit,
-     true,
-     {}},
+      {QtDebugMsg, line(R"(request "{\"execute\":\"qmp_capabilities\"}\n")")}}},
+    {"eventsBeforeAnswerAreSkipped", {Greeting, expect(Capabilities), send(StopEvent), send(StopEvent), send(EmptyReturn)},
+     doInit, true, {{QtDebugMsg, line(R"(response "{\"return\": {}}")")}}},
+    {"eventsAndAnswerInOneSegment", {Greeting, expect(Capabilities), send(StopEvent + StopEvent + EmptyReturn)}, doInit,
+     true, {}},
     {"replyWithoutReturn",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send(R"({"error": {"class": "CommandNotFound", "desc": "no such command"}})"
-                          "\r\n")},
-     doInit,
-     false,
-     {{QtDebugMsg, line("error returned from QMP") +
-                       QLatin1String(R"( QJsonValue(object, QJsonObject({"class":"CommandNotFound","desc":"no such command"})))")},
+     {Greeting, expect(Capabilities), send(R"({"error": {"class": "CommandNotFound", "desc": "no such command"}})" "\r\n")},
+     doInit, false,
+     {{QtDebugMsg, line(R"(error returned from QMP QJsonValue(object, QJsonObject({"class":"CommandNotFound","desc":"no such command"})))")},
       {QtWarningMsg, line("failed to enable QMP capabilities")}}},
-    {"noAnswerWithinTimeout",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities)},
-     doInit,
-     false,
+    {"noAnswerWithinTimeout", {Greeting, expect(Capabilities)}, doInit, false,
      {{QtDebugMsg, line("error returned from QMP QJsonValue(undefined)")},
       {QtWarningMsg, line("failed to enable QMP capabilities")}}},
-    {"answerNotJson",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send("return ok\r\n")},
-     doInit,
-     false,
+    {"answerNotJson", {Greeting, expect(Capabilities), send("return ok\r\n")}, doInit, false,
      {{QtCriticalMsg, line(R"(failed to parse response as JSON "illegal value")")}}},
-    {"answerNotAnObject",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send("[]\r\n")},
-     doInit,
-     false,
+    {"answerNotAnObject", {Greeting, expect(Capabilities), send("[]\r\n")}, doInit, false,
      {{QtCriticalMsg, line(R"(failed to parse response as JSON "not a JSON object")")}}},
-    {"answerEmptyObject",
-     {FakeQmpServer::send(FakeQmpServer::greeting()), FakeQmpServer::expect(Capabilities),
-      FakeQmpServer::send("{}\r\n")},
-     doInit,
-     false,
+    {"answerEmptyObject", {Greeting, expect(Capabilities), send("{}\r\n")}, doInit, false,
      {{QtCriticalMsg, line(R"(failed to parse response as JSON "empty JSON object")")}}},
-    {"quitClosedWithoutAnswer",
-     ready({FakeQmpServer::expect(Quit), FakeQmpServer::close()}),
-     doQuit,
-     true,
+    {"quitClosedWithoutAnswer", ready({expect(Quit), FakeQmpServer::close()}), doQuit, true,
      {{QtDebugMsg, line("sending quit command")},
       {QtDebugMsg, line("did not received response from QMP but it's expected.")}}},
-    {"quitEventThenClosed",
-     ready({FakeQmpServer::expect(Quit), FakeQmpServer::send(ShutdownEvent), FakeQmpServer::close()}),
-     doQuit,
-     true,
+    {"quitEventThenClosed", ready({expect(Quit), send(ShutdownEvent), FakeQmpServer::close()}), doQuit, true,
      {{QtDebugMsg, line("did not received response from QMP but it's expected.")}}},
-    {"quitRefused",
-     ready({FakeQmpServer::expect(Quit), FakeQmpServer::send(R"({"error": {"class": "GenericError", "desc": "busy"}})"
-                                                              "\r\n")}),
-     doQuit,
-     false,
-     {{QtWarningMsg, line("failed to quit")}}},
+    {"quitRefused", ready({expect(Quit), send(R"({"error": {"class": "GenericError", "desc": "busy"}})" "\r\n")}), doQuit,
+     false, {{QtWarningMsg, line("failed to quit")}}},
     {"savevmAnswersErrorText",
-     ready({FakeQmpServer::expect(SaveVm),
-            FakeQmpServer::send(R"({"return": "Error: Device 'shared' does not support live migration\r\n"})"
-                                "\r\n")}),
-     doSave,
-     false,
+     ready({expect(SaveVm), send(R"({"return": "Error: Device 'shared' does not support live migration\r\n"})" "\r\n")}),
+     doSave, false,
      {{QtDebugMsg, line("saving snapshot")},
-      {QtCriticalMsg,
-       line(R"(QEMU returned QJsonValue(string, "Error: Device 'shared' does not support live migration\r\n") while we expected QJsonValue(string, ""))")},
+      {QtCriticalMsg, line(R"(QEMU returned QJsonValue(string, "Error: Device 'shared' does not support live migration\r\n"))"
+                           R"( while we expected QJsonValue(string, ""))")},
       {QtWarningMsg, line("failed to save snapshot")}}},
-    {"savevmAfterUnplug",
-     ready({FakeQmpServer::expect(DriveDel), FakeQmpServer::send(EmptyText), FakeQmpServer::expect(SaveVm),
-            FakeQmpServer::send(StopEvent + EmptyText)}),
-     doUnplugAndSave,
-     true,
-     {{QtDebugMsg, line("unplugging shared folder")}, {QtDebugMsg, line("saving snapshot")}}},
-    {"unplugRefused",
-     ready({FakeQmpServer::expect(DriveDel), FakeQmpServer::send(R"({"return": "Device 'shared' not found\r\n"})"
-                                                                  "\r\n")}),
-     doUnplugAndSave,
-     false,
-     {{QtWarningMsg, line("failed to unplug shared folder")}}},
-    {"greetingStreamsWithoutLineBreak",
-     {FakeQmpServer::stream(3 * MaxLine)},
-     doInit,
-     false,
-     {{QtCriticalMsg, line(R"(failed to parse response as JSON "line longer than 16777216 bytes")")}}},
-    {"answerStreamsWithoutLineBreak",
-     ready({FakeQmpServer::expect(Quit), FakeQmpServer::stream(3 * MaxLine)}),
-     doQuit,
-     false,
-     {{QtCriticalMsg, line(R"(failed to parse response as JSON "line longer than 16777216 bytes")")},
-      {QtWarningMsg, line("failed to quit")}}},
+    {"savevmAfterUnplug", ready({expect(DriveDel), send(EmptyText), expect(SaveVm), send(StopEvent + EmptyText)}),
+     doUnplugAndSave, true, {{QtDebugMsg, line("unplugging shared folder")}, {QtDebugMsg, line("saving snapshot")}}},
+    {"unplugRefused", ready({expect(DriveDel), send(R"({"return": "Device 'shared' not found\r\n"})" "\r\n")}),
+     doUnplugAndSave, false, {{QtWarningMsg, line("failed to unplug shared folder")}}},
+    {"greetingStreamsWithoutLineBreak", {FakeQmpServer::stream(3 * MaxLine)}, doInit, false, {{QtCriticalMsg, TooLong}}},
 };
 
 INSTANTIATE_TEST_SUITE_P(FakeServer, QEMUClientExchange, ::testing::ValuesIn(exchangeCases),
                          [](const ::testing::TestParamInfo<ExchangeCase> &info) { return info.param.name; });
 
-TEST(QEMUClient, streamIsCutAtTheLineLimit)
+TEST(QEMUClient, answerStreamIsCutAtTheLineLimit)
 {
-    FakeQmpServer server(ready({FakeQmpServer::expect(Quit), FakeQmpServer::stream(3 * MaxLine)}));
-    {
-        QEMUClient client(server.port());
-        EXPECT_FALSE(client.execQuit());
-    }
+    FakeQmpServer server(ready({expect(Quit), FakeQmpServer::stream(3 * MaxLine)}));
+    MessageCapture capture;
+    EXPECT_FALSE(QEMUClient(server.port()).execQuit());
+    EXPECT_TRUE(capture.has(QtCriticalMsg, TooLong));
+    EXPECT_TRUE(capture.has(QtWarningMsg, line("failed to quit")));
     EXPECT_THAT(server.finish(), ::testing::IsEmpty());
     // The client read past the limit before giving up, and stopped reading
     // long before the stream's end.
@@ -209,7 +141,7 @@ TEST(QEMUClient, streamIsCutAtTheLineLimit)
     EXPECT_LT(server.streamedBytes(), 3 * MaxLine);
 }
 
-TEST(QEMUClient, refusedConnectionFailsInit)
+TEST(QEMUClient, refusesWorkWithoutAConnection)
 {
     unsigned short port = 0;
     {
@@ -219,19 +151,11 @@ TEST(QEMUClient, refusedConnectionFailsInit)
     }
     MessageCapture capture;
     QEMUClient client(port);
+    EXPECT_FALSE(client.exec(QVariantMap{{"execute", "quit"}}, QVariant(), 100, QEMUClient::ResponseOptional));
+    EXPECT_TRUE(capture.has(QtCriticalMsg, line("not connected")));
     EXPECT_FALSE(client.init());
     EXPECT_TRUE(capture.has(QtCriticalMsg, line("connection timeout")));
     EXPECT_TRUE(capture.has(QtWarningMsg, line(R"(unexpected error "Connection refused")")));
-}
-
-TEST(QEMUClient, execBeforeInitIsRefused)
-{
-    MessageCapture capture;
-    QEMUClient client(1);
-    QVariantMap command;
-    command.insert(QStringLiteral("execute"), QStringLiteral("quit"));
-    EXPECT_FALSE(client.exec(command, QVariant(), 100, QEMUClient::ResponseOptional));
-    EXPECT_TRUE(capture.has(QtCriticalMsg, line("not connected")));
 }
 
 } // namespace

@@ -8,137 +8,93 @@
 
 namespace {
 
-// What takeLine gave, written as "line:<text>", "incomplete" or "overlong".
-QStringList drain(QmpLineFramer &framer)
+// Chunks fed to a framer of 8 bytes a line; what takeLine gave after each,
+// as "line:<text>" or "overlong".
+TEST(QmpFraming, cutsTheStreamIntoLinesOfBoundedLength)
 {
-    QStringList taken;
-    for (;;) {
-        QByteArray line;
-        switch (framer.takeLine(&line)) {
-        case QmpLineFramer::Status::Line:
-            taken << QStringLiteral("line:") + QString::fromUtf8(line);
-            continue;
-        case QmpLineFramer::Status::Overlong:
-            taken << QStringLiteral("overlong");
-            continue;
-        case QmpLineFramer::Status::Incomplete:
-            taken << QStringLiteral("incomplete");
-            return taken;
+    const QList<QPair<QList<QByteArray>, QStringList>> rows = {
+        {{"abc\n"}, {"line:abc"}},
+        {{"a", "b", "c\r\n"}, {"line:abc"}},
+        {{"a\nb\n"}, {"line:a", "line:b"}},
+        {{"  {} \r\n"}, {"line:{}"}},
+        {{"abc"}, {}},
+        {{"12345678\n"}, {"line:12345678"}},
+        {{"1234", "5678"}, {}}, // at the limit without a break: waits
+        {{"1234", "56789"}, {"overlong"}},
+        {{"123456789\n"}, {"overlong"}},
+        {{"ok\n123456789"}, {"line:ok", "overlong"}},
+        {{"123456789", "next\n"}, {"overlong", "line:next"}},
+    };
+    for (const auto &row : rows) {
+        QmpLineFramer framer(8);
+        QStringList taken;
+        for (const QByteArray &chunk : row.first) {
+            framer.append(chunk);
+            for (;;) {
+                QByteArray line;
+                const QmpLineFramer::Status status = framer.takeLine(&line);
+                if (status == QmpLineFramer::Status::Incomplete)
+                    break;
+                taken << (status == QmpLineFramer::Status::Line ? "line:" + QString::fromUtf8(line) : "overlong");
+            }
         }
+        EXPECT_EQ(taken, row.second) << row.first.join('|').constData();
     }
 }
 
-struct FramingCase {
-    const char *name;
-    QList<QByteArray> chunks;
-    QStringList taken; // after all chunks, in order
-};
-
-void PrintTo(const FramingCase &c, std::ostream *os) { *os << c.name; }
-
-class QmpFraming : public ::testing::TestWithParam<FramingCase> {};
-
-TEST_P(QmpFraming, cutsStreamIntoLines)
+TEST(QmpFraming, defaultLimitIs16MiBAndHoldsNoMoreThanOneLineAndOneChunk)
 {
-    QmpLineFramer framer(8);
-    QStringList taken;
-    for (const QByteArray &chunk : GetParam().chunks) {
-        framer.append(chunk);
-        taken += drain(framer);
-    }
-    taken.removeAll(QStringLiteral("incomplete"));
-    EXPECT_EQ(taken, GetParam().taken);
-}
+    QmpLineFramer exact;
+    exact.append(QByteArray(QmpLineFramer::DefaultMaxLineLength, 'x') + '\n');
+    QByteArray line;
+    ASSERT_EQ(exact.takeLine(&line), QmpLineFramer::Status::Line);
+    EXPECT_EQ(line.size(), 16 * 1024 * 1024);
 
-const FramingCase framingCases[] = {
-    {"oneLine", {"abc\n"}, {"line:abc"}},
-    {"lineInPieces", {"a", "b", "c\r\n"}, {"line:abc"}},
-    {"twoLinesInOneChunk", {"a\nb\n"}, {"line:a", "line:b"}},
-    {"trimsWhiteSpace", {"  {} \r\n"}, {"line:{}"}},
-    {"noLineBreakYet", {"abc"}, {}},
-    {"lineAtTheLimit", {"12345678\n"}, {"line:12345678"}},
-    {"atTheLimitWithoutBreakWaits", {"1234", "5678"}, {}},
-    {"pastTheLimitWithoutBreak", {"1234", "56789"}, {"overlong"}},
-    {"lineBreakTooLate", {"123456789\n"}, {"overlong"}},
-    {"lineThenOverlongTail", {"ok\n123456789"}, {"line:ok", "overlong"}},
-    {"recoversAfterOverlong", {"123456789", "next\n"}, {"overlong", "line:next"}},
-};
-
-INSTANTIATE_TEST_SUITE_P(Table, QmpFraming, ::testing::ValuesIn(framingCases),
-                         [](const ::testing::TestParamInfo<FramingCase> &info) { return info.param.name; });
-
-TEST(QmpFramingLimit, holdsNoMoreThanOneLineAndOneChunk)
-{
     QmpLineFramer framer;
-    const int limit = QmpLineFramer::DefaultMaxLineLength;
     const QByteArray chunk(64 * 1024, 'x');
     qint64 fed = 0;
     int largest = 0;
     QmpLineFramer::Status status = QmpLineFramer::Status::Incomplete;
-    while (status == QmpLineFramer::Status::Incomplete && fed < 2LL * limit) {
+    while (status == QmpLineFramer::Status::Incomplete && fed < 2LL * QmpLineFramer::DefaultMaxLineLength) {
         framer.append(chunk);
         fed += chunk.size();
         largest = qMax(largest, framer.bufferedSize());
-        QByteArray line;
         status = framer.takeLine(&line);
     }
     EXPECT_EQ(status, QmpLineFramer::Status::Overlong);
-    EXPECT_GT(fed, limit);
-    EXPECT_LE(fed, limit + chunk.size());
-    EXPECT_LE(largest, limit + chunk.size());
+    EXPECT_GT(fed, QmpLineFramer::DefaultMaxLineLength);
+    EXPECT_LE(fed, QmpLineFramer::DefaultMaxLineLength + chunk.size());
+    EXPECT_LE(largest, QmpLineFramer::DefaultMaxLineLength + chunk.size());
     EXPECT_EQ(framer.bufferedSize(), 0);
 }
 
-TEST(QmpFramingLimit, acceptsLineOfExactly16MiB)
+TEST(QmpProtocol, encodesCommandsAndClassifiesMessages)
 {
-    QmpLineFramer framer;
-    framer.append(QByteArray(QmpLineFramer::DefaultMaxLineLength, 'x') + '\n');
-    QByteArray line;
-    ASSERT_EQ(framer.takeLine(&line), QmpLineFramer::Status::Line);
-    EXPECT_EQ(line.size(), 16 * 1024 * 1024);
-}
-
-TEST(QmpProtocol, encodesCommandAsOneCompactLine)
-{
-    QVariantMap arguments;
-    arguments.insert(QStringLiteral("command-line"), QStringLiteral("savevm latest"));
-    QVariantMap command;
-    command.insert(QStringLiteral("execute"), QStringLiteral("human-monitor-command"));
-    command.insert(QStringLiteral("arguments"), arguments);
+    const QVariantMap command{{"execute", "human-monitor-command"},
+                              {"arguments", QVariantMap{{"command-line", "savevm latest"}}}};
     EXPECT_EQ(QmpProtocol::encodeCommand(command),
-              QByteArray(R"({"arguments":{"command-line":"savevm latest"},"execute":"human-monitor-command"})"
-                         "\n"));
+              QByteArray(R"({"arguments":{"command-line":"savevm latest"},"execute":"human-monitor-command"})" "\n"));
+
+    const struct {
+        const char *line;
+        QString error; // empty when the line is a message
+        bool greeting, event;
+    } rows[] = {{R"({"QMP": {"version": {}, "capabilities": []}})", "", true, false},
+                {R"({"QMP": "text"})", "", false, false},
+                {R"({"timestamp": {"seconds": 1}, "event": "STOP"})", "", false, true},
+                {R"({"return": {}})", "", false, false},
+                {"[]", "not a JSON object", false, false},
+                {"{}", "empty JSON object", false, false},
+                {"QMP", "illegal value", false, false},
+                {"", "illegal value", false, false}};
+    for (const auto &row : rows) {
+        QJsonObject message;
+        QString error;
+        EXPECT_EQ(QmpProtocol::parseMessage(row.line, &message, &error), row.error.isEmpty()) << row.line;
+        EXPECT_EQ(error, row.error) << row.line;
+        EXPECT_EQ(QmpProtocol::isGreeting(message), row.greeting) << row.line;
+        EXPECT_EQ(QmpProtocol::isEvent(message), row.event) << row.line;
+    }
 }
-
-struct MessageCase {
-    const char *line;
-    const char *error; // empty when the line is a message
-    bool greeting;
-    bool event;
-};
-
-class QmpMessage : public ::testing::TestWithParam<MessageCase> {};
-
-TEST_P(QmpMessage, isClassified)
-{
-    const MessageCase &c = GetParam();
-    QJsonObject message;
-    QString error;
-    EXPECT_EQ(QmpProtocol::parseMessage(c.line, &message, &error), *c.error == 0);
-    EXPECT_EQ(error, QString::fromLatin1(c.error));
-    EXPECT_EQ(QmpProtocol::isGreeting(message), c.greeting);
-    EXPECT_EQ(QmpProtocol::isEvent(message), c.event);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, QmpMessage,
-    ::testing::Values(MessageCase{R"({"QMP": {"version": {}, "capabilities": []}})", "", true, false},
-                      MessageCase{R"({"QMP": "text"})", "", false, false},
-                      MessageCase{R"({"timestamp": {"seconds": 1}, "event": "STOP"})", "", false, true},
-                      MessageCase{R"({"return": {}})", "", false, false},
-                      MessageCase{"[]", "not a JSON object", false, false},
-                      MessageCase{"{}", "empty JSON object", false, false},
-                      MessageCase{"QMP", "illegal value", false, false},
-                      MessageCase{"", "illegal value", false, false}));
 
 } // namespace
