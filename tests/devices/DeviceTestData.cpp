@@ -2,7 +2,6 @@
 
 #include <QFile>
 #include <QJsonArray>
-#include <QMetaEnum>
 #include <QStringList>
 
 #include <gtest/gtest.h>
@@ -109,26 +108,9 @@ class VendorAddress : public ::testing::Environment
 };
 ::testing::Environment *const vendorAddress = ::testing::AddGlobalTestEnvironment(new VendorAddress);
 
-template <typename Enum>
-void printEnum(Enum value, std::ostream *out)
-{
-    const char *key = QMetaEnum::fromType<Enum>().valueToKey(int(value));
-    *out << (key ? key : "unknown") << "(" << int(value) << ")";
-}
-
 } // namespace
 
 void PrintTo(const QString &text, std::ostream *out)
 {
     *out << '"' << text.toStdString() << '"';
-}
-
-void PrintTo(HwProfile::Source source, std::ostream *out)
-{
-    printEnum(source, out);
-}
-
-void PrintTo(HwProfile::FormFactor formFactor, std::ostream *out)
-{
-    printEnum(formFactor, out);
 }

@@ -28,5 +28,3 @@ QString dataPath(const QString &name);
 } // namespace devtest
 
 void PrintTo(const QString &text, std::ostream *out);
-void PrintTo(HwProfile::Source source, std::ostream *out);
-void PrintTo(HwProfile::FormFactor formFactor, std::ostream *out);

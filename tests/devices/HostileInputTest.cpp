@@ -94,13 +94,11 @@ INSTANTIATE_TEST_SUITE_P(
                     {"Refusing os image file \"%1\" of"}}),
     [](const auto &info) { return std::string(info.param.name); });
 
-TEST(HostileInput, fiftyMebibyteObjectsLoadWithoutFiles)
+TEST(HostileInput, hugeRecordsInMemoryLoadAndAreLoggedOnlyInPart)
 {
     QJsonObject profile = profileJson();
     profile.insert("skin", QString(FiftyMiB));
     EXPECT_EQ(HwProfileIO::load(profile).skin.size(), FiftyMiB.size());
-
-    // A rejected huge record is logged, but only its beginning.
     QJsonObject image = imageJson();
     image.insert("image_hash", QString(FiftyMiB));
     image.remove("uuid");
@@ -113,31 +111,20 @@ TEST(HostileInput, fiftyMebibyteObjectsLoadWithoutFiles)
     EXPECT_EQ(warnings[1], "Error in field \"uuid is missing.\"");
 }
 
-TEST(HostileInput, escapedNulCharactersStayInsideTheirStrings)
+TEST(HostileInput, nulCharactersStayInsideTheirStrings)
 {
-    QByteArray text = spliced(profileJson(), "form_factor", "\"PHONE\\u0000\"");
-    const HwProfile profile = HwProfileIO::load(QJsonDocument::fromJson(text).object());
-    ASSERT_TRUE(profile.isValid());
-    EXPECT_EQ(int(profile.formFactor), -1234);
-
-    text = spliced(profileJson(), "uuid", "\"x\\u0000/../y\"");
-    HwProfile withNul = HwProfileIO::load(QJsonDocument::fromJson(text).object());
+    HwProfile withNul = HwProfileIO::load(
+        QJsonDocument::fromJson(spliced(profileJson(), "uuid", "\"x\\u0000/../y\"")).object());
     EXPECT_EQ(withNul.uuid, QString("x") + QChar(0) + "/../y");
-    withNul.source = HwProfile::Source::USER;
     QTemporaryDir temp;
     MessageCapture capture;
     EXPECT_FALSE(HwProfileIO::save(withNul, temp.path()));
     EXPECT_TRUE(capture.hasContaining(QtWarningMsg, "Cannot save profile whose uuid is not a file name:"));
     EXPECT_TRUE(QDir(temp.path()).isEmpty());
-
     // Even a raw NUL byte inside a string is taken as a character.
     const QString path = devtest::writeFile(temp.path(), "raw-nul.json",
                                             spliced(profileJson(), "skin", QByteArray("\"a\0b\"", 5)));
     EXPECT_EQ(HwProfileIO::load(path).skin, QString("a") + QChar(0) + "b");
-
-    text = spliced(imageJson(), "build_date", "\"2021-02-02\\u0000T00:00Z\"");
-    EXPECT_EQ(OsImageIO::load(QJsonDocument::fromJson(text).object()), OsImage());
-    EXPECT_TRUE(capture.has(QtWarningMsg, "Error in field \"build_date field does not respect datetime ISO format.\""));
 }
 
 // Found by the fuzzer: a record whose keys repeat (with object and array

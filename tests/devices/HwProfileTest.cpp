@@ -21,30 +21,23 @@ using hvtest::MessageCapture;
 
 namespace {
 
-struct SourceCase {
-    int source;
-    const char *keyName;
-    bool official;
-    bool readOnly;
-};
-
-class HwProfileSource : public ::testing::TestWithParam<SourceCase>
+TEST(HwProfile, sourceQueries)
 {
-};
-
-TEST_P(HwProfileSource, queriesFollowTheSource)
-{
-    HwProfile profile;
-    profile.source = HwProfile::Source(GetParam().source);
-    EXPECT_EQ(profile.getSourceAsString(), GetParam().keyName);
-    EXPECT_EQ(profile.isOfficial(), GetParam().official);
-    EXPECT_EQ(profile.isReadOnly(), GetParam().readOnly);
+    const struct {
+        int source;
+        const char *keyName;
+        bool official;
+        bool readOnly;
+    } rows[] = {{0, "VENDOR", true, true}, {1, "SHARED", false, true}, {2, "USER", false, false},
+                {HwProfile::UnknownEnumValue, "", false, true}};
+    for (const auto &row : rows) {
+        HwProfile profile;
+        profile.source = HwProfile::Source(row.source);
+        EXPECT_EQ(profile.getSourceAsString(), row.keyName) << row.source;
+        EXPECT_EQ(profile.isOfficial(), row.official) << row.source;
+        EXPECT_EQ(profile.isReadOnly(), row.readOnly) << row.source;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, HwProfileSource,
-                         ::testing::Values(SourceCase{0, "VENDOR", true, true}, SourceCase{1, "SHARED", false, true},
-                                           SourceCase{2, "USER", false, false},
-                                           SourceCase{HwProfile::UnknownEnumValue, "", false, true}));
 
 TEST(HwProfile, builderAndDisplayQueries)
 {
@@ -109,65 +102,37 @@ TEST(HwProfile, gadgetPropertiesInOrder)
     EXPECT_EQ(names, QStringList({"uuid", "brand", "model", "formFactor", "cpuCount", "ramSize", "dataDiskSize",
                                   "sdCardDiskSize", "skin", "primaryResolution", "readOnly", "vmHeapSize"}));
     HwProfileBuilder profile("Gadget");
-    profile.sdCardSize = 99;
-    const auto property = [&](const char *name) { return meta.property(meta.indexOfProperty(name)); };
-    EXPECT_EQ(property("sdCardDiskSize").readOnGadget(&profile).toLongLong(), 99);
-    EXPECT_EQ(property("readOnly").readOnGadget(&profile).toBool(), true);
-    EXPECT_FALSE(property("brand").isWritable());
-    EXPECT_TRUE(property("formFactor").writeOnGadget(&profile, QVariant::fromValue(HwProfile::FormFactor::WATCH)));
+    const QMetaProperty formFactor = meta.property(meta.indexOfProperty("formFactor"));
+    EXPECT_TRUE(formFactor.writeOnGadget(&profile, QVariant::fromValue(HwProfile::FormFactor::WATCH)));
     EXPECT_EQ(profile.formFactor, HwProfile::FormFactor::WATCH);
+    EXPECT_FALSE(meta.property(meta.indexOfProperty("brand")).isWritable());
 }
 
 // ---------------------------------------------------------------------------
 // The JSON record.
 
-struct Shape {
-    HwProfile::FormFactor formFactor;
-    HwProfile::DisplayMode mode;
-    int displays;
-};
-
-class HwProfileRoundTrip : public ::testing::TestWithParam<Shape>
+QJsonObject withDisplays(const char *mode, int count)
 {
-};
-
-TEST_P(HwProfileRoundTrip, loadOfToJsonObjectGivesAnEqualProfile)
-{
-    HwProfileBuilder profile("Round");
-    profile.formFactor = GetParam().formFactor;
-    profile.displaySettings.displayMode = GetParam().mode;
-    profile.displaySettings.displays.clear();
-    for (int i = 0; i < GetParam().displays; ++i) {
-        HwProfile::Display d;
-        d.width = 1080 + i;
-        d.physicalSize = 6.25;
-        d.bottomCornerRadius = 1;
-        d.topCornerRadius = 2;
-        d.contentPadding = 3;
-        profile.displaySettings.displays.append(d);
-    }
-    profile.source = HwProfile::Source::SHARED;
-    profile.sharerEmail = "share@example.test";
-    profile.sdCardSize = 256;
-    profile.deviceProperties.vmHeapSize = 384;
-    profile.deviceProperties.buildFingerprint = "fp";
-    MessageCapture capture;
-    const HwProfile loaded = HwProfileIO::load(HwProfileIO::toJsonObject(profile));
-    EXPECT_EQ(loaded, profile);
-    EXPECT_TRUE(loaded.hasSdCard);
-    EXPECT_EQ(loaded.getVmHeapSize(), 384);
-    EXPECT_EQ(loaded.deviceProperties.buildFingerprint, "fp");
-    EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
+    const QJsonValue one = profileJson()["display_settings"].toObject()["displays"].toArray().at(0);
+    QJsonArray displays;
+    for (int i = 0; i < count; ++i)
+        displays.append(one);
+    return with(with(profileJson(), "display_settings/display_mode", mode), "display_settings/displays", displays);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryFormFactorAndMode, HwProfileRoundTrip,
-    ::testing::Values(Shape{HwProfile::FormFactor::PHONE, HwProfile::DisplayMode::REGULAR, 1},
-                      Shape{HwProfile::FormFactor::TABLET, HwProfile::DisplayMode::REGULAR, 1},
-                      Shape{HwProfile::FormFactor::WATCH, HwProfile::DisplayMode::REGULAR, 1},
-                      Shape{HwProfile::FormFactor::CAR, HwProfile::DisplayMode::MULTI_DISPLAY, 3},
-                      Shape{HwProfile::FormFactor::TV, HwProfile::DisplayMode::MULTI_DISPLAY, 2},
-                      Shape{HwProfile::FormFactor::PHONE, HwProfile::DisplayMode::FOLDABLE, 2}));
+TEST(HwProfileIO, everyEnumerationNameRoundTrips)
+{
+    MessageCapture capture;
+    for (const char *source : {"VENDOR", "SHARED", "USER"}) {
+        for (const char *formFactor : {"PHONE", "TABLET", "WATCH", "CAR", "TV"}) {
+            for (const char *mode : {"REGULAR", "MULTI_DISPLAY", "FOLDABLE"}) {
+                const QJsonObject json = with(with(withDisplays(mode, 2), "form_factor", formFactor), "source", source);
+                EXPECT_EQ(HwProfileIO::toJsonObject(HwProfileIO::load(json)), json) << formFactor << " " << mode;
+            }
+        }
+    }
+    EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
+}
 
 TEST(HwProfileIO, readsAndWritesEveryKeyOfTheFormat)
 {
@@ -177,6 +142,7 @@ TEST(HwProfileIO, readsAndWritesEveryKeyOfTheFormat)
     EXPECT_EQ(p.formFactor, HwProfile::FormFactor::TABLET);
     EXPECT_EQ(p.getName(), "Gadgetco Tab 7");
     EXPECT_EQ(p.getVmHeapSize(), 512);
+    EXPECT_TRUE(p.hasSdCard);
     // Written back, the record is the one read: every key under its own name.
     EXPECT_EQ(HwProfileIO::toJsonObject(p), profileJson());
 }
@@ -221,15 +187,6 @@ TEST_P(HwProfileLoad, acceptsOrRefusesWithTheExactWarnings)
         EXPECT_TRUE(p.isValid());
     else
         EXPECT_EQ(p, HwProfile());
-}
-
-QJsonObject withDisplays(const char *mode, int count)
-{
-    const QJsonValue one = profileJson()["display_settings"].toObject()["displays"].toArray().at(0);
-    QJsonArray displays;
-    for (int i = 0; i < count; ++i)
-        displays.append(one);
-    return with(with(profileJson(), "display_settings/display_mode", mode), "display_settings/displays", displays);
 }
 
 const QString Unsupported = "Unsupported hardware profile: version= \"%1\" , expected \"1.0.0\"";
@@ -278,35 +235,26 @@ INSTANTIATE_TEST_SUITE_P(
                   "Error in field \"display_settings.displays is missing.\""}}),
     [](const auto &info) { return std::string(info.param.name); });
 
-struct EnumCase {
-    const char *path;
-    QString value;
-};
-
-class HwProfileUnknownEnum : public ::testing::TestWithParam<EnumCase>
+TEST(HwProfileIO, unknownEnumerationNamesStoreTheSentinelWithoutError)
 {
-};
-
-TEST_P(HwProfileUnknownEnum, storesTheSentinelWithoutError)
-{
+    const std::pair<const char *, QString> rows[] = {
+        {"source", "vendor"},   {"source", "HwProfile::USER"}, {"source", QString("USER") + QChar(0) + "x"},
+        {"form_factor", ""},    {"form_factor", "PHONE "},     {"display_settings/display_mode", "Regular"}};
     MessageCapture capture;
-    const HwProfile p = HwProfileIO::load(with(profileJson(), GetParam().path, GetParam().value));
-    ASSERT_TRUE(p.isValid());
+    for (const auto &[path, value] : rows) {
+        const HwProfile p = HwProfileIO::load(with(profileJson(), path, value));
+        ASSERT_TRUE(p.isValid()) << path;
+        const QString key = path;
+        EXPECT_EQ(key == "source"        ? int(p.source)
+                  : key == "form_factor" ? int(p.formFactor)
+                                         : int(p.displaySettings.displayMode),
+                  -1234)
+            << path << " " << value.toStdString();
+        // The sentinel survives a round trip.
+        EXPECT_EQ(HwProfileIO::load(HwProfileIO::toJsonObject(p)), p);
+    }
     EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
-    const QString path = GetParam().path;
-    EXPECT_EQ(path == "source"        ? int(p.source)
-              : path == "form_factor" ? int(p.formFactor)
-                                      : int(p.displaySettings.displayMode),
-              -1234);
-    // The sentinel survives a round trip.
-    EXPECT_EQ(HwProfileIO::load(HwProfileIO::toJsonObject(p)), p);
 }
-
-INSTANTIATE_TEST_SUITE_P(Names, HwProfileUnknownEnum,
-                         ::testing::Values(EnumCase{"source", "vendor"}, EnumCase{"source", "HwProfile::USER"},
-                                           EnumCase{"source", QString("USER") + QChar(0) + "x"},
-                                           EnumCase{"form_factor", ""}, EnumCase{"form_factor", "PHONE "},
-                                           EnumCase{"display_settings/display_mode", "Regular"}));
 
 TEST(HwProfileIO, displayListWinsOverDisplays)
 {
