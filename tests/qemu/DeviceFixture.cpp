@@ -1,5 +1,7 @@
 #include "DeviceFixture.h"
 
+#include "Paths.h"
+#include "ScopedEnv.h"
 #include "TestEnvironment.h"
 
 #include <QCryptographicHash>
@@ -17,20 +19,17 @@ bool run(const QString &program, const QStringList &arguments, QByteArray *outpu
 {
     QProcess process;
     process.start(program, arguments);
-    if (!process.waitForFinished(120000)) {
+    const bool finished = process.waitForFinished(120000);
+    if (!finished) {
         process.kill();
         process.waitForFinished(5000);
-        ADD_FAILURE() << "did not finish: " << program.toStdString() << " " << arguments.join(' ').toStdString();
-        return false;
     }
     if (output)
         *output = process.readAllStandardOutput();
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        ADD_FAILURE() << program.toStdString() << " " << arguments.join(' ').toStdString() << " failed: "
-                      << process.readAllStandardError().toStdString();
-        return false;
-    }
-    return true;
+    const bool ok = finished && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    EXPECT_TRUE(ok) << program.toStdString() << " " << arguments.join(' ').toStdString() << " failed: "
+                    << process.readAllStandardError().toStdString();
+    return ok;
 }
 
 QString makeOva(const QString &name, int sizeMiB)
@@ -38,14 +37,11 @@ QString makeOva(const QString &name, int sizeMiB)
     const QString dir = hvtest::testRoot() + "/ova-" + QUuid::createUuid().toString(QUuid::WithoutBraces);
     QDir().mkpath(dir);
     for (const QString disk : {"system", "data"}) {
-        const QString raw = dir + "/" + disk + ".raw";
-        run("qemu-img", {"create", "-f", "raw", raw, QString::number(sizeMiB) + "M"});
-        run("qemu-img", {"convert", "-O", "vmdk", raw, dir + "/" + disk + ".vmdk"});
-        QFile::remove(raw);
+        run("qemu-img", {"create", "-f", "raw", dir + "/" + disk + ".raw", QString::number(sizeMiB) + "M"});
+        run("qemu-img", {"convert", "-O", "vmdk", dir + "/" + disk + ".raw", dir + "/" + disk + ".vmdk"});
     }
-    const QString ova = dir + "/" + name;
-    run("tar", {"--format=ustar", "-C", dir, "-cf", ova, "system.vmdk", "data.vmdk"});
-    return ova;
+    run("tar", {"--format=ustar", "-C", dir, "-cf", dir + "/" + name, "system.vmdk", "data.vmdk"});
+    return dir + "/" + name;
 }
 
 OsImage makeImage(const QString &ovaPath, const QString &androidVersion, const QString &imageVersion)
@@ -79,11 +75,13 @@ HwProfile makeProfile(long long sdCardSizeMiB)
 QByteArray fileHash(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QByteArray();
     QCryptographicHash hash(QCryptographicHash::Sha256);
-    hash.addData(&file);
-    return hash.result().toHex();
+    return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result().toHex() : QByteArray();
+}
+
+QString deployed(const QString &name)
+{
+    return QDir(Paths::getDeployedPath()).absoluteFilePath(name);
 }
 
 std::unique_ptr<QEMUEngine> makeEngine()
@@ -103,11 +101,8 @@ std::unique_ptr<QEMUEngine> makeEngineWithFailingImageTool(const QString &messag
     tool.write(QString("#!/bin/sh\necho '%1' >&2\nexit 1\n").arg(message).toUtf8());
     tool.close();
     tool.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    // The engine takes the directory when it is constructed.
-    qputenv("HV_QEMU_BIN_DIR", bin.toLocal8Bit());
-    auto engine = std::make_unique<QEMUEngine>();
-    qunsetenv("HV_QEMU_BIN_DIR");
-    return engine;
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", bin.toLocal8Bit()); // taken when the engine is constructed
+    return std::make_unique<QEMUEngine>();
 }
 
 } // namespace devicefixture

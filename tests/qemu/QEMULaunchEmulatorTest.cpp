@@ -1,22 +1,19 @@
 #include "DeviceFixture.h"
 
 #include "MessageCapture.h"
-#include "Paths.h"
-#include "QEMUEngine.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
 #include "VMToolsCommon.h"
 
-#include <QDir>
 #include <QElapsedTimer>
-#include <QPair>
 #include <QFile>
 #include <QLockFile>
-#include <QThread>
 #include <QNetworkProxy>
+#include <QPair>
 #include <QProcess>
 #include <QSettings>
 #include <QTcpServer>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -27,11 +24,6 @@ using namespace devicefixture;
 using hvtest::MessageCapture;
 
 namespace {
-
-QString deployed(const QString &name)
-{
-    return QDir(Paths::getDeployedPath()).absoluteFilePath(name);
-}
 
 // The emulator's command line, one argument a line.
 QString commandLine(long long pid)
@@ -202,16 +194,17 @@ TEST_F(EmulatorTest, twoProgramsStartingAtOnceGetDifferentOffsets)
 }
 
 // A lock file left by an ended emulator does not hold its offset; any
-// forwarded port of a candidate held by another program moves the offset.
+// forwarded port of a candidate held by another program moves the offset;
+// with every candidate taken the start fails.
 TEST_F(EmulatorTest, portOffsetSkipsOnlyLiveLocksAndHeldPorts)
 {
-    createDevice("Stale", "11.0.0");
+    std::unique_ptr<QEMUMachine> machine = createDevice("Stale", "11.0.0");
     QProcess ended;
     ended.start("true", QStringList());
     ASSERT_TRUE(ended.waitForStarted(10000));
     const qint64 deadPid = ended.processId();
     ASSERT_TRUE(ended.waitForFinished(10000));
-    QSettings lock(deployed("Stale/qemu.lock"), QSettings::IniFormat);
+    QSettings lock(machine->getLockFilePath(), QSettings::IniFormat);
     lock.setValue("pid", deadPid);
     lock.setValue("offset", 0);
     lock.sync();
@@ -222,18 +215,13 @@ TEST_F(EmulatorTest, portOffsetSkipsOnlyLiveLocksAndHeldPorts)
         ASSERT_TRUE(other.listen(QHostAddress::Any, port));
         EXPECT_EQ(m_engine->computePortOffset(), 7) << port;
     }
-}
-
-TEST_F(EmulatorTest, withEveryCandidateTakenTheStartFails)
-{
+    ASSERT_TRUE(QFile::remove(machine->getLockFilePath()));
     std::vector<std::unique_ptr<QTcpServer>> held;
     for (int offset = 0; offset <= 693; offset += 7) {
-        auto server = std::make_unique<QTcpServer>();
-        server->setProxy(QNetworkProxy::NoProxy);
-        ASSERT_TRUE(server->listen(QHostAddress::Any, 6555 + offset)) << offset;
-        held.push_back(std::move(server));
+        held.push_back(std::make_unique<QTcpServer>());
+        held.back()->setProxy(QNetworkProxy::NoProxy);
+        ASSERT_TRUE(held.back()->listen(QHostAddress::Any, 6555 + offset)) << offset;
     }
-    std::unique_ptr<QEMUMachine> machine = createDevice("NoOffset", "11.0.0");
     EXPECT_EQ(m_engine->computePortOffset(), -1);
     MessageCapture capture;
     EXPECT_EQ(m_engine->startMachine(machine.get(), ""), 0);

@@ -2,29 +2,19 @@
 
 #include "MessageCapture.h"
 #include "Paths.h"
-#include "QEMUEngine.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
 
 #include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include <gtest/gtest.h>
 
-#include <memory>
-
 using namespace devicefixture;
 using hvtest::MessageCapture;
 
 namespace {
-
-QString deployed(const QString &name)
-{
-    return QDir(Paths::getDeployedPath()).absoluteFilePath(name);
-}
 
 QString referenceDir(const OsImage &image)
 {
@@ -109,50 +99,33 @@ TEST_F(QEMULifecycle, refusesExistingAndInvalidNames)
     EXPECT_EQ(QDir(deployed("Taken")).entryList(QDir::Files), QStringList({"keep.txt"}));
 }
 
-// Creations that fail half-way: each leaves no device directory behind.
-struct RollbackCase {
-    const char *name;
-    const char *imageVersion;
-    enum { MissingOva, CorruptOva, FailingImageTool } fault;
-    int code;
-    const char *critical;
-};
-
-class CreationRollback : public ::testing::TestWithParam<RollbackCase>
+// Creations that fail half-way (a missing or corrupt OVA, a failing image
+// tool) each leave no device directory behind.
+TEST_F(QEMULifecycle, failedCreationLeavesNoDeviceDirectory)
 {
-};
-
-TEST_P(CreationRollback, leavesNoDeviceDirectory)
-{
-    const RollbackCase &c = GetParam();
-    QString ova = sharedOva();
-    if (c.fault == RollbackCase::MissingOva)
-        ova = hvtest::testRoot() + "/missing.ova";
-    if (c.fault == RollbackCase::CorruptOva) {
-        ova = hvtest::testRoot() + "/corrupt.ova";
-        QFile file(ova);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(3000, 'x'));
+    const QString corrupt = hvtest::testRoot() + "/corrupt.ova";
+    QFile file(corrupt);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(3000, 'x'));
+    file.close();
+    const std::unique_ptr<QEMUEngine> failing = makeEngineWithFailingImageTool("qemu-img: simulated failure");
+    const struct {
+        QString ova, imageVersion;
+        QEMUEngine *engine;
+        int code;
+        QString critical;
+    } rows[] = {{hvtest::testRoot() + "/missing.ova", "6.1.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
+                {corrupt, "6.2.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
+                {sharedOva(), "6.3.0", failing.get(), 2, "[VMTools] Failed to get system disk info"}};
+    for (const auto &row : rows) {
+        MessageCapture capture;
+        const QString device = "Rollback-" + row.imageVersion;
+        EXPECT_EQ(row.engine->createMachine(device, makeImage(row.ova, "11.0.0", row.imageVersion), makeProfile()), row.code);
+        EXPECT_FALSE(QFileInfo::exists(deployed(device)));
+        EXPECT_TRUE(capture.hasContaining(QtCriticalMsg, row.critical));
+        EXPECT_LOG(capture, QtCriticalMsg, QString("[VMTools] Failed to create device \"%1\"").arg(device));
     }
-    std::unique_ptr<QEMUEngine> engine = c.fault == RollbackCase::FailingImageTool
-                                             ? makeEngineWithFailingImageTool("qemu-img: simulated failure")
-                                             : std::make_unique<QEMUEngine>();
-
-    MessageCapture capture;
-    const QString device = QString("Rollback-%1").arg(c.name);
-    EXPECT_EQ(engine->createMachine(device, makeImage(ova, "11.0.0", c.imageVersion), makeProfile()), c.code);
-    EXPECT_FALSE(QFileInfo::exists(deployed(device)));
-    EXPECT_TRUE(capture.hasContaining(QtCriticalMsg, c.critical));
-    EXPECT_LOG(capture, QtCriticalMsg, QString("[VMTools] Failed to create device \"%1\"").arg(device));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, CreationRollback,
-    ::testing::Values(RollbackCase{"missingOva", "6.1.0", RollbackCase::MissingOva, 1, "[VMTools] Failed to extract OVA"},
-                      RollbackCase{"corruptOva", "6.2.0", RollbackCase::CorruptOva, 1, "[VMTools] Failed to extract OVA"},
-                      RollbackCase{"failingImageTool", "6.3.0", RollbackCase::FailingImageTool, 2,
-                                   "[VMTools] Failed to get system disk info"}),
-    [](const ::testing::TestParamInfo<RollbackCase> &info) { return std::string(info.param.name); });
 
 // A clone has its own identity and disks, never the source's lock file;
 // deleting it removes its directory.
