@@ -174,9 +174,7 @@ struct LoadCase {
     QStringList warnings;
 };
 
-class HwProfileLoad : public ::testing::TestWithParam<LoadCase>
-{
-};
+class HwProfileLoad : public ::testing::TestWithParam<LoadCase> {};
 
 TEST_P(HwProfileLoad, acceptsOrRefusesWithTheExactWarnings)
 {

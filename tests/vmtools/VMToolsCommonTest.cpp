@@ -79,9 +79,7 @@ struct CallCase {
     QList<LogLine> log;
 };
 
-class CallResults : public ::testing::TestWithParam<CallCase>
-{
-};
+class CallResults : public ::testing::TestWithParam<CallCase> {};
 
 TEST_P(CallResults, reportsCodeTextsAndLogLines)
 {
@@ -150,9 +148,7 @@ struct LimitCase {
     QStringList warnings;
 };
 
-class CallLimits : public ::testing::TestWithParam<LimitCase>
-{
-};
+class CallLimits : public ::testing::TestWithParam<LimitCase> {};
 
 TEST_P(CallLimits, followTheOptionsAndEnvironment)
 {

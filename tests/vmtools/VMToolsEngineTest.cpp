@@ -42,16 +42,12 @@ struct CpuCase {
     QString logLine;
 };
 
-class CpuDetection : public ::testing::TestWithParam<CpuCase>
-{
-};
+class CpuDetection : public ::testing::TestWithParam<CpuCase> {};
 
 TEST_P(CpuDetection, readsVendorAndVirtualizationBit)
 {
     const CpuCase &c = GetParam();
-    QList<quint32> asked;
     const VMToolsCpu::CpuidFunction fake = [&](quint32 leaf) {
-        asked << leaf;
         const auto it = c.leaves.find(leaf);
         return it == c.leaves.end() ? VMToolsCpu::Registers{} : it->second;
     };

@@ -259,9 +259,7 @@ struct SetterRow {
     bool writesUnchanged;
 };
 
-class SavingRules : public MachineFile, public ::testing::WithParamInterface<SetterRow>
-{
-};
+class SavingRules : public MachineFile, public ::testing::WithParamInterface<SetterRow> {};
 
 TEST_P(SavingRules, setterWritesTheFileOnlyWhenItShould)
 {
