@@ -1,6 +1,7 @@
 #include "DeviceTestData.h"
 
-#include <QFile>
+#include "TestFiles.h"
+
 #include <QJsonArray>
 #include <QStringList>
 
@@ -86,9 +87,7 @@ QJsonObject without(const QJsonObject &object, const QString &path)
 QString writeFile(const QString &dir, const QString &name, const QByteArray &content)
 {
     const QString path = dir + "/" + name;
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
-    EXPECT_EQ(file.write(content), content.size());
+    EXPECT_TRUE(hvtest::writeFile(path, content)) << path.toStdString();
     return path;
 }
 

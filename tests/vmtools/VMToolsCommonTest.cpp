@@ -3,6 +3,7 @@
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
 #include <QFile>
 #include <QProcess>
@@ -57,8 +58,7 @@ qint64 spawnOrphan(const QStringList &helperArguments)
 qint64 readPidFile(const QString &path)
 {
     for (int i = 0; i < 100; ++i) {
-        QFile file(path);
-        const qint64 pid = file.open(QIODevice::ReadOnly) ? file.readAll().toLongLong() : 0;
+        const qint64 pid = hvtest::readFile(path).toLongLong();
         if (pid > 0)
             return pid;
         QThread::msleep(50);
@@ -208,9 +208,7 @@ TEST(VMToolsCommonCall, cancelReportsCanceledAndLeavesNoProcess)
         EXPECT_EQ(cap.texts(QtWarningMsg), QStringList{"[VMTools] -1 \"canceled\" \"\""});
         EXPECT_FALSE(VMToolsCommon::isRunning(readPidFile(pidFile)));
     }
-    QFile markFile(mark);
-    ASSERT_TRUE(markFile.open(QIODevice::ReadOnly));
-    EXPECT_EQ(markFile.readAll(), QByteArray("SIGINT"));
+    EXPECT_EQ(hvtest::readFile(mark), QByteArray("SIGINT"));
 
     int polls = 0;
     const CallResult atOnce = VMToolsCommon::call(helper(), {"sleep", "20000"}, VMToolsCommon::NoLog,
@@ -242,9 +240,7 @@ TEST(VMToolsCommonCall, concurrentCallsRunOneAfterTheOther)
     EXPECT_TRUE(timerFired);
     EXPECT_EQ(workerResult.returnCode, 5);
 
-    QFile file(journal);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QStringList lines = QString::fromLatin1(file.readAll()).split('\n', Qt::SkipEmptyParts);
+    const QStringList lines = QString::fromLatin1(hvtest::readFile(journal)).split('\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), 4);
     const QString first = lines[0].section('-', 0, 0);
     const QString second = lines[2].section('-', 0, 0);

@@ -4,6 +4,7 @@
 #include "Paths.h"
 #include "Settings.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 #include "VMToolsCpu_p.h"
 
 #include <QCoreApplication>
@@ -143,8 +144,7 @@ protected:
     {
         m_deployed = QDir(Paths::getDeployedPath());
         ASSERT_TRUE(m_deployed.mkpath("on-disk"));
-        QFile file(m_deployed.filePath("plain-file"));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_TRUE(hvtest::writeFile(m_deployed.filePath("plain-file"), ""));
     }
     void TearDown() override { m_deployed.removeRecursively(); }
 

@@ -6,6 +6,7 @@
 
 #include "MessageCapture.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -103,19 +104,8 @@ protected:
 
     QString configPath() const { return m_dir + "/shared/config/device.json"; }
 
-    void writeConfig(const QByteArray &content) const
-    {
-        QFile file(configPath());
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        file.write(content);
-    }
-
-    QJsonObject readConfig() const
-    {
-        QFile file(configPath());
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly));
-        return QJsonDocument::fromJson(file.readAll()).object();
-    }
+    void writeConfig(const QByteArray &content) const { ASSERT_TRUE(hvtest::writeFile(configPath(), content)); }
+    QJsonObject readConfig() const { return QJsonDocument::fromJson(hvtest::readFile(configPath())).object(); }
 
     // Puts the file's modification time in the past, so a later write shows.
     void ageConfig() const
@@ -242,9 +232,7 @@ TEST_F(MachineFile, unwritableDirectoryFailsTheSaveWithItsPath)
 {
     // A plain file where the "shared" directory should be.
     QDir(m_dir + "/shared").removeRecursively();
-    QFile blocker(m_dir + "/shared");
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
+    ASSERT_TRUE(hvtest::writeFile(m_dir + "/shared", ""));
     RecordMachine machine(m_dir);
     machine.setHwProfile(makeProfile());
     MessageCapture cap;
@@ -412,16 +400,11 @@ TEST_F(MachineFile, capabilitiesAndPlatformFollowImageAndProfile)
 
 TEST_F(MachineFile, sizeOnDiskIsComputedOnceUntilAskedAgain)
 {
-    const auto append = [](const QString &path, int size) {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::Append));
-        file.write(QByteArray(size, 'x'));
-    };
-    append(m_dir + "/system.qcow2", 1000);
-    append(m_dir + "/shared/config/other.bin", 234);
+    ASSERT_TRUE(hvtest::writeFile(m_dir + "/system.qcow2", QByteArray(1000, 'x')));
+    ASSERT_TRUE(hvtest::writeFile(m_dir + "/shared/config/other.bin", QByteArray(234, 'y')));
     RecordMachine machine(m_dir);
     EXPECT_EQ(machine.getSizeOnDisk(), 1234);
-    append(m_dir + "/shared/config/other.bin", 100);
+    ASSERT_TRUE(hvtest::writeFile(m_dir + "/shared/config/other.bin", QByteArray(334, 'y')));
     EXPECT_EQ(machine.getSizeOnDisk(), 1234);
     EXPECT_EQ(machine.computeSizeOnDisk(), 1334);
     EXPECT_EQ(machine.getSizeOnDisk(), 1334);
@@ -450,9 +433,7 @@ TEST_F(MachineFile, quickbootSnapshotFilesAreRemovedWhenPresent)
     RecordMachine machine(m_dir);
     EXPECT_EQ(machine.snapshotFilename(), m_dir + "/snapshot.snap");
     EXPECT_EQ(machine.textureFilename(), m_dir + "/snapshot.stex");
-    QFile snap(machine.snapshotFilename());
-    ASSERT_TRUE(snap.open(QIODevice::WriteOnly));
-    snap.close();
+    ASSERT_TRUE(hvtest::writeFile(machine.snapshotFilename(), ""));
     MessageCapture cap;
     machine.deleteOpenglSnapshot();
     EXPECT_FALSE(QFile::exists(machine.snapshotFilename()));
