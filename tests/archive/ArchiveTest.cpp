@@ -35,7 +35,10 @@ protected:
     QString root() const { return m_root.path(); }
     QString tarPath() const { return m_root.filePath("input/image.ova"); }
     QString dest() const { return m_root.filePath("sandbox/dest"); }
-    QStringList treeOutsideDestination() const { return listTree(root()).filter(QRegularExpression("^(?!sandbox/dest/)")); }
+    QStringList treeOutsideDestination() const
+    {
+        return listTree(root()).filter(QRegularExpression("^(?!sandbox/dest/)"));
+    }
 
     /// Fills in the root, the archive and the destination in expected lines.
     QList<LogLine> expand(QList<LogLine> lines, const QString &tar, const QString &destination) const

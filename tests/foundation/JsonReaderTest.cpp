@@ -63,7 +63,8 @@ TEST(JsonReader, wrongReadRecordsExactlyOneLine)
 TEST(JsonReader, nestedReadersShareTheErrorListWithTheirPrefixes)
 {
     const JsonReader top(parse(R"({"displays": [{}, {"w": "x"}],
-                                   "display_settings": {"displays": [{}], "inner": {"deep": {"when": "not a date"}}}})"));
+                                   "display_settings": {"displays": [{}],
+                                                        "inner": {"deep": {"when": "not a date"}}}})"));
     const QList<JsonReader> displays = top.readArray("displays");
     ASSERT_EQ(displays.size(), 2);
     EXPECT_EQ(displays[0].prefix(), ".displays[0].");

@@ -106,17 +106,18 @@ TEST(PathsFreshProcess, hvHomeIsMadeAbsoluteAndCreated)
                  {"", QDir::homePath() + "/.Corbelwick"}, {nullptr, QDir::homePath() + "/.Corbelwick"}};
     for (const auto &h : homes) {
         h.home ? qputenv("HV_HOME", h.home) : qunsetenv("HV_HOME");
-        EXPECT_EXIT(std::exit(Paths::getHalvistromPath() == h.organization + "/Halvistrom"
-                                      && QFileInfo(h.organization + "/Halvistrom/deployed").isDir()
-                                  ? 0 : 1),
-                    ::testing::ExitedWithCode(0), "")
-            << (h.home ? h.home : "unset");
+        const QString product = h.organization + "/Halvistrom";
+        const auto laidOut = [&] {
+            return Paths::getHalvistromPath() == product && QFileInfo(product + "/deployed").isDir();
+        };
+        EXPECT_EXIT(std::exit(laidOut() ? 0 : 1), ::testing::ExitedWithCode(0), "") << (h.home ? h.home : "unset");
     }
     QDir("deep").removeRecursively();
     ASSERT_TRUE(QDir::homePath().startsWith(root));
 
     qputenv("HV_HOME", (root + "/blocker/home").toLocal8Bit());
-    EXPECT_DEATH(Paths::getHalvistromPath(), "HV_HOME is set to '.*/blocker/home', but this directory cannot be created\\.");
+    EXPECT_DEATH(Paths::getHalvistromPath(),
+                 "HV_HOME is set to '.*/blocker/home', but this directory cannot be created\\.");
 
     // A standard directory that cannot be made is logged; the rest are made.
     qputenv("HV_HOME", (root + "/blocked").toLocal8Bit());
@@ -124,8 +125,8 @@ TEST(PathsFreshProcess, hvHomeIsMadeAbsoluteAndCreated)
         {
             MessageCapture capture;
             Paths::getOvaPath();
-            const bool logged = capture.has(QtCriticalMsg, "Failed to create \"" + root
-                                                               + "/blocked/.Corbelwick/Halvistrom/ova/\" things may go wrong");
+            const QString ova = root + "/blocked/.Corbelwick/Halvistrom/ova/";
+            const bool logged = capture.has(QtCriticalMsg, "Failed to create \"" + ova + "\" things may go wrong");
             std::exit(logged && QFileInfo(root + "/blocked/.Corbelwick/Halvistrom/media").isDir() ? 0 : 1);
         },
         ::testing::ExitedWithCode(0), "");
@@ -178,7 +179,8 @@ TEST_F(FileUtilsTest, copiesATreeWithoutLinksAndRefusesToOverwrite)
     MessageCapture capture;
     EXPECT_FALSE(FileUtils::copyDirectory(m_dir + "/src/a.txt", m_dir + "/dst2/a.txt"));
     EXPECT_FALSE(FileUtils::copyDirectory(m_dir + "/src", m_dir + "/dst2"));
-    EXPECT_TRUE(capture.has(QtCriticalMsg, "Failed to copy \"a.txt\" from \"" + m_dir + "/src\" to \"" + m_dir + "/dst2\""));
+    EXPECT_TRUE(
+        capture.has(QtCriticalMsg, "Failed to copy \"a.txt\" from \"" + m_dir + "/src\" to \"" + m_dir + "/dst2\""));
     EXPECT_EQ(FileUtils::loadFile(m_dir + "/dst2/a.txt"), "keep me");
     EXPECT_FALSE(FileUtils::copyDirectory(m_dir + "/missing", m_dir + "/out"));
     EXPECT_TRUE(capture.has(QtCriticalMsg, "Failed to copy \"" + m_dir + "/missing\" . It's not a file nor a dir"));
@@ -192,7 +194,8 @@ TEST_F(FileUtilsTest, loadReportsFailures)
     EXPECT_EQ(FileUtils::loadJson(m_dir + "/ok.json").object().value("a").toInt(), 1);
     MessageCapture capture;
     EXPECT_TRUE(FileUtils::loadJson(m_dir + "/bad.json").isNull());
-    EXPECT_TRUE(capture.has(QtWarningMsg, "Failed to read json from \"" + m_dir + "/bad.json\" \"unterminated object\""));
+    EXPECT_TRUE(
+        capture.has(QtWarningMsg, "Failed to read json from \"" + m_dir + "/bad.json\" \"unterminated object\""));
     EXPECT_TRUE(FileUtils::loadFile(m_dir + "/nope").isEmpty());
     EXPECT_TRUE(capture.has(QtWarningMsg, "Failed to open \"" + m_dir + "/nope\" \"No such file or directory\""));
     EXPECT_TRUE(FileUtils::loadFile(m_dir).isEmpty());

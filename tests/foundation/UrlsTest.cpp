@@ -116,7 +116,8 @@ TEST_F(UrlsTest, composedLinks)
               "https://hub.example.test/page/launchpad/slideshow/?uid=c0ffee-42&lang=" + QLocale().name()
                   + "&version=3.8.1");
     EXPECT_EQ(Urls::getRssFeedUrl().toString(), "https://feeds.example.test/halvistrom.xml");
-    const QUrl articles[] = {Urls::getCreateSkinDocUrl(), Urls::getUnifiedPlatformFaqUrl(), Urls::getWhiteScreenFaqUrl()};
+    const QUrl articles[] = {Urls::getCreateSkinDocUrl(), Urls::getUnifiedPlatformFaqUrl(),
+                             Urls::getWhiteScreenFaqUrl()};
     const QRegularExpression article("^https://help\\.example\\.test/articles/[0-9]+$");
     for (const QUrl &url : articles)
         EXPECT_TRUE(article.match(url.toString()).hasMatch()) << url.toString().toStdString();
@@ -129,7 +130,8 @@ TEST_F(UrlsTest, composedLinks)
         EXPECT_EQ(url.scheme(), "https");
 
     const QUrl url("https://www.example.test/faq/qemu/?x=1#top");
-    EXPECT_EQ(Urls::getLinkForUrl(url, "QEMU help"), "<a href='https://www.example.test/faq/qemu/?x=1#top'>QEMU help</a>");
+    EXPECT_EQ(Urls::getLinkForUrl(url, "QEMU help"),
+              "<a href='https://www.example.test/faq/qemu/?x=1#top'>QEMU help</a>");
     EXPECT_EQ(Urls::getDisplayStringForUrl(url), "www.example.test/faq/qemu");
 }
 

@@ -163,7 +163,7 @@ TEST_F(JsonSettingsTest, failedWritesAreLoggedAndLoseNothing)
     MessageCapture capture;
     EXPECT_FALSE(JsonSettings(missing, JsonSettings::ReadWrite).setValue(QStringLiteral("k"), 1));
     EXPECT_EQ(capture.lines(),
-              QList<LogLine>({{QtCriticalMsg, QStringLiteral("Failed to open file for writing: \"%1\"").arg(missing)}}));
+              QList<LogLine>({{QtCriticalMsg, "Failed to open file for writing: \"" + missing + "\""}}));
     EXPECT_FALSE(QFile::exists(missing));
 
     // A file broken by hand is kept beside the new one.

@@ -27,7 +27,7 @@ protected:
     }
     /// The INI file as another program sees it.
     QVariant iniValue() const { return QSettings(m_ini, QSettings::IniFormat).value(kPersistent); }
-    void setIniValue(const QVariant &value) const { QSettings(m_ini, QSettings::IniFormat).setValue(kPersistent, value); }
+    void setIniValue(const QVariant &v) const { QSettings(m_ini, QSettings::IniFormat).setValue(kPersistent, v); }
 
     SettingsDir m_dir;
     const QString m_user = m_dir.path(QStringLiteral("settings.json"));
@@ -55,9 +55,10 @@ TEST_F(MultiSettingsTest, answersFromTheRightLayer)
     };
     for (const auto &c : cases) {
         MultiSettings &settings = make(c.defaults, c.user);
-        EXPECT_EQ(settings.get(QStringLiteral("k")), c.get) << c.defaults.constData() << c.user.constData();
-        EXPECT_EQ(settings.get(QStringLiteral("k"), kDef), c.getWithDef) << c.defaults.constData() << c.user.constData();
-        EXPECT_EQ(settings.getChildValue({QStringLiteral("k")}), c.get) << c.defaults.constData() << c.user.constData();
+        const std::string files = c.defaults.toStdString() + " " + c.user.toStdString();
+        EXPECT_EQ(settings.get(QStringLiteral("k")), c.get) << files;
+        EXPECT_EQ(settings.get(QStringLiteral("k"), kDef), c.getWithDef) << files;
+        EXPECT_EQ(settings.getChildValue({QStringLiteral("k")}), c.get) << files;
     }
 
     MultiSettings &settings = make(R"({"k": "default"})", R"({"o": 1})");
@@ -116,7 +117,8 @@ TEST_F(MultiSettingsTest, unusableIniFileIsReportedAndReadsAsAbsent)
     ASSERT_TRUE(QDir().mkpath(m_ini)); // a directory where the INI file should be
     MessageCapture capture;
     MultiSettings &settings = make("{}", R"({"o": 1})");
-    EXPECT_EQ(capture.lines(), QList<LogLine>({{QtWarningMsg, "Cannot init install path settings (status=1) " + m_ini}}));
+    EXPECT_EQ(capture.lines(),
+              QList<LogLine>({{QtWarningMsg, "Cannot init install path settings (status=1) " + m_ini}}));
     EXPECT_EQ(settings.get(kPersistent, kDef), kDef);
     EXPECT_EQ(settings.get(QStringLiteral("o"), 7), 1.0) << "the JSON files still work";
 }
@@ -153,8 +155,8 @@ TEST_F(MultiSettingsTest, getAllListsUserAndPersistentKeys)
     setIniValue(QStringLiteral("from-ini"));
     MultiSettings &settings =
         make(R"({"only.default": 1})", R"({"a": 1, "b": "x", "empty": "", "obj": {"c": 2}, "list": [1]})");
-    EXPECT_EQ(settings.getAll(), (QVariantMap{{"a", 1.0}, {"b", "x"}, {"empty", QVariant()}, {"list", QVariantList{1.0}},
-                                              {kPersistent, "from-ini"}}));
+    EXPECT_EQ(settings.getAll(), (QVariantMap{{"a", 1.0}, {"b", "x"}, {"empty", QVariant()},
+                                              {"list", QVariantList{1.0}}, {kPersistent, "from-ini"}}));
 }
 
 } // namespace

@@ -151,7 +151,8 @@ TEST(SettingsResource, defaultsNameOnlyActions)
     const QStringList toolbar{"player", "toolbar"};
     const Actions actions = defaults.getEnumList<P::ActionId>(toolbar);
     ASSERT_FALSE(actions.isEmpty());
-    EXPECT_EQ(actions.size(), defaults.getStringList(toolbar).size()) << defaults.getStringList(toolbar).join(' ').toStdString();
+    const QStringList names = defaults.getStringList(toolbar);
+    EXPECT_EQ(actions.size(), names.size()) << names.join(' ').toStdString();
     EXPECT_EQ(QSet<P::ActionId>(actions.begin(), actions.end()).size(), actions.size()) << "no duplicates";
     for (P::ActionId hidden : {P::FOLD, P::AMBIENT_SENSORS, P::UNKNOWN})
         EXPECT_FALSE(actions.contains(hidden)) << P::getActionStrFromId(hidden).toStdString();
