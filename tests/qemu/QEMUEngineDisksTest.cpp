@@ -6,6 +6,7 @@
 
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
+#include "TestFiles.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -61,12 +62,6 @@ QStringList snapshotsOf(const QString &path)
     return names;
 }
 
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // A device directory with real images: "base.qcow2" (a reference disk),
 // "plain.qcow2", "source.vmdk" made from a raw image holding a pattern, and
 // "system.qcow2" with the snapshot "latest". The engine runs the fake image
@@ -82,9 +77,7 @@ protected:
         ASSERT_TRUE(createImage(path("base.qcow2")) && createImage(path("plain.qcow2")));
         QByteArray pattern(1024 * 1024, '\0');
         pattern.replace(4096, 17, "reference content");
-        QFile raw(path("pattern.raw"));
-        ASSERT_TRUE(raw.open(QIODevice::WriteOnly) && raw.write(pattern) == pattern.size());
-        raw.close();
+        ASSERT_TRUE(hvtest::writeFile(path("pattern.raw"), pattern));
         ASSERT_TRUE(qemuImg({"convert", "-f", "raw", "-O", "vmdk", path("pattern.raw"), path("source.vmdk")}));
         ASSERT_TRUE(createImage(path("system.qcow2")) && addSnapshot(path("system.qcow2"), "latest"));
         setEnv("HV_FAKE_QEMU_IMG_LOG", path("runs.log").toLocal8Bit());
@@ -111,7 +104,7 @@ protected:
     {
         QList<QStringList> result;
         QStringList current;
-        for (const QString &line : QString::fromLocal8Bit(readAll(path("runs.log"))).split('\n', Qt::SkipEmptyParts)) {
+        for (const QString &line : QString::fromLocal8Bit(hvtest::readFile(path("runs.log"))).split('\n', Qt::SkipEmptyParts)) {
             if (line == "--")
                 result.append(std::exchange(current, {}));
             else
@@ -172,7 +165,7 @@ class ToolOperations : public Disks, public ::testing::WithParamInterface<ToolOp
 TEST_P(ToolOperations, runsTheImageToolWithItsArgumentsAndTimeOut)
 {
     const ToolOperation &operation = GetParam();
-    const QByteArray before = readAll(path("source.vmdk"));
+    const QByteArray before = hvtest::readFile(path("source.vmdk"));
     setEnv("HV_CALL_TIMEOUT_MS", "300");
     setEnv("HV_CALL_LONG_TIMEOUT_MS", "300");
     setEnv("HV_FAKE_QEMU_IMG_DELAY", "20");
@@ -180,7 +173,7 @@ TEST_P(ToolOperations, runsTheImageToolWithItsArgumentsAndTimeOut)
     EXPECT_FALSE(operation.run(*m_engine, m_dir));
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Can't run \"" + fakeTool() + "\""));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QString(operation.failureLine).replace("%D", m_dir)));
-    EXPECT_EQ(readAll(path("source.vmdk")), before);
+    EXPECT_EQ(hvtest::readFile(path("source.vmdk")), before);
     EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{"latest"});
 
     setEnv("HV_CALL_TIMEOUT_MS", "200");
@@ -258,12 +251,12 @@ TEST_F(Disks, createsSdCardsResizesCopiesAndDeletes)
     EXPECT_TRUE(cap.hasContaining(QtCriticalMsg, "[VMTools] Failed to create \"" + path("no-such-dir/sdcard.qcow2") + "\" . \"qemu-img:"));
 
     ASSERT_TRUE(m_engine->copyDisk(path("base.qcow2"), path("copy.qcow2")));
-    EXPECT_EQ(readAll(path("copy.qcow2")), readAll(path("base.qcow2")));
-    const QByteArray before = readAll(path("plain.qcow2"));
+    EXPECT_EQ(hvtest::readFile(path("copy.qcow2")), hvtest::readFile(path("base.qcow2")));
+    const QByteArray before = hvtest::readFile(path("plain.qcow2"));
     EXPECT_FALSE(m_engine->copyDisk(path("source.vmdk"), path("plain.qcow2")));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QString("[VMTools] Failed to copy \"%1\" to \"%2\" : \"Destination file exists\"")
                                            .arg(path("source.vmdk"), path("plain.qcow2"))));
-    EXPECT_EQ(readAll(path("plain.qcow2")), before);
+    EXPECT_EQ(hvtest::readFile(path("plain.qcow2")), before);
 
     EXPECT_TRUE(m_engine->deleteDisk(path("plain.qcow2")));
     EXPECT_FALSE(QFile::exists(path("plain.qcow2")));
@@ -357,19 +350,19 @@ TEST_F(Disks, upgradeLaysANewSystemDiskOverTheConvertedReference)
     image.osVersion = VersionNumber(11, 0);
     image.imageVersion = VersionNumber(3, 9);
     const QString reference = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
-    const QByteArray before = readAll(path("system.qcow2"));
+    const QByteArray before = hvtest::readFile(path("system.qcow2"));
     MessageCapture cap;
     EXPECT_FALSE(m_device->upgradeSystemDisk(image));
     EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Disk file not found: \"" + reference + "/system.vmdk\""));
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to get system disk info \"" + reference + "/system.qcow2\""));
-    EXPECT_EQ(readAll(path("system.qcow2")), before);
+    EXPECT_EQ(hvtest::readFile(path("system.qcow2")), before);
 
     ASSERT_TRUE(QDir().mkpath(reference));
     ASSERT_TRUE(QFile::copy(path("source.vmdk"), reference + "/system.vmdk"));
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
     EXPECT_FALSE(m_device->upgradeSystemDisk(image)); // converted, but no overlay can be made
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to upgrade the system disk of \"" + QDir(m_dir).dirName() + "\""));
-    EXPECT_EQ(readAll(path("system.qcow2")), before);
+    EXPECT_EQ(hvtest::readFile(path("system.qcow2")), before);
     EXPECT_EQ(snapshotsOf(path("system.qcow2")), QStringList{"latest"});
 
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "");

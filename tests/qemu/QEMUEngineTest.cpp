@@ -82,53 +82,42 @@ TEST(QEMUEngine, firmwareDirectoryIsShareQemuBesideTheBinaries)
     EXPECT_EQ(QEMUEngine().getFirmwareDirPath(), root.filePath("share/qemu"));
 }
 
-struct MissingCase {
-    const char *name;
-    bool withImageTool;
-    bool withEmulator;
-    QByteArray trigger;
-    const char *missing; // the program the message names
-};
-
-void PrintTo(const MissingCase &c, std::ostream *os) { *os << c.name; }
-
-class MissingPrograms : public ::testing::TestWithParam<MissingCase>
+// Initialisation names the first missing program (the image tool first),
+// also when the trigger plays a missing installation.
+TEST(QEMUEngine, initializeNamesTheMissingProgram)
 {
-};
-
-TEST_P(MissingPrograms, initializeNamesTheMissingProgram)
-{
-    const MissingCase &c = GetParam();
-    QTemporaryDir dir;
-    for (const QString program : {"qemu-img", "qemu-system-x86_64"}) {
-        if (program == "qemu-img" ? c.withImageTool : c.withEmulator) {
-            ASSERT_TRUE(QFile::link(QStandardPaths::findExecutable(program), dir.filePath(program)));
+    const struct {
+        bool withImageTool, withEmulator;
+        QByteArray trigger;
+        QString missing;
+    } rows[] = {{false, false, "", "qemu-img"},
+                {false, true, "", "qemu-img"},
+                {true, false, "", "qemu-system-x86_64"},
+                {true, true, "noip qemunotinstalled", "qemu-img"}};
+    for (const auto &row : rows) {
+        QTemporaryDir dir;
+        for (const QString program : {"qemu-img", "qemu-system-x86_64"}) {
+            if (program == "qemu-img" ? row.withImageTool : row.withEmulator) {
+                ASSERT_TRUE(QFile::link(QStandardPaths::findExecutable(program), dir.filePath(program)));
+            }
         }
+        hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(dir.path()));
+        hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", row.trigger);
+        QEMUEngine engine;
+        MessageCapture cap;
+        const VMToolsEngine::InitResult result = engine.initialize(VMToolsEngine::NoAccelerationCheck);
+        const QString missing = dir.filePath(row.missing);
+        EXPECT_EQ(result.first, 1);
+        EXPECT_EQ(result.second, "install.error." + missing + "." + Urls::getLinkForUrl(Urls::getDownloadUrl(), QString()));
+        EXPECT_TRUE(result.second.contains("<a href='"));
+        EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Could not find \"" + missing + "\""));
+        EXPECT_EQ(cap.texts(QtWarningMsg).size(), row.withEmulator ? 1 : 2); // plus the failed --version run
+        if (!row.withEmulator) {
+            EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] \"" + dir.filePath("qemu-system-x86_64") + "\" --version failed."));
+        }
+        EXPECT_EQ(engine.versionString().isEmpty(), !row.withEmulator);
     }
-    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(dir.path()));
-    hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", c.trigger);
-    QEMUEngine engine;
-    MessageCapture cap;
-    const VMToolsEngine::InitResult result = engine.initialize(VMToolsEngine::NoAccelerationCheck);
-    const QString missing = dir.filePath(c.missing);
-    EXPECT_EQ(result.first, 1);
-    EXPECT_EQ(result.second, "install.error." + missing + "." + Urls::getLinkForUrl(Urls::getDownloadUrl(), QString()));
-    EXPECT_TRUE(result.second.contains("<a href='"));
-    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Could not find \"" + missing + "\""));
-    EXPECT_EQ(cap.texts(QtWarningMsg).size(), c.withEmulator ? 1 : 2); // plus the failed --version run
-    if (!c.withEmulator) {
-        EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] \"" + dir.filePath("qemu-system-x86_64") + "\" --version failed."));
-    }
-    EXPECT_EQ(engine.versionString().isEmpty(), !c.withEmulator);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    QEMUEngine, MissingPrograms,
-    ::testing::Values(MissingCase{"emptyDirectory", false, false, "", "qemu-img"},
-                      MissingCase{"onlyEmulator", false, true, "", "qemu-img"},
-                      MissingCase{"onlyImageTool", true, false, "", "qemu-system-x86_64"},
-                      MissingCase{"triggerWithBothPresent", true, true, "noip qemunotinstalled", "qemu-img"}),
-    [](const ::testing::TestParamInfo<MissingCase> &info) { return std::string(info.param.name); });
 
 // Without overrides (this entry runs without the variables): the built-in
 // bounds, read once per process.

@@ -4,6 +4,7 @@
 #include "Paths.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -83,10 +84,7 @@ TEST_F(QEMULifecycle, createsDevicesOverOneConvertedReference)
 // Names that are taken or not names are refused before anything is written.
 TEST_F(QEMULifecycle, refusesExistingAndInvalidNames)
 {
-    QDir().mkpath(deployed("Taken"));
-    QFile marker(deployed("Taken/keep.txt"));
-    ASSERT_TRUE(marker.open(QIODevice::WriteOnly));
-    marker.close();
+    ASSERT_TRUE(hvtest::writeFile(deployed("Taken/keep.txt"), "mine"));
     const QStringList before = QDir(Paths::getDeployedPath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     for (const QString name : {"Taken", "", ".", "..", "../escape", "a/b"}) {
         MessageCapture capture;
@@ -104,10 +102,7 @@ TEST_F(QEMULifecycle, refusesExistingAndInvalidNames)
 TEST_F(QEMULifecycle, failedCreationLeavesNoDeviceDirectory)
 {
     const QString corrupt = hvtest::testRoot() + "/corrupt.ova";
-    QFile file(corrupt);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray(3000, 'x'));
-    file.close();
+    ASSERT_TRUE(hvtest::writeFile(corrupt, QByteArray(3000, 'x')));
     const std::unique_ptr<QEMUEngine> failing = makeEngineWithFailingImageTool("qemu-img: simulated failure");
     const struct {
         QString ova, imageVersion;
@@ -134,10 +129,7 @@ TEST_F(QEMULifecycle, cloneAndDelete)
     ASSERT_EQ(m_engine->createMachine("CloneSource", makeImage(sharedOva(), "11.0.0", "5.3.0"), makeProfile()), 0);
     std::unique_ptr<VMToolsMachine> source(m_engine->getMachine("CloneSource"));
     ASSERT_NE(source, nullptr);
-    QFile lock(deployed("CloneSource/qemu.lock"));
-    ASSERT_TRUE(lock.open(QIODevice::WriteOnly));
-    lock.write("[General]\npid=1\noffset=14\n");
-    lock.close();
+    ASSERT_TRUE(hvtest::writeFile(deployed("CloneSource/qemu.lock"), "[General]\npid=1\noffset=14\n"));
     const QByteArray sourceData = fileHash(deployed("CloneSource/data.qcow2"));
     const QByteArray sourceSystem = fileHash(deployed("CloneSource/system.qcow2"));
 

@@ -6,6 +6,7 @@
 
 #include "MessageCapture.h"
 #include "TestEnvironment.h"
+#include "TestFiles.h"
 
 #include <QDir>
 #include <QFile>
@@ -22,13 +23,6 @@
 using hvtest::MessageCapture;
 
 namespace {
-
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(content);
-}
 
 // A fresh device directory named after the test; the engine is a real one.
 class QEMUMachineTest : public ::testing::Test
@@ -90,10 +84,7 @@ TEST_F(QEMUMachineTest, configurationCarriesUuidAndTheVirtualizerTag)
     EXPECT_FALSE(QUuid(uuid).isNull()) << uuid.toStdString();
     EXPECT_TRUE(uuid.startsWith('{') && uuid.endsWith('}'));
     ASSERT_TRUE(created.save());
-    QFile file(created.getConfigFilePath());
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    QJsonObject top = QJsonDocument::fromJson(file.readAll()).object();
-    file.close();
+    QJsonObject top = QJsonDocument::fromJson(hvtest::readFile(created.getConfigFilePath())).object();
     EXPECT_EQ(top.value("virtualizer").toString(), "QEMU");
     EXPECT_EQ(top.value("uuid").toString(), uuid);
 
@@ -110,7 +101,7 @@ TEST_F(QEMUMachineTest, configurationCarriesUuidAndTheVirtualizerTag)
     // A device of another virtualizer (the tag is case-sensitive) is refused.
     for (const char *virtualizer : {"qemu", "VirtualBox", ""}) {
         top.insert("virtualizer", virtualizer);
-        writeFile(created.getConfigFilePath(), QJsonDocument(top).toJson());
+        ASSERT_TRUE(hvtest::writeFile(created.getConfigFilePath(), QJsonDocument(top).toJson()));
         QEMUMachine other(&m_engine, m_dir);
         MessageCapture cap;
         EXPECT_FALSE(other.load()) << virtualizer;
@@ -152,7 +143,7 @@ TEST_F(QEMUMachineTest, badLockFilesNameNoProcess)
          {QByteArray(), QByteArray("[General]\noffset=7\n"), QByteArray("[General]\npid=-1\noffset=7\n"),
           QByteArray("[General]\npid=0\n"), QByteArray("[General]\npid=qemu\n"), QByteArray("[General]\npid=99999999999999\n"),
           "[General]\npid=1\n" + QByteArray(8192, '#'), QByteArray("\0\xff\xfe[General]\npid=1", 19)}) {
-        writeFile(m_dir + "/qemu.lock", content);
+        ASSERT_TRUE(hvtest::writeFile(m_dir + "/qemu.lock", content));
         QEMUMachine machine(&m_engine, m_dir);
         EXPECT_EQ(machine.loadQEMUPid(), 0) << content.constData();
         EXPECT_FALSE(machine.isQEMURunning());
@@ -162,7 +153,7 @@ TEST_F(QEMUMachineTest, badLockFilesNameNoProcess)
         EXPECT_EQ(machine.getPortOffset(), -1);
     }
     // Above the largest pid_max Linux allows: no process can have it.
-    writeFile(m_dir + "/qemu.lock", "[General]\npid=4194305\noffset=0\n");
+    ASSERT_TRUE(hvtest::writeFile(m_dir + "/qemu.lock", "[General]\npid=4194305\noffset=0\n"));
     QEMUMachine machine(&m_engine, m_dir);
     EXPECT_EQ(machine.loadQEMUPid(), 4194305);
     MessageCapture cap;
