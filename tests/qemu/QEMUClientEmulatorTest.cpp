@@ -5,7 +5,6 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QHostAddress>
 #include <QProcess>
 #include <QTcpServer>
