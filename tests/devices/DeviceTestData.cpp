@@ -54,7 +54,8 @@ QJsonObject profileJson()
             {"sd_card_size", 512},     {"skin", "/skins/nexus_7"},
             {"device_properties", properties},
             {"display_settings",
-             QJsonObject{{"display_mode", "REGULAR"}, {"hw_navigation_keys", true}, {"displays", QJsonArray{display}}}}};
+             QJsonObject{
+                 {"display_mode", "REGULAR"}, {"hw_navigation_keys", true}, {"displays", QJsonArray{display}}}}};
 }
 
 QJsonObject imageJson()

@@ -102,6 +102,13 @@ TEST(HwProfile, gadgetPropertiesInOrder)
     EXPECT_EQ(names, QStringList({"uuid", "brand", "model", "formFactor", "cpuCount", "ramSize", "dataDiskSize",
                                   "sdCardDiskSize", "skin", "primaryResolution", "readOnly", "vmHeapSize"}));
     HwProfileBuilder profile("Gadget");
+    profile.sdCardSize = 99;
+    const auto read = [&](const char *name) {
+        return meta.property(meta.indexOfProperty(name)).readOnGadget(&profile);
+    };
+    EXPECT_EQ(read("sdCardDiskSize").toLongLong(), 99);
+    EXPECT_EQ(read("primaryResolution").toSize(), QSize(1280, 768));
+    EXPECT_EQ(read("readOnly").toBool(), true);
     const QMetaProperty formFactor = meta.property(meta.indexOfProperty("formFactor"));
     EXPECT_TRUE(formFactor.writeOnGadget(&profile, QVariant::fromValue(HwProfile::FormFactor::WATCH)));
     EXPECT_EQ(profile.formFactor, HwProfile::FormFactor::WATCH);
@@ -199,7 +206,8 @@ INSTANTIATE_TEST_SUITE_P(
         LoadCase{"versionOneLater", with(profileJson(), "version", "1.7.3"), {}},
         LoadCase{"foldableOne", withDisplays("FOLDABLE", 1), {"Foldable phones must have exactly 2 screens, found 1"}},
         LoadCase{"foldableTwo", withDisplays("FOLDABLE", 2), {}},
-        LoadCase{"foldableThree", withDisplays("FOLDABLE", 3), {"Foldable phones must have exactly 2 screens, found 3"}},
+        LoadCase{"foldableThree", withDisplays("FOLDABLE", 3),
+                 {"Foldable phones must have exactly 2 screens, found 3"}},
         LoadCase{"multiOne", withDisplays("MULTI_DISPLAY", 1),
                  {"Multi-screen phones must have at least 2 screens, found 1"}},
         LoadCase{"multiTwo", withDisplays("MULTI_DISPLAY", 2), {}},
@@ -335,7 +343,8 @@ TEST_F(HwProfileStore, refusesWhatItMustNotDoWithOneWarningEach)
               QStringList({"Cannot save invalid profile", "Cannot remove invalid profile",
                            "Cannot save profile whose uuid is not a file name: \"../escaped\"",
                            "Cannot remove profile whose uuid is not a file name: \"../escaped\"",
-                           "Cannot remove local profile file for profile \"" + missing.uuid + "\" : \"" + dir() + "\""}));
+                           "Cannot remove local profile file for profile \"" + missing.uuid + "\" : \"" + dir()
+                               + "\""}));
     EXPECT_FALSE(QFile::exists(m_temp.path() + "/profiles/escaped.json"));
 
     for (HwProfile::Source source : {HwProfile::Source::VENDOR, HwProfile::Source::SHARED}) {
@@ -358,7 +367,8 @@ TEST_F(HwProfileStore, reportsWhatCannotBeCreated)
     EXPECT_FALSE(HwProfileIO::save(profile, dir()));
     EXPECT_EQ(m_capture.texts(QtWarningMsg),
               QStringList({"Cannot create directory \"" + blocker + "/sub\"",
-                           "Cannot create local profile file for profile \"" + profile.uuid + "\" in \"" + dir() + "\""}));
+                           "Cannot create local profile file for profile \"" + profile.uuid + "\" in \"" + dir()
+                               + "\""}));
 }
 
 } // namespace

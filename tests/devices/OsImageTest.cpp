@@ -32,6 +32,7 @@ TEST(OsImage, builderMakesAValidPlaceholder)
     EXPECT_NE(OsImageBuilder().uuid, OsImageBuilder().uuid);
     EXPECT_TRUE(image.imageUri.startsWith("https://") && image.imageUri.endsWith("/image.ova"));
     EXPECT_EQ(image.getReleaseDate(), QDateTime(QDate(2021, 2, 2), QTime(0, 0), Qt::UTC));
+    EXPECT_EQ(::testing::PrintToString(OsImage(image)), "OsImage(uuid=" + image.uuid.toStdString() + " name=");
 }
 
 TEST(OsImage, validityNeedsEachCondition)
@@ -229,6 +230,8 @@ INSTANTIATE_TEST_SUITE_P(
         LoadCase{"format100WithoutArch", with(without(imageJson(), "arch"), "version", "1.0.0"), false, {}},
         LoadCase{"format110WithoutArch", without(imageJson(), "arch"), true,
                  {Record, "Error in field \"arch is missing.\""}},
+        LoadCase{"dateWithNul", with(imageJson(), "build_date", QString("2021-02-02") + QChar(0) + "T00:00Z"), true,
+                 {Record, "Error in field \"build_date field does not respect datetime ISO format.\""}},
         LoadCase{"formatMissing", without(imageJson(), "version"), true,
                  {"Unsupported os image: version= \"0.0.0\" , expected \"1.1.0\""}},
         LoadCase{"formatTwo", with(imageJson(), "version", "2.0.0"), true,
