@@ -165,6 +165,13 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
                        << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
 
     const int result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
+    if (result != QEMUMachine::Started && !qemuMachine->isQEMURunning()
+        && QFile::exists(qemuMachine->getLockFilePath())) {
+        // The emulator ended early. Its lock file would name a pid the
+        // system may soon give to another device's emulator, making this
+        // device look running and a forced stop kill the wrong process.
+        qemuMachine->removeLockFile();
+    }
     if (result == QEMUMachine::Started) {
         QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
         const QVariant writableShared = QEMULaunch::sharedDriveValue(request.devicePath, true, request.virtioDisks);

@@ -2,6 +2,7 @@
 
 #include "MessageCapture.h"
 #include "QEMUMachine.h"
+#include "ScopedEnv.h"
 #include "TestEnvironment.h"
 #include "VMToolsCommon.h"
 
@@ -227,6 +228,19 @@ TEST_F(EmulatorTest, portOffsetSkipsOnlyLiveLocksAndHeldPorts)
     EXPECT_EQ(m_engine->startMachine(machine.get(), ""), 0);
     EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] Failed to determine a port offset");
     EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
+}
+
+// An emulator that refuses its command line ends within the start's wait; the
+// failed start leaves no lock file naming its pid.
+TEST_F(EmulatorTest, anEmulatorThatEndsEarlyLeavesNoLockFile)
+{
+    std::unique_ptr<QEMUMachine> machine = createDevice("Early", "11.0.0");
+    hvtest::ScopedEnv args("HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0;-m=lots");
+    MessageCapture capture;
+    EXPECT_EQ(m_engine->startMachine(machine.get(), ""), 0);
+    EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] QEMU process has stopped too early. Check qemu.log for more details");
+    EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
+    EXPECT_EQ(machine->getStatus(), VMToolsMachine::Off);
 }
 
 } // namespace
