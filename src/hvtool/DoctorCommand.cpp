@@ -178,9 +178,18 @@ int doctor(Context &ctx)
                         kvmOpens ? QStringLiteral("/dev/kvm opens for reading and writing")
                                  : QStringLiteral("/dev/kvm exists but cannot be opened: ") + qt_error_string(errno)};
 
-    if (kvmOpens && init.first == 0)
-        checks << probeKvm(emulator);
-    else
+    if (kvmOpens && init.first == 0) {
+        Check kvmRuns = probeKvm(emulator);
+        // A /dev/kvm without VMX/SVM in the processor is an outer
+        // hypervisor's: the short probe guest runs on it, yet a real guest
+        // can stop in its boot code with a KVM internal error.
+        if (kvmRuns.level == Level::Ok && !engine.isCPUVirtualizationAvailable())
+            kvmRuns = {"kvm-runs-guest", Level::Warn,
+                       "a short KVM guest runs, but without VMX/SVM in the processor this KVM is an outer "
+                       "hypervisor's and may stop real guests with an internal error; if a device does not boot, "
+                       "use TCG through HV_QEMU_START_ARGS"};
+        checks << kvmRuns;
+    } else
         checks << Check{"kvm-runs-guest", Level::Warn, "not probed: KVM or QEMU is not available"};
 
     const QString devices = Settings::get(QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath()).toString();
