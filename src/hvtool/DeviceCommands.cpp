@@ -11,10 +11,13 @@
 #include "Paths.h"
 #include "QEMUEngine.h"
 #include "QEMUMachine.h"
+#include "VMToolsCommon.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -279,9 +282,23 @@ QString startDiagnosis(int result)
         return QStringLiteral("a port the device needs is used by another program");
     case 9:
         return QStringLiteral("the memory size is not supported by QEMU on this host");
+    case 10:
+        return QStringLiteral("QEMU did not become ready within %1 s and was stopped")
+            .arg(QEMUMachine::readyTimeoutMs() / 1000.0);
     default:
         return QStringLiteral("QEMU failed to start or exited early");
     }
+}
+
+/// Points at the emulator's error output, when this start wrote one: a start
+/// refused before the launch (a lock it waited for, a missing disk) leaves
+/// none, or only an older run's.
+QString logHint(const QEMUMachine &machine, const QDateTime &startedAt)
+{
+    const QFileInfo log(machine.getLogFilePath());
+    if (!log.exists() || log.lastModified() < startedAt)
+        return QString();
+    return QStringLiteral("; see '%1'").arg(log.absoluteFilePath());
 }
 
 /// The connect message an ADB client opens a session with; a guest's adbd
@@ -307,12 +324,13 @@ QByteArray adbConnectMessage()
 /// open while the guest is still booting, so a connection that merely stays
 /// open proves nothing; the probe speaks first, the way an ADB client does,
 /// so a guest's adbd answers too.
-bool waitForGuest(quint16 port, int seconds, QByteArray *banner)
+bool waitForGuest(const QEMUMachine &machine, quint16 port, int seconds, QByteArray *banner)
 {
     QElapsedTimer timer;
     timer.start();
     const qint64 limit = qint64(seconds) * 1000;
-    while (timer.elapsed() < limit) {
+    // An emulator that ended will never answer: stop waiting at once.
+    while (timer.elapsed() < limit && machine.isQEMURunning()) {
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), port);
         if (socket.waitForConnected(1000)) {
@@ -351,20 +369,28 @@ int start(Context &ctx)
     machine->setLatestSnapshotExists(snapshotNames(e, *machine).contains(kLatest));
     QElapsedTimer timer;
     timer.start();
+    const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
     const int result = e->startFromLatestSnapshot(machine.get(), &quickBoot);
-    if (result != 1) {
-        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2; see '%3'")
-                                    .arg(name, startDiagnosis(result), machine->getPath() + "/qemu.log"));
-    }
+    if (result != 1)
+        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
+                                    .arg(name, startDiagnosis(result), logHint(*machine, startedAt)));
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
 
     QByteArray banner;
-    if (waitSeconds > 0 && !waitForGuest(quint16(machine->getAdbPort()), waitSeconds, &banner))
+    if (waitSeconds > 0 && !waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner)) {
+        if (!machine->isQEMURunning()) {
+            // The lock file names an emulator that is gone.
+            machine->removeLockFile();
+            return ctx.fail(Failed, QStringLiteral("device '%1' started but its emulator ended before the guest "
+                                                   "answered%2")
+                                        .arg(name, logHint(*machine, startedAt)));
+        }
         return ctx.fail(Failed, QStringLiteral("device '%1' started but its guest did not answer on port %2 within %3 s")
                                     .arg(name)
                                     .arg(machine->getAdbPort())
                                     .arg(waitSeconds));
+    }
     const qint64 readyMs = timer.elapsed();
 
     const QString how = quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold");
@@ -390,14 +416,9 @@ int start(Context &ctx)
 /// Waits for the emulator to exit and clears its lock file.
 bool waitForExit(QEMUMachine &machine, int seconds)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (machine.isQEMURunning()) {
-        if (timer.elapsed() > qint64(seconds) * 1000)
-            return false;
-        QThread::msleep(100);
-    }
-    if (QFile::exists(machine.getPath() + QStringLiteral("/qemu.lock")))
+    if (!VMToolsCommon::waitForFinished(machine.loadQEMUPid(), seconds * 1000, machine.loadQEMUStartTime()))
+        return false;
+    if (QFile::exists(machine.getLockFilePath()))
         machine.removeLockFile();
     return true;
 }

@@ -11,6 +11,7 @@
 #include <QJsonValue>
 #include <QNetworkProxy>
 #include <QTcpSocket>
+#include <QThread>
 #include <QTimer>
 
 namespace {
@@ -22,6 +23,10 @@ constexpr int GreetingTimeoutMs = 2000;
 constexpr int CapabilitiesTimeoutMs = 1000;
 constexpr int QuitTimeoutMs = 1000;
 constexpr int UnplugTimeoutMs = 1000;
+// A start's readiness probe waits in short slices, so that it notices an
+// emulator that ended within a few milliseconds.
+constexpr int ProbeSliceMs = 50;
+constexpr int ProbeRetryMs = 5;
 // Saving writes the whole guest memory into the system disk.
 constexpr int SaveSnapshotTimeoutMs = 10000;
 
@@ -81,6 +86,8 @@ QEMUClient::~QEMUClient() = default;
 
 void QEMUClient::onSocketError()
 {
+    if (m_quiet)
+        return;
     qWarning() << Tag << "QEMUClient: unexpected error" << m_socket->errorString();
 }
 
@@ -88,6 +95,34 @@ void QEMUClient::drainSocket()
 {
     while (m_socket->bytesAvailable() > 0)
         m_framer->append(m_socket->read(SocketReadChunk));
+}
+
+bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
+{
+    *greeted = false;
+    QByteArray greeting;
+    drainSocket();
+    QmpLineFramer::Status status = m_framer->takeLine(&greeting);
+    if (status == QmpLineFramer::Status::Incomplete) {
+        if (!m_socket->waitForReadyRead(timeoutMs))
+            return true;
+        drainSocket();
+        status = m_framer->takeLine(&greeting);
+        if (status == QmpLineFramer::Status::Incomplete)
+            return true;
+    }
+    if (status == QmpLineFramer::Status::Overlong) {
+        qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
+        return false;
+    }
+    QJsonObject message;
+    QString error;
+    if (!QmpProtocol::parseMessage(greeting, &message, &error) || !QmpProtocol::isGreeting(message)) {
+        qCritical() << Tag << "QEMUClient: bad message during initialization";
+        return false;
+    }
+    *greeted = true;
+    return true;
 }
 
 bool QEMUClient::init()
@@ -102,12 +137,11 @@ bool QEMUClient::init()
     // The greeting may come in several pieces; all of them must be there
     // within the one time-out.
     const QDeadlineTimer deadline(GreetingTimeoutMs);
-    QByteArray greeting;
-    QmpLineFramer::Status status = QmpLineFramer::Status::Incomplete;
+    bool greeted = false;
     for (;;) {
-        drainSocket();
-        status = m_framer->takeLine(&greeting);
-        if (status != QmpLineFramer::Status::Incomplete)
+        if (!readGreeting(0, &greeted))
+            return false;
+        if (greeted)
             break;
         // A local event loop rather than a blocking wait, so that the
         // caller's thread keeps serving its other events meanwhile.
@@ -119,17 +153,6 @@ bool QEMUClient::init()
             return false;
         }
     }
-    if (status == QmpLineFramer::Status::Overlong) {
-        qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
-        return false;
-    }
-
-    QJsonObject message;
-    QString error;
-    if (!QmpProtocol::parseMessage(greeting, &message, &error) || !QmpProtocol::isGreeting(message)) {
-        qCritical() << Tag << "QEMUClient: bad message during initialization";
-        return false;
-    }
 
     qDebug() << Tag << "QEMUClient: enabling QMP capabilities";
     if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
@@ -140,23 +163,23 @@ bool QEMUClient::init()
     return true;
 }
 
-bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &expected, int timeoutMs,
-                      ResponsePolicy policy)
+bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, ResponsePolicy policy,
+                         QJsonObject *reply, bool *silent)
 {
+    *silent = false;
     if (m_socket->state() != QAbstractSocket::ConnectedState) {
         qCritical() << Tag << "QEMUClient: not connected";
         return false;
     }
 
-    const QByteArray request = QmpProtocol::encodeCommand(command);
-    qDebug() << Tag << "QEMUClient: request" << request;
-    if (m_socket->write(request) == -1) {
+    const QByteArray bytes = QmpProtocol::encodeCommand(command);
+    qDebug() << Tag << "QEMUClient: request" << bytes;
+    if (m_socket->write(bytes) == -1) {
         qCritical() << Tag << "QEMUClient: failed to write message to QMP socket";
         return false;
     }
     m_socket->flush();
 
-    QJsonObject reply;
     for (;;) {
         QByteArray line;
         const QmpLineFramer::Status status = m_framer->takeLine(&line);
@@ -164,10 +187,11 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
             if (!m_socket->waitForReadyRead(timeoutMs)) {
                 if (policy == ResponseOptional) {
                     qDebug() << Tag << "QEMUClient: did not received response from QMP but it's expected.";
+                    *silent = true;
                     return true;
                 }
-                // Nothing usable came: the empty reply fails below.
-                break;
+                // Nothing usable came: the empty reply fails in the caller.
+                return true;
             }
             drainSocket();
             continue;
@@ -186,9 +210,20 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
         }
         if (QmpProtocol::isEvent(message))
             continue;
-        reply = message;
-        break;
+        *reply = message;
+        return true;
     }
+}
+
+bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &expected, int timeoutMs,
+                      ResponsePolicy policy)
+{
+    QJsonObject reply;
+    bool silent = false;
+    if (!request(command, timeoutMs, policy, &reply, &silent))
+        return false;
+    if (silent)
+        return true;
 
     if (!reply.contains(QLatin1String("return"))) {
         qDebug() << Tag << "QEMUClient: error returned from QMP" << reply.value(QLatin1String("error"));
@@ -203,6 +238,68 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
         }
     }
     return true;
+}
+
+QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &alive, int timeoutMs)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    // A refused or dropped connection is the normal state of an emulator
+    // that has not opened its monitor yet.
+    m_quiet = true;
+    bool greeted = false;
+    bool capable = false;
+    Readiness outcome = Readiness::TimedOut;
+    for (;;) {
+        if (!alive()) {
+            outcome = Readiness::ProcessEnded;
+            break;
+        }
+        if (deadline.hasExpired())
+            break;
+        if (m_socket->state() != QAbstractSocket::ConnectedState) {
+            m_socket->abort();
+            m_framer.reset(new QmpLineFramer);
+            greeted = capable = false;
+            m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
+            if (!m_socket->waitForConnected(ProbeSliceMs)) {
+                m_socket->abort();
+                QThread::msleep(ProbeRetryMs);
+            }
+            continue;
+        }
+        if (!greeted) {
+            // The emulator accepts connections before it serves them (while
+            // it loads a snapshot, say): wait in slices, asking alive between.
+            if (!readGreeting(ProbeSliceMs, &greeted)) {
+                outcome = Readiness::NotQmp;
+                break;
+            }
+            continue;
+        }
+        if (!capable) {
+            if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
+                      ResponseRequired)) {
+                m_socket->abort();
+                continue;
+            }
+            capable = true;
+        }
+        QJsonObject reply;
+        bool silent = false;
+        if (!request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                     &silent)) {
+            m_socket->abort();
+            continue;
+        }
+        const QJsonObject status = reply.value(QLatin1String("return")).toObject();
+        if (status.value(QLatin1String("running")).toBool()) {
+            outcome = Readiness::Running;
+            break;
+        }
+        QThread::msleep(ProbeRetryMs);
+    }
+    m_quiet = false;
+    return outcome;
 }
 
 bool QEMUClient::execQuit()

@@ -5,8 +5,10 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 
+class QJsonObject;
 class QTcpSocket;
 class QmpLineFramer;
 
@@ -25,6 +27,14 @@ public:
     };
     Q_ENUM(ResponsePolicy)
 
+    /// What waitUntilRunning() saw.
+    enum class Readiness {
+        Running,      ///< QMP answers and the virtual machine runs
+        ProcessEnded, ///< the emulator ended before that
+        TimedOut,     ///< neither within the time given
+        NotQmp,       ///< something answered that does not speak QMP
+    };
+
     explicit QEMUClient(unsigned short port, QObject *parent = nullptr);
     ~QEMUClient() override;
 
@@ -39,6 +49,14 @@ public:
     bool exec(const QMap<QString, QVariant> &command, const QVariant &expected, int timeoutMs,
               ResponsePolicy policy);
 
+    /// Waits until the freshly started emulator answers "query-status" with a
+    /// running virtual machine (after loading its snapshot, when it was given
+    /// one): connects, retrying while the emulator does not listen yet, then
+    /// asks until it runs. alive is asked between tries, so an emulator that
+    /// ends is noticed within a few milliseconds. Connection errors on the
+    /// way are expected and not logged.
+    Readiness waitUntilRunning(const std::function<bool()> &alive, int timeoutMs);
+
     /// Connects and asks the emulator to quit; a connection closed without
     /// an answer counts as success.
     bool execQuit();
@@ -52,8 +70,15 @@ private:
     /// Moves what the socket received into the framer.
     void drainSocket();
     void onSocketError();
+    /// Sends command and reads its answer into reply, skipping events.
+    /// False, logged, when nothing usable came back.
+    bool request(const QMap<QString, QVariant> &command, int timeoutMs, ResponsePolicy policy,
+                 QJsonObject *reply, bool *silent);
+    /// Reads and checks the greeting; greeted tells whether it was complete.
+    bool readGreeting(int timeoutMs, bool *greeted);
 
     unsigned short m_port;
     QTcpSocket *m_socket;
     std::unique_ptr<QmpLineFramer> m_framer;
+    bool m_quiet = false;
 };

@@ -11,7 +11,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
+#include <QSaveFile>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -20,6 +25,68 @@ namespace {
 QString versionOverride(const char *name)
 {
     return EnvVars::getString(name);
+}
+
+// Asking the emulator for its version costs tens of milliseconds on every
+// start-up of every program, so the answer is kept per binary. The binary is
+// known by what changes when it is replaced or upgraded: its size, its
+// modification time and its inode (an upgrade that renames a new file over
+// the old one keeps size and time at worst, never the inode).
+const char kVersionCacheFile[] = "qemu-version.json";
+const qint64 kMaxVersionCacheSize = 64 * 1024;
+
+QJsonObject binaryIdentity(const QString &path)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(path).constData(), &st) != 0)
+        return QJsonObject();
+    const qint64 mtimeNs = qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    return QJsonObject{{QStringLiteral("size"), QString::number(qint64(st.st_size))},
+                       {QStringLiteral("mtime_ns"), QString::number(mtimeNs)},
+                       {QStringLiteral("device"), QString::number(quint64(st.st_dev))},
+                       {QStringLiteral("inode"), QString::number(quint64(st.st_ino))}};
+}
+
+QString versionCachePath()
+{
+    return Paths::getHalvistromCachePath() + QLatin1String(kVersionCacheFile);
+}
+
+QJsonObject readVersionCache()
+{
+    QFile file(versionCachePath());
+    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaxVersionCacheSize)
+        return QJsonObject();
+    return QJsonDocument::fromJson(file.readAll()).object();
+}
+
+QString cachedVersion(const QString &binary, const QJsonObject &identity)
+{
+    if (identity.isEmpty())
+        return QString();
+    const QJsonObject entry = readVersionCache().value(binary).toObject();
+    if (entry.value(QStringLiteral("identity")).toObject() != identity)
+        return QString();
+    return entry.value(QStringLiteral("version")).toString();
+}
+
+// A cache that cannot be written only costs the next start-up a question.
+void storeVersion(const QString &binary, const QJsonObject &identity, const QString &version)
+{
+    if (identity.isEmpty() || version.isEmpty())
+        return;
+    QJsonObject cache = readVersionCache();
+    cache.insert(binary, QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
+    QDir().mkpath(Paths::getHalvistromCachePath());
+    QSaveFile file(versionCachePath());
+    if (!file.open(QIODevice::WriteOnly)) {
+        qDebug() << "[VMTools]" << "Cannot cache the QEMU version in" << file.fileName() << file.errorString();
+        return;
+    }
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    const QByteArray bytes = QJsonDocument(cache).toJson(QJsonDocument::Compact);
+    if (file.write(bytes) != bytes.size() || !file.commit())
+        qDebug() << "[VMTools]" << "Cannot cache the QEMU version in" << file.fileName() << file.errorString();
 }
 
 } // namespace
@@ -179,6 +246,13 @@ void QEMUEngine::checkAcceleration()
 
 void QEMUEngine::initVersionString()
 {
+    const QJsonObject identity = binaryIdentity(m_qemuSystemBinaryPath);
+    const QString cached = cachedVersion(m_qemuSystemBinaryPath, identity);
+    if (!cached.isEmpty()) {
+        m_versionString = cached;
+        qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+        return;
+    }
     const VMToolsCommon::CallResult result =
         VMToolsCommon::call(m_qemuSystemBinaryPath, {QStringLiteral("--version")});
     // A program that did not run to its end (missing, hung) printed no version.
@@ -188,6 +262,7 @@ void QEMUEngine::initVersionString()
     }
     m_versionString = parseVersion(result.output);
     qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+    storeVersion(m_qemuSystemBinaryPath, identity, m_versionString);
 }
 
 QString QEMUEngine::getQemuSystemBinaryPath() const

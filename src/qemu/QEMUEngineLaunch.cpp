@@ -11,14 +11,12 @@
 
 #include <QDebug>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QLockFile>
 #include <QNetworkProxy>
 #include <QSet>
 #include <QSettings>
 #include <QTcpServer>
-#include <QThread>
 
 #include <memory>
 
@@ -27,26 +25,13 @@ namespace {
 // The lock file key that tells whether the running emulator has the writable
 // shared-folder drive (a cold boot has it, a snapshot start does not).
 const QString kWritableSharedKey = QStringLiteral("writable_shared_drive");
-// How long a graceful stop waits for the emulator to end, and how often it
-// looks: an emulator usually ends within a tenth of a second of answering
-// "quit", and the stop is done the moment it has.
+// How long a graceful stop waits for the emulator to end: it usually ends
+// within a tenth of a second of answering "quit", and the stop is done the
+// moment it has.
 constexpr int kQuitTimeoutMs = 15000;
-constexpr int kQuitPollMs = 5;
-// How long a start waits for another program's start to record its offset.
+// How long a start waits for other starts to choose their offsets. Each holds
+// the lock only until its emulator is ready, a fraction of a second.
 constexpr int kPortOffsetLockTimeoutMs = 60000;
-
-/// Waits until the process has ended, or the time is up.
-bool waitForEnd(qint64 pid, int timeoutMs)
-{
-    QElapsedTimer elapsed;
-    elapsed.start();
-    while (VMToolsCommon::isRunning(pid)) {
-        if (elapsed.elapsed() >= timeoutMs)
-            return false;
-        QThread::msleep(kQuitPollMs);
-    }
-    return true;
-}
 
 bool arePortsFree(int offset)
 {
@@ -77,12 +62,12 @@ QString QEMUEngine::getPortOffsetLockPath() const
 
 int QEMUEngine::computePortOffset() const
 {
-    // Only a live process holds its offset: a lock file left behind by an
-    // emulator that ended on its own must not keep the offset forever.
+    // Only the recorded emulator holds its offset: a lock file left behind
+    // by an emulator that ended (or lingers as a zombie, or whose pid now
+    // names another process) must not keep the offset from its own device.
     QSet<int> taken;
     for (QEMUMachine *machine : loadMachines(std::function<bool()>())) {
-        const long long pid = machine->loadQEMUPid();
-        if (pid != 0 && VMToolsCommon::isRunning(pid))
+        if (machine->isQEMURunning())
             taken.insert(machine->getPortOffset());
         delete machine;
     }
@@ -148,7 +133,14 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     // than any fixed age while its emulator starts.
     portLock.setStaleLockTime(0);
     if (!portLock.tryLock(kPortOffsetLockTimeoutMs)) {
-        qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
+        if (portLock.error() == QLockFile::LockFailedError)
+            qCritical().noquote() << "[VMTools]"
+                                  << QStringLiteral("Gave up after %1 s waiting for other starts to choose their "
+                                                    "port offsets (lock '%2')")
+                                         .arg(kPortOffsetLockTimeoutMs / 1000)
+                                         .arg(getPortOffsetLockPath());
+        else
+            qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
         return QEMUMachine::StartFailed;
     }
     const int offset = computePortOffset();
@@ -191,9 +183,8 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
     if (client.execQuit()) {
         // The emulator writes its disks back before it ends, which can take
         // longer than the machine's own one-second wait on a busy host.
-        const qint64 pid = qemuMachine->loadQEMUPid();
-        if (!waitForEnd(pid, kQuitTimeoutMs))
-            qWarning() << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;
+        VMToolsCommon::waitForFinished(qemuMachine->loadQEMUPid(), kQuitTimeoutMs,
+                                       qemuMachine->loadQEMUStartTime());
         qemuMachine->waitForFinished();
         return true;
     }

@@ -11,10 +11,13 @@ namespace {
 
 // QEMU's own wording. The search is case-sensitive: these are the exact
 // phrases QEMU prints, and a looser match would mistake a guest's console
-// text for a host failure.
+// text for a host failure. The port phrases alone are matched in any case:
+// QEMU starts its sentences with a capital ("Failed to find an available
+// port" for a listening port, "Could not set up host forwarding rule" for a
+// forwarded one).
 const char kResourceBusy[] = "device or resource busy";
 const char kWriteLock[] = "failed to get \"write\" lock";
-const char kPortTaken[] = "failed to find an available port";
+const char *const kPortPhrases[] = {"failed to find an available port", "could not set up host forwarding rule"};
 const char kAddressingLimited[] = "addressing limited";
 const char kFallingBack[] = "falling back";
 const char *const kAcceleratorPhrases[] = {"no accelerator found", "invalid accelerator"};
@@ -49,9 +52,11 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
         qCritical() << "[VMTools]" << "Another process is using a system file";
         return Code::SystemFileLocked;
     }
-    if (text.contains(QLatin1String(kPortTaken))) {
-        qCritical() << "[VMTools]" << "Another process is using the same port";
-        return Code::PortTaken;
+    for (const char *phrase : kPortPhrases) {
+        if (text.contains(QLatin1String(phrase), Qt::CaseInsensitive)) {
+            qCritical() << "[VMTools]" << "Another process is using the same port";
+            return Code::PortTaken;
+        }
     }
     if (text.contains(QLatin1String(kAddressingLimited)) || TriggerError::memoryNotSupportedError())
         return Code::MemoryNotSupported;

@@ -1,7 +1,9 @@
 #include "QEMUMachine.h"
 
+#include "QEMUClient.h"
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
+#include "EnvVars.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
 
@@ -11,7 +13,6 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QSettings>
-#include <QThread>
 #include <QUuid>
 
 #include <cerrno>
@@ -24,6 +25,7 @@ namespace {
 const char kLockFileName[] = "qemu.lock";
 const char kLogFileName[] = "qemu.log";
 const char kPidKey[] = "pid";
+const char kStartTimeKey[] = "start_time";
 const char kOffsetKey[] = "offset";
 const char kUuidKey[] = "uuid";
 const char kVirtualizerKey[] = "virtualizer";
@@ -38,10 +40,10 @@ const int kAdbHostShift = 1000;
 // and is not worth parsing.
 const qint64 kMaxLockFileSize = 4096;
 
-// The emulator gets this long to fail on its own before its error output is
-// read: QEMU reports a taken port, a locked disk or a bad accelerator within
-// the first moments.
-const unsigned long kStartGraceSeconds = 2;
+// How long a start waits for the emulator to answer on its monitor with a
+// running machine. Loading a large saved state takes seconds; an emulator
+// that has neither ended nor answered after this is stuck.
+const int kReadyTimeoutMs = 30000;
 
 quint16 shifted(int base, int offset)
 {
@@ -360,6 +362,9 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid) const
     QSettings lock(m_lockFilePath, QSettings::IniFormat);
     lock.clear();
     lock.setValue(QLatin1String(kPidKey), pid);
+    // The pid alone may later name another process: the system hands out
+    // ids again. Its start time tells the emulator from a newcomer.
+    lock.setValue(QLatin1String(kStartTimeKey), VMToolsCommon::processStartTime(pid));
     lock.setValue(QLatin1String(kOffsetKey), offset);
     lock.sync();
     if (lock.status() != QSettings::NoError) {
@@ -388,6 +393,25 @@ long long QEMUMachine::loadQEMUPid() const
     return pid;
 }
 
+long long QEMUMachine::loadQEMUStartTime() const
+{
+    if (!isReadableLockFile(m_lockFilePath))
+        return 0;
+    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
+    bool ok = false;
+    const long long startTime = lock.value(QLatin1String(kStartTimeKey)).toLongLong(&ok);
+    return ok && startTime > 0 ? startTime : 0;
+}
+
+bool QEMUMachine::isRecordedEmulator(long long pid) const
+{
+    if (!VMToolsCommon::isSameProcess(pid, loadQEMUStartTime())) {
+        qDebug() << "[VMTools]" << "See no QEMU process with PID" << pid;
+        return false;
+    }
+    return isEmulatorProcess(pid);
+}
+
 bool QEMUMachine::isEmulatorProcess(long long pid)
 {
     // The live process's name is the prefix tested against the binary name,
@@ -400,13 +424,7 @@ bool QEMUMachine::isEmulatorProcess(long long pid)
 bool QEMUMachine::isQEMURunning() const
 {
     const long long pid = loadQEMUPid();
-    if (pid == 0)
-        return false;
-    if (!VMToolsCommon::isRunning(pid)) {
-        qDebug() << "[VMTools]" << "See no QEMU process with PID" << pid;
-        return false;
-    }
-    return isEmulatorProcess(pid);
+    return pid != 0 && isRecordedEmulator(pid);
 }
 
 int QEMUMachine::start(const QString &program, const QStringList &arguments, unsigned short offset)
@@ -447,8 +465,26 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return StartFailed;
     }
 
-    QThread::sleep(kStartGraceSeconds);
+    const qint64 startTime = VMToolsCommon::processStartTime(pid);
+    QEMUClient probe(shifted(kQmpBasePort, offset));
+    const QEMUClient::Readiness readiness = probe.waitUntilRunning(
+        [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
+    if (readiness == QEMUClient::Readiness::Running) {
+        m_portOffset = offset;
+        startTimer();
+        return Started;
+    }
+    if (readiness != QEMUClient::Readiness::ProcessEnded) {
+        qCritical().noquote() << "[VMTools]"
+                              << QStringLiteral("QEMU did not become ready within %1 s; stopping it")
+                                     .arg(readyTimeoutMs() / 1000.0);
+        VMToolsCommon::destroyProcess(pid);
+        VMToolsCommon::waitForFinished(pid, 5000, startTime);
+        removeLockFile();
+        return NotReady;
+    }
 
+    // The emulator ended on its own: its error output says why.
     if (QEMUErrorDiagnosis::isResourceBusy(log))
         return ResourceBusy;
     if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
@@ -457,14 +493,13 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return PortUsed;
     if (!QEMUErrorDiagnosis::isMemorySupported(log))
         return MemoryNotSupported;
+    qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
+    return StartFailed;
+}
 
-    if (!isQEMURunning()) {
-        qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
-        return StartFailed;
-    }
-    m_portOffset = offset;
-    startTimer();
-    return Started;
+int QEMUMachine::readyTimeoutMs()
+{
+    return EnvVars::getInt("HV_QEMU_READY_TIMEOUT_MS", kReadyTimeoutMs);
 }
 
 bool QEMUMachine::forceStop()
@@ -475,7 +510,7 @@ bool QEMUMachine::forceStop()
         m_portOffset = -1;
         return false;
     }
-    if (VMToolsCommon::isRunning(pid) && isEmulatorProcess(pid)) {
+    if (isRecordedEmulator(pid)) {
         if (!VMToolsCommon::destroyProcess(pid))
             return false;
         return removeLockFile();
@@ -492,7 +527,7 @@ bool QEMUMachine::waitForFinished()
         qDebug() << "[VMTools]" << "Failed to load QEMU pid";
         return false;
     }
-    if (!VMToolsCommon::waitForFinished(pid, 1000))
+    if (!VMToolsCommon::waitForFinished(pid, 1000, loadQEMUStartTime()))
         return false;
     removeLockFile();
     return true;

@@ -24,6 +24,8 @@ public:
         SystemFileUsed = 6,
         PortUsed = 7,
         MemoryNotSupported = 9,
+        /// The emulator neither ended nor became ready in time; it was stopped.
+        NotReady = 10,
     };
 
     /// The record of an existing device directory; reads the port offset from
@@ -98,13 +100,21 @@ public:
     bool removeLockFile() const;
     /// The recorded pid; 0 when there is none (or it is not a valid pid).
     long long loadQEMUPid() const;
-    /// Whether the recorded pid is a live process of the emulator binary.
+    /// The recorded start time of that pid; 0 when the lock file has none.
+    long long loadQEMUStartTime() const;
+    /// Whether the recorded pid is the emulator the lock file recorded: alive
+    /// (not a zombie), started at the recorded time, of the emulator binary.
     bool isQEMURunning() const;
 
     /// Starts the emulator detached with its error output in qemu.log, records
-    /// it in the lock file, gives it two seconds and checks it still runs.
-    /// Returns a StartResult; Started also when it was already running.
+    /// it in the lock file and waits until its monitor reports a running
+    /// machine (at most "HV_QEMU_READY_TIMEOUT_MS", by default 30 s; an
+    /// emulator still not ready then is stopped). An emulator that ends first
+    /// is diagnosed from its error output. Returns a StartResult; Started also
+    /// when it was already running.
     int start(const QString &program, const QStringList &arguments, unsigned short offset);
+    /// The longest a start waits for the emulator to become ready, in ms.
+    static int readyTimeoutMs();
     /// Kills and reaps the recorded emulator and removes the lock file. A lock
     /// file naming any other process is removed without touching that process
     /// (and the result is false: nothing was stopped).
@@ -117,6 +127,8 @@ private:
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);
+    /// Whether pid is the live emulator process the lock file recorded.
+    bool isRecordedEmulator(long long pid) const;
     QString getSdCardPath() const;
 
     QEMUEngine *m_engine;

@@ -178,9 +178,73 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
     return result;
 }
 
+namespace {
+
+// What /proc tells of one process. The state letter is 0 when the process
+// could not be read.
+struct ProcStat {
+    char state = 0;
+    qint64 startTime = 0;
+};
+
+ProcStat readProcStat(qint64 pid)
+{
+    ProcStat stat;
+    QFile file(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!file.open(QIODevice::ReadOnly))
+        return stat;
+    // One short line; the command name in parentheses may itself hold spaces
+    // and parentheses, so the fields are counted from the last ')'.
+    const QByteArray line = file.read(4096);
+    const int close = line.lastIndexOf(')');
+    if (close < 0)
+        return stat;
+    const QList<QByteArray> fields = line.mid(close + 1).simplified().split(' ');
+    // fields[0] is the state (the third field of the line), fields[19] the
+    // start time (the twenty-second).
+    constexpr int kStartTimeField = 19;
+    if (fields.size() <= kStartTimeField || fields[0].size() != 1)
+        return stat;
+    bool ok = false;
+    const qint64 startTime = fields[kStartTimeField].toLongLong(&ok);
+    if (!ok)
+        return stat;
+    stat.state = fields[0].at(0);
+    stat.startTime = startTime;
+    return stat;
+}
+
+bool isEnded(const ProcStat &stat)
+{
+    // Z: a zombie; X: dead, about to vanish.
+    return stat.state == 'Z' || stat.state == 'X';
+}
+
+constexpr int kEndPollMs = 5;
+
+} // namespace
+
 bool isRunning(qint64 pid)
 {
-    return ::kill(static_cast<pid_t>(pid), 0) == 0;
+    return isSameProcess(pid, 0);
+}
+
+qint64 processStartTime(qint64 pid)
+{
+    if (pid <= 0)
+        return 0;
+    return readProcStat(pid).startTime;
+}
+
+bool isSameProcess(qint64 pid, qint64 startTime)
+{
+    if (pid <= 0 || ::kill(static_cast<pid_t>(pid), 0) != 0)
+        return false;
+    // Without /proc (another system) the signal test is all there is.
+    const ProcStat stat = readProcStat(pid);
+    if (isEnded(stat))
+        return false;
+    return startTime == 0 || stat.startTime == 0 || stat.startTime == startTime;
 }
 
 bool destroyProcess(qint64 pid)
@@ -217,15 +281,15 @@ QString processNameByPid(qint64 pid)
     return QFileInfo(target).fileName().remove(QStringLiteral("(deleted)")).trimmed();
 }
 
-bool waitForFinished(qint64 pid, int timeoutMs)
+bool waitForFinished(qint64 pid, int timeoutMs, qint64 startTime)
 {
-    if (!isRunning(pid))
+    if (!isSameProcess(pid, startTime))
         return true;
     QElapsedTimer elapsed;
     elapsed.start();
     while (elapsed.elapsed() < timeoutMs) {
-        QThread::msleep(100);
-        if (!isRunning(pid))
+        QThread::msleep(kEndPollMs);
+        if (!isSameProcess(pid, startTime))
             return true;
     }
     qWarning() << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;

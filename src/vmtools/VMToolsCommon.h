@@ -53,8 +53,20 @@ HALVISTROM_CORE_EXPORT CallResult call(const QString &program, const QStringList
                                        Options options = Options(),
                                        const std::function<bool()> &cancel = std::function<bool()>());
 
-/// Whether a process with this id exists and may be signalled.
+/// Whether a process with this id exists, may be signalled and has not
+/// ended. A zombie (a process that has ended and waits for its parent to
+/// collect it) is not running: its parent may collect it late, or never.
 HALVISTROM_CORE_EXPORT bool isRunning(qint64 pid);
+
+/// When the process started, in clock ticks since the host booted; 0 when
+/// there is no such process or its start cannot be read. Together with the
+/// pid it names one process: a pid the system hands out again gets a
+/// different start time.
+HALVISTROM_CORE_EXPORT qint64 processStartTime(qint64 pid);
+
+/// Whether pid is running (as isRunning()) and is the process that started
+/// at startTime. A startTime of 0 (not recorded) accepts any running process.
+HALVISTROM_CORE_EXPORT bool isSameProcess(qint64 pid, qint64 startTime);
 
 /// Kills the process and reaps it when it is a child of this process. False
 /// when the kill fails or the reaped child was only stopped or continued; a
@@ -65,9 +77,10 @@ HALVISTROM_CORE_EXPORT bool destroyProcess(qint64 pid);
 /// mark of a removed binary; empty when there is no such process.
 HALVISTROM_CORE_EXPORT QString processNameByPid(qint64 pid);
 
-/// Polls every 100 ms until the process is gone: true when it ended within
-/// timeoutMs (or was not running), false with a warning otherwise.
-HALVISTROM_CORE_EXPORT bool waitForFinished(qint64 pid, int timeoutMs);
+/// Polls every 5 ms until the process that started at startTime is gone
+/// (by the rule of isSameProcess()): true when it ended within timeoutMs (or
+/// was not running), false with a warning otherwise.
+HALVISTROM_CORE_EXPORT bool waitForFinished(qint64 pid, int timeoutMs, qint64 startTime = 0);
 
 /// "HV_VBOXMANAGE" as it stands, else VBoxManage from "PATH", else empty.
 HALVISTROM_CORE_EXPORT QString findVBoxManage();

@@ -3,6 +3,7 @@
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "SystemQemu.h"
+#include "TestFiles.h"
 #include "Urls.h"
 
 #include <QCoreApplication>
@@ -13,6 +14,9 @@
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 using hvtest::LogLine;
 using hvtest::MessageCapture;
@@ -117,6 +121,51 @@ TEST(QEMUEngine, initializeNamesTheMissingProgram)
         }
         EXPECT_EQ(engine.versionString().isEmpty(), !row.withEmulator);
     }
+}
+
+// The emulator is asked for its version once per binary; a binary replaced
+// (even by a file of the same size and time) or rewritten is asked again.
+TEST(QEMUEngine, versionIsAskedOncePerBinary)
+{
+    QTemporaryDir dir;
+    const QString emulator = dir.filePath("qemu-system-x86_64");
+    const auto writeEmulator = [&](const QString &path, const char *version) {
+        ASSERT_TRUE(hvtest::writeFile(path, QByteArray("#!/bin/sh\necho 'QEMU emulator version ") + version + "'\n"));
+        ASSERT_TRUE(QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    };
+    writeEmulator(emulator, "7.1.0");
+    ASSERT_TRUE(QFile::link(QStandardPaths::findExecutable("qemu-img"), dir.filePath("qemu-img")));
+    hvtest::ScopedEnv binDir("HV_QEMU_BIN_DIR", QFile::encodeName(dir.path()));
+    const auto initialize = [](bool *asked) {
+        MessageCapture cap;
+        QEMUEngine engine;
+        engine.initialize(VMToolsEngine::NoAccelerationCheck);
+        *asked = cap.has(QtDebugMsg, "[VMTools] Call: (\"--version\")");
+        return engine.versionString();
+    };
+    bool asked = false;
+    EXPECT_EQ(initialize(&asked), "7.1.0");
+    EXPECT_TRUE(asked);
+    EXPECT_EQ(initialize(&asked), "7.1.0");
+    EXPECT_FALSE(asked);
+
+    // A new file renamed over the old one, with the old one's time.
+    struct stat old;
+    ASSERT_EQ(::stat(QFile::encodeName(emulator).constData(), &old), 0);
+    const QString replacement = dir.filePath("new");
+    writeEmulator(replacement, "8.1.0");
+    const struct timespec times[2] = {old.st_atim, old.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(replacement).constData(), times, 0), 0);
+    ASSERT_EQ(::rename(QFile::encodeName(replacement).constData(), QFile::encodeName(emulator).constData()), 0);
+    EXPECT_EQ(initialize(&asked), "8.1.0");
+    EXPECT_TRUE(asked);
+
+    // Rewritten in place: same inode, a new time.
+    ASSERT_TRUE(hvtest::writeFile(emulator, "#!/bin/sh\necho 'QEMU emulator version 9.1.0'\n"));
+    const struct timespec later[2] = {{old.st_atim.tv_sec + 5, 0}, {old.st_mtim.tv_sec + 5, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(emulator).constData(), later, 0), 0);
+    EXPECT_EQ(initialize(&asked), "9.1.0");
+    EXPECT_TRUE(asked);
 }
 
 // Without overrides (this entry runs without the variables): the built-in

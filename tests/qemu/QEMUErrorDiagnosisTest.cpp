@@ -51,8 +51,17 @@ const DiagnosisRow kRows[] = {
      "[VMTools] QEMU error found in logs \"invalid accelerator kvm\""},
     {"fallback", "invalid accelerator kvm, falling back to tcg", Code::None, QtInfoMsg,
      "[VMTools] QEMU succeed to switch on another accelerator \"invalid accelerator kvm, falling back to tcg\""},
-    {"caseSensitive", "No accelerator found\nDevice or resource busy\nFailed to find an available port", Code::None,
-     QtDebugMsg, {}},
+    {"caseSensitive", "No accelerator found\nDevice or resource busy", Code::None, QtDebugMsg, {}},
+    // What QEMU 7.2 really prints when a listening port or a forwarded port
+    // is taken.
+    {"portTakenAsQemuSaysIt",
+     "qemu-system-x86_64: -qmp tcp:localhost:23555,server,nowait: Failed to find an available port: Address already "
+     "in use\n",
+     Code::PortTaken, QtCriticalMsg, kPort},
+    {"forwardTakenAsQemuSaysIt",
+     "qemu-system-x86_64: -nic user,hostfwd=tcp:127.0.0.1:6555-:5555: Could not set up host forwarding rule "
+     "'tcp:127.0.0.1:6555-:5555'\n",
+     Code::PortTaken, QtCriticalMsg, kPort},
     {"empty", "", Code::None, QtDebugMsg, {}},
     {"afterNul", QByteArray("harmless\0device or resource busy", 32), Code::None, QtDebugMsg, {}},
     {"beforeNul", QByteArray("failed to find an available port\0junk", 37), Code::PortTaken, QtCriticalMsg, kPort},

@@ -142,8 +142,8 @@ TEST_F(QEMUMachineEmulator, startsRecordsAndStops)
     EXPECT_FALSE(machine.isQEMURunning());
 }
 
-// Starts that fail: a port taken (the emulator exits early and its log says
-// why), a missing program, no acceleration.
+// Starts that fail: a port taken (the emulator exits early and its log,
+// in QEMU's own words, says why), a missing program, no acceleration.
 TEST_F(QEMUMachineEmulator, failedStartsLeaveNothingRunning)
 {
     {
@@ -167,8 +167,8 @@ TEST_F(QEMUMachineEmulator, failedStartsLeaveNothingRunning)
         ASSERT_TRUE(holder.listen(QHostAddress::Any, quint16(port.first + m_offset)));
         QEMUMachine machine(&m_engine, m_dir);
         MessageCapture cap;
-        EXPECT_EQ(start(machine), QEMUMachine::StartFailed);
-        EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] QEMU process has stopped too early. Check qemu.log for more details"));
+        EXPECT_EQ(start(machine), QEMUMachine::PortUsed);
+        EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Another process is using the same port"));
         EXPECT_TRUE(emulatorsUsing(m_dir).isEmpty());
         EXPECT_FALSE(machine.isQEMURunning());
         QFile log(m_dir + "/qemu.log");
