@@ -2,6 +2,7 @@
 #include "QEMUEngine.h"
 
 #include "EnvVars.h"
+#include "LockFiles.h"
 #include "QEMUClient.h"
 #include "QEMULaunch_p.h"
 #include "QEMUMachine.h"
@@ -132,7 +133,7 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     // The holder's pid tells a dead holder; a live one may hold it longer
     // than any fixed age while its emulator starts.
     portLock.setStaleLockTime(0);
-    if (!portLock.tryLock(kPortOffsetLockTimeoutMs)) {
+    if (!LockFiles::acquire(portLock, getPortOffsetLockPath(), kPortOffsetLockTimeoutMs)) {
         if (portLock.error() == QLockFile::LockFailedError)
             qCritical().noquote() << "[VMTools]"
                                   << QStringLiteral("Gave up after %1 s waiting for other starts to choose their "

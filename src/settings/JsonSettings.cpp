@@ -2,17 +2,15 @@
 
 #include "FileUtils.h"
 #include "JsonReader.h"
+#include "LockFiles.h"
 
-#include <QDeadlineTimer>
 #include <QDebug>
 #include <QFile>
-#include <QDateTime>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonValue>
 #include <QLockFile>
 #include <QSaveFile>
-#include <QThread>
 
 namespace {
 
@@ -242,7 +240,7 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
     const QString lockPath = m_filePath + QStringLiteral(".lock");
     QLockFile lock(lockPath);
     lock.setStaleLockTime(m_staleLockMs);
-    if (!acquire(lock)) {
+    if (!LockFiles::acquire(lock, lockPath, m_lockWaitMs)) {
         if (lock.error() != QLockFile::LockFailedError)
             qCritical() << "Failed to create lock file" << lockPath << "to change" << what << "in" << m_filePath;
         else if (what.isEmpty())
@@ -267,34 +265,6 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
             qWarning() << "Failed to keep the unreadable settings file" << m_filePath << "as" << backup;
     }
     return writeRoot(root);
-}
-
-bool JsonSettings::acquire(QLockFile &lock) const
-{
-    // QLockFile's own wait backs off to seconds between attempts; a change
-    // holds the lock for milliseconds, so poll at a short, growing interval.
-    const QDeadlineTimer deadline(m_lockWaitMs);
-    int pauseMs = 1;
-    while (!lock.tryLock(0)) {
-        if (lock.error() != QLockFile::LockFailedError || deadline.hasExpired())
-            return false;
-        // A writer killed between creating the lock file and writing its pid
-        // into it leaves a file that names no one; QLockFile would wait out
-        // the whole stale time for it. A live writer fills it within
-        // milliseconds, so one that stays empty for a second is abandoned.
-        qint64 pid = 0;
-        QString host;
-        QString application;
-        const QFileInfo lockInfo(m_filePath + QStringLiteral(".lock"));
-        if (!lock.getLockInfo(&pid, &host, &application) && lockInfo.exists()
-            && lockInfo.lastModified().msecsTo(QDateTime::currentDateTime()) > 1000) {
-            lock.removeStaleLockFile();
-            continue;
-        }
-        QThread::msleep(static_cast<unsigned long>(qMin<qint64>(pauseMs, qMax<qint64>(deadline.remainingTime(), 1))));
-        pauseMs = qMin(pauseMs * 2, 32);
-    }
-    return true;
 }
 
 bool JsonSettings::writeRoot(const QJsonObject &root) const

@@ -12,7 +12,6 @@
 
 #include <functional>
 
-class QLockFile;
 
 /// One settings store backed by one JSON file whose root is an object. Keys
 /// are either plain member names (dots are part of the name) or paths of
@@ -92,7 +91,6 @@ private:
     /// Runs change on the current root under the lock and writes the result
     /// when change accepts it. what names the key in the log lines.
     bool modify(const QString &what, const std::function<bool(QJsonObject &)> &change);
-    bool acquire(QLockFile &lock) const;
     bool writeRoot(const QJsonObject &root) const;
 
     QString m_filePath;

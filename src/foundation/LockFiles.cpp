@@ -1,0 +1,44 @@
+#include "LockFiles.h"
+
+#include <QDateTime>
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QLockFile>
+#include <QThread>
+
+namespace LockFiles {
+
+namespace {
+
+// A live holder names itself within milliseconds of creating the file.
+constexpr qint64 kNamelessLockMs = 1000;
+constexpr int kLongestPauseMs = 32;
+
+} // namespace
+
+bool acquire(QLockFile &lock, const QString &path, int waitMs)
+{
+    const QDeadlineTimer deadline(waitMs);
+    int pauseMs = 1;
+    while (!lock.tryLock(0)) {
+        if (lock.error() != QLockFile::LockFailedError || deadline.hasExpired())
+            return false;
+        qint64 pid = 0;
+        QString host;
+        QString application;
+        if (!lock.getLockInfo(&pid, &host, &application)) {
+            // The info call failing on an existing file means the file is
+            // empty or unreadable.
+            const QFileInfo info(path);
+            if (info.exists() && info.lastModified().msecsTo(QDateTime::currentDateTime()) > kNamelessLockMs) {
+                lock.removeStaleLockFile();
+                continue;
+            }
+        }
+        QThread::msleep(static_cast<unsigned long>(qMin<qint64>(pauseMs, qMax<qint64>(deadline.remainingTime(), 1))));
+        pauseMs = qMin(pauseMs * 2, kLongestPauseMs);
+    }
+    return true;
+}
+
+} // namespace LockFiles
