@@ -261,7 +261,10 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
             m_framer.reset(new QmpLineFramer);
             greeted = capable = false;
             m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
-            if (!m_socket->waitForConnected(ProbeSliceMs)) {
+            if (m_socket->waitForConnected(ProbeSliceMs)) {
+                // Short requests, each waiting for its answer: no coalescing.
+                m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+            } else {
                 m_socket->abort();
                 QThread::msleep(ProbeRetryMs);
             }
