@@ -77,7 +77,7 @@ int refuseRunning(Context &ctx, const QEMUMachine &machine)
 
 QString systemDisk(const QEMUMachine &machine)
 {
-    return machine.getPath() + QStringLiteral("/system.qcow2");
+    return machine.files().systemDisk();
 }
 
 QStringList snapshotNames(QEMUEngine *e, const QEMUMachine &machine)
@@ -556,8 +556,8 @@ int clone(Context &ctx)
     // The copy carries the source's lock file and log; they describe the
     // source's emulator, not the clone.
     const QString clonePath = QDir(machine->getPath() + QStringLiteral("/..")).absoluteFilePath(newName);
-    QFile::remove(clonePath + QStringLiteral("/qemu.lock"));
-    QFile::remove(clonePath + QStringLiteral("/qemu.log"));
+    QFile::remove(QEMUDeviceFiles(clonePath).lockFile());
+    QFile::remove(QEMUDeviceFiles(clonePath).logFile());
 
     if (ctx.json()) {
         MachinePtr cloned(findDevice(e, newName));

@@ -1,6 +1,7 @@
 #include "QEMUEngine.h"
 
 #include "EnvVars.h"
+#include "QEMUDeviceFiles.h"
 #include "Paths.h"
 #include "TriggerError.h"
 #include "Urls.h"
@@ -181,7 +182,7 @@ QString QEMUEngine::getDataDiskName() const
 
 QString QEMUEngine::getSDCardDiskName() const
 {
-    return QStringLiteral("sdcard.qcow2");
+    return QEMUDeviceFiles::sdCardName();
 }
 
 QStringList QEMUEngine::fetchBridgeableInterfaces()

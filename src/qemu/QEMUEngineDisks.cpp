@@ -3,6 +3,7 @@
 // images. Everything but copying and deleting runs the image tool.
 #include "QEMUEngine.h"
 
+#include "QEMUDeviceFiles.h"
 #include "VMToolsCommon.h"
 #include "VMToolsMachine.h"
 
@@ -13,8 +14,8 @@
 
 namespace {
 
-const QString kSystemDiskName = QStringLiteral("system.qcow2");
-const QString kDataDiskName = QStringLiteral("data.qcow2");
+const QString kSystemDiskName = QEMUDeviceFiles::systemDiskName();
+const QString kDataDiskName = QEMUDeviceFiles::dataDiskName();
 
 // Sizes reach the image tool as whole mebibytes.
 QString mebibytes(long long sizeMiB)

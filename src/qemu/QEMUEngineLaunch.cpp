@@ -16,16 +16,12 @@
 #include <QLockFile>
 #include <QNetworkProxy>
 #include <QSet>
-#include <QSettings>
 #include <QTcpServer>
 
 #include <memory>
 
 namespace {
 
-// The lock file key that tells whether the running emulator has the writable
-// shared-folder drive (a cold boot has it, a snapshot start does not).
-const QString kWritableSharedKey = QStringLiteral("writable_shared_drive");
 // How long a graceful stop waits for the emulator to end: it usually ends
 // within a tenth of a second of answering "quit", and the stop is done the
 // moment it has.
@@ -165,12 +161,6 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
         // device look running and a forced stop kill the wrong process.
         qemuMachine->removeLockFile();
     }
-    if (result == QEMUMachine::Started) {
-        QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
-        const QVariant writableShared = QEMULaunch::sharedDriveValue(request.devicePath, true, request.virtioDisks);
-        lock.setValue(kWritableSharedKey, options.values(QStringLiteral("-drive")).contains(writableShared));
-        lock.sync();
-    }
     return result;
 }
 
@@ -204,9 +194,8 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     // says the running emulator has it. A lock file without that record (an
     // emulator started by an older program) falls back on the disk
     // interface: IDE devices are the ones started with it.
-    QSettings lock(qemuMachine->getLockFilePath(), QSettings::IniFormat);
     const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
-    const bool unplugShared = lock.value(kWritableSharedKey, ideDisks).toBool();
+    const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
 
     QEMUClient client(qemuMachine->getQmpPort());
     const bool saved = client.execSaveSnapshot(name, unplugShared);
@@ -214,9 +203,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
         qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
         return false;
     }
-    if (unplugShared) {
-        lock.setValue(kWritableSharedKey, false);
-        lock.sync();
-    }
+    if (unplugShared)
+        qemuMachine->setWritableSharedDrive(false);
     return true;
 }

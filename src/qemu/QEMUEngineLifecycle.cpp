@@ -8,6 +8,7 @@
 #include "HwProfile.h"
 #include "OsImage.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
 #include "QEMUEngineDirectoryRestorer.h"
 #include "QEMUMachine.h"
@@ -20,11 +21,10 @@
 
 namespace {
 
-const QString kSystemDisk = QStringLiteral("system.qcow2");
-const QString kDataDisk = QStringLiteral("data.qcow2");
+const QString kSystemDisk = QEMUDeviceFiles::systemDiskName();
+const QString kDataDisk = QEMUDeviceFiles::dataDiskName();
 const QString kSystemVmdk = QStringLiteral("system.vmdk");
 const QString kDataVmdk = QStringLiteral("data.vmdk");
-const QString kLockFile = QStringLiteral("qemu.lock");
 
 // A device name is one directory inside the devices directory: anything that
 // could reach outside it (or be the directory itself) is refused, since a
@@ -201,7 +201,7 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
     }
     // The source's lock file names the source's emulator: the clone does not
     // run, and must not take over that pid and port offset.
-    QFile::remove(QDir(targetPath).absoluteFilePath(kLockFile));
+    QFile::remove(QEMUDeviceFiles(targetPath).lockFile());
     std::unique_ptr<VMToolsMachine> clone(getMachine(newName));
     if (!clone) {
         qCritical() << "[VMTools]" << "Failed to retrieve cloned device" << newName;

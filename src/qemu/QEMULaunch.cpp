@@ -1,5 +1,7 @@
 #include "QEMULaunch_p.h"
 
+#include "QEMUDeviceFiles.h"
+
 #include <QDebug>
 #include <QDir>
 
@@ -24,7 +26,7 @@ QString diskValue(const QString &path, bool virtio)
 
 QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio)
 {
-    const QString shared = devicePath + QLatin1String("/shared");
+    const QString shared = QEMUDeviceFiles(devicePath).sharedFolder();
     if (writable) {
         // On the disks' interface: an IDE drive beside virtio disks would be
         // the first hard disk the firmware tries to boot.
@@ -38,18 +40,15 @@ QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio)
 
 QEMUOptionSet composeOptions(const Request &request)
 {
-    const QDir device(request.devicePath);
+    const QEMUDeviceFiles device(request.devicePath);
     QEMUOptionSet options;
-    options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("system.qcow2")),
-                                                    request.virtioDisks));
-    options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("data.qcow2")),
-                                                    request.virtioDisks));
+    options.add(QStringLiteral("-drive"), diskValue(device.systemDisk(), request.virtioDisks));
+    options.add(QStringLiteral("-drive"), diskValue(device.dataDisk(), request.virtioDisks));
     options.add(QStringLiteral("-object"), QStringLiteral("iothread,id=disk-iothread"));
     if (!request.throughRosetta)
         options.add(QStringLiteral("-vga"), QStringLiteral("std"));
     if (request.sdCardInserted)
-        options.add(QStringLiteral("-drive"), diskValue(device.absoluteFilePath(QStringLiteral("sdcard.qcow2")),
-                                                        request.virtioDisks));
+        options.add(QStringLiteral("-drive"), diskValue(device.sdCard(), request.virtioDisks));
     options.add(QStringLiteral("-m"), QStringLiteral("%1M").arg(request.ramMiB));
     options.add(QStringLiteral("-smp"), QString::number(request.cpuCount));
     if (request.throughRosetta)

@@ -1,8 +1,10 @@
 #include "QEMUMachine.h"
 
 #include "QEMUClient.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
+#include "QEMULockFile_p.h"
 #include "EnvVars.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
@@ -12,8 +14,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
-#include <QSettings>
 #include <QUuid>
+
+#include <algorithm>
 
 #include <cerrno>
 #include <cstdio>
@@ -22,11 +25,6 @@
 
 namespace {
 
-const char kLockFileName[] = "qemu.lock";
-const char kLogFileName[] = "qemu.log";
-const char kPidKey[] = "pid";
-const char kStartTimeKey[] = "start_time";
-const char kOffsetKey[] = "offset";
 const char kUuidKey[] = "uuid";
 const char kVirtualizerKey[] = "virtualizer";
 const char kVirtualizer[] = "QEMU";
@@ -35,10 +33,6 @@ const char kLocalAddress[] = "127.0.0.1";
 const int kQmpBasePort = 23555;
 // The guest's ADB daemon listens on 5555; the host side sits 1000 above it.
 const int kAdbHostShift = 1000;
-
-// A lock file holds two short lines. Anything larger was not written by us
-// and is not worth parsing.
-const qint64 kMaxLockFileSize = 4096;
 
 // How long a start waits for the emulator to answer on its monitor with a
 // running machine. Loading a large saved state takes seconds; an emulator
@@ -50,23 +44,10 @@ quint16 shifted(int base, int offset)
     return quint16(base + offset);
 }
 
-// A lock file that cannot be parsed, or is too large, reads as empty.
-bool isReadableLockFile(const QString &path)
-{
-    const QFileInfo info(path);
-    if (!info.exists())
-        return false;
-    if (info.size() > kMaxLockFileSize) {
-        qWarning() << "[VMTools]" << "Ignoring oversized lock file" << path << info.size();
-        return false;
-    }
-    return true;
-}
-
 } // namespace
 
 QEMUMachine::QEMUMachine(QEMUEngine *engine, const QString &path)
-    : VMToolsMachine(path), m_engine(engine), m_lockFilePath(path + QLatin1Char('/') + QLatin1String(kLockFileName))
+    : VMToolsMachine(path), m_engine(engine)
 {
     refreshPortOffset();
 }
@@ -138,7 +119,6 @@ bool QEMUMachine::setName(const QString &name)
         return false;
     }
     setPath(parent.filePath(name));
-    m_lockFilePath = getPath() + QLatin1Char('/') + QLatin1String(kLockFileName);
     return true;
 }
 
@@ -227,7 +207,7 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
         return false;
     }
     const QDir reference(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
-    const QFileInfo referenceDisk(reference, QStringLiteral("system.qcow2"));
+    const QFileInfo referenceDisk(reference, QEMUDeviceFiles::systemDiskName());
     if (!referenceDisk.exists()
         && !m_engine->convertDisk(QFileInfo(reference, QStringLiteral("system.vmdk")), referenceDisk)) {
         qCritical() << "[VMTools]" << "Failed to get system disk info" << referenceDisk.absoluteFilePath();
@@ -235,7 +215,7 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
     }
     // The new overlay is built beside the old disk and replaces it in one
     // rename, so a failure leaves the device with the disk it had.
-    const QString disk = QDir(getPath()).absoluteFilePath(QStringLiteral("system.qcow2"));
+    const QString disk = files().systemDisk();
     const QString upgraded = disk + QStringLiteral(".upgrade");
     if (!m_engine->deleteDisk(upgraded) || !m_engine->createDisk(referenceDisk, QFileInfo(upgraded))) {
         qCritical() << "[VMTools]" << "Failed to upgrade the system disk of" << getName();
@@ -251,7 +231,7 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
 
 QString QEMUMachine::getSdCardPath() const
 {
-    return getPath() + QLatin1Char('/') + (m_engine ? m_engine->getSDCardDiskName() : QStringLiteral("sdcard.qcow2"));
+    return files().sdCard();
 }
 
 bool QEMUMachine::setSdCardInserted(bool inserted)
@@ -331,85 +311,95 @@ int QEMUMachine::getPortOffset() const
 
 void QEMUMachine::refreshPortOffset()
 {
-    m_portOffset = -1;
-    if (!isReadableLockFile(m_lockFilePath))
-        return;
-    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
-    bool ok = false;
-    const int offset = lock.value(QLatin1String(kOffsetKey)).toInt(&ok);
-    if (ok)
-        m_portOffset = offset;
+    QEMULockRecord lock;
+    QEMULockFile::read(getLockFilePath(), &lock);
+    m_portOffset = lock.offset;
 }
 
 // Lock file and process -----------------------------------------------------
 
+QEMUDeviceFiles QEMUMachine::files() const
+{
+    return QEMUDeviceFiles(getPath());
+}
+
 QString QEMUMachine::getLockFilePath() const
 {
-    return m_lockFilePath;
+    return files().lockFile();
 }
 
 QString QEMUMachine::getLogFilePath() const
 {
-    return QFileInfo(getPath() + QLatin1Char('/') + QLatin1String(kLogFileName)).absoluteFilePath();
+    return files().logFile();
 }
 
 bool QEMUMachine::createLockFile(unsigned short offset, long long pid) const
+{
+    return createLockFile(offset, pid, -1);
+}
+
+bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writableSharedDrive) const
 {
     if (isQEMURunning()) {
         qWarning() << "[VMTools]" << "The lock file already exists and QEMU seems to run.";
         return false;
     }
-    QSettings lock(m_lockFilePath, QSettings::IniFormat);
-    lock.clear();
-    lock.setValue(QLatin1String(kPidKey), pid);
+    QEMULockRecord lock;
+    lock.pid = pid;
     // The pid alone may later name another process: the system hands out
     // ids again. Its start time tells the emulator from a newcomer.
-    lock.setValue(QLatin1String(kStartTimeKey), VMToolsCommon::processStartTime(pid));
-    lock.setValue(QLatin1String(kOffsetKey), offset);
-    lock.sync();
-    if (lock.status() != QSettings::NoError) {
-        qCritical() << "[VMTools]" << "Failed to write PID file to disk";
-        return false;
-    }
-    return true;
+    lock.startTime = VMToolsCommon::processStartTime(pid);
+    lock.offset = offset;
+    lock.writableSharedDrive = writableSharedDrive;
+    return QEMULockFile::write(getLockFilePath(), lock);
 }
 
 bool QEMUMachine::removeLockFile() const
 {
-    return QFile::remove(m_lockFilePath);
+    return QFile::remove(getLockFilePath());
+}
+
+QEMULockRecord QEMUMachine::readLock() const
+{
+    QEMULockRecord lock;
+    QEMULockFile::read(getLockFilePath(), &lock);
+    return lock;
 }
 
 long long QEMUMachine::loadQEMUPid() const
 {
-    if (!isReadableLockFile(m_lockFilePath))
-        return 0;
-    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
-    bool ok = false;
-    const long long pid = lock.value(QLatin1String(kPidKey)).toLongLong(&ok);
-    // Zero and negative ids address process groups (and -1 every process) in
-    // kill(): such a value is never taken as an emulator to stop.
-    if (!ok || pid <= 0 || pid > std::numeric_limits<pid_t>::max())
-        return 0;
-    return pid;
+    return readLock().pid;
 }
 
 long long QEMUMachine::loadQEMUStartTime() const
 {
-    if (!isReadableLockFile(m_lockFilePath))
-        return 0;
-    const QSettings lock(m_lockFilePath, QSettings::IniFormat);
-    bool ok = false;
-    const long long startTime = lock.value(QLatin1String(kStartTimeKey)).toLongLong(&ok);
-    return ok && startTime > 0 ? startTime : 0;
+    return readLock().startTime;
 }
 
-bool QEMUMachine::isRecordedEmulator(long long pid) const
+bool QEMUMachine::hasWritableSharedDrive(bool fallback) const
 {
-    if (!VMToolsCommon::isSameProcess(pid, loadQEMUStartTime())) {
-        qDebug() << "[VMTools]" << "See no QEMU process with PID" << pid;
+    const int recorded = readLock().writableSharedDrive;
+    return recorded < 0 ? fallback : recorded == 1;
+}
+
+bool QEMUMachine::setWritableSharedDrive(bool attached) const
+{
+    QEMULockRecord lock = readLock();
+    if (lock.pid == 0)
+        return false;
+    lock.writableSharedDrive = attached ? 1 : 0;
+    return QEMULockFile::write(getLockFilePath(), lock);
+}
+
+bool QEMUMachine::isRecordedEmulator(const QEMULockRecord &lock)
+{
+    if (lock.pid == 0)
+        return false;
+    if (!VMToolsCommon::isSameProcess(lock.pid, lock.startTime)) {
+        qDebug() << "[VMTools]" << "See no QEMU process with PID" << lock.pid;
         return false;
     }
-    return isEmulatorProcess(pid);
+    return isEmulatorProcess(lock.pid);
 }
 
 bool QEMUMachine::isEmulatorProcess(long long pid)
@@ -423,8 +413,7 @@ bool QEMUMachine::isEmulatorProcess(long long pid)
 
 bool QEMUMachine::isQEMURunning() const
 {
-    const long long pid = loadQEMUPid();
-    return pid != 0 && isRecordedEmulator(pid);
+    return isRecordedEmulator(readLock());
 }
 
 int QEMUMachine::start(const QString &program, const QStringList &arguments, unsigned short offset)
@@ -457,7 +446,12 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return StartFailed;
     }
 
-    if (!createLockFile(offset, pid)) {
+    // Whether the emulator gets the writable view of the shared folder shows
+    // on its command line; a snapshot save must detach that drive first.
+    const bool writableShared = std::any_of(arguments.begin(), arguments.end(), [](const QString &argument) {
+        return argument.startsWith(QLatin1String("format=vvfat")) && argument.contains(QLatin1String("fat:rw:"));
+    });
+    if (!createLockFile(offset, pid, writableShared ? 1 : 0)) {
         qCritical() << "[VMTools]" << "Failed create lock file.";
         // The lock file may not name the process just started; stop that one
         // directly so that it does not run on unrecorded.
@@ -504,13 +498,14 @@ int QEMUMachine::readyTimeoutMs()
 
 bool QEMUMachine::forceStop()
 {
-    const long long pid = loadQEMUPid();
+    const QEMULockRecord lock = readLock();
+    const long long pid = lock.pid;
     if (pid == 0) {
         qDebug() << "[VMTools]" << "Cannot stop QEMU because no PID was found";
         m_portOffset = -1;
         return false;
     }
-    if (isRecordedEmulator(pid)) {
+    if (isRecordedEmulator(lock)) {
         if (!VMToolsCommon::destroyProcess(pid))
             return false;
         return removeLockFile();
@@ -522,12 +517,12 @@ bool QEMUMachine::forceStop()
 
 bool QEMUMachine::waitForFinished()
 {
-    const long long pid = loadQEMUPid();
-    if (pid == 0) {
+    const QEMULockRecord lock = readLock();
+    if (lock.pid == 0) {
         qDebug() << "[VMTools]" << "Failed to load QEMU pid";
         return false;
     }
-    if (!VMToolsCommon::waitForFinished(pid, 1000, loadQEMUStartTime()))
+    if (!VMToolsCommon::waitForFinished(lock.pid, 1000, lock.startTime))
         return false;
     removeLockFile();
     return true;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "QEMUDeviceFiles.h"
 #include "VMToolsMachine.h"
 
 #include <QString>
 #include <QStringList>
 
 class QEMUEngine;
+struct QEMULockRecord;
 
 /// A device of the QEMU engine: the machine record plus one emulator process.
 /// The emulator runs detached, so it outlives the program that started it;
@@ -92,12 +94,24 @@ public:
     /// Re-reads the offset from the lock file (-1 without one).
     void refreshPortOffset();
 
+    /// The files of the device directory.
+    QEMUDeviceFiles files() const;
     QString getLockFilePath() const;
     /// "qemu.log" in the device directory: the emulator's error output.
     QString getLogFilePath() const;
-    /// Records pid and offset; refused while the recorded emulator runs.
+    /// Records pid, its start time and offset; refused while the recorded
+    /// emulator runs.
     bool createLockFile(unsigned short offset, long long pid) const;
+    /// The same, also recording whether the emulator has the writable
+    /// shared-folder drive (1 yes, 0 no, -1 not known).
+    bool createLockFile(unsigned short offset, long long pid, int writableSharedDrive) const;
     bool removeLockFile() const;
+    /// Whether the running emulator has the writable shared-folder drive, as
+    /// its lock file records; fallback when the file does not say.
+    bool hasWritableSharedDrive(bool fallback) const;
+    /// Records in the lock file that the drive is attached or detached. False
+    /// when there is no lock file or it cannot be written.
+    bool setWritableSharedDrive(bool attached) const;
     /// The recorded pid; 0 when there is none (or it is not a valid pid).
     long long loadQEMUPid() const;
     /// The recorded start time of that pid; 0 when the lock file has none.
@@ -127,11 +141,12 @@ private:
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);
-    /// Whether pid is the live emulator process the lock file recorded.
-    bool isRecordedEmulator(long long pid) const;
+    /// Whether the lock names a live process of the emulator binary, started
+    /// at the recorded time.
+    static bool isRecordedEmulator(const QEMULockRecord &lock);
+    QEMULockRecord readLock() const;
     QString getSdCardPath() const;
 
     QEMUEngine *m_engine;
-    QString m_lockFilePath;
     int m_portOffset = -1;
 };

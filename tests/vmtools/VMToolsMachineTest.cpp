@@ -16,6 +16,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSettings>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -408,6 +409,12 @@ TEST_F(MachineFile, sizeOnDiskIsComputedOnceUntilAskedAgain)
     EXPECT_EQ(machine.getSizeOnDisk(), 1234);
     EXPECT_EQ(machine.computeSizeOnDisk(), 1334);
     EXPECT_EQ(machine.getSizeOnDisk(), 1334);
+    // Links, to a file or a directory outside, are not the device's bytes.
+    QTemporaryDir outside;
+    ASSERT_TRUE(hvtest::writeFile(outside.filePath("big"), QByteArray(5000, 'z')));
+    ASSERT_TRUE(QFile::link(outside.filePath("big"), m_dir + "/linked.qcow2"));
+    ASSERT_TRUE(QFile::link(outside.path(), m_dir + "/shared/linked-dir"));
+    EXPECT_EQ(machine.computeSizeOnDisk(), 1334);
 }
 
 TEST_F(MachineFile, upgradingFlagIsAnIniFile)

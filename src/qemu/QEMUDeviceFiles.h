@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QString>
+
+/// The files of a QEMU device's directory, named in this one place: the disks,
+/// the lock file that ties a running emulator to the device, the emulator's
+/// error output and the folder the guest sees as a drive. Everyone who needs
+/// one of them asks here.
+class QEMUDeviceFiles
+{
+public:
+    /// The files of the device whose directory is deviceDir.
+    explicit QEMUDeviceFiles(const QString &deviceDir);
+
+    static QString systemDiskName();
+    static QString dataDiskName();
+    static QString sdCardName();
+    static QString lockFileName();
+    static QString logFileName();
+    static QString sharedFolderName();
+
+    QString directory() const { return m_dir; }
+    /// "system.qcow2": the overlay of the OS image's system disk.
+    QString systemDisk() const;
+    /// "data.qcow2": the device's own copy of the image's data disk.
+    QString dataDisk() const;
+    /// "sdcard.qcow2", when the device has a card.
+    QString sdCard() const;
+    /// "qemu.lock": the running emulator's pid, start time and port offset.
+    QString lockFile() const;
+    /// "qemu.log": the emulator's error output.
+    QString logFile() const;
+    /// "shared": the folder the guest sees as a drive.
+    QString sharedFolder() const;
+
+private:
+    QString path(const QString &name) const;
+
+    QString m_dir;
+};

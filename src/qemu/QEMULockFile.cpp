@@ -1,0 +1,90 @@
+#include "QEMULockFile_p.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QSaveFile>
+
+#include <limits>
+#include <sys/types.h>
+
+namespace {
+
+// The lock file is a few short lines. Anything larger was not written by us
+// and is not worth parsing.
+constexpr qint64 kMaxLockFileSize = 4096;
+
+const char kPidKey[] = "pid";
+const char kStartTimeKey[] = "start_time";
+const char kOffsetKey[] = "offset";
+const char kWritableSharedKey[] = "writable_shared_drive";
+
+} // namespace
+
+namespace QEMULockFile {
+
+bool read(const QString &path, QEMULockRecord *record)
+{
+    *record = QEMULockRecord();
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    if (file.size() > kMaxLockFileSize) {
+        qWarning() << "[VMTools]" << "Ignoring oversized lock file" << path << file.size();
+        return true;
+    }
+    // INI text, as QSettings writes it: a "[General]" line, then key=value.
+    // A file with anything else in it was not written by us: it names no one.
+    const QByteArray text = file.readAll();
+    QEMULockRecord parsed;
+    for (const QByteArray &raw : text.split('\n')) {
+        const QByteArray line = raw.trimmed();
+        if (line.isEmpty() || line == "[General]")
+            continue;
+        const int equals = line.indexOf('=');
+        if (equals <= 0 || line.contains('\0')) {
+            qWarning() << "[VMTools]" << "Ignoring malformed lock file" << path;
+            return true;
+        }
+        const QByteArray key = line.left(equals).trimmed();
+        const QByteArray value = line.mid(equals + 1).trimmed();
+        bool ok = false;
+        if (key == kPidKey) {
+            const long long pid = value.toLongLong(&ok);
+            parsed.pid = ok && pid > 0 && pid <= std::numeric_limits<pid_t>::max() ? pid : 0;
+        } else if (key == kStartTimeKey) {
+            const long long startTime = value.toLongLong(&ok);
+            parsed.startTime = ok && startTime > 0 ? startTime : 0;
+        } else if (key == kOffsetKey) {
+            const int offset = value.toInt(&ok);
+            parsed.offset = ok ? offset : -1;
+        } else if (key == kWritableSharedKey) {
+            parsed.writableSharedDrive = value == "true" ? 1 : (value == "false" ? 0 : -1);
+        }
+    }
+    *record = parsed;
+    return true;
+}
+
+bool write(const QString &path, const QEMULockRecord &record)
+{
+    QByteArray text("[General]\n");
+    text += QByteArray(kOffsetKey) + '=' + QByteArray::number(record.offset) + '\n';
+    text += QByteArray(kPidKey) + '=' + QByteArray::number(record.pid) + '\n';
+    text += QByteArray(kStartTimeKey) + '=' + QByteArray::number(record.startTime) + '\n';
+    if (record.writableSharedDrive >= 0)
+        text += QByteArray(kWritableSharedKey) + '=' + (record.writableSharedDrive ? "true" : "false") + '\n';
+
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path << file.errorString();
+        return false;
+    }
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    if (file.write(text) != text.size() || !file.commit()) {
+        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path << file.errorString();
+        return false;
+    }
+    return true;
+}
+
+} // namespace QEMULockFile
