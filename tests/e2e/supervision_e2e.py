@@ -61,6 +61,23 @@ def lock_of(env, name):
         return path, dict(line.strip().split("=", 1) for line in f if "=" in line)
 
 
+def explain(path):
+    """What a failed check needs to be understood: the lock file, the state
+    of the process it names, and the emulator's error output."""
+    text = []
+    for name in ("qemu.lock", "qemu.log"):
+        try:
+            with open(os.path.join(path, name)) as f:
+                text.append(f"{name}: {f.read()!r}")
+        except OSError as error:
+            text.append(f"{name}: {error}")
+            continue
+        if name == "qemu.lock" and "pid=" in text[-1]:
+            pid = int(text[-1].split("pid=")[1].split("\\n")[0])
+            text.append(f"process {pid}: state {state_of(pid)}")
+    return "\n".join(text)
+
+
 def state_of(pid):
     try:
         with open(f"/proc/{pid}/stat") as f:
@@ -125,7 +142,7 @@ def zombie_emulator(env, image):
     check(libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0, "cannot become a subreaper")
     env.run("device", "create", "undead", "--image", image, "--profile", "small")
     info = env.run("device", "start", "undead", "--cold")
-    check(info["port_offset"] == 0, f"first start should take offset 0: {info}")
+    check(info["port_offset"] == 0, f"first start should take offset 0: {info}\n{explain(info['path'])}")
     _, lock = lock_of(env, "undead")
     pid = int(lock["pid"])
     check(os.getppid() != pid and state_of(pid) not in (None, "Z"), "the emulator should run")
