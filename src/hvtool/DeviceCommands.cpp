@@ -4,7 +4,6 @@
 #include "Command.h"
 #include "Engine.h"
 #include "Progress.h"
-#include "Qcow2.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -75,19 +74,8 @@ int refuseRunning(Context &ctx, const QEMUMachine &machine)
     return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(machine.getName()));
 }
 
-QString systemDisk(const QEMUMachine &machine)
-{
-    return machine.files().systemDisk();
-}
-
 QStringList snapshotNames(QEMUEngine *e, const QEMUMachine &machine)
 {
-    // The emulator holds the image lock while it runs, so read the table
-    // directly; it is also far cheaper than a process per device.
-    QStringList names;
-    QString error;
-    if (readQcow2SnapshotNames(systemDisk(machine), &names, &error))
-        return names;
     return e->fetchSnapshotNames(&machine);
 }
 
@@ -285,6 +273,8 @@ QString startDiagnosis(int result)
     case 10:
         return QStringLiteral("QEMU did not become ready within %1 s and was stopped")
             .arg(QEMUMachine::readyTimeoutMs() / 1000.0);
+    case 11:
+        return QStringLiteral("QEMU could not load the saved state");
     default:
         return QStringLiteral("QEMU failed to start or exited early");
     }
@@ -346,6 +336,22 @@ bool waitForGuest(const QEMUMachine &machine, quint16 port, int seconds, QByteAr
     return false;
 }
 
+/// Refuses a named snapshot the device does not have (exit 3) or cannot load
+/// with its present hardware (exit 4); Success when it may be loaded.
+int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QString &snapshot)
+{
+    const QString name = machine.getName();
+    if (!snapshotNames(e, machine).contains(snapshot))
+        return ctx.fail(NotFound, QStringLiteral("snapshot '%1' of device '%2' does not exist").arg(snapshot, name));
+    // The user asked for that state: a state the device cannot take is
+    // refused rather than replaced by a cold boot.
+    const QString mismatch = e->savedStateMismatch(&machine, snapshot);
+    if (!mismatch.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("snapshot '%1' of device '%2' was %3; it cannot be loaded")
+                                      .arg(snapshot, name, mismatch));
+    return Success;
+}
+
 int start(Context &ctx)
 {
     Target target = findTarget(ctx);
@@ -365,15 +371,31 @@ int start(Context &ctx)
             return ctx.fail(Usage, QStringLiteral("--wait needs a number of seconds"));
     }
 
-    bool quickBoot = !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
-    machine->setLatestSnapshotExists(snapshotNames(e, *machine).contains(kLatest));
+    const QString snapshot = ctx.value(QStringLiteral("snapshot"));
+    if (!snapshot.isEmpty() && ctx.isSet(QStringLiteral("cold")))
+        return ctx.fail(Usage, QStringLiteral("--cold and --snapshot exclude each other"));
+    bool quickBoot = snapshot.isEmpty() && !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
+    const bool hadLatest = quickBoot && snapshotNames(e, *machine).contains(kLatest);
+    if (!snapshot.isEmpty()) {
+        const int refused = checkNamedSnapshot(ctx, e, *machine, snapshot);
+        if (refused != Success)
+            return refused;
+    } else if (hadLatest) {
+        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
+        if (!mismatch.isEmpty())
+            ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+    }
     QElapsedTimer timer;
     timer.start();
     const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
-    const int result = e->startFromLatestSnapshot(machine.get(), &quickBoot);
+    const int result = snapshot.isEmpty() ? e->startFromLatestSnapshot(machine.get(), &quickBoot)
+                                          : e->startMachine(machine.get(), snapshot);
     if (result != 1)
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
                                     .arg(name, startDiagnosis(result), logHint(*machine, startedAt)));
+    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty())
+        ctx.note(QStringLiteral("the quick-boot state could not be loaded: booted cold; the next stop saves a new "
+                                "one"));
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
 
@@ -393,7 +415,8 @@ int start(Context &ctx)
     }
     const qint64 readyMs = timer.elapsed();
 
-    const QString how = quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold");
+    const QString how = !snapshot.isEmpty() ? QStringLiteral("snapshot")
+                                            : (quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold"));
     if (ctx.json()) {
         QJsonObject object = describe(e, *machine);
         object.insert("boot", how);
@@ -476,13 +499,53 @@ int snapshotList(Context &ctx)
         return target.code;
     QEMUEngine *e = target.engine;
     MachinePtr &machine = target.machine;
-    const QStringList names = snapshotNames(e, *machine);
-    if (ctx.json()) {
-        ctx.printJson(QJsonArray::fromStringList(names));
-        return Success;
+    QJsonArray array;
+    QList<QStringList> rows;
+    for (const QEMUSnapshotInfo &snapshot : e->fetchSnapshots(machine.get())) {
+        const QString mismatch = e->savedStateMismatch(machine.get(), snapshot.name);
+        array.append(QJsonObject{{"name", snapshot.name},
+                                 {"date", snapshot.date.toUTC().toString(Qt::ISODate)},
+                                 {"size", double(snapshot.vmStateSize)},
+                                 {"guest_clock_seconds", snapshot.guestClockNs / 1e9},
+                                 {"quick_boot", snapshot.name == kLatest},
+                                 {"loadable", mismatch.isEmpty()},
+                                 {"not_loadable_because", mismatch.isEmpty() ? QJsonValue() : QJsonValue(mismatch)}});
+        rows << QStringList{snapshot.name + (snapshot.name == kLatest ? QStringLiteral(" (quick boot)") : QString()),
+                            snapshot.date.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                            sizeText(snapshot.vmStateSize), mismatch.isEmpty() ? QStringLiteral("yes") : mismatch};
     }
-    for (const QString &n : names)
-        ctx.print(n);
+    if (ctx.json())
+        ctx.printJson(array);
+    else
+        ctx.printTable({"NAME", "DATE", "SIZE", "LOADABLE"}, rows);
+    return Success;
+}
+
+int snapshotLoad(Context &ctx)
+{
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    QEMUEngine *e = target.engine;
+    MachinePtr &machine = target.machine;
+    const QString name = machine->getName();
+    const QString snapshot = ctx.arg(1);
+    if (!snapshotNames(e, *machine).contains(snapshot))
+        return ctx.fail(NotFound, QStringLiteral("snapshot '%1' of device '%2' does not exist").arg(snapshot, name));
+    if (machine->getStatus() != VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is not running; start it with --snapshot %2 instead")
+                                      .arg(name, snapshot));
+    const int refused = checkNamedSnapshot(ctx, e, *machine, snapshot);
+    if (refused != Success)
+        return refused;
+    QElapsedTimer timer;
+    timer.start();
+    if (!e->loadSnapshot(machine.get(), snapshot))
+        return ctx.fail(Failed, QStringLiteral("could not load snapshot '%1' of device '%2'").arg(snapshot, name));
+    if (ctx.json())
+        ctx.printJson(QJsonObject{{"name", name}, {"snapshot", snapshot}, {"seconds", timer.elapsed() / 1000.0}});
+    else
+        ctx.print(QStringLiteral("loaded snapshot '%1' in %2 s").arg(snapshot).arg(timer.elapsed() / 1000.0, 0, 'f', 2));
     return Success;
 }
 
@@ -577,6 +640,9 @@ int reset(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return refuseRunning(ctx, *machine);
+    const QStringList snapshots = snapshotNames(target.engine, *machine);
+    if (!snapshots.isEmpty())
+        ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
     if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
     if (!machine->resetFactory())
@@ -671,6 +737,13 @@ int set(Context &ctx)
         if (!stored)
             return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(key, name));
     }
+    if (snapshotNames(e, *machine).contains(kLatest)) {
+        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
+        if (!mismatch.isEmpty())
+            ctx.note(QStringLiteral("the quick-boot state of '%1' was %2: it will be discarded at the next start, "
+                                    "which boots cold")
+                         .arg(name, mismatch));
+    }
     if (ctx.json())
         ctx.printJson(describe(e, *machine));
     return Success;
@@ -691,6 +764,7 @@ void addDeviceCommands()
         << Command{{"device", "start"}, "NAME",
                    "Start a device: resume its saved state when quick boot is on, else boot cold.",
                    {{"cold", "Boot cold even when a saved state exists."},
+                    {"snapshot", "Start from this saved snapshot instead.", "SNAPSHOT"},
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
                      "SECONDS"}},
                    1, 1, start}
@@ -701,6 +775,8 @@ void addDeviceCommands()
         << Command{{"device", "snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList}
         << Command{{"device", "snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
                    snapshotSave}
+        << Command{{"device", "snapshot", "load"}, "NAME SNAPSHOT", "Return the running device to a saved snapshot.", {},
+                   2, 2, snapshotLoad}
         << Command{{"device", "snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2,
                    2, snapshotDelete}
         << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a device under a new name and identity.", {}, 2, 2,

@@ -321,18 +321,39 @@ bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared)
 {
     if (!init())
         return false;
-    if (unplugShared) {
-        qDebug() << Tag << "QEMUClient: unplugging shared folder";
-        if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), emptyMonitorAnswer(), UnplugTimeoutMs,
-                  ResponseRequired)) {
-            qWarning() << Tag << "QEMUClient: failed to unplug shared folder";
-            return false;
-        }
-    }
+    if (unplugShared && !unplugSharedDrive())
+        return false;
     qDebug() << Tag << "QEMUClient: saving snapshot";
     const bool ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
                          SaveSnapshotTimeoutMs, ResponseRequired);
     if (!ok)
         qWarning() << Tag << "QEMUClient: failed to save snapshot";
+    return ok;
+}
+
+bool QEMUClient::unplugSharedDrive()
+{
+    qDebug() << Tag << "QEMUClient: unplugging shared folder";
+    if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), emptyMonitorAnswer(), UnplugTimeoutMs,
+              ResponseRequired)) {
+        qWarning() << Tag << "QEMUClient: failed to unplug shared folder";
+        return false;
+    }
+    m_detachedShared = true;
+    return true;
+}
+
+bool QEMUClient::execLoadSnapshot(const QString &name, bool unplugShared)
+{
+    if (!init())
+        return false;
+    if (unplugShared && !unplugSharedDrive())
+        return false;
+    qDebug() << Tag << "QEMUClient: loading snapshot";
+    // Loading reads the whole saved guest memory back, as saving wrote it.
+    const bool ok = exec(humanMonitorCommand(QStringLiteral("loadvm %1").arg(name)), emptyMonitorAnswer(),
+                         SaveSnapshotTimeoutMs, ResponseRequired);
+    if (!ok)
+        qWarning() << Tag << "QEMUClient: failed to load snapshot";
     return ok;
 }

@@ -66,6 +66,14 @@ public:
     /// keeps the emulator from saving its state.
     bool execSaveSnapshot(const QString &name, bool unplugShared);
 
+    /// Connects and returns the running machine to the internal snapshot
+    /// name; with unplugShared the shared-folder drive is detached first, as
+    /// for a save.
+    bool execLoadSnapshot(const QString &name, bool unplugShared);
+
+    /// Whether this client detached the shared-folder drive.
+    bool hasDetachedSharedDrive() const { return m_detachedShared; }
+
 private:
     /// Moves what the socket received into the framer.
     void drainSocket();
@@ -76,9 +84,12 @@ private:
                  QJsonObject *reply, bool *silent);
     /// Reads and checks the greeting; greeted tells whether it was complete.
     bool readGreeting(int timeoutMs, bool *greeted);
+    /// Detaches the shared-folder drive; false, logged, on failure.
+    bool unplugSharedDrive();
 
     unsigned short m_port;
     QTcpSocket *m_socket;
     std::unique_ptr<QmpLineFramer> m_framer;
     bool m_quiet = false;
+    bool m_detachedShared = false;
 };

@@ -37,6 +37,11 @@ QString QEMUDeviceFiles::sharedFolderName()
     return QStringLiteral("shared");
 }
 
+QString QEMUDeviceFiles::savedStatesName()
+{
+    return QStringLiteral("snapshots.json");
+}
+
 QString QEMUDeviceFiles::path(const QString &name) const
 {
     return m_dir + QLatin1Char('/') + name;
@@ -70,4 +75,9 @@ QString QEMUDeviceFiles::logFile() const
 QString QEMUDeviceFiles::sharedFolder() const
 {
     return path(sharedFolderName());
+}
+
+QString QEMUDeviceFiles::savedStates() const
+{
+    return path(savedStatesName());
 }

@@ -18,6 +18,7 @@ public:
     static QString lockFileName();
     static QString logFileName();
     static QString sharedFolderName();
+    static QString savedStatesName();
 
     QString directory() const { return m_dir; }
     /// "system.qcow2": the overlay of the OS image's system disk.
@@ -32,6 +33,8 @@ public:
     QString logFile() const;
     /// "shared": the folder the guest sees as a drive.
     QString sharedFolder() const;
+    /// "snapshots.json": what each saved machine state was saved with.
+    QString savedStates() const;
 
 private:
     QString path(const QString &name) const;

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QList>
 #include <QString>
 
@@ -109,6 +111,17 @@ public:
     /// Saves an internal snapshot of the running device over QMP; the
     /// writable shared-folder drive is detached first when it is attached.
     bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
+    /// Returns the running device to its internal snapshot name, over QMP.
+    bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
+    /// The snapshots of the device's system disk with their dates, sizes and
+    /// guest clocks, read from the image itself (also while it runs).
+    QList<QEMUSnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
+    /// Records beside the device's disks what the state saved as name
+    /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
+    bool recordSavedState(VMToolsMachine *machine, const QString &name) const;
+    QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const override;
+    /// A start that ended while the emulator loaded its saved state.
+    bool isStateLoadFailure(int startResult) const override;
 
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
@@ -123,6 +136,8 @@ protected:
     bool m_accelerationSupported = true;
 
 private:
+    /// What a state saved now would depend on.
+    QJsonObject describeSavedState(VMToolsMachine *machine) const;
     /// The loaded record of the device directory at path, owned by the
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;

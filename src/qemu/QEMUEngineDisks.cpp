@@ -4,6 +4,7 @@
 #include "QEMUEngine.h"
 
 #include "QEMUDeviceFiles.h"
+#include "QEMUSnapshotTable.h"
 #include "VMToolsCommon.h"
 #include "VMToolsMachine.h"
 
@@ -140,8 +141,21 @@ QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
     if (!machine)
         return names;
     const QString disk = diskInDirectory(machine->getPath(), kSystemDiskName);
-    const VMToolsCommon::CallResult result =
-        VMToolsCommon::call(m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-l"), disk});
+    // The table read straight from the image works while the emulator runs
+    // and holds the image's lock; the image tool is asked only when the file
+    // cannot be read that way, and then without taking the lock.
+    QString error;
+    QStringList fromTable;
+    if (QEMUSnapshotTable::readNames(disk, &fromTable, &error)) {
+        static const QRegularExpression word(QStringLiteral("^\\w+$"));
+        for (const QString &name : fromTable) {
+            if (word.match(name).hasMatch())
+                names.append(name);
+        }
+        return names;
+    }
+    const VMToolsCommon::CallResult result = VMToolsCommon::call(
+        m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-l"), QStringLiteral("-U"), disk});
     if (!succeeded(result)) {
         qCritical() << "[VMTools]" << "Failed to list snapshots of" << disk;
         return names;

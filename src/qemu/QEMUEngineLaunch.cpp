@@ -205,5 +205,8 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     }
     if (unplugShared)
         qemuMachine->setWritableSharedDrive(false);
+    // Without the record the state would still resume; only a change of
+    // hardware would then be noticed late, by the emulator.
+    recordSavedState(machine, name);
     return true;
 }

@@ -20,6 +20,10 @@ const char kWriteLock[] = "failed to get \"write\" lock";
 const char *const kPortPhrases[] = {"failed to find an available port", "could not set up host forwarding rule"};
 const char kAddressingLimited[] = "addressing limited";
 const char kFallingBack[] = "falling back";
+// What QEMU prints when a saved state does not fit the machine it starts
+// ("error while loading state for instance 0x0 of device 'ram'") or cannot
+// be read at all ("Error -22 while loading VM state").
+const char *const kStatePhrases[] = {"error while loading state", "while loading VM state"};
 const char *const kAcceleratorPhrases[] = {"no accelerator found", "invalid accelerator"};
 
 } // namespace
@@ -70,6 +74,12 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
         qCritical() << "[VMTools]" << "QEMU error found in logs" << text;
         return Code::AcceleratorError;
     }
+    for (const char *phrase : kStatePhrases) {
+        if (text.contains(QLatin1String(phrase))) {
+            qCritical() << "[VMTools]" << "QEMU could not load the saved state";
+            return Code::StateNotLoadable;
+        }
+    }
     return Code::None;
 }
 
@@ -95,4 +105,10 @@ bool QEMUErrorDiagnosis::isMemorySupported(const QString &logPath)
 {
     qDebug() << "[VMTools]" << "Checking if memory size not supported on machine...";
     return classify(logPath) != Code::MemoryNotSupported;
+}
+
+bool QEMUErrorDiagnosis::isStateNotLoadable(const QString &logPath)
+{
+    qDebug() << "[VMTools]" << "Checking if QEMU could not load the saved state...";
+    return classify(logPath) == Code::StateNotLoadable;
 }

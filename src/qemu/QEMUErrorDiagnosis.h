@@ -25,6 +25,9 @@ public:
         PortTaken = 5,
         /// The memory size is not supported on this host.
         MemoryNotSupported = 6,
+        /// A saved machine state could not be loaded (it was saved with other
+        /// hardware, or by an emulator that wrote it differently).
+        StateNotLoadable = 7,
     };
 
     /// Classifies the error output in the file at logPath. Logs the reason it
@@ -43,4 +46,6 @@ public:
     /// False only when QEMU reported a memory size the host cannot address
     /// (or the memory error trigger is active).
     static bool isMemorySupported(const QString &logPath);
+    /// Whether QEMU failed to load the saved machine state it was given.
+    static bool isStateNotLoadable(const QString &logPath);
 };

@@ -487,6 +487,8 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return PortUsed;
     if (!QEMUErrorDiagnosis::isMemorySupported(log))
         return MemoryNotSupported;
+    if (QEMUErrorDiagnosis::isStateNotLoadable(log))
+        return StateNotLoaded;
     qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
 }

@@ -28,6 +28,8 @@ public:
         MemoryNotSupported = 9,
         /// The emulator neither ended nor became ready in time; it was stopped.
         NotReady = 10,
+        /// The emulator ended because it could not load the saved state.
+        StateNotLoaded = 11,
     };
 
     /// The record of an existing device directory; reads the port offset from

@@ -95,8 +95,17 @@ public:
     /// The device's snapshots; none unless the engine overrides it.
     virtual QStringList fetchSnapshotNames(const VMToolsMachine *machine) const;
     /// Starts the device, resuming its "latest" snapshot when quickBoot asks
-    /// for it and one exists; quickBoot tells afterwards which start it was.
+    /// for it, one exists (looked up here) and it was saved with the device's
+    /// present hardware, image and emulator; otherwise, and when the engine
+    /// cannot load the state, the device boots cold (once, with one line
+    /// saying why). quickBoot tells afterwards which start it was.
     virtual int startFromLatestSnapshot(VMToolsMachine *machine, bool *quickBoot);
+    /// Why the saved state of the snapshot name cannot be resumed on the
+    /// device as it is now ("saved with 512 MB of RAM, the device now has
+    /// 1024 MB"); empty when it can, or when nothing is known of it.
+    virtual QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const;
+    /// Whether a start's result says the saved state could not be loaded.
+    virtual bool isStateLoadFailure(int startResult) const;
     /// Succeeds without doing anything unless the engine overrides it.
     virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name) const;
     /// Succeeds without doing anything unless the engine overrides it.

@@ -26,13 +26,40 @@ int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *machine, bool *quickB
         *quickBoot = false;
         return startMachine(machine, QString());
     }
+    // Looked up here rather than trusted from the caller: a program that
+    // never asked would otherwise boot cold every time.
+    checkLatestSnapshotExists(machine);
     if (!machine || !machine->isLatestSnapshotExist()) {
         qDebug() << "[VMTools]" << "No snapshot found, fallback on cold boot";
         *quickBoot = false;
         return startMachine(machine, QString());
     }
+    const QString mismatch = savedStateMismatch(machine, kLatestSnapshot);
+    if (!mismatch.isEmpty()) {
+        qInfo().noquote() << "[VMTools]" << QStringLiteral("quick-boot state %1: booting cold").arg(mismatch);
+        *quickBoot = false;
+        return startMachine(machine, QString());
+    }
     *quickBoot = true;
-    return startMachine(machine, kLatestSnapshot);
+    const int result = startMachine(machine, kLatestSnapshot);
+    if (!isStateLoadFailure(result))
+        return result;
+    // The emulator could not read the state it saved (an upgrade, a change
+    // made behind the device's back): boot cold, once. The next save
+    // replaces the state.
+    qWarning() << "[VMTools]" << "The quick-boot state could not be loaded: booting cold";
+    *quickBoot = false;
+    return startMachine(machine, QString());
+}
+
+QString VMToolsEngine::savedStateMismatch(const VMToolsMachine *, const QString &) const
+{
+    return QString();
+}
+
+bool VMToolsEngine::isStateLoadFailure(int) const
+{
+    return false;
 }
 
 void VMToolsEngine::checkLatestSnapshotExists(VMToolsMachine *machine) const

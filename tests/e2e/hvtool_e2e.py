@@ -90,6 +90,15 @@ def free_offsets(exclude=()):
     return result
 
 
+def stop_all(env):
+    """Kills every device of the test's home that still runs."""
+    listing = subprocess.run([env.hvtool, "device", "list", "--format", "json"], env=env.env,
+                             capture_output=True, text=True)
+    for d in json.loads(listing.stdout or "[]"):
+        if d.get("status") == "On":
+            subprocess.run([env.hvtool, "device", "stop", d["name"], "--force"], env=env.env, capture_output=True)
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)
@@ -123,13 +132,8 @@ def main():
     finally:
         for s in held:
             s.close()
-        listing = subprocess.run([args.hvtool, "device", "list", "--format", "json"], env=env.env,
-                                 capture_output=True, text=True)
         try:
-            for d in json.loads(listing.stdout or "[]"):
-                if d["status"] == "On":
-                    subprocess.run([args.hvtool, "device", "stop", d["name"], "--force"], env=env.env,
-                                   capture_output=True)
+            stop_all(env)
         finally:
             shutil.rmtree(home, ignore_errors=True)
     print(f"e2e: all steps passed in {time.time() - started:.1f} s")
@@ -228,7 +232,8 @@ def steps(env, image_dir, held):
 
     # Named snapshots and settings, with "pixel" running and "pixel-2" stopped.
     env.run("device", "snapshot", "save", "pixel", "before_update")
-    check("before_update" in env.run("device", "snapshot", "list", "pixel", json_out=True), "snapshot not listed")
+    check("before_update" in [s["name"] for s in env.run("device", "snapshot", "list", "pixel", json_out=True)],
+          "snapshot not listed")
     env.run("device", "snapshot", "delete", "pixel", "before_update", expect=4)
     env.run("device", "set", "pixel", "cpus=2", expect=4)
     env.run("device", "set", "pixel-2", "cpus=2", "ram=768", "quickboot=off")
@@ -241,7 +246,8 @@ def steps(env, image_dir, held):
     env.run("device", "stop", "pixel", "--no-save")
     env.run("device", "snapshot", "delete", "pixel", "before_update")
     env.run("device", "snapshot", "delete", "pixel", "before_update", expect=3)
-    check("before_update" not in env.run("device", "snapshot", "list", "pixel", json_out=True), "snapshot kept")
+    check("before_update" not in [s["name"] for s in env.run("device", "snapshot", "list", "pixel", json_out=True)],
+          "snapshot kept")
     env.run("device", "start", "pixel", "--cold", "--wait", "120")
     print("e2e: snapshots and settings ok")
 

@@ -147,9 +147,6 @@ const ToolOperation toolOperations[] = {
      {"create", "-f", "qcow2", "%D/sdcard.qcow2", "64M"}, "[VMTools] Failed to create \"%D/sdcard.qcow2\" . \"\"", false},
     {"resizeDisk", [](QEMUEngine &e, const QString &d) { return e.resizeDisk(d + "/plain.qcow2", 48); },
      {"resize", "%D/plain.qcow2", "48M"}, "[VMTools] Failed to resize \"%D/plain.qcow2\" . \"\"", true},
-    {"snapshotNames",
-     [](QEMUEngine &e, const QString &d) { return e.fetchSnapshotNames(std::make_unique<QEMUMachine>(&e, d).get()) == QStringList{"latest"}; },
-     {"snapshot", "-l", "%D/system.qcow2"}, "[VMTools] Failed to list snapshots of \"%D/system.qcow2\"", false},
     {"deleteSnapshot", [](QEMUEngine &e, const QString &d) { return e.deleteSnapshot(in(d, "system.qcow2"), "latest"); },
      {"snapshot", "-d", "latest", "%D/system.qcow2"},
      "[VMTools] Failed to delete snapshot: \"latest\" \"%D/system.qcow2\" . \"\"", false},
@@ -270,14 +267,23 @@ TEST_F(Disks, createsSdCardsResizesCopiesAndDeletes)
     EXPECT_TRUE(QFileInfo(path("folder.qcow2")).isDir());
 }
 
+// Read from the image's own table, without the tool, so that a running
+// emulator's lock on the image does not matter; the tool (told not to take
+// the lock) only reads what the table reader cannot.
 TEST_F(Disks, listsSnapshotsWhoseNamesAreWords)
 {
     for (const char *name : {"my-snap", "first_2", "v1.5", "Boot9"})
         ASSERT_TRUE(addSnapshot(path("system.qcow2"), name));
+    QFile::remove(path("runs.log"));
     MessageCapture cap;
     EXPECT_EQ(m_engine->fetchSnapshotNames(m_device.get()), (QStringList{"latest", "first_2", "Boot9"}));
-    for (const char *name : {"latest", "first_2", "Boot9"})
-        EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] found snapshot \"%1\"").arg(name)));
+    EXPECT_TRUE(runs().isEmpty()) << "the table is read without the tool";
+    // An image the reader does not understand goes to the tool.
+    const QByteArray image = hvtest::readFile(path("system.qcow2"));
+    ASSERT_TRUE(hvtest::writeFile(path("system.qcow2"), QByteArray("not an image")));
+    EXPECT_TRUE(m_engine->fetchSnapshotNames(m_device.get()).isEmpty());
+    EXPECT_EQ(runs(), (QList<QStringList>{{"snapshot", "-l", "-U", "%D/system.qcow2"}}));
+    ASSERT_TRUE(hvtest::writeFile(path("system.qcow2"), image));
     ASSERT_TRUE(QDir(m_dir).mkdir("empty"));
     EXPECT_TRUE(m_engine->fetchSnapshotNames(std::make_unique<QEMUMachine>(m_engine.get(), path("empty")).get()).isEmpty());
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to list snapshots of \"" + path("empty/system.qcow2") + "\""));
@@ -296,9 +302,7 @@ TEST_F(Disks, snapshotDeletionFollowsTheSystemDisk)
     ASSERT_TRUE(createImage(path("data.qcow2")) && addSnapshot(path("data.qcow2"), "latest"));
     EXPECT_TRUE(m_engine->deleteSnapshot(m_device.get(), "other"));
     EXPECT_TRUE(m_engine->deleteSnapshot(m_device.get(), "latest"));
-    const QList<QStringList> expected = {{"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-l", "%D/system.qcow2"},
-                                         {"snapshot", "-d", "latest", "%D/system.qcow2"},
+    const QList<QStringList> expected = {{"snapshot", "-d", "latest", "%D/system.qcow2"},
                                          {"snapshot", "-d", "latest", "%D/data.qcow2"}};
     EXPECT_EQ(runs(), expected);
     EXPECT_TRUE(snapshotsOf(path("data.qcow2")).isEmpty());
@@ -312,7 +316,7 @@ TEST_F(Disks, snapshotDeletionFollowsTheSystemDisk)
     EXPECT_FALSE(m_engine->deleteSnapshot(m_device.get(), "latest"));
     EXPECT_TRUE(cap.has(QtCriticalMsg, QString("[VMTools] Failed to delete snapshot: \"latest\" \"%1\" . \"fake failure\"")
                                            .arg(path("system.qcow2"))));
-    EXPECT_EQ(runs(), expected.mid(1, 2));
+    EXPECT_EQ(runs(), expected.mid(0, 1));
     for (const QString &disk : disks)
         EXPECT_EQ(snapshotsOf(path(disk)), QStringList({"latest", "keep"})) << disk.toStdString();
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "");

@@ -62,6 +62,12 @@ const DiagnosisRow kRows[] = {
      "qemu-system-x86_64: -nic user,hostfwd=tcp:127.0.0.1:6555-:5555: Could not set up host forwarding rule "
      "'tcp:127.0.0.1:6555-:5555'\n",
      Code::PortTaken, QtCriticalMsg, kPort},
+    // What QEMU 7.2 prints when a saved state does not fit the machine.
+    {"stateNotLoadable",
+     "qemu-system-x86_64: Size mismatch: pc.ram: 0x10000000 != 0x20000000: Invalid argument\n"
+     "qemu-system-x86_64: error while loading state for instance 0x0 of device 'ram'\n"
+     "qemu-system-x86_64: Error -22 while loading VM state\n",
+     Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
     {"empty", "", Code::None, QtDebugMsg, {}},
     {"afterNul", QByteArray("harmless\0device or resource busy", 32), Code::None, QtDebugMsg, {}},
     {"beforeNul", QByteArray("failed to find an available port\0junk", 37), Code::PortTaken, QtCriticalMsg, kPort},
@@ -89,6 +95,7 @@ TEST_P(DiagnosisTable, classifiesTheErrorOutput)
     EXPECT_EQ(QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log), row.code == Code::SystemFileLocked);
     EXPECT_EQ(QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log), row.code == Code::PortTaken);
     EXPECT_EQ(QEMUErrorDiagnosis::isMemorySupported(log), row.code != Code::MemoryNotSupported);
+    EXPECT_EQ(QEMUErrorDiagnosis::isStateNotLoadable(log), row.code == Code::StateNotLoadable);
     for (const char *question : {"device or resource is busy", "another process is using a system file of QEMU",
                                  "another process is using the port of QEMU", "memory size not supported on machine"})
         EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] Checking if %1...").arg(question)));

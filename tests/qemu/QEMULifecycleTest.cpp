@@ -245,15 +245,52 @@ public:
     int startMachine(VMToolsMachine *, const QString &snapshotName) override
     {
         starts << snapshotName;
-        return 1;
+        return snapshotName.isEmpty() ? 1 : snapshotResult;
     }
     bool isSnapshotSupported() const override { return snapshotSupported; }
     QStringList fetchSnapshotNames(const VMToolsMachine *) const override { return names; }
+    QString savedStateMismatch(const VMToolsMachine *, const QString &) const override { return mismatch; }
 
     QStringList starts;
     bool snapshotSupported = true;
     QStringList names;
+    QString mismatch;
+    int snapshotResult = 1;
 };
+
+// A state saved with other hardware is not tried; a state the emulator
+// cannot load is tried once, then the device boots cold, once.
+TEST(QuickBootDecision, aStateThatCannotResumeBootsColdOnce)
+{
+    const struct {
+        QString mismatch;
+        int snapshotResult;
+        QStringList starts;
+        int result;
+        QtMsgType level;
+        QString line;
+    } rows[] = {
+        {"saved with 512 MB of RAM, the device now has 1024 MB", 1, {""}, 1, QtInfoMsg,
+         "[VMTools] quick-boot state saved with 512 MB of RAM, the device now has 1024 MB: booting cold"},
+        {"", QEMUMachine::StateNotLoaded, {"latest", ""}, 1, QtWarningMsg,
+         "[VMTools] The quick-boot state could not be loaded: booting cold"},
+        // Any other failure of the resume is reported as it is.
+        {"", QEMUMachine::PortUsed, {"latest"}, QEMUMachine::PortUsed, QtWarningMsg, ""},
+    };
+    for (const auto &row : rows) {
+        RecordingEngine engine;
+        engine.names = QStringList{"latest"};
+        engine.mismatch = row.mismatch;
+        engine.snapshotResult = row.snapshotResult;
+        QEMUMachine machine(&engine, deployed("Stale"), makeImage("/x.ova", "11.0.0"), makeProfile());
+        bool quickBoot = true;
+        MessageCapture capture;
+        EXPECT_EQ(engine.startFromLatestSnapshot(&machine, &quickBoot), row.result);
+        EXPECT_EQ(engine.starts, row.starts);
+        EXPECT_EQ(quickBoot, row.starts == QStringList{"latest"});
+        EXPECT_EQ(capture.texts(row.level), row.line.isEmpty() ? QStringList() : QStringList{row.line});
+    }
+}
 
 TEST(QuickBootDecision, picksTheSnapshotOrFallsBackToColdBoot)
 {
@@ -270,7 +307,10 @@ TEST(QuickBootDecision, picksTheSnapshotOrFallsBackToColdBoot)
         RecordingEngine engine;
         engine.snapshotSupported = row.supported;
         QEMUMachine machine(&engine, deployed("Decision"), makeImage("/x.ova", "11.0.0"), makeProfile());
-        machine.setLatestSnapshotExists(row.snapshotExists);
+        // The decision looks the snapshot up itself; a flag set beforehand
+        // is not trusted.
+        machine.setLatestSnapshotExists(!row.snapshotExists);
+        engine.names = row.snapshotExists ? QStringList{"other", "latest"} : QStringList{"Latest"};
         bool quickBoot = row.quickBoot;
         MessageCapture capture;
         EXPECT_EQ(engine.startFromLatestSnapshot(&machine, &quickBoot), 1);

@@ -1,9 +1,8 @@
-#include "Qcow2.h"
+#include "QEMUSnapshotTable.h"
 
 #include <QFile>
 #include <QtEndian>
 
-namespace hvtool {
 namespace {
 
 // Limits of the format itself; anything above is a damaged or hostile file.
@@ -14,9 +13,10 @@ constexpr quint32 kEntryFixedSize = 40;
 
 } // namespace
 
-bool readQcow2SnapshotNames(const QString &path, QStringList *names, QString *error)
+bool QEMUSnapshotTable::read(const QString &path, QList<QEMUSnapshotInfo> *snapshots, QString *error)
 {
-    names->clear();
+    snapshots->clear();
+    QList<QEMUSnapshotInfo> found;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         *error = file.errorString();
@@ -56,12 +56,31 @@ bool readQcow2SnapshotNames(const QString &path, QStringList *names, QString *er
             *error = QStringLiteral("truncated snapshot table");
             return false;
         }
-        names->append(QString::fromUtf8(rest.mid(int(extraSize + idSize), nameSize)));
+        QEMUSnapshotInfo info;
+        info.name = QString::fromUtf8(rest.mid(int(extraSize + idSize), nameSize));
+        info.date = QDateTime::fromSecsSinceEpoch(qFromBigEndian<quint32>(e + 16));
+        info.guestClockNs = qint64(qFromBigEndian<quint64>(e + 24) & 0x7fffffffffffffffULL);
+        info.vmStateSize = qFromBigEndian<quint32>(e + 32);
+        // Version 3 images keep the full 64-bit state size in the extra data.
+        if (extraSize >= 8)
+            info.vmStateSize =
+                qint64(qFromBigEndian<quint64>(reinterpret_cast<const uchar *>(rest.constData())) & 0x7fffffffffffffffULL);
+        found.append(info);
         // Entries are padded to a multiple of eight bytes.
         const qint64 length = file.pos() - start;
         file.seek(start + ((length + 7) & ~qint64(7)));
     }
+    *snapshots = found;
     return true;
 }
 
-} // namespace hvtool
+bool QEMUSnapshotTable::readNames(const QString &path, QStringList *names, QString *error)
+{
+    names->clear();
+    QList<QEMUSnapshotInfo> snapshots;
+    if (!read(path, &snapshots, error))
+        return false;
+    for (const QEMUSnapshotInfo &snapshot : snapshots)
+        names->append(snapshot.name);
+    return true;
+}

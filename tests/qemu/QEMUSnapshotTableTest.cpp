@@ -1,4 +1,4 @@
-#include "Qcow2.h"
+#include "QEMUSnapshotTable.h"
 
 #include "TestEnvironment.h"
 
@@ -29,14 +29,14 @@ TEST(Qcow2SnapshotTable, readsTheNamesQemuImgWrote)
     run({"create", "-q", "-f", "qcow2", disk, "16M"});
     QStringList names;
     QString error;
-    ASSERT_TRUE(hvtool::readQcow2SnapshotNames(disk, &names, &error)) << error.toStdString();
+    ASSERT_TRUE(QEMUSnapshotTable::readNames(disk, &names, &error)) << error.toStdString();
     EXPECT_TRUE(names.isEmpty());
 
     // Names of different lengths exercise the eight-byte entry padding.
     for (const char *name : {"latest", "a", "before_update_2", "x1234567"})
         run({"snapshot", "-c", name, disk});
     run({"snapshot", "-d", "a", disk});
-    ASSERT_TRUE(hvtool::readQcow2SnapshotNames(disk, &names, &error)) << error.toStdString();
+    ASSERT_TRUE(QEMUSnapshotTable::readNames(disk, &names, &error)) << error.toStdString();
     EXPECT_EQ(names, (QStringList{"latest", "before_update_2", "x1234567"}));
 }
 
@@ -59,7 +59,7 @@ TEST_P(Qcow2Damaged, refusesWithAReason)
     file.close();
     QStringList names{"stale"};
     QString error;
-    EXPECT_FALSE(hvtool::readQcow2SnapshotNames(path, &names, &error));
+    EXPECT_FALSE(QEMUSnapshotTable::readNames(path, &names, &error));
     EXPECT_EQ(error, GetParam().error);
     EXPECT_TRUE(names.isEmpty());
 }

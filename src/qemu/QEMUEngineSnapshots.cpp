@@ -1,0 +1,149 @@
+// What a saved machine state depends on, and restoring named states: a state
+// holds the guest's memory and devices as the emulator had them, so it can
+// only be resumed on the RAM size, CPU count, disk interface, OS image and
+// emulator it was saved with.
+#include "QEMUEngine.h"
+
+#include "OsImage.h"
+#include "QEMUClient.h"
+#include "QEMUDeviceFiles.h"
+#include "QEMUMachine.h"
+#include "QEMUSnapshotTable.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+namespace {
+
+// The record is a few hundred bytes per state; anything far larger was not
+// written by us.
+constexpr qint64 kMaxRecordSize = 1024 * 1024;
+
+const QString kRamKey = QStringLiteral("ram_mb");
+const QString kCpusKey = QStringLiteral("cpus");
+const QString kDisksKey = QStringLiteral("disks");
+const QString kImageKey = QStringLiteral("image_sha256");
+const QString kEmulatorKey = QStringLiteral("emulator");
+
+QString diskInterface(const VMToolsMachine *machine)
+{
+    return (machine->getCapabilities() & VMToolsMachine::VirtioDisks) ? QStringLiteral("virtio")
+                                                                     : QStringLiteral("IDE");
+}
+
+QJsonObject readRecords(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaxRecordSize)
+        return QJsonObject();
+    return QJsonDocument::fromJson(file.readAll()).object();
+}
+
+} // namespace
+
+QJsonObject QEMUEngine::describeSavedState(VMToolsMachine *machine) const
+{
+    machine->loadCapabilities();
+    return QJsonObject{{kRamKey, double(machine->getRamSize())},
+                       {kCpusKey, machine->getCpuCount()},
+                       {kDisksKey, diskInterface(machine)},
+                       {kImageKey, machine->getOsImage().imageHash},
+                       {kEmulatorKey, m_versionString}};
+}
+
+bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) const
+{
+    const QString path = QEMUDeviceFiles(machine->getPath()).savedStates();
+    QJsonObject records = readRecords(path);
+    records.insert(name, describeSavedState(machine));
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with in" << path
+                    << file.errorString();
+        return false;
+    }
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    const QByteArray bytes = QJsonDocument(records).toJson();
+    if (file.write(bytes) != bytes.size() || !file.commit()) {
+        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with in" << path
+                    << file.errorString();
+        return false;
+    }
+    return true;
+}
+
+QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const QString &name) const
+{
+    if (!constMachine)
+        return QString();
+    // Reading the capabilities refreshes a cached flag; nothing is written.
+    auto *machine = const_cast<VMToolsMachine *>(constMachine);
+    const QJsonObject saved =
+        readRecords(QEMUDeviceFiles(machine->getPath()).savedStates()).value(name).toObject();
+    // A state saved before its conditions were recorded is tried; an
+    // emulator that cannot load it is caught by the start.
+    if (saved.isEmpty())
+        return QString();
+    const QJsonObject now = describeSavedState(machine);
+    if (saved.value(kRamKey) != now.value(kRamKey))
+        return QStringLiteral("saved with %1 MB of RAM, the device now has %2 MB")
+            .arg(qint64(saved.value(kRamKey).toDouble()))
+            .arg(qint64(now.value(kRamKey).toDouble()));
+    if (saved.value(kCpusKey) != now.value(kCpusKey))
+        return QStringLiteral("saved with %1 CPUs, the device now has %2")
+            .arg(saved.value(kCpusKey).toInt())
+            .arg(now.value(kCpusKey).toInt());
+    if (saved.value(kDisksKey) != now.value(kDisksKey))
+        return QStringLiteral("saved with %1 disks, the device now has %2 disks")
+            .arg(saved.value(kDisksKey).toString(), now.value(kDisksKey).toString());
+    if (saved.value(kImageKey) != now.value(kImageKey))
+        return QStringLiteral("saved with another OS image (sha-256 %1), the device now has %2")
+            .arg(saved.value(kImageKey).toString().left(12), now.value(kImageKey).toString().left(12));
+    if (saved.value(kEmulatorKey) != now.value(kEmulatorKey))
+        return QStringLiteral("saved with QEMU %1, the emulator is now %2")
+            .arg(saved.value(kEmulatorKey).toString(), now.value(kEmulatorKey).toString());
+    return QString();
+}
+
+bool QEMUEngine::isStateLoadFailure(int startResult) const
+{
+    return startResult == QEMUMachine::StateNotLoaded;
+}
+
+QList<QEMUSnapshotInfo> QEMUEngine::fetchSnapshots(const VMToolsMachine *machine) const
+{
+    QList<QEMUSnapshotInfo> snapshots;
+    if (!machine)
+        return snapshots;
+    const QString disk = QEMUDeviceFiles(machine->getPath()).systemDisk();
+    QString error;
+    if (!QEMUSnapshotTable::read(disk, &snapshots, &error))
+        qCritical() << "[VMTools]" << "Failed to list snapshots of" << disk << ":" << error;
+    return snapshots;
+}
+
+bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) const
+{
+    auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
+    if (!qemuMachine || !qemuMachine->isQEMURunning()) {
+        qWarning() << "[VMTools]" << "Cannot load snapshot" << name << "of a device that does not run";
+        return false;
+    }
+    qemuMachine->refreshPortOffset();
+    // A writable shared folder keeps the emulator from loading a state, as it
+    // keeps it from saving one.
+    const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
+    const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
+    QEMUClient client(qemuMachine->getQmpPort());
+    const bool loaded = client.execLoadSnapshot(name, unplugShared);
+    if (unplugShared && client.hasDetachedSharedDrive())
+        qemuMachine->setWritableSharedDrive(false);
+    if (!loaded) {
+        qCritical() << "[VMTools]" << "Failed to load snapshot" << name;
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QDateTime>
+#include <QList>
+#include <QString>
+
+/// One internal snapshot of a qcow2 image, as its snapshot table records it.
+struct QEMUSnapshotInfo {
+    QString name;
+    /// When it was taken.
+    QDateTime date;
+    /// Bytes of saved machine state (guest memory and devices); 0 for a
+    /// snapshot of the disk alone.
+    qint64 vmStateSize = 0;
+    /// The guest's clock when it was taken, in nanoseconds since it booted.
+    qint64 guestClockNs = 0;
+};
+
+/// Reads the internal snapshot table straight from a qcow2 image. Listing many
+/// devices this way costs a file read each instead of a process each, and it
+/// works while the emulator holds the image's lock.
+class QEMUSnapshotTable
+{
+public:
+    /// The snapshots of the image at path, in table order. False (with
+    /// *error set and *snapshots empty) for a file that is not a sane qcow2
+    /// image.
+    static bool read(const QString &path, QList<QEMUSnapshotInfo> *snapshots, QString *error);
+    /// Their names only.
+    static bool readNames(const QString &path, QStringList *names, QString *error);
+};

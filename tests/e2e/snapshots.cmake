@@ -1,0 +1,10 @@
+# Saved states on the demo OS image, under TCG: quick boot across hardware
+# changes and named snapshots restored.
+if(TARGET hvtool)
+    find_package(Python3 COMPONENTS Interpreter REQUIRED)
+    add_test(NAME hvtool_snapshots COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/snapshots_e2e.py
+        --hvtool $<TARGET_FILE:hvtool>
+        --image-dir ${CMAKE_BINARY_DIR}/demo-image
+        --demo-image ${PROJECT_SOURCE_DIR}/scripts/demo-image)
+    set_tests_properties(hvtool_snapshots PROPERTIES TIMEOUT 900 LABELS e2e RUN_SERIAL TRUE FIXTURES_REQUIRED demo_image)
+endif()

@@ -1,0 +1,150 @@
+#!/usr/bin/env python3
+"""Saved states a developer can rely on, on the demo OS image under TCG: a
+quick-boot state saved with other hardware boots cold with one line saying
+why, a state the emulator refuses falls back to one cold boot, and named
+snapshots are restored by a start and by a load into the running guest."""
+
+import argparse
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from hvtool_e2e import ADB_BASE, Env, Failure, banner, check, stop_all  # noqa: E402
+
+
+def run(env, *args, expect=0):
+    """hvtool with JSON output: (parsed stdout or None, stderr)."""
+    proc = subprocess.run([env.hvtool, *args, "--format", "json"], env=env.env, stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=300)
+    if proc.returncode != expect:
+        raise Failure(f"{' '.join(args)}: exit {proc.returncode}, expected {expect}\n"
+                      f"stdout: {proc.stdout}\nstderr: {proc.stderr}")
+    try:
+        return json.loads(proc.stdout), proc.stderr
+    except ValueError:
+        return None, proc.stderr
+
+
+def start(env, name, *extra, expect=0):
+    info, err = run(env, "device", "start", name, "--wait", "120", *extra, expect=expect)
+    if expect != 0:
+        return info, None, err
+    return info, banner(ADB_BASE + info["port_offset"]), err
+
+
+def emulators_of(path):
+    """The emulator processes whose command line names the device's disks."""
+    found = []
+    for pid in os.listdir("/proc"):
+        if not pid.isdigit():
+            continue
+        try:
+            with open(f"/proc/{pid}/cmdline", "rb") as f:
+                if (path + "/system.qcow2").encode() in f.read():
+                    found.append(int(pid))
+        except OSError:
+            pass
+    return found
+
+
+def steps(env, image_dir):
+    image = env.run("image", "add", os.path.join(image_dir, "demo-android-11.0.json"), json_out=True)["uuid"]
+    env.run("profile", "create", "snap", "--cpus", "1", "--ram", "512", "--data-disk", "64")
+    env.run("device", "create", "phone", "--image", image, "--profile", "snap")
+    path = env.run("device", "show", "phone", json_out=True)["path"]
+
+    # 1. RAM changed after the quick-boot save: a cold boot that says why,
+    #    then a new state that the next start resumes.
+    _, first, _ = start(env, "phone", "--cold")
+    run(env, "device", "stop", "phone")
+    _, err = run(env, "device", "set", "phone", "ram=768")
+    check("will be discarded at the next start" in err, f"set ram should warn: {err}")
+    info, cold, err = start(env, "phone")
+    check(info["boot"] == "cold" and cold["boot_id"] != first["boot_id"], f"should boot cold: {info} {cold}")
+    check("quick-boot state saved with 512 MB of RAM, the device now has 768 MB: booting cold" in err, err)
+    run(env, "device", "stop", "phone")
+    info, warm, _ = start(env, "phone")
+    check(info["boot"] == "resumed" and warm["boot_id"] == cold["boot_id"], f"not resumed: {cold} vs {warm}")
+    print("snapshots: 1 changed hardware boots cold, then resumes")
+
+    # 2. A state the emulator cannot load, though its record says it fits
+    #    (the RAM changed behind the record's back): one cold boot.
+    run(env, "device", "stop", "phone")
+    run(env, "device", "set", "phone", "ram=512")
+    records_path = os.path.join(path, "snapshots.json")
+    with open(records_path) as f:
+        records = json.load(f)
+    records["latest"]["ram_mb"] = 512
+    with open(records_path, "w") as f:
+        json.dump(records, f)
+    info, fallback, err = start(env, "phone")
+    check(info["boot"] == "cold" and fallback["boot_id"] != warm["boot_id"], f"should fall back: {info} {fallback}")
+    check("the quick-boot state could not be loaded: booted cold" in err, err)
+    check(len(emulators_of(path)) == 1, f"one emulator should run: {emulators_of(path)}")
+    print("snapshots: 2 an unloadable state falls back to one cold boot")
+
+    # 3. A named snapshot, restored by a start and by a load.
+    time.sleep(2)
+    run(env, "device", "snapshot", "save", "phone", "checkpoint")
+    saved = banner(ADB_BASE + info["port_offset"])
+    listed, _ = run(env, "device", "snapshot", "list", "phone")
+    entry = {s["name"]: s for s in listed}.get("checkpoint")
+    check(entry and entry["size"] > 0 and entry["loadable"] and not entry["quick_boot"]
+          and entry["guest_clock_seconds"] > 0, f"snapshot list: {listed}")
+    time.sleep(3)
+    run(env, "device", "stop", "phone", "--no-save")
+    info, restored, _ = start(env, "phone", "--snapshot", "checkpoint")
+    check(info["boot"] == "snapshot" and restored["boot_id"] == fallback["boot_id"], f"start --snapshot: {restored}")
+    # The guest's clock continues from the save, not from the later stop.
+    check(float(saved["uptime"]) <= float(restored["uptime"]) < float(saved["uptime"]) + 3,
+          f"uptime should continue from the save: {saved} then {restored}")
+    run(env, "device", "stop", "phone", "--no-save")
+    _, other, _ = start(env, "phone", "--cold")
+    check(other["boot_id"] != fallback["boot_id"], "a cold boot is a new guest")
+    run(env, "device", "snapshot", "load", "phone", "checkpoint")
+    loaded = banner(ADB_BASE + info["port_offset"])
+    check(loaded["boot_id"] == fallback["boot_id"], f"snapshot load should return to the saved guest: {loaded}")
+    print("snapshots: 3 named snapshots restored by start and by load")
+
+    # 4. Refusals: nothing is deleted.
+    _, err = run(env, "device", "snapshot", "load", "phone", "nosuch", expect=3)
+    check("snapshot 'nosuch' of device 'phone' does not exist" in err, err)
+    run(env, "device", "stop", "phone", "--no-save")
+    _, err = run(env, "device", "snapshot", "load", "phone", "checkpoint", expect=4)
+    check("is not running" in err, err)
+    _, _, err = start(env, "phone", "--snapshot", "nosuch", expect=3)
+    run(env, "device", "set", "phone", "cpus=2")
+    _, _, err = start(env, "phone", "--snapshot", "checkpoint", expect=4)
+    check("was saved with 1 CPUs, the device now has 2; it cannot be loaded" in err, err)
+    names = [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]]
+    check("checkpoint" in names and "latest" in names, f"refusals must delete nothing: {names}")
+    print("snapshots: 4 refusals keep every snapshot")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--hvtool", required=True)
+    parser.add_argument("--image-dir", required=True)
+    parser.add_argument("--demo-image", required=True)
+    args = parser.parse_args()
+    subprocess.run([args.demo_image, args.image_dir], check=True, stdout=subprocess.DEVNULL)
+    home = tempfile.mkdtemp(prefix="hv-snapshots-")
+    env = Env(args.hvtool, home)
+    try:
+        steps(env, args.image_dir)
+    finally:
+        stop_all(env)
+        shutil.rmtree(home, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except Failure as failure:
+        print(f"snapshots: FAILED: {failure}", file=sys.stderr)
+        sys.exit(1)
