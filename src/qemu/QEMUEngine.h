@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QList>
+#include <QSet>
 #include <QString>
 
 class QEMUMachine;
@@ -105,6 +106,8 @@ public:
     /// The first port offset whose forwarded host ports are all free and that
     /// no device records; -1 when none is left.
     int computePortOffset() const;
+    /// The same, passing over the offsets in skip.
+    int computePortOffset(const QSet<int> &skip) const;
     /// The inter-process lock held from choosing a device's port offset until
     /// its lock file records it.
     QString getPortOffsetLockPath() const;

@@ -29,6 +29,9 @@ constexpr int kQuitTimeoutMs = 15000;
 // How long a start waits for other starts to choose their offsets. Each holds
 // the lock only until its emulator is ready, a fraction of a second.
 constexpr int kPortOffsetLockTimeoutMs = 60000;
+// How many offsets a start tries when another program takes a port between
+// the probe and the emulator's bind.
+constexpr int kPortRaceAttempts = 3;
 
 bool arePortsFree(int offset)
 {
@@ -59,10 +62,15 @@ QString QEMUEngine::getPortOffsetLockPath() const
 
 int QEMUEngine::computePortOffset() const
 {
+    return computePortOffset(QSet<int>());
+}
+
+int QEMUEngine::computePortOffset(const QSet<int> &skip) const
+{
     // Only the recorded emulator holds its offset: a lock file left behind
     // by an emulator that ended (or lingers as a zombie, or whose pid now
     // names another process) must not keep the offset from its own device.
-    QSet<int> taken;
+    QSet<int> taken = skip;
     for (QEMUMachine *machine : loadMachines(std::function<bool()>())) {
         if (machine->isQEMURunning())
             taken.insert(machine->getPortOffset());
@@ -140,26 +148,37 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
             qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
         return QEMUMachine::StartFailed;
     }
-    const int offset = computePortOffset();
-    if (offset < 0) {
-        qCritical() << "[VMTools]" << "Failed to determine a port offset";
-        return QEMUMachine::StartFailed;
-    }
-    request.portOffset = offset;
+    // The ports are probed free, then released for the emulator to bind: a
+    // program outside this lock can take one in between. The emulator then
+    // ends at once, and the start moves on to another offset.
+    QSet<int> tried;
+    int result = QEMUMachine::StartFailed;
+    for (int attempt = 0; attempt < kPortRaceAttempts; ++attempt) {
+        const int offset = computePortOffset(tried);
+        if (offset < 0) {
+            qCritical() << "[VMTools]" << "Failed to determine a port offset";
+            return QEMUMachine::StartFailed;
+        }
+        tried.insert(offset);
+        request.portOffset = offset;
 
-    QEMUOptionSet options = QEMULaunch::composeOptions(request);
-    options.applyStartArgsVariable();
-    const QStringList arguments = options.render();
-    qDebug().noquote() << "[VMTools]" << "Start command:"
-                       << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
+        QEMUOptionSet options = QEMULaunch::composeOptions(request);
+        options.applyStartArgsVariable();
+        const QStringList arguments = options.render();
+        qDebug().noquote() << "[VMTools]" << "Start command:"
+                           << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
 
-    const int result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
-    if (result != QEMUMachine::Started && !qemuMachine->isQEMURunning()
-        && QFile::exists(qemuMachine->getLockFilePath())) {
-        // The emulator ended early. Its lock file would name a pid the
-        // system may soon give to another device's emulator, making this
-        // device look running and a forced stop kill the wrong process.
-        qemuMachine->removeLockFile();
+        result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
+        if (result != QEMUMachine::Started && !qemuMachine->isQEMURunning()
+            && QFile::exists(qemuMachine->getLockFilePath())) {
+            // The emulator ended early. Its lock file would name a pid the
+            // system may soon give to another device's emulator, making this
+            // device look running and a forced stop kill the wrong process.
+            qemuMachine->removeLockFile();
+        }
+        if (result != QEMUMachine::PortUsed)
+            break;
+        qWarning() << "[VMTools]" << "A port of offset" << offset << "was taken before the emulator bound it";
     }
     return result;
 }

@@ -230,6 +230,28 @@ TEST_F(EmulatorTest, portOffsetSkipsOnlyLiveLocksAndHeldPorts)
     EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
 }
 
+// A port taken after the probe (here by a forward the probe does not know,
+// held by this test) ends the emulator at once: the start moves on to other
+// offsets, a bounded number of times, and says why it stopped.
+TEST_F(EmulatorTest, aPortTakenAfterTheProbeMovesTheStartOnTwice)
+{
+    std::unique_ptr<QEMUMachine> machine = createDevice("Raced", "11.0.0");
+    QTcpServer holder;
+    holder.setProxy(QNetworkProxy::NoProxy);
+    ASSERT_TRUE(holder.listen(QHostAddress::LocalHost, 0));
+    hvtest::ScopedEnv args("HV_QEMU_START_ARGS",
+                           QByteArray("-accel=tcg;-cpu=max;-audiodev=none,id=snd0;-nic[-1]=user,id=net9,hostfwd=tcp:"
+                                      "127.0.0.1:")
+                               + QByteArray::number(holder.serverPort()) + "-:1");
+    MessageCapture capture;
+    EXPECT_EQ(m_engine->startMachine(machine.get(), ""), QEMUMachine::PortUsed);
+    EXPECT_EQ(capture.texts(QtWarningMsg),
+              (QStringList{"[VMTools] A port of offset 0 was taken before the emulator bound it",
+                           "[VMTools] A port of offset 7 was taken before the emulator bound it",
+                           "[VMTools] A port of offset 14 was taken before the emulator bound it"}));
+    EXPECT_FALSE(QFile::exists(machine->getLockFilePath()));
+}
+
 // An emulator that refuses its command line ends within the start's wait; the
 // failed start leaves no lock file naming its pid.
 TEST_F(EmulatorTest, anEmulatorThatEndsEarlyLeavesNoLockFile)
