@@ -125,6 +125,12 @@ def steps(env, image_dir):
     check("checkpoint" in names and "latest" in names, f"refusals must delete nothing: {names}")
     print("snapshots: 4 refusals keep every snapshot")
 
+    # 5. A reset names the snapshots it deletes before it asks.
+    _, err = run(env, "device", "reset", "phone", "--yes")
+    check("resetting 'phone' deletes its snapshots:" in err and "checkpoint" in err and "latest" in err, err)
+    check(run(env, "device", "snapshot", "list", "phone")[0] == [], "a reset leaves no snapshot")
+    print("snapshots: 5 a reset lists the snapshots it deletes")
+
 
 def main():
     parser = argparse.ArgumentParser()
