@@ -225,6 +225,9 @@ def steps(env, image_dir, held):
     print("e2e: holding", len(held), "ports; pixel at offset", device(env, "pixel")["port_offset"])
     proc = env.run("device", "start", "pixel-2", expect=1)
     check("port" in proc.stderr, f"every offset taken: {proc.stderr}")
+    # Refused before the launch: the log of pixel-2's earlier run is not this
+    # start's, and the refusal does not point at it.
+    check("qemu.log" not in proc.stderr, f"a start refused before the launch names no log: {proc.stderr}")
     for s in held:
         s.close()
     held.clear()
