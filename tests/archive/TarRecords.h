@@ -45,6 +45,29 @@ inline QByteArray header(const QByteArray &name, char type, quint64 size, const 
     return r;
 }
 
+/// A pax extended header ('x', or 'g' for a global one) holding these
+/// keyword=value records, each "LENGTH KEY=VALUE\n".
+inline QByteArray pax(const QList<QPair<QByteArray, QByteArray>> &records, char type = 'x');
+/// A GNU long-name record ('L', or 'K' for a link target) before a header.
+inline QByteArray gnuLongName(const QByteArray &name, char type = 'L');
+/// The record with its checksum recomputed after a field was changed.
+inline QByteArray resealed(QByteArray r)
+{
+    const QByteArray sum = QByteArray::number(checksum(r), 8).rightJustified(6, '0') + '\0';
+    std::memcpy(r.data() + 148, sum.constData(), 7);
+    r[155] = ' ';
+    return r;
+}
+/// A header whose 12-byte size field holds the GNU base-256 encoding.
+inline QByteArray base256Header(const QByteArray &name, quint64 size)
+{
+    QByteArray r = header(name, '0', 0);
+    r[124] = char(0x80);
+    for (int i = 11; i > 0; --i, size >>= 8)
+        r[124 + i] = char(size & 0xff);
+    return resealed(r);
+}
+
 /// Entry data padded with zeros to whole records.
 inline QByteArray padded(QByteArray data)
 {
@@ -57,6 +80,25 @@ inline QByteArray file(const QByteArray &name, const QByteArray &data)
 inline QByteArray dir(const QByteArray &name) { return header(name, '5', 0); }
 /// The two null records that end an archive.
 inline QByteArray end() { return QByteArray(1024, '\0'); }
+
+inline QByteArray pax(const QList<QPair<QByteArray, QByteArray>> &records, char type)
+{
+    QByteArray data;
+    for (const auto &record : records) {
+        const QByteArray body = " " + record.first + "=" + record.second + "\n";
+        int length = body.size() + 1;
+        while (QByteArray::number(length).size() + body.size() != length)
+            ++length;
+        data += QByteArray::number(length) + body;
+    }
+    return header("PaxHeaders/x", type, quint64(data.size())) + padded(data);
+}
+
+inline QByteArray gnuLongName(const QByteArray &name, char type)
+{
+    const QByteArray data = name + '\0';
+    return header("././@LongLink", type, quint64(data.size())) + padded(data);
+}
 
 /// Deterministic pseudo-random bytes, so large test files differ everywhere.
 inline QByteArray noise(int size, quint32 seed)
