@@ -4,7 +4,11 @@
 
 #include <QDirIterator>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstring>
+#include <vector>
 
 // Archive bytes written independently of the mtar writer, so the reader is
 // never checked against its own twin.
@@ -132,6 +136,57 @@ inline QStringList listTree(const QString &root)
     }
     entries.sort();
     return entries;
+}
+
+/// Byte-for-byte equality of two files that may be sparse and many GiB
+/// large: only the stretches that hold data in either file are read, the
+/// rest is a hole in both and reads as zeros.
+inline bool sameContent(const QString &a, const QString &b)
+{
+    const int fds[2] = {::open(QFile::encodeName(a).constData(), O_RDONLY | O_CLOEXEC),
+                        ::open(QFile::encodeName(b).constData(), O_RDONLY | O_CLOEXEC)};
+    const auto closeBoth = [&fds] {
+        for (int fd : fds) {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    };
+    if (fds[0] < 0 || fds[1] < 0 || lseek(fds[0], 0, SEEK_END) != lseek(fds[1], 0, SEEK_END)) {
+        closeBoth();
+        return false;
+    }
+    std::vector<std::pair<off_t, off_t>> stretches;
+    for (int fd : fds) {
+        for (off_t at = 0, data; (data = lseek(fd, at, SEEK_DATA)) >= 0; at = lseek(fd, data, SEEK_HOLE))
+            stretches.emplace_back(data, lseek(fd, data, SEEK_HOLE));
+    }
+    std::vector<char> x(1 << 20), y(1 << 20);
+    for (const auto &[from, to] : stretches) {
+        for (off_t at = from; at < to; at += off_t(x.size())) {
+            const size_t n = size_t(std::min<off_t>(off_t(x.size()), to - at));
+            if (pread(fds[0], x.data(), n, at) != ssize_t(n) || pread(fds[1], y.data(), n, at) != ssize_t(n)
+                || std::memcmp(x.data(), y.data(), n) != 0) {
+                closeBoth();
+                return false;
+            }
+        }
+    }
+    closeBoth();
+    return true;
+}
+
+/// Regular files below root (no links), relative.
+inline QStringList regularFiles(const QString &root)
+{
+    QStringList files;
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        if (!it.fileInfo().isSymLink())
+            files << QDir(root).relativeFilePath(it.filePath());
+    }
+    files.sort();
+    return files;
 }
 
 } // namespace tarrecords
