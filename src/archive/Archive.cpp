@@ -112,16 +112,13 @@ Archive::Result Extraction::run(mtar_t &tar)
             return Archive::Success;
         if (ret == MTAR_ETRUNCATED) {
             qCritical().noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, %3.")
-                                         .arg(m_tarPath)
-                                         .arg(tar.error_offset)
-                                         .arg(afterMember());
+                                         .arg(m_tarPath, QString::number(tar.error_offset), afterMember());
             return Archive::NextRecordFailed;
         }
         if (ret != MTAR_ESUCCESS) {
             qCritical().noquote() << QStringLiteral("Archive '%1' has a bad header at byte %2, %3: %4.")
-                                         .arg(m_tarPath)
-                                         .arg(tar.error_offset)
-                                         .arg(afterMember(), QString::fromUtf8(mtar_strerror(ret)));
+                                         .arg(m_tarPath, QString::number(tar.error_offset), afterMember(),
+                                              QString::fromUtf8(mtar_strerror(ret)));
             return Archive::NextRecordFailed;
         }
         m_member = QString::fromUtf8(h->name);
@@ -147,9 +144,8 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
 {
     if (!isUtf8(h.name)) {
         qCritical().noquote() << QStringLiteral("Archive '%1' has a member name that is not UTF-8 at byte %2: '%3'.")
-                                     .arg(m_tarPath)
-                                     .arg(tar.header_offset)
-                                     .arg(QString::fromLatin1(QByteArray(h.name).toPercentEncoding("/")));
+                                     .arg(m_tarPath, QString::number(tar.header_offset),
+                                          QString::fromLatin1(QByteArray(h.name).toPercentEncoding("/")));
         return Archive::NameNotUtf8;
     }
     const QString &name = m_member;
@@ -238,16 +234,13 @@ Archive::Result Extraction::copyData(mtar_t &tar, int fd, const QString &path, c
             const int ret = mtar_read_data(&tar, buffer, chunk);
             if (ret == MTAR_ETRUNCATED) {
                 qCritical().noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, in member '%3'.")
-                                             .arg(m_tarPath)
-                                             .arg(tar.error_offset)
-                                             .arg(m_member);
+                                             .arg(m_tarPath, QString::number(tar.error_offset), m_member);
                 return Archive::ReadDataFailed;
             }
             if (ret != MTAR_ESUCCESS) {
                 qCritical().noquote() << QStringLiteral("Could not read archive '%1' at byte %2, in member '%3': %4")
-                                             .arg(m_tarPath)
-                                             .arg(tar.offset)
-                                             .arg(m_member, QString::fromUtf8(mtar_strerror(ret)));
+                                             .arg(m_tarPath, QString::number(tar.offset), m_member,
+                                                  QString::fromUtf8(mtar_strerror(ret)));
                 return Archive::ReadDataFailed;
             }
             for (uint32_t done = 0; done < chunk && !isZero(buffer, chunk);) {
@@ -286,10 +279,8 @@ Archive::Result Archive::untar(const QString &tarPath, const QString &destDir)
     int ret = mtar_open(&tar, QFile::encodeName(tarPath).constData(), "r");
     if (ret != MTAR_ESUCCESS) {
         qCritical().noquote() << QStringLiteral("Fail to open archive '%1' with mtar_open(), ret = %2 (%3 at byte %4).")
-                                     .arg(tarPath)
-                                     .arg(ret)
-                                     .arg(QString::fromUtf8(mtar_strerror(ret)))
-                                     .arg(tar.error_offset);
+                                     .arg(tarPath, QString::number(ret), QString::fromUtf8(mtar_strerror(ret)),
+                                          QString::number(tar.error_offset));
         return OpenFailed;
     }
 

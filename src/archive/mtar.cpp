@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,16 +46,16 @@ const char kGnuMagic[] = "ustar  ";
 
 // Hostile sizes are capped before anything is allocated for them.
 constexpr uint64_t kMaxExtendedHeader = 64u << 20;
-constexpr uint64_t kMaxLongName = 1u << 20;
 constexpr uint64_t kMaxSparseEntries = 1u << 20;
 // Larger sizes would overflow positions; no real archive comes close.
 constexpr uint64_t kMaxSize = uint64_t(1) << 62;
 
 using PaxRecords = std::vector<std::pair<std::string, std::string>>;
+using PaxMap = std::map<std::string, std::string>;
 
 // What the reader keeps between headers.
 struct State {
-    PaxRecords globals;
+    PaxMap globals;
     std::vector<mtar_sparse_t> sparse;
 };
 
@@ -207,23 +209,20 @@ bool parsePax(const std::string &data, PaxRecords *records)
 
 // Later records win; an empty value removes the keyword, so that a member
 // falls back on the global record or its header field.
-void applyPax(const PaxRecords &records, PaxRecords *into)
+void applyPax(const PaxRecords &records, PaxMap *into)
 {
     for (const auto &record : records) {
-        into->erase(std::remove_if(into->begin(), into->end(),
-                                   [&record](const auto &r) { return r.first == record.first; }),
-                    into->end());
-        into->push_back(record);
+        if (record.second.empty())
+            into->erase(record.first);
+        else
+            (*into)[record.first] = record.second;
     }
 }
 
-const std::string *paxValue(const PaxRecords &records, const char *key)
+const std::string *paxValue(const PaxMap &records, const char *key)
 {
-    for (const auto &record : records) {
-        if (record.first == key)
-            return record.second.empty() ? nullptr : &record.second;
-    }
-    return nullptr;
+    const auto it = records.find(key);
+    return it == records.end() ? nullptr : &it->second;
 }
 
 uint64_t roundUpToRecord(uint64_t size)
@@ -380,9 +379,9 @@ int readPaxSparseData(mtar_t *tar, std::vector<mtar_sparse_t> *map, uint64_t *ma
 
 // Pax sparse formats 0.0 (repeated offset and size records) and 0.1 (one
 // comma-separated map record) keep the map in the extended header.
-bool readPaxSparseRecords(const PaxRecords &records, std::vector<mtar_sparse_t> *map)
+bool readPaxSparseRecords(const PaxMap &pax, const PaxRecords &records, std::vector<mtar_sparse_t> *map)
 {
-    if (const std::string *text = paxValue(records, "GNU.sparse.map")) {
+    if (const std::string *text = paxValue(pax, "GNU.sparse.map")) {
         std::vector<uint64_t> numbers;
         size_t pos = 0;
         while (pos <= text->size()) {
@@ -420,14 +419,19 @@ bool readPaxSparseRecords(const PaxRecords &records, std::vector<mtar_sparse_t> 
     return !haveOffset;
 }
 
-bool hasSparseRecords(const PaxRecords &records)
+bool isSparseKeyword(const std::string &key)
 {
-    return std::any_of(records.begin(), records.end(),
-                       [](const auto &r) { return r.first.compare(0, 11, "GNU.sparse.") == 0; });
+    return key.compare(0, 11, "GNU.sparse.") == 0;
+}
+
+bool hasSparseRecords(const PaxMap &pax)
+{
+    const auto it = pax.lower_bound("GNU.sparse.");
+    return it != pax.end() && isSparseKeyword(it->first);
 }
 
 // Applies a member's pax sparse records: its map, real size and name.
-int applyPaxSparse(mtar_t *tar, const PaxRecords &pax, const PaxRecords &memberRecords, mtar_header_t *h,
+int applyPaxSparse(mtar_t *tar, const PaxMap &pax, const PaxRecords &memberRecords, mtar_header_t *h,
                    std::vector<mtar_sparse_t> *map)
 {
     const std::string *major = paxValue(pax, "GNU.sparse.major");
@@ -447,7 +451,7 @@ int applyPaxSparse(mtar_t *tar, const PaxRecords &pax, const PaxRecords &memberR
         h->size -= mapBytes;
     } else if (!major) {
         const std::string *real = paxValue(pax, "GNU.sparse.size");
-        if (!real || !parseDecimal(*real, &realSize) || !readPaxSparseRecords(memberRecords, map))
+        if (!real || !parseDecimal(*real, &realSize) || !readPaxSparseRecords(pax, memberRecords, map))
             return MTAR_EBADHEADER;
     } else {
         return MTAR_EUNSUPPORTED;
@@ -468,8 +472,9 @@ int readHeaderChain(mtar_t *tar, mtar_header_t *h)
     State &state = stateOf(tar);
     state.sparse.clear();
     const uint64_t start = tar->offset;
-    PaxRecords pax = state.globals;
-    PaxRecords memberRecords; // in order, repeated keywords kept (sparse 0.0)
+    PaxMap pax = state.globals;
+    PaxRecords memberRecords; // sparse records in order, repeated ones kept (format 0.0)
+    uint64_t extendedBytes = 0; // all extended records of this member, capped
     std::string longName, longLink;
     bool haveLongName = false, haveLongLink = false;
     unsigned char record[kRecordSize];
@@ -495,9 +500,10 @@ int readHeaderChain(mtar_t *tar, mtar_header_t *h)
             return MTAR_EBADHEADER;
 
         const unsigned char type = record[kTypeOffset];
+        const bool extended = type == 'x' || type == 'X' || type == 'g' || type == 'L' || type == 'K';
+        if (extended && (size > kMaxExtendedHeader || (extendedBytes += size) > kMaxExtendedHeader))
+            return type == 'L' || type == 'K' ? MTAR_ENAMETOOLONG : MTAR_EBADHEADER;
         if (type == 'x' || type == 'X' || type == 'g') {
-            if (size > kMaxExtendedHeader)
-                return MTAR_EBADHEADER;
             std::string data;
             PaxRecords records;
             if ((err = readRecordData(tar, size, &data)))
@@ -511,13 +517,12 @@ int readHeaderChain(mtar_t *tar, mtar_header_t *h)
                 applyPax(records, &pax);
             } else {
                 applyPax(records, &pax);
-                memberRecords.insert(memberRecords.end(), records.begin(), records.end());
+                std::copy_if(records.begin(), records.end(), std::back_inserter(memberRecords),
+                             [](const auto &r) { return isSparseKeyword(r.first); });
             }
             continue;
         }
         if (type == 'L' || type == 'K') {
-            if (size > kMaxLongName)
-                return MTAR_ENAMETOOLONG;
             std::string data;
             if ((err = readRecordData(tar, size, &data)))
                 return err;
