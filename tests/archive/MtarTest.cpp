@@ -70,13 +70,19 @@ TEST_F(MtarTest, writesHeaderRecordsByteForByte)
     typeless.mode = 0600;
     typeless.size = 7;
     ASSERT_EQ(mtar_write_header(&tar, &typeless), MTAR_ESUCCESS);
+    // The largest size octal holds, and the first one that takes base-256.
+    ASSERT_EQ(mtar_write_file_header(&tar, "octal", (quint64(8) << 30) - 1), MTAR_ESUCCESS);
+    ASSERT_EQ(mtar_write_file_header(&tar, "binary", quint64(8) << 30), MTAR_ESUCCESS);
     ASSERT_EQ(mtar_close(&tar), MTAR_ESUCCESS);
 
     const QByteArray bytes = readFile(path("h.tar"));
-    ASSERT_EQ(bytes.size(), 3 * 512);
+    ASSERT_EQ(bytes.size(), 5 * 512);
     EXPECT_EQ(bytes.mid(0, 512), expectedRecord("docs/hello.txt", "664", "10001", '0'));
     EXPECT_EQ(bytes.mid(512, 512), expectedRecord("docs/", "775", "0", '5'));
     EXPECT_EQ(bytes.mid(1024, 512), expectedRecord("plain", "600", "7", '0'));
+    EXPECT_EQ(bytes.mid(1536, 512), expectedRecord("octal", "664", "77777777777", '0'));
+    EXPECT_EQ(bytes.mid(2048, 512),
+              resealed(expectedRecord("binary", "664", "", '0').replace(124, 12, QByteArray("\x80\0\0\0\0\0\0\x02\0\0\0\0", 12))));
 }
 
 TEST_F(MtarTest, refusesWhatDoesNotFit)
