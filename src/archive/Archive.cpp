@@ -243,7 +243,8 @@ Archive::Result Extraction::copyData(mtar_t &tar, int fd, const QString &path, c
                                                   QString::fromUtf8(mtar_strerror(ret)));
                 return Archive::ReadDataFailed;
             }
-            for (uint32_t done = 0; done < chunk && !isZero(buffer, chunk);) {
+            const bool hole = isZero(buffer, chunk);
+            for (uint32_t done = 0; done < chunk && !hole;) {
                 const ssize_t n = pwrite(fd, buffer + done, chunk - done, off_t(at + done));
                 if (n < 0 && errno == EINTR)
                     continue;
