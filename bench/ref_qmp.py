@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
 """The reference for the emulator rows of scripts/bench: a plain QMP client.
 
-  ref_qmp.py quit PORT PID       ask the emulator to quit, wait for PID to end
-  ref_qmp.py savevm PORT NAME    save the running state as snapshot NAME
+  ref_qmp.py quit SOCKET PID       ask the emulator to quit, wait for PID to end
+  ref_qmp.py savevm SOCKET NAME    save the running state as snapshot NAME
+
+SOCKET is the emulator's QMP unix socket.
 """
 import json
 import os
@@ -11,8 +13,10 @@ import sys
 import time
 
 
-def session(port):
-    sock = socket.create_connection(("127.0.0.1", port), timeout=60)
+def session(path):
+    sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    sock.settimeout(60)
+    sock.connect(path)
     stream = sock.makefile("rwb", buffering=0)
     if b"QMP" not in stream.readline():
         sys.exit("ref_qmp: no QMP greeting")
@@ -48,8 +52,7 @@ def ended(pid):
 def main():
     if len(sys.argv) != 4 or sys.argv[1] not in ("quit", "savevm"):
         sys.exit(__doc__.strip())
-    port = int(sys.argv[2])
-    sock, stream = session(port)
+    sock, stream = session(sys.argv[2])
     if sys.argv[1] == "quit":
         pid = int(sys.argv[3])
         try:

@@ -6,6 +6,37 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonParseError>
+#include <QMutex>
+#include <QMutexLocker>
+
+#include <cerrno>
+#include <cstring>
+
+#include <ftw.h>
+#include <sys/stat.h>
+
+namespace {
+
+// nftw() takes a plain function: the count lives here for the one walk that
+// runs at a time (walks are serialised by makePrivateMutex).
+int g_tightened = 0;
+int g_failed = 0;
+
+int tightenEntry(const char *path, const struct stat *st, int type, struct FTW *)
+{
+    // Links are not followed (FTW_PHYS) and their own mode means nothing.
+    if (type == FTW_SL || type == FTW_SLN || (st->st_mode & 077) == 0)
+        return 0;
+    if (::chmod(path, st->st_mode & 07700) != 0) {
+        qWarning() << "Failed to restrict access to" << QFile::decodeName(path) << ":" << std::strerror(errno);
+        ++g_failed;
+        return 0;
+    }
+    ++g_tightened;
+    return 0;
+}
+
+} // namespace
 
 bool FileUtils::copyDirectory(const QString &src, const QString &dst)
 {
@@ -64,4 +95,26 @@ void FileUtils::walkDirectory(const QString &dir, const QStringList &nameFilters
         QFile file(it.next());
         visit(&file);
     }
+}
+
+int FileUtils::makePrivate(const QString &dir)
+{
+    static QBasicMutex mutex;
+    QMutexLocker lock(&mutex);
+    g_tightened = 0;
+    g_failed = 0;
+    if (::nftw(QFile::encodeName(dir).constData(), tightenEntry, 16, FTW_PHYS) != 0) {
+        qWarning() << "Failed to walk" << dir << ":" << std::strerror(errno);
+        return -1;
+    }
+    if (g_tightened > 0)
+        qInfo() << "Restricted access to" << dir << ":" << g_tightened
+                << "entries were open to other users; they are now the owner's only";
+    return g_tightened;
+}
+
+void FileUtils::restrictCreationMask()
+{
+    const mode_t previous = ::umask(077);
+    ::umask(previous | 077);
 }

@@ -26,4 +26,13 @@ public:
     /// The QFile is not opened.
     static void walkDirectory(const QString &dir, const QStringList &nameFilters,
                               const std::function<void(QFile *)> &visit);
+    /// Takes every group and other permission away from dir and everything
+    /// below it, without following symbolic links. Returns how many entries
+    /// had to change (one info line names dir when any did); -1 when dir
+    /// cannot be walked.
+    static int makePrivate(const QString &dir);
+    /// Restricts the process's file-creation mask to the owner, so that every
+    /// file and directory this process and its children create is private
+    /// (0600 files, 0700 directories) whatever mask the user set.
+    static void restrictCreationMask();
 };

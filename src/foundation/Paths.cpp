@@ -1,6 +1,7 @@
 #include "Paths.h"
 
 #include "EnvVars.h"
+#include "FileUtils.h"
 #include "HalvistromAppUtils.h"
 
 #include <QCoreApplication>
@@ -24,6 +25,9 @@ QString homeDirectory()
 
 Paths::PathInfo computeLayout()
 {
+    // The tree holds disks with saved guest memory, lock files and control
+    // sockets: nothing in it is for other users, whatever the umask says.
+    FileUtils::restrictCreationMask();
     Paths::PathInfo p;
     p.organizationPath = homeDirectory() + QStringLiteral("/.") + HalvistromAppUtils::getOrganizationName();
     p.halvistromPath = p.organizationPath + QLatin1Char('/') + HalvistromAppUtils::getHalvistromAppName();
@@ -44,6 +48,8 @@ Paths::PathInfo computeLayout()
         if (!QDir(dir).mkpath(QStringLiteral(".")))
             qCritical() << "Failed to create" << dir << "things may go wrong";
     }
+    // A tree made by an older program (or under a wide umask) is closed once.
+    FileUtils::makePrivate(p.organizationPath);
     return p;
 }
 

@@ -32,7 +32,6 @@
 namespace hvtool {
 namespace {
 
-constexpr int kQmpBasePort = 23555;
 constexpr int kAdbBasePort = 6555;
 const QString kLatest = QStringLiteral("latest");
 
@@ -94,7 +93,7 @@ QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
         {"status", on ? QStringLiteral("On") : QStringLiteral("Off")},
         {"android_version", machine.getAndroidVersion().toString()},
         {"adb_serial", on ? machine.getAdbSerial() : QString()},
-        {"qmp_port", on ? QJsonValue(int(machine.getQmpPort())) : QJsonValue()},
+        {"qmp_socket", on ? QJsonValue(machine.getQmpSocketPath()) : QJsonValue()},
         {"port_offset", on ? QJsonValue(offset) : QJsonValue()},
         {"path", QDir(machine.getPath()).absolutePath()},
         {"size_on_disk", double(machine.getSizeOnDisk())},
@@ -216,7 +215,7 @@ int list(Context &ctx)
         array.append(object);
         rows << QStringList{object.value("name").toString(), object.value("status").toString(),
                             object.value("android_version").toString(), object.value("adb_serial").toString(),
-                            object.value("qmp_port").isNull() ? QString() : QString::number(object.value("qmp_port").toInt()),
+                            object.value("qmp_socket").toString(),
                             sizeText(qint64(object.value("size_on_disk").toDouble())),
                             object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
     }
@@ -242,7 +241,7 @@ int show(Context &ctx)
         ctx.printJson(object);
         return Success;
     }
-    for (const char *key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_port", "port_offset",
+    for (const char *key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_socket", "port_offset",
                                "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
         const QJsonValue value = object.value(key);
         QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
@@ -430,7 +429,7 @@ int start(Context &ctx)
     }
     ctx.print(QStringLiteral("started '%1' (%2) in %3 s").arg(name, how).arg(startedMs / 1000.0, 0, 'f', 2));
     ctx.print(QStringLiteral("adb serial: %1").arg(machine->getAdbSerial()));
-    ctx.print(QStringLiteral("qmp port:   %1").arg(machine->getQmpPort()));
+    ctx.print(QStringLiteral("qmp socket: %1").arg(machine->getQmpSocketPath()));
     if (waitSeconds > 0)
         ctx.print(QStringLiteral("guest answered after %1 s").arg(readyMs / 1000.0, 0, 'f', 2));
     return Success;

@@ -5,6 +5,7 @@
 #include "HalvistromAppUtils.h"
 #include "Paths.h"
 #include "QEMUEngine.h"
+#include "QEMUOptionSet.h"
 #include "Settings.h"
 #include "VMToolsEngine.h"
 
@@ -17,8 +18,8 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QStorageInfo>
-#include <QTcpServer>
-#include <QTcpSocket>
+#include <QLocalSocket>
+#include <QTemporaryDir>
 #include <QTemporaryFile>
 #include <QThread>
 
@@ -47,7 +48,7 @@ QString levelText(Level level)
 }
 
 /// Reads one QMP reply line (skipping events) within the time left.
-QJsonObject readQmp(QTcpSocket &socket, int timeoutMs)
+QJsonObject readQmp(QLocalSocket &socket, int timeoutMs)
 {
     QElapsedTimer timer;
     timer.start();
@@ -64,24 +65,21 @@ QJsonObject readQmp(QTcpSocket &socket, int timeoutMs)
     return {};
 }
 
-quint16 freeLoopbackPort()
-{
-    QTcpServer server;
-    if (!server.listen(QHostAddress::LocalHost, 0))
-        return 0;
-    return server.serverPort();
-}
-
 /// Launches the emulator with KVM for a moment and asks it whether its
 /// processor runs or stopped on an internal error (as nested virtualisation
 /// does on some hosts).
 Check probeKvm(const QString &emulator)
 {
-    const quint16 port = freeLoopbackPort();
+    // The probe's control socket sits in a directory of its own (mode 0700),
+    // like a device's, so no other user can reach the probe guest.
+    const QTemporaryDir socketDir;
+    if (!socketDir.isValid())
+        return {"kvm-runs-guest", Level::Fail, "could not make a temporary directory: " + socketDir.errorString()};
+    const QString socketPath = socketDir.filePath(QStringLiteral("qmp.sock"));
     QProcess qemu;
     qemu.setProgram(emulator);
     qemu.setArguments({"-accel", "kvm", "-cpu", "host", "-m", "64", "-nodefaults", "-display", "none", "-no-reboot",
-                       "-qmp", QStringLiteral("tcp:127.0.0.1:%1,server=on,wait=off").arg(port)});
+                       "-qmp", QStringLiteral("unix:%1,server=on,wait=off").arg(QEMUOptionSet::escapeValue(socketPath))});
     qemu.setProcessChannelMode(QProcess::MergedChannels);
     qemu.start();
     if (!qemu.waitForStarted(5000))
@@ -95,17 +93,17 @@ Check probeKvm(const QString &emulator)
         return check;
     };
 
-    QTcpSocket socket;
+    QLocalSocket socket;
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < 5000 && qemu.state() == QProcess::Running) {
-        socket.connectToHost(QHostAddress::LocalHost, port);
+        socket.connectToServer(socketPath);
         if (socket.waitForConnected(500))
             break;
         socket.abort();
         QThread::msleep(100);
     }
-    if (socket.state() != QAbstractSocket::ConnectedState) {
+    if (socket.state() != QLocalSocket::ConnectedState) {
         qemu.waitForFinished(1000);
         const QString output = QString::fromLocal8Bit(qemu.readAll()).trimmed().section('\n', -1);
         return finish({"kvm-runs-guest", Level::Fail, "the emulator did not start with KVM: " + output});
@@ -192,7 +190,7 @@ int doctor(Context &ctx)
     } else
         checks << Check{"kvm-runs-guest", Level::Warn, "not probed: KVM or QEMU is not available"};
 
-    const QString devices = Settings::get(QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath()).toString();
+    const QString devices = VMToolsEngine::getDevicesDirectorySetting();
     QDir().mkpath(devices);
     QTemporaryFile probe(devices + QStringLiteral("/.hvtool-doctor-XXXXXX"));
     if (!probe.open()) {

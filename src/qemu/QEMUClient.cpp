@@ -1,16 +1,16 @@
 #include "QEMUClient.h"
 
+#include "QEMULaunch_p.h"
 #include "QmpFraming_p.h"
 #include "QmpProtocol_p.h"
 
 #include <QDeadlineTimer>
 #include <QDebug>
 #include <QEventLoop>
-#include <QHostAddress>
+#include <QFile>
 #include <QJsonObject>
 #include <QJsonValue>
-#include <QNetworkProxy>
-#include <QTcpSocket>
+#include <QLocalSocket>
 #include <QThread>
 #include <QTimer>
 
@@ -65,21 +65,29 @@ QString overlongReason(const QmpLineFramer &framer)
 
 } // namespace
 
-QEMUClient::QEMUClient(unsigned short port, QObject *parent)
+QEMUClient::QEMUClient(const QString &socketPath, QObject *parent)
     : QObject(parent)
-    , m_port(port)
-    , m_socket(new QTcpSocket(this))
+    , m_socketPath(socketPath)
+    , m_socket(new QLocalSocket(this))
     , m_framer(new QmpLineFramer)
 {
-    // The emulator listens on the loopback address: never go through a proxy.
-    m_socket->setProxy(QNetworkProxy::NoProxy);
     m_socket->setReadBufferSize(SocketReadChunk);
 #if QT_VERSION >= QT_VERSION_CHECK(5, 15, 0)
-    connect(m_socket, &QAbstractSocket::errorOccurred, this, &QEMUClient::onSocketError);
+    connect(m_socket, &QLocalSocket::errorOccurred, this, &QEMUClient::onSocketError);
 #else
-    connect(m_socket, QOverload<QAbstractSocket::SocketError>::of(&QAbstractSocket::error), this,
+    connect(m_socket, QOverload<QLocalSocket::LocalSocketError>::of(&QLocalSocket::error), this,
             &QEMUClient::onSocketError);
 #endif
+}
+
+bool QEMUClient::isSocketPathUsable() const
+{
+    // A path longer than a socket address holds would be cut short and
+    // could name another socket: refuse it rather than connect.
+    if (QFile::encodeName(m_socketPath).size() <= QEMULaunch::kMaxSocketPathBytes)
+        return true;
+    qCritical() << Tag << "QEMUClient: socket path too long" << m_socketPath;
+    return false;
 }
 
 QEMUClient::~QEMUClient() = default;
@@ -127,7 +135,9 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
 
 bool QEMUClient::init()
 {
-    m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
+    if (!isSocketPathUsable())
+        return false;
+    m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
     if (!m_socket->waitForConnected(ConnectTimeoutMs)) {
         // Going on would only wait for a greeting that cannot come.
         qCritical() << Tag << "QEMUClient: connection timeout";
@@ -167,7 +177,7 @@ bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, 
                          QJsonObject *reply, bool *silent)
 {
     *silent = false;
-    if (m_socket->state() != QAbstractSocket::ConnectedState) {
+    if (m_socket->state() != QLocalSocket::ConnectedState) {
         qCritical() << Tag << "QEMUClient: not connected";
         return false;
     }
@@ -242,6 +252,8 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
 
 QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &alive, int timeoutMs)
 {
+    if (!isSocketPathUsable())
+        return Readiness::NotQmp;
     const QDeadlineTimer deadline(timeoutMs);
     // A refused or dropped connection is the normal state of an emulator
     // that has not opened its monitor yet.
@@ -256,15 +268,14 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
         }
         if (deadline.hasExpired())
             break;
-        if (m_socket->state() != QAbstractSocket::ConnectedState) {
+        if (m_socket->state() != QLocalSocket::ConnectedState) {
             m_socket->abort();
             m_framer.reset(new QmpLineFramer);
             greeted = capable = false;
-            m_socket->connectToHost(QHostAddress(QHostAddress::LocalHost), m_port, QIODevice::ReadWrite);
-            if (m_socket->waitForConnected(ProbeSliceMs)) {
-                // Short requests, each waiting for its answer: no coalescing.
-                m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-            } else {
+            // Until the emulator has bound its socket the path is missing
+            // (or names the socket of an emulator that ended): retry.
+            m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
+            if (!m_socket->waitForConnected(ProbeSliceMs)) {
                 m_socket->abort();
                 QThread::msleep(ProbeRetryMs);
             }

@@ -9,11 +9,13 @@
 #include <memory>
 
 class QJsonObject;
-class QTcpSocket;
+class QLocalSocket;
 class QmpLineFramer;
 
 /// A short-lived, blocking conversation with a running emulator over QMP on
-/// the loopback address: enabling the protocol, quitting, saving a snapshot.
+/// the unix socket in its device directory: enabling the protocol, quitting,
+/// saving a snapshot. The socket, unlike a loopback port, is reachable only
+/// by the device's owner.
 /// Used from one thread at a time; init() spins a local event loop, so that
 /// thread needs an event dispatcher.
 class QEMUClient : public QObject
@@ -35,7 +37,8 @@ public:
         NotQmp,       ///< something answered that does not speak QMP
     };
 
-    explicit QEMUClient(unsigned short port, QObject *parent = nullptr);
+    /// A client of the emulator listening on the unix socket socketPath.
+    explicit QEMUClient(const QString &socketPath, QObject *parent = nullptr);
     ~QEMUClient() override;
 
     /// Connects, reads the emulator's greeting and enables the QMP
@@ -87,8 +90,11 @@ private:
     /// Detaches the shared-folder drive; false, logged, on failure.
     bool unplugSharedDrive();
 
-    unsigned short m_port;
-    QTcpSocket *m_socket;
+    /// False, logged, when the path does not fit a socket address.
+    bool isSocketPathUsable() const;
+
+    QString m_socketPath;
+    QLocalSocket *m_socket;
     std::unique_ptr<QmpLineFramer> m_framer;
     bool m_quiet = false;
     bool m_detachedShared = false;

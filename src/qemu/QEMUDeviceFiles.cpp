@@ -42,6 +42,11 @@ QString QEMUDeviceFiles::savedStatesName()
     return QStringLiteral("snapshots.json");
 }
 
+QString QEMUDeviceFiles::qmpSocketName()
+{
+    return QStringLiteral("qmp.sock");
+}
+
 QString QEMUDeviceFiles::path(const QString &name) const
 {
     return m_dir + QLatin1Char('/') + name;
@@ -80,4 +85,9 @@ QString QEMUDeviceFiles::sharedFolder() const
 QString QEMUDeviceFiles::savedStates() const
 {
     return path(savedStatesName());
+}
+
+QString QEMUDeviceFiles::qmpSocket() const
+{
+    return path(qmpSocketName());
 }

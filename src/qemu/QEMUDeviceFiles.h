@@ -4,7 +4,7 @@
 
 /// The files of a QEMU device's directory, named in this one place: the disks,
 /// the lock file that ties a running emulator to the device, the emulator's
-/// error output and the folder the guest sees as a drive. Everyone who needs
+/// error output, its control socket and the folder the guest sees as a drive. Everyone who needs
 /// one of them asks here.
 class QEMUDeviceFiles
 {
@@ -19,6 +19,7 @@ public:
     static QString logFileName();
     static QString sharedFolderName();
     static QString savedStatesName();
+    static QString qmpSocketName();
 
     QString directory() const { return m_dir; }
     /// "system.qcow2": the overlay of the OS image's system disk.
@@ -35,6 +36,8 @@ public:
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.
     QString savedStates() const;
+    /// "qmp.sock": the emulator's control socket, reachable by the owner only.
+    QString qmpSocket() const;
 
 private:
     QString path(const QString &name) const;

@@ -83,9 +83,16 @@ public:
     /// Creates target as a qcow2 overlay of the qcow2 image backing; true
     /// when the tool finished successfully and the target exists.
     bool createDisk(const QFileInfo &backing, const QFileInfo &target) const;
-    /// Converts source into the qcow2 image target. The source is removed
-    /// only once the tool has finished successfully and the target exists.
+    /// Converts source (its format named by its suffix, "vmdk" or "qcow2")
+    /// into the qcow2 image target, after inspectDisk() has let it pass. The
+    /// source is removed only once the tool has finished successfully and
+    /// the target exists.
     bool convertDisk(const QFileInfo &source, const QFileInfo &target) const;
+    /// Inspects one disk of an OS image with the tool told its format:
+    /// empty when it is a self-contained image of that format, else why it
+    /// is refused, naming the disk (a backing file, an external data file,
+    /// an extent in another file, another format, an unreadable image).
+    QString inspectDisk(const QString &path, const QString &format) const;
     /// Creates the SD card image (getSDCardDiskName()) of sizeMiB MiB in directory.
     bool createSDCard(const QString &directory, long long sizeMiB) const;
     /// Deletes the snapshot from one image.

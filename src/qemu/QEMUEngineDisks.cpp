@@ -11,6 +11,9 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 
 namespace {
@@ -65,12 +68,20 @@ bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) c
         qWarning() << "[VMTools]" << "Disk file not found:" << source.absoluteFilePath();
         return false;
     }
+    // The source format is always named: a guessed one would let a "vmdk"
+    // that is really another format pull in the files it names.
+    const QString format = source.suffix().toLower();
+    const QString refusal = inspectDisk(source.absoluteFilePath(), format);
+    if (!refusal.isEmpty()) {
+        qCritical().noquote() << "[VMTools]" << "Refusing to convert" << refusal;
+        return false;
+    }
     // A reference disk is several gigabytes: its conversion gets the long
     // time-out.
     const VMToolsCommon::CallResult result = VMToolsCommon::call(
         m_qemuImgBinaryPath,
-        {QStringLiteral("convert"), QStringLiteral("-O"), QStringLiteral("qcow2"), source.absoluteFilePath(),
-         target.absoluteFilePath()},
+        {QStringLiteral("convert"), QStringLiteral("-f"), format, QStringLiteral("-O"), QStringLiteral("qcow2"),
+         source.absoluteFilePath(), target.absoluteFilePath()},
         VMToolsCommon::LongTimeout);
     // The source goes only when the converted image is complete: every device
     // made from it would break on a half-written one.
@@ -81,6 +92,48 @@ bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) c
     }
     deleteDisk(source.absoluteFilePath());
     return true;
+}
+
+QString QEMUEngine::inspectDisk(const QString &path, const QString &format) const
+{
+    const QString name = QStringLiteral("'%1'").arg(path);
+    if (format != QLatin1String("vmdk") && format != QLatin1String("qcow2"))
+        return QStringLiteral("disk %1: '%2' is not a disk format an OS image may hold").arg(name, format);
+    // With the format given the tool does not probe, and "info" opens the
+    // image without its backing file and without reading its data. It gets
+    // the time a conversion of the same image gets.
+    const VMToolsCommon::CallResult result = VMToolsCommon::call(
+        m_qemuImgBinaryPath,
+        {QStringLiteral("info"), QStringLiteral("--output=json"), QStringLiteral("-f"), format, path},
+        VMToolsCommon::LongTimeout);
+    if (!succeeded(result))
+        return QStringLiteral("disk %1: not a %2 image: %3")
+            .arg(name, format, result.finished ? result.error.trimmed() : QStringLiteral("the image tool did not finish"));
+    QJsonParseError error;
+    const QJsonObject info = QJsonDocument::fromJson(result.output.toLatin1(), &error).object();
+    if (error.error != QJsonParseError::NoError || info.isEmpty())
+        return QStringLiteral("disk %1: unreadable image information: %2").arg(name, error.errorString());
+    if (info.value(QLatin1String("format")).toString() != format)
+        return QStringLiteral("disk %1: format '%2', expected '%3'")
+            .arg(name, info.value(QLatin1String("format")).toString(), format);
+    // Anything the image names outside itself would be read into every disk
+    // made from it: a backing file, an external data file, a foreign extent.
+    for (const char *key : {"backing-filename", "full-backing-filename"}) {
+        if (info.contains(QLatin1String(key)))
+            return QStringLiteral("disk %1: it has a backing file '%2'")
+                .arg(name, info.value(QLatin1String(key)).toString());
+    }
+    const QJsonObject data = info.value(QLatin1String("format-specific")).toObject().value(QLatin1String("data")).toObject();
+    if (data.contains(QLatin1String("data-file")))
+        return QStringLiteral("disk %1: it has an external data file '%2'")
+            .arg(name, data.value(QLatin1String("data-file")).toString());
+    const QString self = info.value(QLatin1String("filename")).toString();
+    for (const QJsonValue &extent : data.value(QLatin1String("extents")).toArray()) {
+        const QString file = extent.toObject().value(QLatin1String("filename")).toString();
+        if (file != self)
+            return QStringLiteral("disk %1: it has an extent in another file '%2'").arg(name, file);
+    }
+    return QString();
 }
 
 bool QEMUEngine::createSDCard(const QString &directory, long long sizeMiB) const

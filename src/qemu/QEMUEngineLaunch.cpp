@@ -111,6 +111,15 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     request.ramMiB = machine->getRamSize();
     request.cpuCount = machine->getCpuCount();
     request.snapshotName = snapshotName;
+    request.qmpSocketPath = qemuMachine->getQmpSocketPath();
+    if (QFile::encodeName(request.qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
+        // The emulator could not bind it, and a shortened path might name
+        // another socket.
+        qCritical() << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
+                    << request.qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
+                    << "bytes; move the devices directory to a shorter path";
+        return QEMUMachine::StartFailed;
+    }
     // A snapshot start of a virtio device brings the read-only view of the
     // shared folder: it takes the place of the writable virtio drive that a
     // cold boot had (detached, not removed, before the save), so the resumed
@@ -189,7 +198,7 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
     if (!qemuMachine)
         return false;
     qemuMachine->refreshPortOffset();
-    QEMUClient client(qemuMachine->getQmpPort());
+    QEMUClient client(qemuMachine->getQmpSocketPath());
     if (client.execQuit()) {
         // The emulator writes its disks back before it ends, which can take
         // longer than the machine's own one-second wait on a busy host.
@@ -216,7 +225,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
     const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
 
-    QEMUClient client(qemuMachine->getQmpPort());
+    QEMUClient client(qemuMachine->getQmpSocketPath());
     const bool saved = client.execSaveSnapshot(name, unplugShared);
     if (!saved) {
         qCritical() << "[VMTools]" << "Failed to save snapshot" << name;

@@ -18,7 +18,7 @@ const QVector<PortForward> &portForwards()
 
 QString diskValue(const QString &path, bool virtio)
 {
-    QString value = QStringLiteral("file=%1,format=qcow2").arg(path);
+    QString value = QStringLiteral("file=%1,format=qcow2").arg(QEMUOptionSet::escapeValue(path));
     if (virtio)
         value += QLatin1String(",if=virtio");
     return value;
@@ -26,7 +26,7 @@ QString diskValue(const QString &path, bool virtio)
 
 QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio)
 {
-    const QString shared = QEMUDeviceFiles(devicePath).sharedFolder();
+    const QString shared = QEMUOptionSet::escapeValue(QEMUDeviceFiles(devicePath).sharedFolder());
     if (writable) {
         // On the disks' interface: an IDE drive beside virtio disks would be
         // the first hard disk the firmware tries to boot.
@@ -80,9 +80,10 @@ QEMUOptionSet composeOptions(const Request &request)
             options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false, true));
     }
 
+    // A unix socket in the device directory: only the device's owner can
+    // reach it, where a loopback port would answer every local process.
     options.add(QStringLiteral("-qmp"),
-                QStringLiteral("tcp:localhost:%1,server,nowait")
-                    .arg(static_cast<unsigned short>(kQmpBasePort + request.portOffset)));
+                QStringLiteral("unix:%1,server=on,wait=off").arg(QEMUOptionSet::escapeValue(request.qmpSocketPath)));
     if (!request.showWindow)
         options.addFlag(QStringLiteral("-nographic"));
     options.addFlag(QStringLiteral("-nodefaults"));

@@ -24,6 +24,8 @@ constexpr int kPortOffsetStep = 7;
 /// The last candidate offset.
 constexpr int kMaxPortOffset = 693;
 constexpr int kQmpBasePort = 23555;
+/// The longest path a unix socket address holds (without its final NUL).
+constexpr int kMaxSocketPathBytes = 107;
 
 /// What a start needs to know about the device and the host.
 struct Request {
@@ -34,6 +36,8 @@ struct Request {
     long long ramMiB = 0;
     int cpuCount = 1;
     int portOffset = 0;
+    /// Where the emulator listens for QMP: a unix socket, never a port.
+    QString qmpSocketPath;
     /// Empty for a cold boot.
     QString snapshotName;
     /// Attach the shared folder read-only beside a snapshot start.

@@ -17,6 +17,7 @@ const char kPidKey[] = "pid";
 const char kStartTimeKey[] = "start_time";
 const char kOffsetKey[] = "offset";
 const char kWritableSharedKey[] = "writable_shared_drive";
+const char kQmpSocketKey[] = "qmp_socket";
 
 } // namespace
 
@@ -59,6 +60,8 @@ bool read(const QString &path, QEMULockRecord *record)
             parsed.offset = ok ? offset : -1;
         } else if (key == kWritableSharedKey) {
             parsed.writableSharedDrive = value == "true" ? 1 : (value == "false" ? 0 : -1);
+        } else if (key == kQmpSocketKey) {
+            parsed.qmpSocket = QFile::decodeName(value);
         }
     }
     *record = parsed;
@@ -73,6 +76,11 @@ bool write(const QString &path, const QEMULockRecord &record)
     text += QByteArray(kStartTimeKey) + '=' + QByteArray::number(record.startTime) + '\n';
     if (record.writableSharedDrive >= 0)
         text += QByteArray(kWritableSharedKey) + '=' + (record.writableSharedDrive ? "true" : "false") + '\n';
+    // A path with a line break would end the line early: such a path is
+    // never recorded (the socket is always the device's own "qmp.sock").
+    const QByteArray socket = QFile::encodeName(record.qmpSocket);
+    if (!socket.isEmpty() && !socket.contains('\n') && !socket.contains('\r'))
+        text += QByteArray(kQmpSocketKey) + '=' + socket + '\n';
 
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly)) {

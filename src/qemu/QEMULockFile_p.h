@@ -16,6 +16,9 @@ struct QEMULockRecord {
     /// Whether the emulator has the writable shared-folder drive attached:
     /// 1 yes, 0 no, -1 not recorded.
     int writableSharedDrive = -1;
+    /// The emulator's QMP socket, for other programs to find; empty when not
+    /// recorded.
+    QString qmpSocket;
 };
 
 namespace QEMULockFile {

@@ -304,6 +304,11 @@ unsigned short QEMUMachine::getQmpPort() const
     return shifted(kQmpBasePort, m_portOffset);
 }
 
+QString QEMUMachine::getQmpSocketPath() const
+{
+    return files().qmpSocket();
+}
+
 int QEMUMachine::getPortOffset() const
 {
     return m_portOffset;
@@ -351,6 +356,7 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
     lock.startTime = VMToolsCommon::processStartTime(pid);
     lock.offset = offset;
     lock.writableSharedDrive = writableSharedDrive;
+    lock.qmpSocket = getQmpSocketPath();
     return QEMULockFile::write(getLockFilePath(), lock);
 }
 
@@ -460,7 +466,7 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     }
 
     const qint64 startTime = VMToolsCommon::processStartTime(pid);
-    QEMUClient probe(shifted(kQmpBasePort, offset));
+    QEMUClient probe(getQmpSocketPath());
     const QEMUClient::Readiness readiness = probe.waitUntilRunning(
         [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
     if (readiness == QEMUClient::Readiness::Running) {

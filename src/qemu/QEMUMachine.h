@@ -90,7 +90,13 @@ public:
     int getRedisPort() const override;
     int getRenderMainPort() const override;
     int getRenderDataPort() const override;
+    /// Kept for callers of the port numbers: the emulator no longer opens a
+    /// QMP port (anyone on the host could connect to one); its control
+    /// channel is getQmpSocketPath(). The number still follows the offset.
     unsigned short getQmpPort() const;
+    /// "qmp.sock" in the device directory: the emulator's QMP socket, which
+    /// the lock file records too.
+    QString getQmpSocketPath() const;
     /// The offset of the running emulator; -1 when unknown.
     int getPortOffset() const;
     /// Re-reads the offset from the lock file (-1 without one).

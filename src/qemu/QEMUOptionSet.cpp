@@ -15,6 +15,12 @@ QChar QEMUOptionSet::startArgsSeparator()
     return QLatin1Char(';');
 }
 
+QString QEMUOptionSet::escapeValue(const QString &text)
+{
+    QString escaped = text;
+    return escaped.replace(QLatin1Char(','), QLatin1String(",,"));
+}
+
 void QEMUOptionSet::add(const QString &name, const QString &value)
 {
     m_options[name].append(value);

@@ -22,6 +22,11 @@ public:
     /// such as "fat:rw:/path" and "tcp:localhost:23555" carry colons.
     static QChar startArgsSeparator();
 
+    /// text made safe as one value inside an option's "key=value,..." list:
+    /// the emulator splits such lists on commas and reads ",," as one comma,
+    /// so a path holding a comma cannot add options of its own.
+    static QString escapeValue(const QString &text);
+
     /// Appends a string value under name.
     void add(const QString &name, const QString &value);
     /// Appends a boolean flag under name.

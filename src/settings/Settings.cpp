@@ -3,6 +3,9 @@
 #include "ApplicationConfig.h"
 #include "MultiSettings.h"
 
+#include <QDebug>
+#include <QDir>
+
 namespace {
 
 ApplicationConfig &config()
@@ -25,6 +28,13 @@ QVariant Settings::get(const QString &key, const QVariant &def)
 
 void Settings::set(const QString &key, const QVariant &value)
 {
+    // Devices under a relative directory would land wherever the program
+    // happens to run.
+    if (key == QLatin1String("virtual_devices.directory")
+        && (value.userType() != QMetaType::QString || !QDir::isAbsolutePath(value.toString()))) {
+        qWarning() << "Refusing the setting" << key << "=" << value.toString() << ": it must be an absolute path";
+        return;
+    }
     config().getMultiSettings()->set(key, value);
 }
 

@@ -1,5 +1,6 @@
 #include "VMToolsEngine.h"
 
+#include "FileUtils.h"
 #include "Paths.h"
 #include "Settings.h"
 #include "SysInfo.h"
@@ -27,8 +28,24 @@ VMToolsEngine::VMToolsEngine()
     m_cpuVendor = VMToolsCpu::vendor(VMToolsCpu::cpuid);
     qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
     updateCPUVirtualizationAvailability();
-    m_devicesDirectory =
-        QDir(Settings::get(QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath()).toString());
+    m_devicesDirectory = QDir(getDevicesDirectorySetting());
+    // A devices directory of the user's choosing lies outside the data tree
+    // that the path layout closes: close it (and the devices in it) too.
+    if (m_devicesDirectory.exists())
+        FileUtils::makePrivate(m_devicesDirectory.absolutePath());
+}
+
+QString VMToolsEngine::getDevicesDirectorySetting()
+{
+    const QString key = QStringLiteral("virtual_devices.directory");
+    const QString value = Settings::get(key, Paths::getDeployedPath()).toString();
+    // A relative value would put devices wherever the program happens to run.
+    if (!QDir::isAbsolutePath(value)) {
+        qWarning() << "[VMTools]" << "Ignoring the setting" << key << "=" << value
+                   << ": not an absolute path; using" << Paths::getDeployedPath();
+        return Paths::getDeployedPath();
+    }
+    return value;
 }
 
 VMToolsEngine::~VMToolsEngine() = default;

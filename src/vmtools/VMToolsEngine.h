@@ -158,6 +158,9 @@ public:
     QString getCpuVendor() const;
     /// The directory that holds the devices, fixed at construction.
     QDir getDevicesDirectory() const;
+    /// The setting "virtual_devices.directory", or the deployed directory
+    /// (with a warning) when the setting is not an absolute path.
+    static QString getDevicesDirectorySetting();
 
 protected:
     QString m_text;

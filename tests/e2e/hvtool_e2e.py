@@ -111,7 +111,7 @@ def device(env, name):
 def start(env, name, *extra):
     began = time.time()
     info = env.run("device", "start", name, "--wait", "120", *extra, json_out=True)
-    fields = banner(info["qmp_port"] - 23555 + ADB_BASE)
+    fields = banner(info["port_offset"] + ADB_BASE)
     return info, fields, time.time() - began
 
 

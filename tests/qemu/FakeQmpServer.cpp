@@ -1,17 +1,15 @@
 #include "FakeQmpServer.h"
 
 #include <QDeadlineTimer>
-#include <QHostAddress>
+#include <QLocalServer>
+#include <QLocalSocket>
 #include <QMutexLocker>
-#include <QNetworkProxy>
-#include <QTcpServer>
-#include <QTcpSocket>
 
 #include <future>
 
 namespace {
 
-bool flushAll(QTcpSocket *socket)
+bool flushAll(QLocalSocket *socket)
 {
     while (socket->bytesToWrite() > 0) {
         if (!socket->waitForBytesWritten(5000))
@@ -30,20 +28,19 @@ QByteArray FakeQmpServer::greeting()
 
 FakeQmpServer::FakeQmpServer(const QList<Step> &script)
 {
-    std::promise<unsigned short> port;
-    m_thread = std::thread([this, script, &port] {
-        QTcpServer server;
-        server.setProxy(QNetworkProxy::NoProxy);
-        const bool listening = server.listen(QHostAddress::LocalHost, 0);
-        port.set_value(server.serverPort());
-        if (!listening || !server.waitForNewConnection(10000))
+    std::promise<void> listening;
+    m_thread = std::thread([this, script, &listening] {
+        QLocalServer server;
+        const bool ok = server.listen(path());
+        listening.set_value();
+        if (!ok || !server.waitForNewConnection(10000))
             return fail("no client connected: " + server.errorString());
         serve(server.nextPendingConnection(), script);
     });
-    m_port = port.get_future().get();
+    listening.get_future().wait();
 }
 
-void FakeQmpServer::serve(QTcpSocket *socket, const QList<Step> &script)
+void FakeQmpServer::serve(QLocalSocket *socket, const QList<Step> &script)
 {
     QByteArray received;
     for (const Step &step : script) {
@@ -52,7 +49,7 @@ void FakeQmpServer::serve(QTcpSocket *socket, const QList<Step> &script)
             flushAll(socket);
         } else if (step.kind == Step::Kind::Expect) {
             const QDeadlineTimer deadline(5000);
-            while (!received.contains('\n') && !deadline.hasExpired() && socket->state() == QAbstractSocket::ConnectedState) {
+            while (!received.contains('\n') && !deadline.hasExpired() && socket->state() == QLocalSocket::ConnectedState) {
                 if (socket->waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))))
                     received += socket->readAll();
             }
@@ -61,8 +58,8 @@ void FakeQmpServer::serve(QTcpSocket *socket, const QList<Step> &script)
                 return fail("expected " + step.data + ", got " + (received.isEmpty() ? QByteArray("nothing") : received));
             received.remove(0, end + 1);
         } else if (step.kind == Step::Kind::Close) {
-            socket->disconnectFromHost();
-            if (socket->state() != QAbstractSocket::UnconnectedState)
+            socket->disconnectFromServer();
+            if (socket->state() != QLocalSocket::UnconnectedState)
                 socket->waitForDisconnected(5000);
         } else {
             const QByteArray chunk(64 * 1024, 'x');
@@ -78,11 +75,11 @@ void FakeQmpServer::serve(QTcpSocket *socket, const QList<Step> &script)
         }
     }
     // The script is over: the client may only hang up now.
-    for (QDeadlineTimer deadline(15000); socket->state() == QAbstractSocket::ConnectedState && !deadline.hasExpired();) {
+    for (QDeadlineTimer deadline(15000); socket->state() == QLocalSocket::ConnectedState && !deadline.hasExpired();) {
         if (socket->waitForReadyRead(100))
             received += socket->readAll();
     }
-    if (socket->state() == QAbstractSocket::ConnectedState)
+    if (socket->state() == QLocalSocket::ConnectedState)
         fail("the client did not hang up");
     if (!received.isEmpty())
         fail("unexpected data: " + received);

@@ -4,10 +4,12 @@
 #include <QList>
 #include <QMutex>
 #include <QStringList>
+#include <QTemporaryDir>
 
 #include <thread>
 
-/// A scripted QMP peer on 127.0.0.1 (a port the system picks). It accepts one
+/// A scripted QMP peer on a unix socket in a private temporary directory, as
+/// the emulator listens in its device directory. It accepts one
 /// connection and plays its script: bytes it sends, lines it expects, closing,
 /// streaming bytes without a line break. Whatever the client does that the
 /// script does not expect is an error. It runs on its own thread because the
@@ -33,17 +35,17 @@ public:
     FakeQmpServer(const FakeQmpServer &) = delete;
     FakeQmpServer &operator=(const FakeQmpServer &) = delete;
 
-    unsigned short port() const { return m_port; }
+    QString path() const { return m_dir.filePath(QStringLiteral("qmp.sock")); }
     /// Waits until the client has gone and the script is over; every deviation.
     QStringList finish();
     /// Bytes of the Stream steps that the client's side accepted.
     qint64 streamedBytes();
 
 private:
-    void serve(class QTcpSocket *socket, const QList<Step> &script);
+    void serve(class QLocalSocket *socket, const QList<Step> &script);
     void fail(const QString &error);
 
-    unsigned short m_port = 0;
+    QTemporaryDir m_dir;
     std::thread m_thread;
     QMutex m_mutex;
     QStringList m_errors;

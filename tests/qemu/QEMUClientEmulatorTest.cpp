@@ -5,10 +5,8 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QHostAddress>
+#include <QLocalSocket>
 #include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -32,25 +30,20 @@ TEST(QEMUClientEmulator, savesOnlyOnceTheSharedFolderIsDetachedAndQuits)
     ASSERT_TRUE(QDir(dir.path()).mkpath("shared"));
     const QString disk = dir.filePath("system.qcow2");
     qemuImg({"create", "-q", "-f", "qcow2", disk, "64M"});
-    unsigned short port = 0;
-    {
-        QTcpServer probe;
-        ASSERT_TRUE(probe.listen(QHostAddress::LocalHost, 0));
-        port = probe.serverPort();
-    }
+    const QString socket = dir.filePath("qmp.sock");
     QProcess qemu;
     qemu.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     qemu.setStandardOutputFile(QProcess::nullDevice());
     qemu.start("qemu-system-x86_64", {"-accel", "tcg", "-cpu", "max", "-audiodev", "none,id=snd0", "-display", "none",
                                       "-nodefaults", "-m", "128M", "-drive", "file=" + disk + ",format=qcow2", "-drive",
                                       "format=vvfat,label=shared,id=shared,file=fat:rw:" + dir.filePath("shared"),
-                                      "-qmp", QString("tcp:127.0.0.1:%1,server=on,wait=off").arg(port)});
+                                      "-qmp", "unix:" + socket + ",server=on,wait=off"});
     ASSERT_TRUE(qemu.waitForStarted(30000)) << qemu.errorString().toStdString();
-    // The emulator opens its QMP port shortly after it starts.
+    // The emulator opens its QMP socket shortly after it starts.
     bool listening = false;
     for (QDeadlineTimer deadline(30000); !listening && !deadline.hasExpired() && qemu.state() == QProcess::Running;) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, port);
+        QLocalSocket probe;
+        probe.connectToServer(socket);
         listening = probe.waitForConnected(500);
         if (!listening)
             QThread::msleep(100);
@@ -60,13 +53,13 @@ TEST(QEMUClientEmulator, savesOnlyOnceTheSharedFolderIsDetachedAndQuits)
     hvtest::MessageCapture capture;
     if (listening) {
         // The writable shared folder keeps the emulator from saving.
-        EXPECT_FALSE(QEMUClient(port).execSaveSnapshot("latest", false));
+        EXPECT_FALSE(QEMUClient(socket).execSaveSnapshot("latest", false));
         EXPECT_TRUE(capture.hasContaining(QtCriticalMsg, "does not support live migration"));
         EXPECT_TRUE(capture.has(QtWarningMsg, "[VMTools] QEMUClient: failed to save snapshot"));
         capture.clear();
-        EXPECT_TRUE(QEMUClient(port).execSaveSnapshot("latest", true));
+        EXPECT_TRUE(QEMUClient(socket).execSaveSnapshot("latest", true));
         EXPECT_TRUE(capture.noneAtOrAbove(QtCriticalMsg));
-        EXPECT_TRUE(QEMUClient(port).execQuit());
+        EXPECT_TRUE(QEMUClient(socket).execQuit());
     }
     if (!qemu.waitForFinished(30000)) {
         qemu.kill();

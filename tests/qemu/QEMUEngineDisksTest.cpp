@@ -141,8 +141,8 @@ const ToolOperation toolOperations[] = {
      {"create", "-f", "qcow2", "-b", "%D/base.qcow2", "-F", "qcow2", "%D/overlay.qcow2"},
      "[VMTools] Failed to create disk \"%D/overlay.qcow2\" . \"\"", false},
     {"convertDisk", [](QEMUEngine &e, const QString &d) { return e.convertDisk(in(d, "source.vmdk"), in(d, "converted.qcow2")); },
-     {"convert", "-O", "qcow2", "%D/source.vmdk", "%D/converted.qcow2"},
-     "[VMTools] Failed to convert \"%D/source.vmdk\" to \"%D/converted.qcow2\" . \"\"", true},
+     {"convert", "-f", "vmdk", "-O", "qcow2", "%D/source.vmdk", "%D/converted.qcow2"},
+     "[VMTools] Refusing to convert disk '%D/source.vmdk': not a vmdk image: the image tool did not finish", true},
     {"createSDCard", [](QEMUEngine &e, const QString &d) { return e.createSDCard(d, 64); },
      {"create", "-f", "qcow2", "%D/sdcard.qcow2", "64M"}, "[VMTools] Failed to create \"%D/sdcard.qcow2\" . \"\"", false},
     {"resizeDisk", [](QEMUEngine &e, const QString &d) { return e.resizeDisk(d + "/plain.qcow2", 48); },
@@ -223,6 +223,7 @@ TEST_F(Disks, convertsAVmdkAndRemovesTheSourceOnlyOnSuccess)
     // complete-looking target does not count, the reference disk stays.
     setEnv("HV_CALL_LONG_TIMEOUT_MS", "1500");
     setEnv("HV_FAKE_QEMU_IMG_LINGER", "20");
+    setEnv("HV_FAKE_QEMU_IMG_LINGER_ONLY", "convert");
     EXPECT_FALSE(m_engine->convertDisk(QFileInfo(path("source.vmdk")), QFileInfo(path("ref.qcow2"))));
     EXPECT_TRUE(QFile::exists(path("ref.qcow2")));
     EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("source.vmdk")}));
@@ -232,6 +233,49 @@ TEST_F(Disks, convertsAVmdkAndRemovesTheSourceOnlyOnSuccess)
     EXPECT_FALSE(QFile::exists(path("source.vmdk")));
     EXPECT_EQ(imageInfo(path("ref.qcow2")).value("format").toString(), "qcow2");
     EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("ref.qcow2")}));
+}
+
+// An OS image's disk that names a host file would copy that file into the
+// reference disk every device boots. Each kind is refused before the
+// conversion runs, with the disk and the reason in the message.
+TEST_F(Disks, refusesDisksThatNameFilesOutsideThemselves)
+{
+    const QString secret = path("secret.raw");
+    ASSERT_TRUE(hvtest::writeFile(secret, QByteArray("HOST-SECRET-MARKER").leftJustified(1024 * 1024, 'S')));
+    ASSERT_TRUE(qemuImg({"create", "-q", "-f", "qcow2", "-b", secret, "-F", "raw", path("backed.qcow2")}));
+    ASSERT_TRUE(QFile::copy(path("backed.qcow2"), path("disguised.vmdk")));
+    ASSERT_TRUE(hvtest::writeFile(path("descriptor.vmdk"),
+                                  "# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
+                                  "createType=\"monolithicFlat\"\nRW 2048 FLAT \"" + secret.toUtf8() + "\" 0\n"));
+    ASSERT_TRUE(qemuImg({"create", "-q", "-f", "qcow2", "-o", "data_file=" + secret + ",data_file_raw=on",
+                         path("datafile.qcow2"), "1M"}));
+    const struct {
+        const char *disk;
+        QString reason;
+    } rows[] = {
+        {"disguised.vmdk", "not a vmdk image: qemu-img: Could not open '%D/disguised.vmdk': invalid VMDK image descriptor"},
+        {"descriptor.vmdk", "it has an extent in another file '%D/secret.raw'"},
+        {"backed.qcow2", "it has a backing file '%D/secret.raw'"},
+        {"datafile.qcow2", "it has an external data file '%D/secret.raw'"},
+        {"secret.raw", "'raw' is not a disk format an OS image may hold"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.disk);
+        MessageCapture cap;
+        EXPECT_FALSE(m_engine->convertDisk(QFileInfo(path(row.disk)), QFileInfo(path("ref.qcow2"))));
+        EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Refusing to convert disk '" + path(row.disk) + "': "
+                                               + QString(row.reason).replace("%D", m_dir)));
+        EXPECT_FALSE(QFile::exists(path("ref.qcow2")));
+        EXPECT_TRUE(QFile::exists(path(row.disk)));
+    }
+    for (const QStringList &run : runs())
+        EXPECT_NE(run.first(), "convert") << run.join(' ').toStdString();
+    // The refused images themselves stay as they were, without the secret.
+    for (const auto &row : rows) {
+        if (QString(row.disk) != "secret.raw") {
+            EXPECT_FALSE(hvtest::readFile(path(row.disk)).contains("HOST-SECRET-MARKER")) << row.disk;
+        }
+    }
 }
 
 TEST_F(Disks, createsSdCardsResizesCopiesAndDeletes)
@@ -377,7 +421,8 @@ TEST_F(Disks, upgradeLaysANewSystemDiskOverTheConvertedReference)
     EXPECT_TRUE(qemuImg({"compare", path("pattern.raw"), path("system.qcow2")}));
     EXPECT_FALSE(QFile::exists(path("system.qcow2.upgrade")));
     const QStringList overlay{"create", "-f", "qcow2", "-b", reference + "/system.qcow2", "-F", "qcow2", "%D/system.qcow2.upgrade"};
-    EXPECT_EQ(runs(), (QList<QStringList>{{"convert", "-O", "qcow2", reference + "/system.vmdk", reference + "/system.qcow2"},
+    EXPECT_EQ(runs(), (QList<QStringList>{{"info", "--output=json", "-f", "vmdk", reference + "/system.vmdk"},
+                                          {"convert", "-f", "vmdk", "-O", "qcow2", reference + "/system.vmdk", reference + "/system.qcow2"},
                                           overlay, overlay}));
 }
 

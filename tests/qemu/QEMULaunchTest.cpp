@@ -118,6 +118,7 @@ QEMULaunch::Request request(bool virtio)
     r.ramMiB = 2048;
     r.cpuCount = 4;
     r.portOffset = 7;
+    r.qmpSocketPath = "/devices/Pixel/qmp.sock";
     return r;
 }
 
@@ -136,7 +137,7 @@ QStringList around(const QStringList &drives, const QStringList &loadvm = {})
     return all + loadvm
         + QStringList{"-m", "2048M", "-nic", net0, "-nic", "user,id=net1,model=virtio-net-pci,net=10.0.3.0/24",
                       "-nodefaults", "-nographic", "-object", "iothread,id=disk-iothread",
-                      "-qmp", "tcp:localhost:23562,server,nowait", "-smp", "4", "-vga", "std"};
+                      "-qmp", "unix:/devices/Pixel/qmp.sock,server=on,wait=off", "-smp", "4", "-vga", "std"};
 }
 
 const QString kDisk = "file=/devices/Pixel/%1.qcow2,format=qcow2";
@@ -185,13 +186,33 @@ TEST(QEMULaunch, rosettaHostsUseFirmwareAndVirtBoardWithoutVga)
     EXPECT_EQ(options.render().mid(0, 4), QStringList({"--device", "ac97,audiodev=snd0", "-M", "virt"}));
 }
 
-TEST(QEMULaunch, qmpPortWrapsAndTheCommandPutsEachOptionOnItsOwnLine)
+TEST(QEMULaunch, theCommandPutsEachOptionOnItsOwnLine)
 {
-    QEMULaunch::Request r = request(false);
-    r.portOffset = 65536 - 23555 + 3;
-    EXPECT_EQ(QEMULaunch::composeOptions(r).values("-qmp"), QVariantList({"tcp:localhost:3,server,nowait"}));
     EXPECT_EQ(QEMULaunch::formatCommand("/usr/bin/qemu-system-x86_64", {"-m", "2048M", "-nographic", "-smp", "2"}),
               "\"/usr/bin/qemu-system-x86_64\" \\\n-m 2048M \\\n-nographic \\\n-smp 2");
+}
+
+// The emulator splits option values on commas; a device directory holding
+// ",file=/etc/shadow" must stay one path in every value it reaches.
+TEST(QEMULaunch, commasInPathsAreDoubledInEveryOptionValue)
+{
+    QEMULaunch::Request r = request(true);
+    r.devicePath = "/d/a,file=/etc/shadow";
+    r.qmpSocketPath = r.devicePath + "/qmp.sock";
+    r.sdCardInserted = true;
+    const QEMUOptionSet cold = QEMULaunch::composeOptions(r);
+    const QString dir = "/d/a,,file=/etc/shadow";
+    EXPECT_EQ(cold.values("-drive"),
+              QVariantList({"file=" + dir + "/system.qcow2,format=qcow2,if=virtio",
+                            "file=" + dir + "/data.qcow2,format=qcow2,if=virtio",
+                            "file=" + dir + "/sdcard.qcow2,format=qcow2,if=virtio",
+                            "format=vvfat,label=shared,id=shared,file=fat:rw:" + dir + "/shared,if=virtio"}));
+    EXPECT_EQ(cold.values("-qmp"), QVariantList({"unix:" + dir + "/qmp.sock,server=on,wait=off"}));
+    r.snapshotName = "latest";
+    r.readOnlySharedDrive = true;
+    EXPECT_EQ(QEMULaunch::composeOptions(r).values("-drive").last(),
+              "format=vvfat,label=shared,file=fat:ro:" + dir + "/shared,if=virtio");
+    EXPECT_EQ(QEMUOptionSet::escapeValue(",,a,"), ",,,,a,,");
 }
 
 } // namespace
