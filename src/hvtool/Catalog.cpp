@@ -66,6 +66,16 @@ QString bareUuid(const QString &uuid)
     return text.toLower();
 }
 
+bool isDirectlyInside(const QString &file, const QString &dir)
+{
+    const QFileInfo entry(file);
+    const QString name = entry.fileName();
+    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String(".."))
+        return false;
+    const QString parent = QFileInfo(entry.absolutePath()).canonicalFilePath();
+    return !parent.isEmpty() && parent == QFileInfo(dir).canonicalFilePath();
+}
+
 QList<Stored<HwProfile>> profiles()
 {
     QList<Stored<HwProfile>> result;

@@ -30,5 +30,10 @@ bool findImage(const QString &id, Stored<OsImage> *found, bool *ambiguous = null
 /// The uuid without braces, as used in file names and shown to users.
 QString bareUuid(const QString &uuid);
 
+/// Whether file is an entry directly inside dir (".." and symbolic links in
+/// the directory part resolved), so that acting on it cannot reach anything
+/// outside dir.
+bool isDirectlyInside(const QString &file, const QString &dir);
+
 } // namespace Catalog
 } // namespace hvtool

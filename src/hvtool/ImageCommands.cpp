@@ -1,11 +1,14 @@
 // hvtool image: the user's OS images.
 #include "Catalog.h"
 #include "Command.h"
+#include "Engine.h"
 #include "Progress.h"
 
+#include "Archive.h"
 #include "HalvistromAppUtils.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "QEMUEngine.h"
 #include "VersionUtils.h"
 #include "mtar.h"
 
@@ -18,6 +21,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSaveFile>
+#include <QTemporaryDir>
 #include <QUrl>
 #include <QUuid>
 
@@ -106,6 +110,31 @@ QString checkOva(const QString &path)
     return problem;
 }
 
+/// Unpacks the OVA into a private temporary directory and lets the engine
+/// inspect each reference disk, so that a disk naming a host file (a
+/// backing file, a foreign extent) or holding another format is refused
+/// before anything reaches the system-image directory. Returns the refusal,
+/// naming the disk, or an empty string; *code is set when the engine cannot
+/// be used.
+QString inspectOva(Context &ctx, const QString &path, int *code)
+{
+    QEMUEngine *e = engine(ctx, code);
+    if (!e)
+        return QStringLiteral("QEMU cannot be used");
+    QTemporaryDir scratch(QDir(Paths::getTemporaryDirPath()).filePath(QStringLiteral("inspect-XXXXXX")));
+    if (!scratch.isValid())
+        return QStringLiteral("could not make a temporary directory: %1").arg(scratch.errorString());
+    const Archive::Result untarred = Archive::untar(path, scratch.path());
+    if (!Archive::isOk(untarred))
+        return QStringLiteral("'%1' could not be unpacked (error %2)").arg(path).arg(int(untarred));
+    for (const char *disk : kRequiredDisks) {
+        const QString reason = e->inspectDisk(scratch.filePath(QLatin1String(disk)), QStringLiteral("vmdk"));
+        if (!reason.isEmpty())
+            return QStringLiteral("'%1' is refused: %2").arg(path, QString(reason).replace(scratch.path() + '/', QString()));
+    }
+    return QString();
+}
+
 QString sha256(const QString &path, const Progress &progress, QString *error)
 {
     QFile file(path);
@@ -160,9 +189,27 @@ int addRecord(Context &ctx, const QString &path)
     OsImage image = OsImageIO::loadFromFile(path, HwProfile::Source::USER);
     if (!image.isValid())
         return ctx.fail(Failed, QStringLiteral("'%1' is not a valid OS image record").arg(path));
+    // The uuid names the stored record: one holding a path would write
+    // outside the records directory (or over a hardware profile).
+    const QString uuid = Catalog::bareUuid(image.uuid);
+    if (uuid.isEmpty() || uuid.contains(QLatin1Char('/')) || uuid.contains(QLatin1Char('\\')) || uuid.contains(QChar(0))
+        || !Catalog::isDirectlyInside(QDir(Paths::getUserOsImagePath()).filePath(uuid + ".json"),
+                                      Paths::getUserOsImagePath()))
+        return ctx.fail(Failed, QStringLiteral("'%1' is not a valid OS image record: its uuid '%2' is not a file name")
+                                    .arg(path, image.uuid));
     Stored<OsImage> existing;
     if (Catalog::findImage(image.uuid, &existing))
         return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
+    // An OVA already on this machine is inspected now; one still to be
+    // downloaded is inspected before its disks are converted.
+    if (image.isImageAvailableLocally()) {
+        int code = Success;
+        const QString problem = inspectOva(ctx, image.getLocalPath(), &code);
+        if (code != Success)
+            return code;
+        if (!problem.isEmpty())
+            return ctx.fail(Failed, problem);
+    }
     return registerImage(ctx, image);
 }
 
@@ -175,7 +222,13 @@ int addOva(Context &ctx, const QString &path)
         return ctx.fail(Usage,
                         QStringLiteral("'%1' is not an Android version").arg(ctx.value(QStringLiteral("android"))));
 
-    const QString problem = checkOva(path);
+    QString problem = checkOva(path);
+    if (!problem.isEmpty())
+        return ctx.fail(Failed, problem);
+    int code = Success;
+    problem = inspectOva(ctx, path, &code);
+    if (code != Success)
+        return code;
     if (!problem.isEmpty())
         return ctx.fail(Failed, problem);
 
@@ -226,8 +279,9 @@ int remove(Context &ctx)
     bool ambiguous = false;
     if (!Catalog::findImage(ctx.arg(0), &found, &ambiguous))
         return notFound(ctx, ctx.arg(0), ambiguous);
-    if (!found.file.startsWith(QDir(Paths::getUserOsImagePath()).absolutePath()))
-        return ctx.fail(Failed, QStringLiteral("'%1' is not a registered image record").arg(found.file));
+    if (!Catalog::isDirectlyInside(found.file, Paths::getUserOsImagePath()))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not a registered image record: it is outside '%2'")
+                                   .arg(found.file, QDir(Paths::getUserOsImagePath()).absolutePath()));
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
     return Success;

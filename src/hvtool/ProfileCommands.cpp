@@ -6,6 +6,7 @@
 #include "HwProfileIO.h"
 #include "Paths.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -150,6 +151,11 @@ int remove(Context &ctx)
     bool ambiguous = false;
     if (!Catalog::findProfile(ctx.arg(0), &found, &ambiguous))
         return notFound(ctx, ctx.arg(0), ambiguous);
+    // An ID may be the path of any profile file: only the user's own records
+    // are deleted.
+    if (!Catalog::isDirectlyInside(found.file, Paths::getUserHwProfilePath()))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not a user profile: it is outside '%2'")
+                                   .arg(found.file, QDir(Paths::getUserHwProfilePath()).absolutePath()));
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
     return Success;

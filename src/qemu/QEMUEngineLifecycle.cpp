@@ -50,6 +50,17 @@ bool isFreeDeviceName(const QEMUEngine &engine, const QString &name, const char 
     return true;
 }
 
+// A device directory that is a symbolic link would lead deletion, reset and
+// cloning to whatever it points at: such a device is refused.
+bool isLinkedDeviceDirectory(const QString &path)
+{
+    if (!QFileInfo(path).isSymLink())
+        return false;
+    qWarning() << "[VMTools]" << "Refusing device directory" << path << ": it is a symbolic link to"
+               << QFileInfo(path).symLinkTarget();
+    return true;
+}
+
 } // namespace
 
 QEMUEngine::DirectoryCleaner::DirectoryCleaner(const QDir &directory) : m_directory(directory) {}
@@ -187,6 +198,8 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
         qCritical() << "[VMTools]" << "Cannot clone null machine";
         return 1;
     }
+    if (isLinkedDeviceDirectory(source->getPath()))
+        return 1;
     if (!isFreeDeviceName(*this, newName, "Can't clone to already existing device"))
         return isValidDeviceName(newName) ? 2 : 1;
     const QString targetPath = m_devicesDirectory.absoluteFilePath(newName);
@@ -223,6 +236,8 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
         return false;
     }
     qDebug() << "[VMTools]" << "deleteMachine() with path" << machine->getPath();
+    if (isLinkedDeviceDirectory(machine->getPath()))
+        return false;
     if (!QDir(machine->getPath()).removeRecursively()) {
         qCritical() << "[VMTools]" << "Failed to remove" << machine->getPath();
         return false;
@@ -236,6 +251,8 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
         qCritical() << "[VMTools]" << "Cannot factory reset null machine";
         return false;
     }
+    if (isLinkedDeviceDirectory(machine->getPath()))
+        return false;
     const QDir reference(Paths::getSystemImagePath(machine->getHalvistromVersion(), machine->getAndroidVersion()));
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
@@ -271,7 +288,7 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
 
 QEMUMachine *QEMUEngine::loadMachine(const QString &path) const
 {
-    if (!QFileInfo(path).isDir())
+    if (!QFileInfo(path).isDir() || isLinkedDeviceDirectory(path))
         return nullptr;
     auto machine = std::make_unique<QEMUMachine>(const_cast<QEMUEngine *>(this), path);
     if (!machine->load())

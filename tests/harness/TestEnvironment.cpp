@@ -55,6 +55,10 @@ void isolateProcess()
         ::setenv(name, path.c_str(), 1);
     }
     ::setenv("HV_TEST_ROOT", g_root.c_str(), 1);
+    // A test entry can run under a file-creation mask of its choosing (octal),
+    // set before the system under test creates anything.
+    if (const char *mask = std::getenv("HV_TEST_UMASK"))
+        ::umask(mode_t(std::strtol(mask, nullptr, 8)));
     ::unsetenv("XDG_CONFIG_DIRS");
     ::unsetenv("XDG_DATA_DIRS");
     if (!std::getenv("HV_TEST_KEEP_HV_HOME"))

@@ -4,6 +4,7 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -11,6 +12,8 @@
 #include <QMap>
 #include <QProcess>
 #include <QUrl>
+
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +25,33 @@ struct CliResult {
     QString err;
     QJsonDocument json() const { return QJsonDocument::fromJson(out.toUtf8()); }
 };
+
+int run(const QString &program, const QStringList &args)
+{
+    QProcess p;
+    p.start(program, args);
+    EXPECT_TRUE(p.waitForFinished(60000));
+    EXPECT_EQ(p.exitCode(), 0) << p.readAllStandardError().toStdString();
+    return p.exitCode();
+}
+
+/// Every regular file below dir whose content holds marker.
+QStringList filesHolding(const QString &dir, const QByteArray &marker)
+{
+    QStringList found;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        QFile file(it.next());
+        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(marker))
+            found << file.fileName();
+    }
+    return found;
+}
+
+QString dataTree()
+{
+    return qEnvironmentVariable("HV_HOME") + "/.Corbelwick";
+}
 
 CliResult hvtool(const QStringList &args)
 {
@@ -132,6 +162,13 @@ protected:
         const QString dir = hvtest::testRoot() + "/ova-src-" + name;
         QDir().mkpath(dir);
         for (const QString &member : members) {
+            // Disks are real vmdk images: image add inspects them.
+            if (member.endsWith(".vmdk") && !QFile::exists(dir + "/" + member)) {
+                EXPECT_EQ(run("qemu-img", {"create", "-q", "-f", "vmdk", dir + "/" + member, "1M"}), 0);
+                continue;
+            }
+            if (QFile::exists(dir + "/" + member))
+                continue;
             QFile f(dir + "/" + member);
             EXPECT_TRUE(f.open(QIODevice::WriteOnly));
             f.write(QByteArray(3000, member.at(0).toLatin1()));
@@ -195,6 +232,111 @@ TEST_F(HvtoolImages, refusesFilesThatAreNotDeviceOvas)
     EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(r.err.contains("an OVA needs --android VERSION")) << r.err.toStdString();
     EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), before);
+}
+
+// A disk that names a host file (as a backing file or an extent), or is not
+// the vmdk it claims to be, is refused at image add: nothing is registered,
+// nothing is left behind, and the host file's bytes reach no file of ours.
+TEST_F(HvtoolImages, refusesHostileOvasAndLeavesNothingBehind)
+{
+    const QString secret = hvtest::testRoot() + "/secret.raw";
+    QFile f(secret);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QByteArray("HOST-SECRET-MARKER").leftJustified(1 << 20, 'S'));
+    f.close();
+    const struct {
+        const char *name;
+        std::function<void(const QString &disk)> make;
+        QString reason;
+    } rows[] = {
+        {"backed", [&](const QString &disk) {
+             run("qemu-img", {"create", "-q", "-f", "qcow2", "-b", secret, "-F", "raw", disk});
+         }, "not a vmdk image: qemu-img: Could not open"},
+        {"extent", [&](const QString &disk) {
+             QFile d(disk);
+             d.open(QIODevice::WriteOnly);
+             d.write("# Disk DescriptorFile\nversion=1\nCID=fffffffe\nparentCID=ffffffff\n"
+                     "createType=\"monolithicFlat\"\nRW 2048 FLAT \"" + secret.toUtf8() + "\" 0\n");
+         }, "it has an extent in another file '" + secret + "'"},
+        {"text", [&](const QString &disk) {
+             QFile d(disk);
+             d.open(QIODevice::WriteOnly);
+             d.write(QByteArray(3000, 'x'));
+         }, "not a vmdk image"},
+    };
+    const int before = hvtool({"image", "list", "--format", "json"}).json().array().size();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QString dir = hvtest::testRoot() + "/ova-src-" + row.name + ".ova";
+        QDir().mkpath(dir);
+        row.make(dir + "/system.vmdk");
+        const QString ova = makeTar(QString(row.name) + ".ova", {"system.vmdk", "data.vmdk"});
+        const CliResult r = hvtool({"image", "add", ova, "--android", "11.0"});
+        EXPECT_EQ(r.code, 1);
+        EXPECT_TRUE(r.err.contains("'" + ova + "' is refused: disk 'system.vmdk': " + row.reason)) << r.err.toStdString();
+        EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), before);
+        EXPECT_EQ(QDir(dataTree() + "/Halvistrom/tmp").entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+        EXPECT_EQ(filesHolding(dataTree(), "HOST-SECRET-MARKER"), QStringList());
+    }
+}
+
+// Paths made from records stay in their directories: a record's uuid never
+// names a file elsewhere, and delete/remove act on the user's records only.
+TEST_F(HvtoolImages, pathsFromRecordsStayInTheirDirectories)
+{
+    const QString ova = makeTar("fine.ova", {"system.vmdk", "data.vmdk"});
+    const CliResult added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"});
+    ASSERT_EQ(added.code, 0) << added.err.toStdString();
+    QJsonObject record = added.json().object();
+    record.insert("uuid", "../hwprofiles/evil");
+    const QString crafted = hvtest::testRoot() + "/crafted.json";
+    QFile f(crafted);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QJsonDocument(record).toJson());
+    f.close();
+    CliResult r = hvtool({"image", "add", crafted});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(r.err.contains("its uuid '../hwprofiles/evil' is not a file name")) << r.err.toStdString();
+    EXPECT_FALSE(QFile::exists(dataTree() + "/Halvistrom/hwprofiles/evil.json"));
+
+    // A record file outside the records directories, named by its path.
+    ASSERT_EQ(hvtool({"profile", "create", "Outside"}).code, 0);
+    const QString profiles = dataTree() + "/Halvistrom/hwprofiles";
+    const QString outsideProfile = hvtest::testRoot() + "/outside-profile.json";
+    ASSERT_TRUE(QFile::copy(QDir(profiles).entryInfoList({"*.json"}).value(0).absoluteFilePath(), outsideProfile));
+    const QString outsideImage = hvtest::testRoot() + "/outside-image.json";
+    record.insert("uuid", "0b0e2c1e-6f59-4a4c-9a32-6a3f1a1b2c3d");
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QJsonDocument(record).toJson());
+    f.close();
+    ASSERT_TRUE(QFile::rename(crafted, outsideImage));
+    const struct {
+        QStringList args;
+        QString file;
+        QString message;
+    } rows[] = {
+        {{"profile", "delete", outsideProfile}, outsideProfile, "is not a user profile: it is outside"},
+        {{"image", "remove", outsideImage}, outsideImage, "is not a registered image record: it is outside"},
+    };
+    for (const auto &row : rows) {
+        r = hvtool(row.args);
+        EXPECT_EQ(r.code, 2);
+        EXPECT_TRUE(r.err.contains("'" + row.file + "' " + row.message)) << r.err.toStdString();
+        EXPECT_TRUE(QFile::exists(row.file));
+    }
+}
+
+// The devices directory must be absolute: a relative one would put devices
+// wherever hvtool happens to run.
+TEST(HvtoolSettings, devicesDirectoryMustBeAbsolute)
+{
+    const CliResult r = hvtool({"settings", "set", "virtual_devices.directory", "12"});
+    EXPECT_EQ(r.code, 1);
+    EXPECT_TRUE(r.err.contains("it must be an absolute path")) << r.err.toStdString();
+    EXPECT_NE(hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed(), "12");
+    const QString absolute = hvtest::testRoot() + "/devices";
+    EXPECT_EQ(hvtool({"settings", "set", "virtual_devices.directory", absolute}).code, 0);
+    EXPECT_EQ(hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed(), absolute);
 }
 
 TEST(HvtoolDoctor, reportsEveryCheck)
