@@ -9,6 +9,8 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
+#include <QFileInfo>
 #include <QLibrary>
 
 #include <thread>
@@ -29,10 +31,15 @@ VMToolsEngine::VMToolsEngine()
     qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
     updateCPUVirtualizationAvailability();
     m_devicesDirectory = QDir(getDevicesDirectorySetting());
-    // A devices directory of the user's choosing lies outside the data tree
-    // that the path layout closes: close it (and the devices in it) too.
-    if (m_devicesDirectory.exists())
-        FileUtils::makePrivate(m_devicesDirectory.absolutePath());
+    // A devices directory of the user's choosing may lie outside the data
+    // tree that the path layout closes. The directory itself may be shared
+    // (it is the user's choice), but each device in it is closed.
+    const QFileInfoList devices =
+        m_devicesDirectory.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks | QDir::Hidden);
+    for (const QFileInfo &device : devices) {
+        if (QFileInfo::exists(device.absoluteFilePath() + QStringLiteral("/device.json")))
+            FileUtils::makePrivate(device.absoluteFilePath());
+    }
 }
 
 QString VMToolsEngine::getDevicesDirectorySetting()

@@ -339,6 +339,27 @@ TEST(HvtoolSettings, devicesDirectoryMustBeAbsolute)
     EXPECT_EQ(hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed(), absolute);
 }
 
+// A data tree left open by an older program or a wide umask is closed on
+// first use, with one line saying so; a closed one is left alone silently.
+TEST(HvtoolPrivacy, anOpenDataTreeIsClosedOnFirstUse)
+{
+    ASSERT_EQ(hvtool({"profile", "create", "Open"}).code, 0);
+    const QString profiles = dataTree() + "/Halvistrom/hwprofiles";
+    const QString record = QDir(profiles).entryInfoList({"*.json"}).value(0).absoluteFilePath();
+    ASSERT_FALSE(record.isEmpty());
+    EXPECT_EQ(QFile(record).permissions() & 0x0077, 0) << "records are private from the start";
+    ASSERT_TRUE(QFile::setPermissions(profiles, QFileDevice::Permissions(0x7755)));
+    ASSERT_TRUE(QFile::setPermissions(record, QFileDevice::Permissions(0x6644)));
+    CliResult r = hvtool({"-v", "profile", "list"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.err.count("Restricted access to \"" + dataTree() + "\" : 2 entries were open to other users"), 1)
+        << r.err.toStdString();
+    EXPECT_EQ(QFile(profiles).permissions() & 0x0077, 0);
+    EXPECT_EQ(QFile(record).permissions() & 0x0077, 0);
+    r = hvtool({"-v", "profile", "list"});
+    EXPECT_FALSE(r.err.contains("Restricted access")) << r.err.toStdString();
+}
+
 TEST(HvtoolDoctor, reportsEveryCheck)
 {
     const CliResult r = hvtool({"doctor", "--format", "json"});

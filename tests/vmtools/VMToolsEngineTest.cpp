@@ -2,6 +2,7 @@
 
 #include "MessageCapture.h"
 #include "Paths.h"
+#include "JsonSettings.h"
 #include "Settings.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
@@ -192,6 +193,26 @@ TEST_F(VMToolsEngineBase, constructionReadsProcessorAndDevicesDirectory)
     EXPECT_EQ(moved.getDevicesDirectory(), QDir("/srv/devices"));
     // An existing engine keeps the directory it was built with.
     EXPECT_EQ(engine.getDevicesDirectory(), QDir(Paths::getDeployedPath()));
+    Settings::set("virtual_devices.directory", Paths::getDeployedPath());
+}
+
+// A relative devices directory would follow whatever directory the program
+// runs in: it is refused when set, and ignored with a warning when a settings
+// file holds one anyway.
+TEST_F(VMToolsEngineBase, aRelativeDevicesDirectoryIsRefusedAndIgnored)
+{
+    MessageCapture cap;
+    for (const QVariant &value : {QVariant("12"), QVariant("devices/here"), QVariant(12)}) {
+        Settings::set("virtual_devices.directory", value);
+        EXPECT_EQ(Settings::get("virtual_devices.directory").toString(), Paths::getDeployedPath());
+        EXPECT_TRUE(cap.has(QtWarningMsg, "Refusing the setting \"virtual_devices.directory\" = \"" + value.toString()
+                                              + "\" : it must be an absolute path"));
+    }
+    ASSERT_TRUE(Settings::getUserSettings()->setValue("virtual_devices.directory", "12"));
+    FakeEngine engine;
+    EXPECT_EQ(engine.getDevicesDirectory(), QDir(Paths::getDeployedPath()));
+    EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Ignoring the setting \"virtual_devices.directory\" = \"12\" : not an "
+                                      "absolute path; using \"" + Paths::getDeployedPath() + "\""));
     Settings::set("virtual_devices.directory", Paths::getDeployedPath());
 }
 
