@@ -19,7 +19,7 @@ public:
     static const char *startArgsVariable();
     /// The separator of the override's items. A colon, the usual list
     /// separator of the environment overrides, cannot be used: option values
-    /// such as "fat:rw:/path" and "tcp:localhost:23555" carry colons.
+    /// such as "fat:rw:/path" and "unix:/path/qmp.sock" carry colons.
     static QChar startArgsSeparator();
 
     /// text made safe as one value inside an option's "key=value,..." list:
