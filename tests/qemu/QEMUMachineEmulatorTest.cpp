@@ -15,6 +15,7 @@
 #include <QProcess>
 #include <QSettings>
 #include <QTcpServer>
+#include <QLocalSocket>
 #include <QTcpSocket>
 #include <QThread>
 
@@ -100,7 +101,7 @@ protected:
                              {"-accel", "tcg", "-cpu", "max", "-m", "64", "-display", "none", "-nodefaults",
                               "-audiodev", "none,id=snd0", "-drive", "file=" + m_dir + "/system.qcow2,format=qcow2,if=virtio",
                               "-nic", QString("user,id=net0,hostfwd=tcp:127.0.0.1:%1-:5555").arg(6555 + m_offset),
-                              "-qmp", QString("tcp:localhost:%1,server,nowait").arg(23555 + m_offset)},
+                              "-qmp", "unix:" + machine.getQmpSocketPath() + ",server=on,wait=off"},
                              quint16(m_offset));
     }
 
@@ -120,8 +121,9 @@ TEST_F(QEMUMachineEmulator, startsRecordsAndStops)
     EXPECT_TRUE(machine.isQEMURunning());
     EXPECT_EQ(machine.getStatus(), VMToolsMachine::On);
     EXPECT_EQ(machine.getPortOffset(), m_offset);
-    QTcpSocket qmp;
-    qmp.connectToHost(QHostAddress::LocalHost, machine.getQmpPort());
+    EXPECT_EQ(lock.value("qmp_socket").toString(), m_dir + "/qmp.sock");
+    QLocalSocket qmp;
+    qmp.connectToServer(machine.getQmpSocketPath());
     EXPECT_TRUE(qmp.waitForConnected(5000)) << qmp.errorString().toStdString();
     qmp.abort();
 
@@ -160,8 +162,7 @@ TEST_F(QEMUMachineEmulator, failedStartsLeaveNothingRunning)
         EXPECT_EQ(start(machine), QEMUMachine::AccelerationNotSupported);
         EXPECT_TRUE(emulatorsUsing(m_dir).isEmpty());
     }
-    const QList<QPair<int, QByteArray>> taken{{23555, "Address already in use"},
-                                             {6555, "Could not set up host forwarding rule"}};
+    const QList<QPair<int, QByteArray>> taken{{6555, "Could not set up host forwarding rule"}};
     for (const auto &port : taken) {
         QTcpServer holder;
         ASSERT_TRUE(holder.listen(QHostAddress::Any, quint16(port.first + m_offset)));
