@@ -18,18 +18,17 @@
 namespace {
 
 // nftw() takes a plain function: the count lives here for the one walk that
-// runs at a time (walks are serialised by makePrivateMutex).
+// runs at a time (makePrivate() serialises them).
 int g_tightened = 0;
-int g_failed = 0;
 
 int tightenEntry(const char *path, const struct stat *st, int type, struct FTW *)
 {
-    // Links are not followed (FTW_PHYS) and their own mode means nothing.
-    if (type == FTW_SL || type == FTW_SLN || (st->st_mode & 077) == 0)
+    // Links are not followed (FTW_PHYS) and their own mode means nothing; an
+    // entry that cannot be examined has no mode to go by.
+    if (type == FTW_SL || type == FTW_SLN || type == FTW_NS || (st->st_mode & 077) == 0)
         return 0;
     if (::chmod(path, st->st_mode & 07700) != 0) {
         qWarning() << "Failed to restrict access to" << QFile::decodeName(path) << ":" << std::strerror(errno);
-        ++g_failed;
         return 0;
     }
     ++g_tightened;
@@ -102,7 +101,6 @@ int FileUtils::makePrivate(const QString &dir)
     static QBasicMutex mutex;
     QMutexLocker lock(&mutex);
     g_tightened = 0;
-    g_failed = 0;
     if (::nftw(QFile::encodeName(dir).constData(), tightenEntry, 16, FTW_PHYS) != 0) {
         qWarning() << "Failed to walk" << dir << ":" << std::strerror(errno);
         return -1;
