@@ -137,7 +137,7 @@ bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) cons
     // keeps it from saving one.
     const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
     const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
-    QEMUClient client(qemuMachine->getQmpPort());
+    QEMUClient client(qemuMachine->getQmpSocketPath());
     const bool loaded = client.execLoadSnapshot(name, unplugShared);
     if (unplugShared && client.hasDetachedSharedDrive())
         qemuMachine->setWritableSharedDrive(false);
