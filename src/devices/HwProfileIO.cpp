@@ -1,6 +1,7 @@
 #include "HwProfileIO.h"
 
 #include "DeviceJson_p.h"
+#include "FileUtils.h"
 #include "JsonReader.h"
 
 #include <QDebug>
@@ -8,7 +9,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 #include <QVariantMap>
 
 using DeviceJson::enumKey;
@@ -240,19 +240,8 @@ bool HwProfileIO::save(const HwProfile &profile, const QString &dir)
         qWarning() << "Cannot create directory" << dir;
         return false;
     }
-    // Written through a temporary file so that a failed write never leaves
-    // a truncated profile behind.
-    QSaveFile file(profileFilePath(profile, dir));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        qWarning() << "Cannot create local profile file for profile" << profile.uuid << "in" << dir;
-        return false;
-    }
-    file.write(QJsonDocument(toJsonObject(profile)).toJson());
-    if (!file.commit()) {
-        qWarning() << "Cannot write local profile file" << file.fileName() << file.errorString();
-        return false;
-    }
-    return true;
+    // A failed write never leaves a truncated profile behind.
+    return FileUtils::saveFile(profileFilePath(profile, dir), QJsonDocument(toJsonObject(profile)).toJson());
 }
 
 bool HwProfileIO::remove(const HwProfile &profile, const QString &dir)

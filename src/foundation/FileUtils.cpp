@@ -1,5 +1,7 @@
 #include "FileUtils.h"
 
+#include "TriggerError.h"
+
 #include <QDebug>
 #include <QDir>
 #include <QDirIterator>
@@ -36,6 +38,12 @@ int tightenEntry(const char *path, const struct stat *st, int type, struct FTW *
 }
 
 } // namespace
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 bool FileUtils::copyDirectory(const QString &src, const QString &dst)
 {
@@ -84,6 +92,88 @@ QJsonDocument FileUtils::loadJson(const QString &path)
         return QJsonDocument();
     }
     return document;
+}
+
+namespace {
+
+// Writes all of content, going on after short writes and interruptions.
+// errno tells why it stopped early.
+bool writeAll(int fd, const QByteArray &content)
+{
+    // The "diskfull" trigger stands for the disk that fills up under the
+    // write: the same errno at the same step.
+    if (TriggerError::diskFull()) {
+        errno = ENOSPC;
+        return false;
+    }
+    const char *data = content.constData();
+    qint64 left = content.size();
+    while (left > 0) {
+        const ssize_t n = ::write(fd, data, size_t(left));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            if (n == 0)
+                errno = EIO;
+            return false;
+        }
+        data += n;
+        left -= n;
+    }
+    return true;
+}
+
+bool syncDirectory(const QByteArray &dir)
+{
+    const int fd = ::open(dir.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool synced = ::fsync(fd) == 0;
+    const int saved = errno;
+    ::close(fd);
+    errno = saved;
+    return synced;
+}
+
+} // namespace
+
+bool FileUtils::saveFile(const QString &path, const QByteArray &content)
+{
+    // The new content goes to a private temporary file beside the old one,
+    // reaches the disk, and only then takes the old file's name in one
+    // rename: a crash or a full disk at any step leaves the old file whole.
+    const QFileInfo info(path);
+    const QByteArray target = QFile::encodeName(info.absoluteFilePath());
+    const QByteArray dir = QFile::encodeName(info.absolutePath());
+    QByteArray temporary = QFile::encodeName(info.absolutePath() + QStringLiteral("/.") + info.fileName()
+                                             + QStringLiteral(".XXXXXX"));
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) {
+        qCritical() << "Failed to write" << path << ":" << std::strerror(errno);
+        return false;
+    }
+    bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, content) && ::fsync(fd) == 0;
+    int error = errno;
+    if (::close(fd) != 0 && written) {
+        written = false;
+        error = errno;
+    }
+    if (written && ::rename(temporary.constData(), target.constData()) != 0) {
+        written = false;
+        error = errno;
+    }
+    if (!written) {
+        ::unlink(temporary.constData());
+        qCritical() << "Failed to write" << path << ":" << std::strerror(error);
+        return false;
+    }
+    // The rename itself lives in the directory: without this the new name
+    // may not survive a power cut even though the data did.
+    if (!syncDirectory(dir)) {
+        qCritical() << "Failed to flush directory" << info.absolutePath() << ":" << std::strerror(errno);
+        return false;
+    }
+    return true;
 }
 
 void FileUtils::walkDirectory(const QString &dir, const QStringList &nameFilters,

@@ -22,6 +22,11 @@ public:
     static QByteArray loadFile(const QString &path);
     /// The parsed content; a null document on failure.
     static QJsonDocument loadJson(const QString &path);
+    /// Replaces the file at path with content, all or nothing: the old file
+    /// stays as it was unless the new content is complete and flushed to
+    /// disk. The file is readable by its owner only. On failure one critical
+    /// line names the file and the cause ("No space left on device").
+    static bool saveFile(const QString &path, const QByteArray &content);
     /// Calls visit once for every file below dir that matches nameFilters.
     /// The QFile is not opened.
     static void walkDirectory(const QString &dir, const QStringList &nameFilters,

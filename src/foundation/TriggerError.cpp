@@ -187,3 +187,8 @@ bool TriggerError::amplitudeError()
 {
     return isTriggered("amplitudeerror");
 }
+
+bool TriggerError::diskFull()
+{
+    return isTriggered("diskfull");
+}

@@ -49,4 +49,7 @@ public:
     static bool restoringArchivesFailed();
     static bool memoryNotSupportedError();
     static bool amplitudeError();
+    /// Answers to the key "diskfull": every file the system saves fails as
+    /// on a full disk.
+    static bool diskFull();
 };

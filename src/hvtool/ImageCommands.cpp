@@ -5,6 +5,7 @@
 #include "Progress.h"
 
 #include "Archive.h"
+#include "FileUtils.h"
 #include "HalvistromAppUtils.h"
 #include "OsImageIO.h"
 #include "Paths.h"
@@ -20,7 +21,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 #include <QTemporaryDir>
 #include <QUrl>
 #include <QUuid>
@@ -164,11 +164,7 @@ bool saveRecord(const OsImage &image, QString *file)
 {
     QDir().mkpath(Paths::getUserOsImagePath());
     *file = QDir(Paths::getUserOsImagePath()).absoluteFilePath(Catalog::bareUuid(image.uuid) + ".json");
-    QSaveFile out(*file);
-    if (!out.open(QIODevice::WriteOnly))
-        return false;
-    out.write(QJsonDocument(OsImageIO::toJsonObject(image)).toJson());
-    return out.commit();
+    return FileUtils::saveFile(*file, QJsonDocument(OsImageIO::toJsonObject(image)).toJson());
 }
 
 /// Stores the record among the user's images and prints what was registered.

@@ -240,6 +240,7 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
         return false;
     }
     const QJsonValue returned = reply.value(QLatin1String("return"));
+    m_lastReturn = returned;
     if (!expected.isNull()) {
         const QJsonValue wanted = QJsonValue::fromVariant(expected);
         if (returned != wanted) {
@@ -345,9 +346,18 @@ bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared)
 bool QEMUClient::unplugSharedDrive()
 {
     qDebug() << Tag << "QEMUClient: unplugging shared folder";
-    if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), emptyMonitorAnswer(), UnplugTimeoutMs,
+    // A drive that is already gone (an earlier save went that far) counts as
+    // detached.
+    if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), QVariant(), UnplugTimeoutMs,
               ResponseRequired)) {
         qWarning() << Tag << "QEMUClient: failed to unplug shared folder";
+        return false;
+    }
+    const QString answer = m_lastReturn.toString();
+    if (answer.contains(QLatin1String("not found"), Qt::CaseInsensitive)) {
+        qDebug() << Tag << "QEMUClient: shared folder already unplugged";
+    } else if (!m_lastReturn.isString() || !answer.isEmpty()) {
+        qWarning() << Tag << "QEMUClient: failed to unplug shared folder:" << m_lastReturn;
         return false;
     }
     m_detachedShared = true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonValue>
 #include <QMap>
 #include <QObject>
 #include <QString>
@@ -98,4 +99,6 @@ private:
     std::unique_ptr<QmpLineFramer> m_framer;
     bool m_quiet = false;
     bool m_detachedShared = false;
+    /// What the last command returned: a human monitor command answers text.
+    QJsonValue m_lastReturn;
 };

@@ -224,15 +224,23 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     // interface: IDE devices are the ones started with it.
     const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
     const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
-
-    QEMUClient client(qemuMachine->getQmpSocketPath());
-    const bool saved = client.execSaveSnapshot(name, unplugShared);
-    if (!saved) {
+    // The record changes before the drive goes: a save killed in between
+    // leaves a lock file that says detached, and the client takes a drive
+    // that is already gone as detached, so the next save goes through.
+    if (unplugShared && !qemuMachine->setWritableSharedDrive(false)) {
         qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
         return false;
     }
-    if (unplugShared)
-        qemuMachine->setWritableSharedDrive(false);
+
+    QEMUClient client(qemuMachine->getQmpSocketPath());
+    if (!client.execSaveSnapshot(name, unplugShared)) {
+        qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
+        // Whether the drive went before the failure is unknown; asking to
+        // detach it again next time is harmless either way.
+        if (unplugShared)
+            qemuMachine->setWritableSharedDrive(true);
+        return false;
+    }
     // Without the record the state would still resume; only a change of
     // hardware would then be noticed late, by the emulator.
     recordSavedState(machine, name);

@@ -1,8 +1,9 @@
 #include "QEMULockFile_p.h"
 
+#include "FileUtils.h"
+
 #include <QDebug>
 #include <QFile>
-#include <QSaveFile>
 
 #include <limits>
 #include <sys/types.h>
@@ -82,14 +83,10 @@ bool write(const QString &path, const QEMULockRecord &record)
     if (!socket.isEmpty() && !socket.contains('\n') && !socket.contains('\r'))
         text += QByteArray(kQmpSocketKey) + '=' + socket + '\n';
 
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path << file.errorString();
-        return false;
-    }
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (file.write(text) != text.size() || !file.commit()) {
-        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path << file.errorString();
+    // Replaced whole, private to its owner: a full disk or a crash never
+    // leaves a half-written record of the emulator.
+    if (!FileUtils::saveFile(path, text)) {
+        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path;
         return false;
     }
     return true;

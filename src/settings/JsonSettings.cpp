@@ -10,7 +10,6 @@
 #include <QJsonDocument>
 #include <QJsonValue>
 #include <QLockFile>
-#include <QSaveFile>
 
 namespace {
 
@@ -269,15 +268,5 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
 
 bool JsonSettings::writeRoot(const QJsonObject &root) const
 {
-    QSaveFile file(m_filePath);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qCritical() << "Failed to open file for writing:" << m_filePath;
-        return false;
-    }
-    file.write(QJsonDocument(root).toJson());
-    if (!file.commit()) {
-        qCritical() << "Failed to write" << m_filePath << file.errorString();
-        return false;
-    }
-    return true;
+    return FileUtils::saveFile(m_filePath, QJsonDocument(root).toJson());
 }

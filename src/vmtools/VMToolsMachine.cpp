@@ -10,8 +10,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
-#include <QSettings>
 
 #include <cstring>
 #include <dirent.h>
@@ -142,14 +140,6 @@ bool VMToolsMachine::save() const
         qCritical() << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
         return false;
     }
-    // Written through a temporary file and renamed into place, so a crash or a
-    // full disk never leaves a half-written device.json behind.
-    QSaveFile file(dir.filePath(QLatin1String(kConfigFileName)));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        qCritical() << "[VMTools]" << "Failed to open file for writing:" << file.fileName();
-        return false;
-    }
-
     // "root" is rebuilt from scratch: only "active" is ours to keep.
     QJsonObject configuration = QJsonObject::fromVariantHash(m_configuration);
     configuration.insert(QLatin1String(kRootKey),
@@ -159,9 +149,9 @@ bool VMToolsMachine::save() const
     top.insert(QLatin1String(kHwProfileKey), HwProfileIO::toJsonObject(m_hwProfile));
     top.insert(QLatin1String(kOsImageKey), OsImageIO::toJsonObject(m_osImage));
 
-    file.write(QJsonDocument(top).toJson());
-    if (!file.commit()) {
-        qCritical() << "[VMTools]" << "Failed to write file:" << file.fileName() << file.errorString();
+    // A crash or a full disk never leaves a half-written device.json behind.
+    if (!FileUtils::saveFile(dir.filePath(QLatin1String(kConfigFileName)), QJsonDocument(top).toJson())) {
+        qCritical() << "[VMTools]" << "Failed to save device" << getName();
         return false;
     }
     return true;
@@ -843,10 +833,7 @@ bool VMToolsMachine::setUpgrading(bool upgrading)
         qDebug() << "[VMTools]" << "Removed" << file << "flag";
         return true;
     }
-    QSettings flag(file, QSettings::IniFormat);
-    flag.setValue(QStringLiteral("upgrading"), true);
-    flag.sync();
-    if (flag.status() != QSettings::NoError) {
+    if (!FileUtils::saveFile(file, QByteArrayLiteral("[General]\nupgrading=true\n"))) {
         qCritical() << "[VMTools]" << "Failed to write file:" << file;
         return false;
     }

@@ -365,10 +365,9 @@ TEST_F(HwProfileStore, reportsWhatCannotBeCreated)
     const HwProfileBuilder profile;
     ASSERT_TRUE(QDir().mkpath(dir() + "/" + profile.uuid + ".json"));
     EXPECT_FALSE(HwProfileIO::save(profile, dir()));
-    EXPECT_EQ(m_capture.texts(QtWarningMsg),
-              QStringList({"Cannot create directory \"" + blocker + "/sub\"",
-                           "Cannot create local profile file for profile \"" + profile.uuid + "\" in \"" + dir()
-                               + "\""}));
+    EXPECT_EQ(m_capture.texts(QtWarningMsg), QStringList({"Cannot create directory \"" + blocker + "/sub\""}));
+    EXPECT_EQ(m_capture.texts(QtCriticalMsg),
+              QStringList({"Failed to write \"" + dir() + "/" + profile.uuid + ".json\" : Is a directory"}));
 }
 
 } // namespace

@@ -32,6 +32,7 @@ const std::vector<Trigger> kTriggers = {
     {&T::serviceFailed, "servicefailed"}, {&T::hypervhaxmError, "hypervhaxmerror"},
     {&T::deviceUpdateFailed, "deviceupdatefailed"}, {&T::restoringArchivesFailed, "restoringarchivesfailed"},
     {&T::memoryNotSupportedError, "memorynotsupportederror"}, {&T::amplitudeError, "amplitudeerror"},
+    {&T::diskFull, "diskfull"},
 };
 
 std::vector<const char *> firedKeys(const char *value)

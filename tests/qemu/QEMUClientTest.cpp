@@ -114,8 +114,14 @@ const ExchangeCase exchangeCases[] = {
       {QtWarningMsg, line("failed to save snapshot")}}},
     {"savevmAfterUnplug", ready({expect(DriveDel), send(EmptyText), expect(SaveVm), send(StopEvent + EmptyText)}),
      doUnplugAndSave, true, {{QtDebugMsg, line("unplugging shared folder")}, {QtDebugMsg, line("saving snapshot")}}},
-    {"unplugRefused", ready({expect(DriveDel), send(R"({"return": "Device 'shared' not found\r\n"})" "\r\n")}),
-     doUnplugAndSave, false, {{QtWarningMsg, line("failed to unplug shared folder")}}},
+    // A drive an interrupted save already took away counts as detached.
+    {"unplugOfAGoneDriveSaves",
+     ready({expect(DriveDel), send(R"({"return": "Device 'shared' not found\r\n"})" "\r\n"), expect(SaveVm),
+            send(EmptyText)}),
+     doUnplugAndSave, true, {{QtDebugMsg, line("shared folder already unplugged")}}},
+    {"unplugRefused", ready({expect(DriveDel), send(R"({"return": "Error: drive is in use\r\n"})" "\r\n")}),
+     doUnplugAndSave, false,
+     {{QtWarningMsg, line(R"(failed to unplug shared folder: QJsonValue(string, "Error: drive is in use\r\n"))")}}},
     {"greetingStreamsWithoutLineBreak", {FakeQmpServer::stream(3 * MaxLine)}, doInit, false, {{QtCriticalMsg, TooLong}}},
 };
 
