@@ -134,7 +134,7 @@ qint64 bytesIn(const QStringList &dirs)
 /// (unpacking the archive, converting disks) give no progress of their own.
 int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image, const HwProfile &profile)
 {
-    const QStringList watched = {Paths::getSystemImagePath(image.imageVersion, image.osVersion),
+    const QStringList watched = {QEMUEngine::getReferenceDirectory(image) + QStringLiteral(".partial"),
                                  e->getDevicesDirectory().absoluteFilePath(name)};
     const qint64 before = bytesIn(watched);
     // The future wakes this thread the moment the creation ends; the tenth

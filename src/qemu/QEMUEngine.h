@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QList>
+#include <QPair>
 #include <QSet>
 #include <QString>
 
@@ -18,7 +19,6 @@ class QEMUEngine : public VMToolsEngine
 {
 public:
     class DirectoryCleaner;
-    class DirectoryRestorer;
 
     QEMUEngine();
     ~QEMUEngine() override;
@@ -105,9 +105,39 @@ public:
     /// when the disk work failed; nothing is left behind on failure.
     int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
                       const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
-    /// Rebuilds the device's system and data disks from the reference disks;
-    /// on failure the device directory is put back as it was.
+    /// Rebuilds the device's system and data disks from the reference disks.
+    /// The new disks are made beside the old ones and renamed over them only
+    /// once both are complete, so a failure leaves the device as it was.
     bool resetFactory(const VMToolsMachine *machine) const;
+
+    /// The directory of an image's reference disks: its image and Android
+    /// versions and its identity (the OVA's checksum), so that two images
+    /// never share disks.
+    static QString getReferenceDirectory(const OsImage &image);
+    /// The same for an OVA known only by its path and versions: its identity
+    /// is the checksum of its content.
+    static QString getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
+                                         const VersionNumber &osVersion);
+    /// Makes the image's reference disks once and whole: under a lock that
+    /// every program shares, the OVA is extracted and converted in a
+    /// temporary directory beside the final one, which gets its name, with a
+    /// completion marker inside, only when everything worked. A directory
+    /// without the marker is never used: it is made again. The directory, or
+    /// an empty string on failure.
+    QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// Whether the directory holds reference disks that were completed.
+    static bool isReferenceComplete(const QString &directory);
+    /// Removes an image's reference disks unless a device uses them; the
+    /// devices that do are put in users.
+    bool removeReferenceDisks(const OsImage &image, QStringList *users);
+    /// The devices made from the image (same checksum and versions).
+    QStringList getMachinesUsingImage(const OsImage &image);
+    /// The directories of the devices directory that hold no loadable
+    /// device, each with the reason in words.
+    QList<QPair<QString, QString>> getBrokenMachines() const;
+    /// Removes a device directory whose device cannot be loaded; refused
+    /// while an emulator recorded in it runs.
+    bool deleteBrokenMachine(const QString &name) const;
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
     /// The first port offset whose forwarded host ports are all free and that
@@ -148,6 +178,16 @@ protected:
 private:
     /// What a state saved now would depend on.
     QJsonObject describeSavedState(VMToolsMachine *machine) const;
+    /// Checks an extracted reference disk before it is converted; false,
+    /// logged, when it must not become a reference disk.
+    bool validateReferenceDisk(const QString &path) const;
+    /// Extracts the OVA into the partial directory, converts its disks and
+    /// writes the completion marker last.
+    bool makeReferenceDisks(const QString &ovaPath, const QString &partial) const;
+    /// Makes a device's disks over the reference directory (prepared first
+    /// when needed); the codes of the disk-level createMachine.
+    int createDevice(const QString &name, const QString &ovaPath, const QString &reference,
+                     long long sdCardSize) const;
     /// The loaded record of the device directory at path, owned by the
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;

@@ -7,24 +7,27 @@
 #include "FileUtils.h"
 #include "HwProfile.h"
 #include "OsImage.h"
-#include "Paths.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
-#include "QEMUEngineDirectoryRestorer.h"
 #include "QEMUMachine.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <stdlib.h>
+#include <utility>
 
 namespace {
 
 const QString kSystemDisk = QEMUDeviceFiles::systemDiskName();
 const QString kDataDisk = QEMUDeviceFiles::dataDiskName();
-const QString kSystemVmdk = QStringLiteral("system.vmdk");
-const QString kDataVmdk = QStringLiteral("data.vmdk");
+const QString kResetSuffix = QStringLiteral(".reset");
 
 // A device name is one directory inside the devices directory: anything that
 // could reach outside it (or be the directory itself) is refused, since a
@@ -43,7 +46,9 @@ bool isFreeDeviceName(const QEMUEngine &engine, const QString &name, const char 
         qWarning() << "[VMTools]" << "Invalid device name" << name;
         return false;
     }
-    if (engine.doesMachineExist(name)) {
+    // A directory that holds no loadable device still holds someone's
+    // data: it is never cleaned to make room for a new device.
+    if (engine.doesMachineExist(name) || QFileInfo::exists(engine.getDevicesDirectory().absoluteFilePath(name))) {
         qWarning() << "[VMTools]" << refusal << name;
         return false;
     }
@@ -76,32 +81,6 @@ void QEMUEngine::DirectoryCleaner::disable()
     m_enabled = false;
 }
 
-QEMUEngine::DirectoryRestorer::DirectoryRestorer(const QDir &directory) : m_directory(directory) {}
-
-QEMUEngine::DirectoryRestorer::~DirectoryRestorer()
-{
-    if (!m_enabled)
-        return;
-    const QString path = m_directory.absolutePath();
-    qWarning() << "[VMTools]" << "Restoring" << path << "from its backup";
-    if (!cleanDirectory(path) || !QDir().mkpath(path) || !FileUtils::copyDirectory(m_backup.path(), path))
-        qCritical() << "[VMTools]" << "Failed to restore" << path << "from" << m_backup.path();
-}
-
-bool QEMUEngine::DirectoryRestorer::backup()
-{
-    if (!m_backup.isValid()) {
-        qCritical() << "[VMTools]" << "Failed to create a temporary directory:" << m_backup.errorString();
-        return false;
-    }
-    return FileUtils::copyDirectory(m_directory.absolutePath(), m_backup.path());
-}
-
-void QEMUEngine::DirectoryRestorer::disable()
-{
-    m_enabled = false;
-}
-
 bool QEMUEngine::cleanDirectory(const QString &path)
 {
     QDir directory(path);
@@ -121,37 +100,25 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
+    return createDevice(name, ovaPath, getReferenceDirectory(ovaPath, imageVersion, osVersion), sdCardSize);
+}
+
+int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const QString &referencePath,
+                             long long sdCardSize) const
+{
     const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
     DirectoryCleaner cleaner{QDir(devicePath)};
-    if (!cleanDirectory(devicePath)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << devicePath;
-        return 1;
-    }
     if (!QDir().mkpath(devicePath)) {
         qCritical() << "[VMTools]" << "Failed to create directory" << devicePath;
         return 1;
     }
-
-    const QDir reference(Paths::getSystemImagePath(imageVersion, osVersion));
-    const QFileInfo referenceSystem(reference, kSystemDisk);
-    const QFileInfo referenceData(reference, kDataDisk);
-    // Once both reference disks are converted the archive is not needed any
-    // more: extracting it again would only bring back the vmdk files that the
-    // conversion removed.
-    if (!(referenceSystem.exists() && referenceData.exists()) &&
-        !extractOva(ovaPath, imageVersion, osVersion)) {
+    if (prepareReferenceDisks(ovaPath, referencePath).isEmpty()) {
         qCritical() << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return 1;
     }
-    if (!referenceSystem.exists() && !convertDisk(QFileInfo(reference, kSystemVmdk), referenceSystem)) {
-        qCritical() << "[VMTools]" << "Failed to get system disk info" << reference.absolutePath();
-        return 2;
-    }
-    if (!referenceData.exists() && !convertDisk(QFileInfo(reference, kDataVmdk), referenceData)) {
-        qCritical() << "[VMTools]" << "Failed to get data disk info" << reference.absolutePath();
-        return 2;
-    }
-
+    const QDir reference(referencePath);
+    const QFileInfo referenceSystem(reference, kSystemDisk);
+    const QFileInfo referenceData(reference, kDataDisk);
     const QDir device(devicePath);
     if (!createDisk(referenceSystem, QFileInfo(device, kSystemDisk))) {
         qCritical() << "[VMTools]" << "Failed to create disks" << devicePath;
@@ -175,8 +142,7 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
         return 1;
     const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
     DirectoryCleaner cleaner{QDir(devicePath)};
-    const int code = static_cast<const QEMUEngine *>(this)->createMachine(
-        name, image.getLocalPath(), profile.sdCardSize, image.imageVersion, image.osVersion);
+    const int code = createDevice(name, image.getLocalPath(), getReferenceDirectory(image), profile.sdCardSize);
     if (code != 0) {
         qCritical() << "[VMTools]" << "Failed to create device" << name;
         return code;
@@ -203,27 +169,44 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
     if (!isFreeDeviceName(*this, newName, "Can't clone to already existing device"))
         return isValidDeviceName(newName) ? 2 : 1;
     const QString targetPath = m_devicesDirectory.absoluteFilePath(newName);
-    DirectoryCleaner cleaner{QDir(targetPath)};
-    if (!cleanDirectory(targetPath)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << targetPath;
+    // The clone is built under a hidden name, which no listing shows, and
+    // takes its own name only once it is complete with its own identity: a
+    // clone that is interrupted is never taken for a device.
+    QByteArray pattern = QFile::encodeName(m_devicesDirectory.absoluteFilePath(
+        QStringLiteral(".") + newName + QStringLiteral(".clone-XXXXXX")));
+    if (!::mkdtemp(pattern.data())) {
+        qCritical() << "[VMTools]" << "Failed to create a directory for the clone" << newName << ":"
+                    << std::strerror(errno);
         return 1;
     }
-    if (!FileUtils::copyDirectory(source->getPath(), targetPath)) {
+    const QString buildPath = QFile::decodeName(pattern);
+    DirectoryCleaner cleaner{QDir(buildPath)};
+    if (!FileUtils::copyDirectory(source->getPath(), buildPath)) {
         qCritical() << "[VMTools]" << "Failed to copy" << source->getPath() << targetPath;
         return 1;
     }
-    // The source's lock file names the source's emulator: the clone does not
-    // run, and must not take over that pid and port offset.
-    QFile::remove(QEMUDeviceFiles(targetPath).lockFile());
-    std::unique_ptr<VMToolsMachine> clone(getMachine(newName));
-    if (!clone) {
+    // The source's lock file and log describe the source's emulator: the
+    // clone does not run, and must not take over that pid and port offset.
+    const QEMUDeviceFiles files(buildPath);
+    QFile::remove(files.lockFile());
+    QFile::remove(files.logFile());
+    QEMUMachine clone(const_cast<QEMUEngine *>(this), buildPath);
+    if (!clone.load()) {
         qCritical() << "[VMTools]" << "Failed to retrieve cloned device" << newName;
         return 1;
     }
-    auto *qemuClone = dynamic_cast<QEMUMachine *>(clone.get());
-    if (!qemuClone || !qemuClone->changeUuid()) {
+    if (!clone.changeUuid()) {
         qCritical() << "[VMTools]" << "Failed to update UUID of cloned device" << newName;
         return 1;
+    }
+    // Never over a directory that appeared meanwhile, not even an empty one.
+    if (::renameat2(AT_FDCWD, pattern.constData(), AT_FDCWD, QFile::encodeName(targetPath).constData(),
+                    RENAME_NOREPLACE)
+        != 0) {
+        const int error = errno;
+        qCritical() << "[VMTools]" << "Failed to rename" << buildPath << "to" << targetPath << ":"
+                    << std::strerror(error);
+        return error == EEXIST ? 2 : 1;
     }
     cleaner.disable();
     return 0;
@@ -253,36 +236,46 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
-    const QDir reference(Paths::getSystemImagePath(machine->getHalvistromVersion(), machine->getAndroidVersion()));
+    const QDir reference(getReferenceDirectory(machine->getOsImage()));
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
-    if (!referenceSystem.exists() || !referenceData.exists()) {
+    if (!isReferenceComplete(reference.absolutePath())) {
         qCritical() << "[VMTools]" << "Reference disks don't exist" << reference.absolutePath();
         return false;
     }
+    // The new disks are made under temporary names inside the device
+    // directory, on the device's own file system, and take the real names
+    // only once both are complete. Nothing of the device is copied anywhere.
     const QDir device(machine->getPath());
-    DirectoryRestorer restorer(device);
-    if (!restorer.backup()) {
-        qCritical() << "[VMTools]" << "Failed to backup" << device.absolutePath();
+    const QString system = device.absoluteFilePath(kSystemDisk);
+    const QString data = device.absoluteFilePath(kDataDisk);
+    const QString newSystem = system + kResetSuffix;
+    const QString newData = data + kResetSuffix;
+    const auto discard = [&] {
+        deleteDisk(newSystem);
+        deleteDisk(newData);
+    };
+    if (!deleteDisk(newSystem) || !deleteDisk(newData)) {
+        qCritical() << "[VMTools]" << "Failed to clean" << device.absolutePath();
         return false;
     }
-    if (!deleteDisk(device.absoluteFilePath(kSystemDisk))) {
-        qCritical() << "[VMTools]" << "Failed to delete system disk" << device.absolutePath();
-        return false;
-    }
-    if (!deleteDisk(device.absoluteFilePath(kDataDisk))) {
-        qCritical() << "[VMTools]" << "Failed to delete data disk" << device.absolutePath();
-        return false;
-    }
-    if (!createDisk(referenceSystem, QFileInfo(device, kSystemDisk))) {
+    if (!createDisk(referenceSystem, QFileInfo(newSystem))) {
         qCritical() << "[VMTools]" << "Failed to create system disk" << device.absolutePath();
+        discard();
         return false;
     }
-    if (!copyDisk(referenceData.absoluteFilePath(), device.absoluteFilePath(kDataDisk))) {
+    if (!copyDisk(referenceData.absoluteFilePath(), newData) || QFileInfo(newData).size() != referenceData.size()) {
         qCritical() << "[VMTools]" << "Failed to copy data disk" << device.absolutePath();
+        discard();
         return false;
     }
-    restorer.disable();
+    for (const auto &[from, to] : {std::make_pair(newData, data), std::make_pair(newSystem, system)}) {
+        if (std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0) {
+            qCritical() << "[VMTools]" << "Failed to replace" << to << ":" << std::strerror(errno);
+            discard();
+            return false;
+        }
+    }
     return true;
 }
 
@@ -324,6 +317,45 @@ VMToolsMachine *QEMUEngine::getMachine(const QString &name)
     if (!isValidDeviceName(name))
         return nullptr;
     return loadMachine(m_devicesDirectory.absoluteFilePath(name));
+}
+
+QList<QPair<QString, QString>> QEMUEngine::getBrokenMachines() const
+{
+    QList<QPair<QString, QString>> broken;
+    const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QString &name : names) {
+        const QString path = m_devicesDirectory.absoluteFilePath(name);
+        std::unique_ptr<QEMUMachine> machine(loadMachine(path));
+        if (machine)
+            continue;
+        QEMUMachine record(const_cast<QEMUEngine *>(this), path);
+        const QString config = record.getConfigFilePath();
+        QString reason;
+        if (!QFileInfo::exists(config))
+            reason = QStringLiteral("it has no device configuration file '%1'").arg(config);
+        else if (!FileUtils::loadJson(config).isObject())
+            reason = QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
+        else
+            reason = QStringLiteral("its device configuration file '%1' does not describe a device of this engine "
+                                    "with a valid hardware profile")
+                         .arg(config);
+        broken.append({name, reason});
+    }
+    return broken;
+}
+
+bool QEMUEngine::deleteBrokenMachine(const QString &name) const
+{
+    if (!isValidDeviceName(name) || !QFileInfo(m_devicesDirectory.absoluteFilePath(name)).isDir()) {
+        qWarning() << "[VMTools]" << "No device directory" << name;
+        return false;
+    }
+    const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));
+    if (record.isQEMURunning()) {
+        qWarning() << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
+        return false;
+    }
+    return deleteMachine(&record);
 }
 
 bool QEMUEngine::doesMachineExistInHypervisor(const QString &name) const

@@ -206,11 +206,11 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
         qCritical() << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "without an engine";
         return false;
     }
-    const QDir reference(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    const QString reference =
+        m_engine->prepareReferenceDisks(image.getLocalPath(), QEMUEngine::getReferenceDirectory(image));
     const QFileInfo referenceDisk(reference, QEMUDeviceFiles::systemDiskName());
-    if (!referenceDisk.exists()
-        && !m_engine->convertDisk(QFileInfo(reference, QStringLiteral("system.vmdk")), referenceDisk)) {
-        qCritical() << "[VMTools]" << "Failed to get system disk info" << referenceDisk.absoluteFilePath();
+    if (reference.isEmpty()) {
+        qCritical() << "[VMTools]" << "Failed to get system disk info" << image.getLocalPath();
         return false;
     }
     // The new overlay is built beside the old disk and replaces it in one

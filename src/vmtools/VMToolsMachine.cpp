@@ -112,14 +112,15 @@ bool VMToolsMachine::load()
 
     OsImage image = OsImageIO::load(top.take(QLatin1String(kOsImageKey)).toObject());
     const bool migrated = OsImageIO::migrateV1_0ToV1_1(getName(), &image);
-    setOsImage(image);
-
     const HwProfile profile = HwProfileIO::load(top.take(QLatin1String(kHwProfileKey)).toObject());
-    setHwProfile(profile);
+    // A record that reloads a broken file keeps what it had: the next setter
+    // would otherwise save the broken values over the good ones.
     if (!profile.isValid()) {
         qWarning() << "[VMTools]" << "Failed to load hwProfile" << getName() << ", skip device";
         return false;
     }
+    setOsImage(image);
+    setHwProfile(profile);
 
     QJsonObject configuration = top.take(QLatin1String(kConfigurationKey)).toObject();
     m_root = configuration.take(QLatin1String(kRootKey)).toObject().toVariantHash();

@@ -19,7 +19,7 @@ namespace {
 
 QString referenceDir(const OsImage &image)
 {
-    return QDir(Paths::getSystemImagePath(image.imageVersion, image.osVersion)).absolutePath();
+    return QEMUEngine::getReferenceDirectory(image);
 }
 
 QString backingFile(const QString &disk)
@@ -60,7 +60,8 @@ TEST_F(QEMULifecycle, createsDevicesOverOneConvertedReference)
     EXPECT_EQ(fileHash(device.absoluteFilePath("data.qcow2")), fileHash(reference.absoluteFilePath("data.qcow2")));
     EXPECT_TRUE(device.exists("sdcard.qcow2"));
     // The reference vmdk disks were converted: only the qcow2 forms remain.
-    EXPECT_EQ(reference.entryList(QDir::Files, QDir::Name), QStringList({"data.qcow2", "system.qcow2"}));
+    EXPECT_EQ(reference.entryList(QDir::Files | QDir::Hidden, QDir::Name),
+              QStringList({".complete", "data.qcow2", "system.qcow2"}));
     std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine("Created"));
     ASSERT_NE(machine, nullptr);
     EXPECT_EQ(machine->getOsImage(), image);
@@ -111,7 +112,7 @@ TEST_F(QEMULifecycle, failedCreationLeavesNoDeviceDirectory)
         QString critical;
     } rows[] = {{hvtest::testRoot() + "/missing.ova", "6.1.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
                 {corrupt, "6.2.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
-                {sharedOva(), "6.3.0", failing.get(), 2, "[VMTools] Failed to get system disk info"}};
+                {sharedOva(), "6.3.0", failing.get(), 1, "[VMTools] Failed to get system disk info"}};
     for (const auto &row : rows) {
         MessageCapture capture;
         const QString device = "Rollback-" + row.imageVersion;
