@@ -26,6 +26,7 @@
 
 #include <chrono>
 #include <future>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -65,6 +66,17 @@ Target findTarget(Context &ctx)
     Target target;
     target.machine = device(ctx, &target.engine, &target.code, ctx.arg(0));
     return target;
+}
+
+/// Why the device directory of that name holds no usable device; empty when
+/// there is no such directory.
+QString brokenReason(QEMUEngine *e, const QString &name)
+{
+    for (const auto &[brokenName, reason] : e->getBrokenMachines()) {
+        if (brokenName == name)
+            return reason;
+    }
+    return QString();
 }
 
 /// Refuses a change that needs the device stopped.
@@ -181,6 +193,11 @@ int create(Context &ctx)
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
+    const QString broken = brokenReason(e, name);
+    if (!broken.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
+                                                 "'hvtool device delete \"%1\" --yes'")
+                                      .arg(name, broken));
     if (e->doesMachineExist(name))
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
 
@@ -219,10 +236,22 @@ int list(Context &ctx)
                             sizeText(qint64(object.value("size_on_disk").toDouble())),
                             object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
     }
-    if (ctx.json())
+    // A directory that holds no usable device is shown too, with the reason,
+    // so that the user sees what takes its name and can remove it.
+    const QList<QPair<QString, QString>> broken = e->getBrokenMachines();
+    for (const auto &[name, reason] : broken) {
+        array.append(QJsonObject{{"name", name}, {"status", "Broken"}, {"reason", reason},
+                                 {"path", e->getDevicesDirectory().absoluteFilePath(name)}});
+        rows << QStringList{name, QStringLiteral("Broken"), QString(), QString(), QString(), QString(), QString()};
+    }
+    if (ctx.json()) {
         ctx.printJson(array);
-    else
-        ctx.printTable({"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"}, rows);
+        return Success;
+    }
+    ctx.printTable({"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"}, rows);
+    for (const auto &[name, reason] : broken)
+        ctx.print(QStringLiteral("'%1' is broken: %2; remove it with 'hvtool device delete \"%1\" --yes'")
+                      .arg(name, reason));
     return Success;
 }
 
@@ -650,8 +679,26 @@ int reset(Context &ctx)
     return Success;
 }
 
+/// Deletes a device directory that holds no usable device.
+int removeBroken(Context &ctx, QEMUEngine *e, const QString &name, const QString &reason)
+{
+    if (!ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?").arg(name, reason)))
+        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (!e->deleteBrokenMachine(name))
+        return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
+    ctx.print(QStringLiteral("deleted '%1'").arg(name));
+    return Success;
+}
+
 int remove(Context &ctx)
 {
+    int code = Success;
+    QEMUEngine *broken = engine(ctx, &code);
+    if (!broken)
+        return code;
+    const QString reason = brokenReason(broken, ctx.arg(0));
+    if (!reason.isEmpty())
+        return removeBroken(ctx, broken, ctx.arg(0), reason);
     Target target = findTarget(ctx);
     if (!target.machine)
         return target.code;
@@ -710,10 +757,16 @@ int set(Context &ctx)
         if (key == "cpus" || key == "ram" || key == "sdcard-size") {
             const qint64 number = value.toLongLong(&ok);
             const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
-            if (!ok || number < minimum)
-                return ctx.fail(Usage, QStringLiteral("%1 needs a whole number of at least %2").arg(key).arg(minimum));
+            // device.json keeps the sizes as numbers its reader takes as int.
+            const qint64 maximum = key == "cpus" ? 512 : std::numeric_limits<int>::max();
+            if (!ok || number < minimum || number > maximum)
+                return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
+                                           .arg(key)
+                                           .arg(minimum)
+                                           .arg(maximum)
+                                           .arg(value));
             if (key == "cpus")
-                stored = machine->setCpuCount(int(qMin<qint64>(number, 512)));
+                stored = machine->setCpuCount(int(number));
             else if (key == "ram")
                 stored = machine->setRamSize(number);
             else

@@ -254,6 +254,13 @@ int addOva(Context &ctx, const QString &path)
     progress.finish();
     if (image.imageHash.isEmpty())
         return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
+    // An OVA is registered once: its checksum names its reference disks.
+    for (const Stored<OsImage> &existing : Catalog::images()) {
+        if (existing.value.imageHash.compare(image.imageHash, Qt::CaseInsensitive) == 0)
+            return ctx.fail(Conflict, QStringLiteral("'%1' is already registered as image '%2' (%3, record '%4')")
+                                          .arg(path, existing.value.name, Catalog::bareUuid(existing.value.uuid),
+                                               existing.file));
+    }
 
     return registerImage(ctx, image);
 }
@@ -278,8 +285,23 @@ int remove(Context &ctx)
     if (!Catalog::isDirectlyInside(found.file, Paths::getUserOsImagePath()))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a registered image record: it is outside '%2'")
                                    .arg(found.file, QDir(Paths::getUserOsImagePath()).absolutePath()));
+    // The image owns its reference disks: they go with it, but never from
+    // under a device made from them.
+    int code = Success;
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
+        return code;
+    QStringList users;
+    if (!e->removeReferenceDisks(found.value, &users)) {
+        if (!users.isEmpty())
+            return ctx.fail(Conflict, QStringLiteral("image '%1' is used by device(s) %2; delete them first")
+                                          .arg(found.value.name, QLatin1Char('\'') + users.join(QStringLiteral("', '"))
+                                                                     + QLatin1Char('\'')));
+        return ctx.fail(Failed, QStringLiteral("could not remove the reference disks of image '%1'").arg(found.value.name));
+    }
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
+    ctx.print(QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name));
     return Success;
 }
 
@@ -297,7 +319,7 @@ void addImageCommands()
                           addOptions, 1, 1, add}
                << Command{{"image", "list"}, {}, "List the registered OS images.", {}, 0, 0, list}
                << Command{{"image", "show"}, "ID", "Show one image (ID: uuid, name or file).", {}, 1, 1, show}
-               << Command{{"image", "remove"}, "ID", "Forget a registered image (the OVA stays).", {}, 1, 1, remove};
+               << Command{{"image", "remove"}, "ID", "Forget a registered image and remove its reference disks (the OVA stays); refused while devices use it.", {}, 1, 1, remove};
 }
 
 } // namespace hvtool

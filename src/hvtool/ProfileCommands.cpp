@@ -13,6 +13,8 @@
 #include <QMetaEnum>
 #include <QRegularExpression>
 
+#include <limits>
+
 namespace hvtool {
 namespace {
 
@@ -79,16 +81,21 @@ int show(Context &ctx)
     return Success;
 }
 
+constexpr qint64 kMaxSize = std::numeric_limits<int>::max();
+
 bool positive(Context &ctx, const QString &option, qint64 *target, qint64 minimum)
 {
     if (!ctx.isSet(option))
         return true;
     bool ok = false;
     const qint64 value = ctx.value(option).toLongLong(&ok);
-    if (!ok || value < minimum) {
-        ctx.fail(Usage, QStringLiteral("--%1 needs a whole number of at least %2, not '%3'")
+    // A profile records its sizes as JSON numbers that readers take as int:
+    // anything larger would save a profile no one can load.
+    if (!ok || value < minimum || value > kMaxSize) {
+        ctx.fail(Usage, QStringLiteral("--%1 needs a whole number from %2 to %3, not '%4'")
                             .arg(option)
                             .arg(minimum)
+                            .arg(kMaxSize)
                             .arg(ctx.value(option)));
         return false;
     }

@@ -186,6 +186,9 @@ bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users)
                    << users->join(QStringLiteral(", "));
         return false;
     }
+    // An image never used has no reference disks, nor a directory for them.
+    if (!QFileInfo::exists(QFileInfo(directory).absolutePath()))
+        return true;
     // Under the preparation lock, so that no program is making them now.
     QLockFile lock(directory + kLockSuffix);
     lock.setStaleLockTime(0);

@@ -112,7 +112,11 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"badFormFactor", {"profile", "create", "p", "--form-factor", "toaster"}, 2, "",
                 "unknown form factor 'toaster'"},
         CliCase{"tooLittleRam", {"profile", "create", "p", "--ram", "12"}, 2, "",
-                "--ram needs a whole number of at least 256, not '12'"},
+                "--ram needs a whole number from 256 to 2147483647, not '12'"},
+        CliCase{"tooMuchRam", {"profile", "create", "p", "--ram", "2147483648"}, 2, "",
+                "--ram needs a whole number from 256 to 2147483647, not '2147483648'"},
+        CliCase{"tooLargeDataDisk", {"profile", "create", "p", "--data-disk", "99999999999"}, 2, "",
+                "--data-disk needs a whole number from 64 to 2147483647"},
         CliCase{"missingImageFile", {"image", "add", "/nonexistent.ova"}, 3, "",
                 "file '/nonexistent.ova' does not exist"},
         CliCase{"versionFlag", {"--version"}, 0, "libhalvistrom-core 3.8.0", ""}),
@@ -199,7 +203,15 @@ TEST_F(HvtoolImages, addsAnOvaWithItsHashSizeAndDefaults)
     EXPECT_EQ(record.value("os_version").toObject().value("sdk_version").toInt(), 30);
     EXPECT_EQ(QUrl(record.value("image_uri").toString()).toLocalFile(), ova);
 
-    const CliResult legacy = hvtool({"image", "add", ova, "--android", "7.1", "--name", "Old", "--format", "json"});
+    // One OVA is one image: the same content again is refused, naming the record.
+    const CliResult again = hvtool({"image", "add", ova, "--android", "7.1"});
+    EXPECT_EQ(again.code, 4);
+    EXPECT_TRUE(again.err.contains("is already registered as image 'Android 11.0' ("
+                                   + record.value("uuid").toString().remove('{').remove('}')))
+        << again.err.toStdString();
+
+    const QString older = makeTar("older.ova", {"system.vmdk", "data.vmdk", "readme.txt"});
+    const CliResult legacy = hvtool({"image", "add", older, "--android", "7.1", "--name", "Old", "--format", "json"});
     ASSERT_EQ(legacy.code, 0) << legacy.err.toStdString();
     EXPECT_EQ(legacy.json().object().value("arch").toString(), "x86");
     EXPECT_EQ(legacy.json().object().value("os_version").toObject().value("sdk_version").toInt(), 25);
