@@ -176,6 +176,19 @@ bool FileUtils::saveFile(const QString &path, const QByteArray &content)
     return true;
 }
 
+QString FileUtils::whyCannotWrite(const QString &dir)
+{
+    QByteArray probe = QFile::encodeName(QDir(dir).absoluteFilePath(QStringLiteral(".write-probe.XXXXXX")));
+    const int fd = ::mkostemp(probe.data(), O_CLOEXEC);
+    if (fd < 0)
+        return QString::fromLocal8Bit(std::strerror(errno));
+    const bool written = writeAll(fd, QByteArray(512, '\0')) && ::fsync(fd) == 0;
+    const int error = errno;
+    ::close(fd);
+    ::unlink(probe.constData());
+    return written ? QString() : QString::fromLocal8Bit(std::strerror(error));
+}
+
 void FileUtils::walkDirectory(const QString &dir, const QStringList &nameFilters,
                               const std::function<void(QFile *)> &visit)
 {

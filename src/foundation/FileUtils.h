@@ -27,6 +27,10 @@ public:
     /// disk. The file is readable by its owner only. On failure one critical
     /// line names the file and the cause ("No space left on device").
     static bool saveFile(const QString &path, const QByteArray &content);
+    /// Why a file cannot be written in dir now, in the system's words ("No
+    /// space left on device"), found by writing a small private file there
+    /// and removing it; empty when that works.
+    static QString whyCannotWrite(const QString &dir);
     /// Calls visit once for every file below dir that matches nameFilters.
     /// The QFile is not opened.
     static void walkDirectory(const QString &dir, const QStringList &nameFilters,

@@ -1,6 +1,7 @@
 // hvtool settings: list, get, set and reset the user's settings.
 #include "Command.h"
 
+#include "JsonSettings.h"
 #include "Settings.h"
 
 #include <QJsonArray>
@@ -77,6 +78,9 @@ int set(Context &ctx)
 int reset(Context &ctx)
 {
     Settings::remove(ctx.arg(0));
+    // A write that failed (a full disk) leaves the user's value in place.
+    if (Settings::getUserSettings()->keyExists(ctx.arg(0)))
+        return ctx.fail(Failed, QStringLiteral("could not reset setting '%1'").arg(ctx.arg(0)));
     return Success;
 }
 

@@ -241,7 +241,8 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
     lock.setStaleLockTime(m_staleLockMs);
     if (!LockFiles::acquire(lock, lockPath, m_lockWaitMs)) {
         if (lock.error() != QLockFile::LockFailedError)
-            qCritical() << "Failed to create lock file" << lockPath << "to change" << what << "in" << m_filePath;
+            qCritical() << "Failed to create lock file" << lockPath << "to change" << what << "in" << m_filePath << ":"
+                        << qPrintable(FileUtils::whyCannotWrite(QFileInfo(m_filePath).absolutePath()));
         else if (what.isEmpty())
             qCritical() << "Failed to lock settings file" << m_filePath << "in time to replace its content";
         else

@@ -1,5 +1,6 @@
 // hvtool's command contract, run as a user runs it: the real binary, its
 // exit codes, its stdout and stderr.
+#include "HvtoolRun.h"
 #include "TestEnvironment.h"
 
 #include <QCryptographicHash>
@@ -19,12 +20,8 @@
 
 namespace {
 
-struct CliResult {
-    int code = -1;
-    QString out;
-    QString err;
-    QJsonDocument json() const { return QJsonDocument::fromJson(out.toUtf8()); }
-};
+using hvtest::CliResult;
+using hvtest::hvtool;
 
 int run(const QString &program, const QStringList &args)
 {
@@ -53,14 +50,6 @@ QString dataTree()
     return qEnvironmentVariable("HV_HOME") + "/.Corbelwick";
 }
 
-CliResult hvtool(const QStringList &args)
-{
-    QProcess p;
-    p.setStandardInputFile(QProcess::nullDevice());
-    p.start(hvtest::helperPath("hvtool"), args);
-    EXPECT_TRUE(p.waitForFinished(60000));
-    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
-}
 
 struct CliCase {
     const char *name;

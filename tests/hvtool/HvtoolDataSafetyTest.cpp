@@ -1,0 +1,364 @@
+// Nothing lost: what hvtool leaves behind when the disk is full, when it is
+// killed half-way and when two of it run at once. Real hvtool processes, the
+// real qemu-img (behind a recording stand-in where a run must be slowed down)
+// and real SIGKILLs.
+#include "HvtoolRun.h"
+#include "ScopedTmpfs.h"
+#include "TestEnvironment.h"
+#include "TestFiles.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QDirIterator>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QStandardPaths>
+#include <QThread>
+#include <QUuid>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+
+using hvtest::CliResult;
+using hvtest::hvtool;
+
+namespace {
+
+QString hvHome()
+{
+    return QString::fromLocal8Bit(qgetenv("HV_HOME"));
+}
+
+QString deviceDir(const QString &home, const QString &name)
+{
+    return home + "/.Corbelwick/Halvistrom/deployed/" + name;
+}
+
+QByteArray fileHash(const QString &path)
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result().toHex() : QByteArray();
+}
+
+// Every file below dir with its content's hash: two equal trees hold the
+// same data. Logs change with every run and are left out.
+QMap<QString, QByteArray> tree(const QString &dir)
+{
+    QMap<QString, QByteArray> files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        if (!path.endsWith(".log"))
+            files.insert(QDir(dir).relativeFilePath(path), fileHash(path));
+    }
+    return files;
+}
+
+bool run(const QString &program, const QStringList &args)
+{
+    QProcess p;
+    p.start(program, args);
+    const bool ok = p.waitForFinished(60000) && p.exitCode() == 0;
+    EXPECT_TRUE(ok) << program.toStdString() << " " << args.join(' ').toStdString() << ": "
+                    << p.readAllStandardError().toStdString();
+    return ok;
+}
+
+// An OVA of two vmdk disks made by the real qemu-img, its content unique.
+QString makeOva(const QString &name, int sizeMiB = 16)
+{
+    const QString dir = hvtest::testRoot() + "/ova-" + name;
+    QDir().mkpath(dir);
+    for (const QString disk : {"system.vmdk", "data.vmdk"})
+        run("qemu-img", {"create", "-f", "vmdk", dir + "/" + disk, QString::number(sizeMiB) + "M"});
+    hvtest::writeFile(dir + "/id.txt", name.toUtf8());
+    run("tar", {"--format=ustar", "-C", dir, "-cf", dir + "/" + name, "system.vmdk", "data.vmdk", "id.txt"});
+    return dir + "/" + name;
+}
+
+// A bin directory whose qemu-img is the recording stand-in, so a run can be
+// slowed down or counted.
+QString fakeBin()
+{
+    const QString bin = hvtest::testRoot() + "/fake-bin";
+    if (!QDir(bin).exists()) {
+        QDir().mkpath(bin);
+        QFile::link(hvtest::helperPath("fake-qemu-img/qemu-img"), bin + "/qemu-img");
+        QFile::link(QStandardPaths::findExecutable("qemu-system-x86_64"), bin + "/qemu-system-x86_64");
+    }
+    return bin;
+}
+
+QString registerImage(const QString &ova, const QMap<QString, QString> &env = {})
+{
+    const CliResult added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"}, env);
+    EXPECT_EQ(added.code, 0) << added.err.toStdString();
+    return added.json().object().value("uuid").toString();
+}
+
+QString profile(const QMap<QString, QString> &env = {})
+{
+    const QString name = "P-" + QUuid::createUuid().toString(QUuid::WithoutBraces).left(8);
+    const CliResult made = hvtool({"profile", "create", name, "--ram", "256"}, env);
+    EXPECT_EQ(made.code, 0) << made.err.toStdString();
+    return name;
+}
+
+// How often the recording stand-in ran the image tool with that verb.
+int countRuns(const QString &log, const QString &verb)
+{
+    const QStringList lines = QString::fromUtf8(hvtest::readFile(log)).split('\n');
+    int runs = 0;
+    for (int i = 0; i < lines.size(); ++i) {
+        if (lines.at(i) == verb && (i == 0 || lines.at(i - 1) == "--"))
+            ++runs;
+    }
+    return runs;
+}
+
+// The children of a process, read before it is killed so they can be killed
+// too (a stand-in tool left sleeping would go on writing).
+QList<qint64> childrenOf(qint64 pid)
+{
+    QList<qint64> children;
+    const QByteArray text = hvtest::readFile(QString("/proc/%1/task/%1/children").arg(pid));
+    for (const QByteArray &item : text.split(' ')) {
+        if (!item.trimmed().isEmpty())
+            children << item.trimmed().toLongLong();
+    }
+    return children;
+}
+
+void killTree(qint64 pid)
+{
+    const QList<qint64> children = childrenOf(pid);
+    ::kill(pid_t(pid), SIGKILL);
+    for (qint64 child : children) {
+        for (qint64 grandchild : childrenOf(child))
+            ::kill(pid_t(grandchild), SIGKILL);
+        ::kill(pid_t(child), SIGKILL);
+    }
+}
+
+bool waitFor(const std::function<bool()> &condition, int ms = 30000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > ms)
+            return false;
+        QThread::msleep(5);
+    }
+    return true;
+}
+
+// Each command that saves something, on a disk that is full when it writes:
+// it fails with the cause, and not one byte of the user's data changes.
+TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
+{
+    const QString image = registerImage(makeOva("full.ova"));
+    const QString hwProfile = profile();
+    ASSERT_EQ(hvtool({"device", "create", "Full", "--image", image, "--profile", hwProfile}).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}).code, 0);
+    const QString otherOva = makeOva("other.ova");
+    const QStringList commands[] = {
+        {"settings", "set", "ui.zoom", "2"},
+        {"settings", "reset", "ui.zoom"},
+        {"device", "set", "Full", "ram=1024"},
+        {"device", "set", "Full", "quickboot=false"},
+        {"profile", "create", "Other"},
+        {"image", "add", otherOva, "--android", "11.0"},
+        {"device", "create", "Second", "--image", image, "--profile", hwProfile},
+    };
+    const QMap<QString, QByteArray> before = tree(hvHome());
+    for (const QStringList &command : commands) {
+        SCOPED_TRACE(command.join(' ').toStdString());
+        const CliResult r = hvtool(command, {{"HV_TRIGGER_ERROR", "diskfull"}});
+        EXPECT_EQ(r.code, 1);
+        EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
+        EXPECT_EQ(tree(hvHome()), before);
+    }
+    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
+    EXPECT_EQ(hvtool({"device", "show", "Full", "--format", "json"}).json().object().value("ram_mb").toInt(), 256);
+}
+
+// The same on a real file system that is full: the device and the settings
+// stay as they were, and work again once there is room.
+TEST(HvtoolDiskFull, aFullFileSystemKeepsTheDeviceAndTheSettings)
+{
+    const QString home = hvtest::testRoot() + "/tmpfs-home";
+    hvtest::ScopedTmpfs tmpfs(home, 8 * 1024);
+    if (!tmpfs.isMounted())
+        GTEST_SKIP() << tmpfs.skipReason();
+    const QMap<QString, QString> env{{"HV_HOME", home}};
+    const QString image = registerImage(makeOva("tmpfs.ova"), env);
+    const QString hwProfile = profile(env);
+    ASSERT_EQ(hvtool({"device", "create", "Tight", "--image", image, "--profile", hwProfile}, env).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, env).code, 0);
+    tmpfs.fill();
+    const QMap<QString, QByteArray> before = tree(home);
+    for (const QStringList &command : {QStringList{"device", "set", "Tight", "ram=1024", "cpus=2"},
+                                       QStringList{"settings", "set", "ui.zoom", "2"}}) {
+        const CliResult r = hvtool(command, env);
+        EXPECT_EQ(r.code, 1) << command.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
+        EXPECT_EQ(tree(home), before);
+    }
+    EXPECT_EQ(hvtool({"device", "list", "--format", "json"}, env).json().array().at(0).toObject().value("name"),
+              "Tight");
+    QFile::remove(home + "/filler");
+    EXPECT_EQ(hvtool({"device", "set", "Tight", "ram=1024"}, env).code, 0);
+    EXPECT_EQ(hvtool({"device", "show", "Tight", "--format", "json"}, env).json().object().value("ram_mb").toInt(),
+              1024);
+}
+
+class HvtoolReferenceDisks : public ::testing::Test
+{
+protected:
+    QString referenceRoot() const { return hvHome() + "/.Corbelwick/Halvistrom/system-images"; }
+    // The completed reference directories: those holding the marker.
+    QStringList completed() const
+    {
+        QStringList dirs;
+        QDirIterator it(referenceRoot(), {".complete"}, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext())
+            dirs << QFileInfo(it.next()).absolutePath();
+        return dirs;
+    }
+};
+
+// A creation killed while it prepares the reference disks leaves a broken
+// device that says so and nothing that a later creation uses: the next one
+// makes the reference disks again from the start.
+TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
+{
+    const QString image = registerImage(makeOva("killed.ova", 64));
+    const QString hwProfile = profile();
+    const QStringList before = completed();
+    const QString log = hvtest::testRoot() + "/killed-runs.log";
+    QProcess creation;
+    creation.setProcessEnvironment(hvtest::environmentWith(
+        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "30"}}));
+    creation.start(hvtest::helperPath("hvtool"), {"device", "create", "Killed", "--image", image, "--profile", hwProfile});
+    // The stand-in records its run before it sleeps: the archive is
+    // extracted and the first disk's conversion has begun.
+    ASSERT_TRUE(waitFor([&] { return countRuns(log, "convert") == 1; }));
+    killTree(creation.processId());
+    ASSERT_TRUE(creation.waitForFinished(10000));
+    EXPECT_EQ(creation.exitStatus(), QProcess::CrashExit);
+    EXPECT_EQ(completed(), before);
+
+    QJsonObject broken;
+    for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
+        if (device.toObject().value("name") == "Killed")
+            broken = device.toObject();
+    }
+    EXPECT_EQ(broken.value("status"), "Broken");
+    EXPECT_TRUE(broken.value("reason").toString().contains("it has no device configuration file"));
+    const CliResult again = hvtool({"device", "create", "Killed", "--image", image, "--profile", hwProfile});
+    EXPECT_EQ(again.code, 4);
+    EXPECT_TRUE(again.err.contains("device 'Killed' exists but is broken: it has no device configuration file"))
+        << again.err.toStdString();
+    EXPECT_TRUE(again.err.contains("remove it with 'hvtool device delete \"Killed\" --yes'")) << again.err.toStdString();
+    EXPECT_TRUE(hvtool({"device", "list"}).out.contains("'Killed' is broken: it has no device configuration file"));
+    ASSERT_EQ(hvtool({"device", "delete", "Killed", "--yes"}).code, 0);
+
+    const CliResult remade = hvtool({"device", "create", "Killed", "--image", image, "--profile", hwProfile},
+                                    {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}});
+    ASSERT_EQ(remade.code, 0) << remade.err.toStdString();
+    EXPECT_EQ(countRuns(log, "convert"), 3) << "both disks converted again from a fresh extraction";
+    QStringList made = completed();
+    for (const QString &old : before)
+        made.removeOne(old);
+    ASSERT_EQ(made.size(), 1);
+    const QString reference = made.at(0);
+    EXPECT_TRUE(run("qemu-img", {"check", reference + "/system.qcow2"}));
+    EXPECT_TRUE(run("qemu-img", {"compare", "-U", reference + "/data.qcow2", deviceDir(hvHome(), "Killed") + "/data.qcow2"}));
+    EXPECT_FALSE(QFileInfo::exists(reference + ".partial"));
+}
+
+// Two creations from one new image at the same moment: one makes the
+// reference disks, the other waits and uses them. Repeated with a fresh
+// image each round, since only the first use of an image prepares it.
+TEST_F(HvtoolReferenceDisks, twoCreationsAtOnceShareOneWholePreparation)
+{
+    const QString hwProfile = profile();
+    const int before = completed().size();
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        const QString image = registerImage(makeOva(QString("race-%1.ova").arg(round)));
+        const QString log = hvtest::testRoot() + QString("/race-%1.log").arg(round);
+        std::unique_ptr<QProcess> processes[2];
+        for (int i = 0; i < 2; ++i) {
+            processes[i] = std::make_unique<QProcess>();
+            processes[i]->setProcessEnvironment(hvtest::environmentWith(
+                {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "0.2"}}));
+        }
+        for (int i = 0; i < 2; ++i)
+            processes[i]->start(hvtest::helperPath("hvtool"), {"device", "create", QString("Race-%1-%2").arg(round).arg(i),
+                                                               "--image", image, "--profile", hwProfile});
+        for (auto &process : processes) {
+            ASSERT_TRUE(process->waitForFinished(60000));
+            EXPECT_EQ(process->exitCode(), 0) << process->readAllStandardError().toStdString();
+        }
+        EXPECT_EQ(countRuns(log, "convert"), 2) << "each reference disk converted once";
+        ASSERT_EQ(completed().size(), before + round + 1);
+        for (const QString &reference : completed())
+            EXPECT_TRUE(run("qemu-img", {"check", reference + "/data.qcow2"}));
+        for (int i = 0; i < 2; ++i) {
+            const CliResult shown = hvtool({"device", "show", QString("Race-%1-%2").arg(round).arg(i)});
+            EXPECT_EQ(shown.code, 0) << shown.err.toStdString();
+        }
+    }
+}
+
+// An image owns its reference disks: they stay while a device uses them and
+// go with the image.
+TEST_F(HvtoolReferenceDisks, removingAnImageTakesItsDisksButNeverFromADevice)
+{
+    const QString image = registerImage(makeOva("owned.ova"));
+    const QString hwProfile = profile();
+    const int before = completed().size();
+    ASSERT_EQ(hvtool({"device", "create", "Owner", "--image", image, "--profile", hwProfile}).code, 0);
+    ASSERT_EQ(completed().size(), before + 1);
+    const CliResult refused = hvtool({"image", "remove", image});
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_TRUE(refused.err.contains("image 'Android 11.0' is used by device(s) 'Owner'; delete them first"))
+        << refused.err.toStdString();
+    EXPECT_EQ(completed().size(), before + 1);
+
+    ASSERT_EQ(hvtool({"device", "delete", "Owner", "--yes"}).code, 0);
+    const CliResult removed = hvtool({"image", "remove", image});
+    EXPECT_EQ(removed.code, 0) << removed.err.toStdString();
+    EXPECT_EQ(completed().size(), before);
+    EXPECT_EQ(hvtool({"image", "show", image}).code, 3);
+}
+
+// Device sizes the device file could not be read back with are refused
+// before anything is written.
+TEST(HvtoolLimits, deviceSizesBeyondTheReadersAreRefused)
+{
+    const QString image = registerImage(makeOva("limits.ova"));
+    ASSERT_EQ(hvtool({"device", "create", "Limits", "--image", image, "--profile", profile()}).code, 0);
+    const QString config = deviceDir(hvHome(), "Limits") + "/shared/config/device.json";
+    const QByteArray before = hvtest::readFile(config);
+    const struct {
+        const char *setting;
+        const char *message;
+    } rows[] = {{"ram=2147483648", "ram needs a whole number from 256 to 2147483647, not '2147483648'"},
+                {"sdcard-size=9999999999", "sdcard-size needs a whole number from 0 to 2147483647"},
+                {"cpus=513", "cpus needs a whole number from 1 to 512, not '513'"}};
+    for (const auto &row : rows) {
+        const CliResult r = hvtool({"device", "set", "Limits", row.setting});
+        EXPECT_EQ(r.code, 2) << row.setting;
+        EXPECT_TRUE(r.err.contains(row.message)) << r.err.toStdString();
+    }
+    EXPECT_EQ(hvtest::readFile(config), before);
+}
+
+} // namespace
