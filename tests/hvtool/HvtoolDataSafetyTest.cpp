@@ -339,6 +339,32 @@ TEST_F(HvtoolReferenceDisks, removingAnImageTakesItsDisksButNeverFromADevice)
     EXPECT_EQ(hvtool({"image", "show", image}).code, 3);
 }
 
+// A factory reset killed while it makes the new disks leaves the device with
+// its own disks; the next reset goes through and leaves no stray files.
+TEST(HvtoolReset, aKilledResetLeavesTheDeviceAsItWas)
+{
+    const QString image = registerImage(makeOva("reset.ova"));
+    ASSERT_EQ(hvtool({"device", "create", "Kept", "--image", image, "--profile", profile()}).code, 0);
+    const QString dir = deviceDir(hvHome(), "Kept");
+    ASSERT_TRUE(run("qemu-io", {"-f", "qcow2", "-c", "write -P 0x5a 0 64k", dir + "/data.qcow2"}));
+    const QMap<QString, QByteArray> before = tree(dir);
+    const QString log = hvtest::testRoot() + "/reset-runs.log";
+    QProcess reset;
+    reset.setProcessEnvironment(hvtest::environmentWith(
+        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "30"}}));
+    reset.start(hvtest::helperPath("hvtool"), {"device", "reset", "Kept", "--yes"});
+    ASSERT_TRUE(waitFor([&] { return countRuns(log, "create") == 1; }));
+    killTree(reset.processId());
+    ASSERT_TRUE(reset.waitForFinished(10000));
+    EXPECT_EQ(tree(dir), before);
+    EXPECT_EQ(hvtool({"device", "show", "Kept"}).code, 0);
+
+    const CliResult done = hvtool({"device", "reset", "Kept", "--yes"});
+    ASSERT_EQ(done.code, 0) << done.err.toStdString();
+    EXPECT_NE(fileHash(dir + "/data.qcow2"), before.value("data.qcow2"));
+    EXPECT_EQ(tree(dir).keys(), before.keys());
+}
+
 // Device sizes the device file could not be read back with are refused
 // before anything is written.
 TEST(HvtoolLimits, deviceSizesBeyondTheReadersAreRefused)

@@ -1,6 +1,7 @@
 #include "DeviceFixture.h"
 
 #include "MessageCapture.h"
+#include "QEMUClient.h"
 #include "QEMUMachine.h"
 #include "ScopedEnv.h"
 #include "TestEnvironment.h"
@@ -117,8 +118,18 @@ TEST_F(EmulatorTest, coldStartSaveStopAndResume)
         EXPECT_EQ(m_engine->startMachine(machines.front().get(), ""), 1);
         EXPECT_LOG(capture, QtInfoMsg, "[VMTools] Virtual Machine status: on. Nothing to do.");
     }
+    {
+        // A save killed after the drive went but before its lock file said
+        // so: the next save takes the missing drive as detached.
+        QEMUClient client(machines.front()->getQmpPort());
+        ASSERT_TRUE(client.init());
+        const QVariantMap detach{{"execute", "human-monitor-command"},
+                                 {"arguments", QVariantMap{{"command-line", "drive_del shared"}}}};
+        ASSERT_TRUE(client.exec(detach, QString(""), 10000, QEMUClient::ResponseRequired));
+    }
     for (const auto &machine : machines) {
         EXPECT_TRUE(m_engine->saveSnapshot(machine.get(), "latest"));
+        EXPECT_FALSE(QSettings(machine->getLockFilePath(), QSettings::IniFormat).value("writable_shared_drive").toBool());
         stopGracefully(machine.get());
         m_engine->checkLatestSnapshotExists(machine.get());
         EXPECT_TRUE(machine->isLatestSnapshotExist());

@@ -1,6 +1,10 @@
 #include "DeviceFixture.h"
+#include "HwProfileIO.h"
+
+#include "FileUtils.h"
 
 #include "MessageCapture.h"
+#include "ScopedEnv.h"
 #include "Paths.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
@@ -146,6 +150,19 @@ TEST_F(QEMULifecycle, cloneAndDelete)
     EXPECT_EQ(fileHash(deployed("CloneSource/data.qcow2")), sourceData);
     EXPECT_EQ(fileHash(deployed("CloneSource/system.qcow2")), sourceSystem);
 
+    // A clone is built under a hidden name; one that was interrupted there is
+    // neither listed nor broken, and takes no name.
+    const QString interrupted = deployed(".Other.clone-x1y2z3");
+    ASSERT_TRUE(FileUtils::copyDirectory(deployed("Clone"), interrupted));
+    const QList<VMToolsMachine *> listed = m_engine->getMachines({});
+    EXPECT_EQ(listed.size(), QDir(Paths::getDeployedPath()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size()
+                                 - m_engine->getBrokenMachines().size());
+    for (VMToolsMachine *m : listed)
+        EXPECT_NE(m->getPath(), interrupted);
+    qDeleteAll(listed);
+    EXPECT_FALSE(m_engine->doesMachineExist("Other"));
+    EXPECT_EQ(QDir(Paths::getDeployedPath()).entryList({".Clone.clone-*"}, QDir::Dirs | QDir::Hidden), QStringList());
+
     MessageCapture capture;
     EXPECT_EQ(m_engine->cloneMachine(source.get(), "Clone"), 2);
     EXPECT_LOG(capture, QtWarningMsg, "[VMTools] Can't clone to already existing device \"Clone\"");
@@ -175,6 +192,7 @@ TEST_F(QEMULifecycle, factoryReset)
     const QByteArray data = fileHash(deployed("Reset/data.qcow2"));
     ASSERT_NE(system, freshSystem);
 
+    const QStringList files = QDir(deployed("Reset")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     std::unique_ptr<QEMUEngine> failing = makeEngineWithFailingImageTool("qemu-img: no space left");
     std::unique_ptr<VMToolsMachine> machine(failing->getMachine("Reset"));
     ASSERT_NE(machine, nullptr);
@@ -182,10 +200,15 @@ TEST_F(QEMULifecycle, factoryReset)
     EXPECT_LOG(capture, QtCriticalMsg, QString("[VMTools] Failed to create system disk \"%1\"").arg(deployed("Reset")));
     EXPECT_EQ(fileHash(deployed("Reset/system.qcow2")), system);
     EXPECT_EQ(fileHash(deployed("Reset/data.qcow2")), data);
+    EXPECT_EQ(QDir(deployed("Reset")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), files);
 
-    // The device's own reset goes through the engine.
+    // Nothing of the device is copied outside its directory: a temporary
+    // directory that cannot be used takes no part in the reset. The device's
+    // own reset goes through the engine.
+    const hvtest::ScopedEnv noTemporary("TMPDIR", "/nonexistent/tmp");
     machine.reset(m_engine->getMachine("Reset"));
     EXPECT_TRUE(machine->resetFactory());
+    EXPECT_EQ(QDir(deployed("Reset")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), files);
     EXPECT_EQ(fileHash(deployed("Reset/data.qcow2")), fileHash(referenceDir(image) + "/data.qcow2"));
     EXPECT_EQ(fileHash(deployed("Reset/system.qcow2")), freshSystem);
     EXPECT_TRUE(QFile::exists(deployed("Reset/shared/config/device.json")));
@@ -208,6 +231,39 @@ TEST_F(QEMULifecycle, extractOvaSkipsAnImageAlreadyExtracted)
     EXPECT_FALSE(m_engine->extractOva(missing, imageVersion, osVersion));
     EXPECT_TRUE(m_engine->extractOva(makeImage(sharedOva(), "11.0.0", "8.8.0")));
     EXPECT_TRUE(dir.exists("data.vmdk"));
+}
+
+// A record whose file broke under it keeps what it had: the next change
+// saves the good profile back, not the broken one. The directory is listed
+// as broken with its reason and can be deleted.
+TEST_F(QEMULifecycle, aBrokenFileKeepsTheRecordAndIsReported)
+{
+    const HwProfile profile = makeProfile();
+    ASSERT_EQ(m_engine->createMachine("Reloaded", makeImage(sharedOva(), "11.0.0", "5.3.0"), profile), 0);
+    std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine("Reloaded"));
+    ASSERT_NE(machine, nullptr);
+    const QString config = deployed("Reloaded/shared/config/device.json");
+    QJsonObject top = FileUtils::loadJson(config).object();
+    top.insert("hardware_profile", QJsonObject{{"cpu_count", "many"}});
+    ASSERT_TRUE(hvtest::writeFile(config, QJsonDocument(top).toJson()));
+    EXPECT_FALSE(machine->reloadProperties());
+    EXPECT_EQ(machine->getHwProfile(), profile);
+    const QList<QPair<QString, QString>> broken = m_engine->getBrokenMachines();
+    EXPECT_TRUE(broken.contains({"Reloaded", "its device configuration file '" + config
+                                                 + "' does not describe a device of this engine with a valid hardware "
+                                                   "profile"}));
+    ASSERT_TRUE(machine->setQuickbootEnabled(false));
+    EXPECT_EQ(HwProfileIO::load(FileUtils::loadJson(config).object().value("hardware_profile").toObject()), profile);
+
+    ASSERT_TRUE(hvtest::writeFile(config, "{ broken"));
+    EXPECT_TRUE(m_engine->getBrokenMachines().contains(
+        {"Reloaded", "its device configuration file '" + config + "' is not a JSON object"}));
+    MessageCapture capture;
+    EXPECT_EQ(m_engine->createMachine("Reloaded", makeImage(sharedOva(), "11.0.0", "5.3.0"), profile), 1);
+    EXPECT_LOG(capture, QtWarningMsg, "[VMTools] Can't create already existing device \"Reloaded\"");
+    EXPECT_TRUE(QFile::exists(config));
+    EXPECT_TRUE(m_engine->deleteBrokenMachine("Reloaded"));
+    EXPECT_FALSE(QFileInfo::exists(deployed("Reloaded")));
 }
 
 // Listing skips folders that are no devices and polls its cancel predicate;
