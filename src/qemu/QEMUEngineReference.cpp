@@ -71,6 +71,18 @@ void syncDirectory(const QString &path)
     ::close(fd);
 }
 
+bool syncFile(const QString &path)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    const bool synced = fd >= 0 && ::fsync(fd) == 0;
+    const int error = errno;
+    if (fd >= 0)
+        ::close(fd);
+    if (!synced)
+        qCritical() << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(error);
+    return synced;
+}
+
 } // namespace
 
 QString QEMUEngine::getReferenceDirectory(const OsImage &image)
@@ -161,7 +173,11 @@ bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &parti
         }
     }
     // The marker is the last thing written: its presence means every disk
-    // above is complete.
+    // above is complete, on disk and not only in the page cache.
+    for (const char *name : kDiskNames) {
+        if (!syncFile(dir.absoluteFilePath(QLatin1String(name) + QStringLiteral(".qcow2"))))
+            return false;
+    }
     return FileUtils::saveFile(dir.absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"));
 }
 
