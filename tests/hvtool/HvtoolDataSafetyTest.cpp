@@ -69,15 +69,23 @@ bool run(const QString &program, const QStringList &args)
     return ok;
 }
 
-// An OVA of two vmdk disks made by the real qemu-img, its content unique.
-QString makeOva(const QString &name, int sizeMiB = 16)
+// An OVA of two vmdk disks made by the real qemu-img, its content unique;
+// with paddingMiB, a member of that size comes first.
+QString makeOva(const QString &name, int sizeMiB = 16, int paddingMiB = 0)
 {
     const QString dir = hvtest::testRoot() + "/ova-" + name;
     QDir().mkpath(dir);
     for (const QString disk : {"system.vmdk", "data.vmdk"})
         run("qemu-img", {"create", "-f", "vmdk", dir + "/" + disk, QString::number(sizeMiB) + "M"});
     hvtest::writeFile(dir + "/id.txt", name.toUtf8());
-    run("tar", {"--format=ustar", "-C", dir, "-cf", dir + "/" + name, "system.vmdk", "data.vmdk", "id.txt"});
+    QStringList members{"system.vmdk", "data.vmdk", "id.txt"};
+    if (paddingMiB > 0) {
+        QFile padding(dir + "/padding.bin");
+        EXPECT_TRUE(padding.open(QIODevice::WriteOnly) && padding.resize(qint64(paddingMiB) << 20));
+        members.prepend("padding.bin");
+    }
+    run("tar", QStringList{"--format=ustar", "-C", dir, "-cf", dir + "/" + name} + members);
+    QFile::remove(dir + "/padding.bin");
     return dir + "/" + name;
 }
 
@@ -152,7 +160,7 @@ bool waitFor(const std::function<bool()> &condition, int ms = 30000)
     while (!condition()) {
         if (timer.elapsed() > ms)
             return false;
-        QThread::msleep(5);
+        QThread::msleep(1);
     }
     return true;
 }
@@ -221,6 +229,17 @@ class HvtoolReferenceDisks : public ::testing::Test
 {
 protected:
     QString referenceRoot() const { return hvHome() + "/.Corbelwick/Halvistrom/system-images"; }
+    // A file of that name in a preparation under way; empty when none.
+    QString partialFile(const QString &name) const
+    {
+        QDirIterator it(referenceRoot(), {name}, QDir::Files, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            const QString path = it.next();
+            if (path.contains(".partial/"))
+                return path;
+        }
+        return QString();
+    }
     // The completed reference directories: those holding the marker.
     QStringList completed() const
     {
@@ -232,54 +251,78 @@ protected:
     }
 };
 
-// A creation killed while it prepares the reference disks leaves a broken
-// device that says so and nothing that a later creation uses: the next one
-// makes the reference disks again from the start.
+// A creation killed while it prepares the reference disks, in the middle of
+// the extraction or of the conversion, leaves a broken device that says so
+// and nothing that a later creation uses: the next one makes the reference
+// disks again from the start.
 TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
 {
-    const QString image = registerImage(makeOva("killed.ova", 64));
     const QString hwProfile = profile();
-    const QStringList before = completed();
-    const QString log = hvtest::testRoot() + "/killed-runs.log";
-    QProcess creation;
-    creation.setProcessEnvironment(hvtest::environmentWith(
-        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "30"}}));
-    creation.start(hvtest::helperPath("hvtool"), {"device", "create", "Killed", "--image", image, "--profile", hwProfile});
-    // The stand-in records its run before it sleeps: the archive is
-    // extracted and the first disk's conversion has begun.
-    ASSERT_TRUE(waitFor([&] { return countRuns(log, "convert") == 1; }));
-    killTree(creation.processId());
-    ASSERT_TRUE(creation.waitForFinished(10000));
-    EXPECT_EQ(creation.exitStatus(), QProcess::CrashExit);
-    EXPECT_EQ(completed(), before);
+    const struct {
+        const char *name;
+        const char *delay;
+        bool midExtraction;
+        int convertsBeforeKill;
+    } rows[] = {{"MidExtraction", "0", true, 0}, {"MidConversion", "30", false, 1}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        // A large first member keeps the extraction busy long enough to be
+        // caught half-way.
+        const QString image = registerImage(makeOva(QString(row.name) + ".ova", 16, row.midExtraction ? 256 : 0));
+        const QStringList before = completed();
+        const QString log = hvtest::testRoot() + "/" + row.name + "-runs.log";
+        QProcess creation;
+        creation.setProcessEnvironment(hvtest::environmentWith(
+            {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", row.delay}}));
+        creation.start(hvtest::helperPath("hvtool"),
+                       {"device", "create", row.name, "--image", image, "--profile", hwProfile});
+        if (row.midExtraction) {
+            ASSERT_TRUE(waitFor([&] {
+                const QFileInfo padding(partialFile("padding.bin"));
+                return padding.exists() && padding.size() > 0 && padding.size() < (qint64(256) << 20);
+            }));
+        } else {
+            // The stand-in records its run before it sleeps: the archive is
+            // extracted and the first disk's conversion has begun.
+            ASSERT_TRUE(waitFor([&] { return countRuns(log, "convert") == 1; }));
+        }
+        killTree(creation.processId());
+        ASSERT_TRUE(creation.waitForFinished(10000));
+        EXPECT_EQ(creation.exitStatus(), QProcess::CrashExit);
+        EXPECT_EQ(countRuns(log, "convert"), row.convertsBeforeKill);
+        EXPECT_EQ(completed(), before);
 
-    QJsonObject broken;
-    for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
-        if (device.toObject().value("name") == "Killed")
-            broken = device.toObject();
+        QJsonObject broken;
+        for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
+            if (device.toObject().value("name") == row.name)
+                broken = device.toObject();
+        }
+        EXPECT_EQ(broken.value("status"), "Broken");
+        EXPECT_TRUE(broken.value("reason").toString().contains("it has no device configuration file"));
+        const CliResult again = hvtool({"device", "create", row.name, "--image", image, "--profile", hwProfile});
+        EXPECT_EQ(again.code, 4);
+        EXPECT_TRUE(again.err.contains(QString("device '%1' exists but is broken: it has no device configuration file")
+                                           .arg(row.name)))
+            << again.err.toStdString();
+        EXPECT_TRUE(again.err.contains(QString("remove it with 'hvtool device delete \"%1\" --yes'").arg(row.name)))
+            << again.err.toStdString();
+        EXPECT_TRUE(hvtool({"device", "list"}).out.contains(QString("'%1' is broken: ").arg(row.name)));
+        ASSERT_EQ(hvtool({"device", "delete", row.name, "--yes"}).code, 0);
+
+        const CliResult remade = hvtool({"device", "create", row.name, "--image", image, "--profile", hwProfile},
+                                        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}});
+        ASSERT_EQ(remade.code, 0) << remade.err.toStdString();
+        EXPECT_EQ(countRuns(log, "convert"), row.convertsBeforeKill + 2) << "both disks converted from a fresh extraction";
+        QStringList made = completed();
+        for (const QString &old : before)
+            made.removeOne(old);
+        ASSERT_EQ(made.size(), 1);
+        const QString reference = made.at(0);
+        EXPECT_TRUE(run("qemu-img", {"check", reference + "/system.qcow2"}));
+        EXPECT_TRUE(run("qemu-img", {"compare", "-U", reference + "/data.qcow2",
+                                     deviceDir(hvHome(), row.name) + "/data.qcow2"}));
+        EXPECT_FALSE(QFileInfo::exists(reference + ".partial"));
     }
-    EXPECT_EQ(broken.value("status"), "Broken");
-    EXPECT_TRUE(broken.value("reason").toString().contains("it has no device configuration file"));
-    const CliResult again = hvtool({"device", "create", "Killed", "--image", image, "--profile", hwProfile});
-    EXPECT_EQ(again.code, 4);
-    EXPECT_TRUE(again.err.contains("device 'Killed' exists but is broken: it has no device configuration file"))
-        << again.err.toStdString();
-    EXPECT_TRUE(again.err.contains("remove it with 'hvtool device delete \"Killed\" --yes'")) << again.err.toStdString();
-    EXPECT_TRUE(hvtool({"device", "list"}).out.contains("'Killed' is broken: it has no device configuration file"));
-    ASSERT_EQ(hvtool({"device", "delete", "Killed", "--yes"}).code, 0);
-
-    const CliResult remade = hvtool({"device", "create", "Killed", "--image", image, "--profile", hwProfile},
-                                    {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}});
-    ASSERT_EQ(remade.code, 0) << remade.err.toStdString();
-    EXPECT_EQ(countRuns(log, "convert"), 3) << "both disks converted again from a fresh extraction";
-    QStringList made = completed();
-    for (const QString &old : before)
-        made.removeOne(old);
-    ASSERT_EQ(made.size(), 1);
-    const QString reference = made.at(0);
-    EXPECT_TRUE(run("qemu-img", {"check", reference + "/system.qcow2"}));
-    EXPECT_TRUE(run("qemu-img", {"compare", "-U", reference + "/data.qcow2", deviceDir(hvHome(), "Killed") + "/data.qcow2"}));
-    EXPECT_FALSE(QFileInfo::exists(reference + ".partial"));
 }
 
 // Two creations from one new image at the same moment: one makes the
