@@ -38,7 +38,19 @@ const QString kLatest = QStringLiteral("latest");
 
 using MachinePtr = std::unique_ptr<QEMUMachine>;
 
-/// Looks the device up; reports a missing one with exit code 3.
+/// Why the device directory of that name holds no usable device; empty when
+/// there is no such directory.
+QString brokenReason(QEMUEngine *e, const QString &name)
+{
+    for (const auto &[brokenName, reason] : e->getBrokenMachines()) {
+        if (brokenName == name)
+            return reason;
+    }
+    return QString();
+}
+
+/// Looks the device up; reports a missing one with exit code 3, a broken one
+/// with 4 and what to do about it.
 MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString &name)
 {
     QEMUEngine *e = engine(ctx, code);
@@ -46,7 +58,12 @@ MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString
         return nullptr;
     *engineOut = e;
     MachinePtr machine(findDevice(e, name));
-    if (!machine)
+    const QString broken = machine ? QString() : brokenReason(e, name);
+    if (!broken.isEmpty())
+        *code = ctx.fail(Conflict, QStringLiteral("device '%1' is broken: %2; remove it with "
+                                                  "'hvtool device delete \"%1\" --yes'")
+                                       .arg(name, broken));
+    else if (!machine)
         *code = ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
     else
         machine->reloadVmInfo();
@@ -66,17 +83,6 @@ Target findTarget(Context &ctx)
     Target target;
     target.machine = device(ctx, &target.engine, &target.code, ctx.arg(0));
     return target;
-}
-
-/// Why the device directory of that name holds no usable device; empty when
-/// there is no such directory.
-QString brokenReason(QEMUEngine *e, const QString &name)
-{
-    for (const auto &[brokenName, reason] : e->getBrokenMachines()) {
-        if (brokenName == name)
-            return reason;
-    }
-    return QString();
 }
 
 /// Refuses a change that needs the device stopped.

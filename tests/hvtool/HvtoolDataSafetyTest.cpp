@@ -307,6 +307,9 @@ TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
         EXPECT_TRUE(again.err.contains(QString("remove it with 'hvtool device delete \"%1\" --yes'").arg(row.name)))
             << again.err.toStdString();
         EXPECT_TRUE(hvtool({"device", "list"}).out.contains(QString("'%1' is broken: ").arg(row.name)));
+        const CliResult shown = hvtool({"device", "start", row.name});
+        EXPECT_EQ(shown.code, 4);
+        EXPECT_TRUE(shown.err.contains(QString("device '%1' is broken: it has no").arg(row.name))) << shown.err.toStdString();
         ASSERT_EQ(hvtool({"device", "delete", row.name, "--yes"}).code, 0);
 
         const CliResult remade = hvtool({"device", "create", row.name, "--image", image, "--profile", hwProfile},
