@@ -200,9 +200,14 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
         return 1;
     }
     // Never over a directory that appeared meanwhile, not even an empty one.
-    if (::renameat2(AT_FDCWD, pattern.constData(), AT_FDCWD, QFile::encodeName(targetPath).constData(),
-                    RENAME_NOREPLACE)
-        != 0) {
+    // A file system without the no-replace rename gets a check first.
+    const QByteArray target = QFile::encodeName(targetPath);
+    int renamed = ::renameat2(AT_FDCWD, pattern.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE);
+    if (renamed != 0 && errno == EINVAL) {
+        errno = EEXIST;
+        renamed = QFileInfo::exists(targetPath) ? -1 : std::rename(pattern.constData(), target.constData());
+    }
+    if (renamed != 0) {
         const int error = errno;
         qCritical() << "[VMTools]" << "Failed to rename" << buildPath << "to" << targetPath << ":"
                     << std::strerror(error);
