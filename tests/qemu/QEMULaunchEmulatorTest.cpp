@@ -121,7 +121,7 @@ TEST_F(EmulatorTest, coldStartSaveStopAndResume)
     {
         // A save killed after the drive went but before its lock file said
         // so: the next save takes the missing drive as detached.
-        QEMUClient client(machines.front()->getQmpPort());
+        QEMUClient client(machines.front()->getQmpSocketPath());
         ASSERT_TRUE(client.init());
         const QVariantMap detach{{"execute", "human-monitor-command"},
                                  {"arguments", QVariantMap{{"command-line", "drive_del shared"}}}};

@@ -239,13 +239,14 @@ TEST_F(Security, aHostileImageNeverCopiesAHostFileIntoADisk)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         const OsImage image = makeImage(makeHostileOva(row.name, row.make), "11.0.0", QString("8.%1.0").arg(version++));
-        const QString reference = QDir(Paths::getSystemImagePath(image.imageVersion, image.osVersion)).absolutePath();
+        const QString reference = QEMUEngine::getReferenceDirectory(image);
         MessageCapture capture;
-        EXPECT_EQ(m_engine->createMachine("Hostile", image, makeProfile()), 2);
+        EXPECT_EQ(m_engine->createMachine("Hostile", image, makeProfile()), 1);
         EXPECT_TRUE(capture.hasContaining(QtCriticalMsg, "[VMTools] Refusing to convert disk '" + reference
-                                                             + "/system.vmdk': " + row.reason));
+                                                             + ".partial/system.vmdk': " + row.reason));
         EXPECT_FALSE(QFile::exists(deployed("Hostile")));
-        EXPECT_FALSE(QFile::exists(reference + "/system.qcow2"));
+        EXPECT_FALSE(QFile::exists(reference));
+        EXPECT_FALSE(QFile::exists(reference + ".partial"));
         EXPECT_EQ(filesHolding(qEnvironmentVariable("HV_HOME"), kSecret), QStringList());
     }
 }
