@@ -228,12 +228,14 @@ int list(Context &ctx)
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    const QList<VMToolsMachine *> machines = e->getMachines([] { return false; });
+    // A directory that holds no usable device is shown too, with the reason,
+    // so that the user sees what takes its name and can remove it.
+    QList<QPair<QString, QString>> broken;
+    const QList<QEMUMachine *> machines = e->scanMachines(&broken);
     QJsonArray array;
     QList<QStringList> rows;
-    for (VMToolsMachine *raw : machines) {
-        MachinePtr machine(static_cast<QEMUMachine *>(raw));
-        machine->reloadVmInfo();
+    for (QEMUMachine *raw : machines) {
+        MachinePtr machine(raw);
         const QJsonObject object = describe(e, *machine);
         array.append(object);
         rows << QStringList{object.value("name").toString(), object.value("status").toString(),
@@ -242,9 +244,6 @@ int list(Context &ctx)
                             sizeText(qint64(object.value("size_on_disk").toDouble())),
                             object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
     }
-    // A directory that holds no usable device is shown too, with the reason,
-    // so that the user sees what takes its name and can remove it.
-    const QList<QPair<QString, QString>> broken = e->getBrokenMachines();
     for (const auto &[name, reason] : broken) {
         array.append(QJsonObject{{"name", name}, {"status", "Broken"}, {"reason", reason},
                                  {"path", e->getDevicesDirectory().absoluteFilePath(name)}});

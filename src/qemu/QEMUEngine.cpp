@@ -1,6 +1,7 @@
 #include "QEMUEngine.h"
 
 #include "EnvVars.h"
+#include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
 #include "Paths.h"
 #include "TriggerError.h"
@@ -15,7 +16,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QSaveFile>
 
 #include <sys/stat.h>
 
@@ -79,15 +79,7 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
     QJsonObject cache = readVersionCache();
     cache.insert(binary, QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
     QDir().mkpath(Paths::getHalvistromCachePath());
-    QSaveFile file(versionCachePath());
-    if (!file.open(QIODevice::WriteOnly)) {
-        qDebug() << "[VMTools]" << "Cannot cache the QEMU version in" << file.fileName() << file.errorString();
-        return;
-    }
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    const QByteArray bytes = QJsonDocument(cache).toJson(QJsonDocument::Compact);
-    if (file.write(bytes) != bytes.size() || !file.commit())
-        qDebug() << "[VMTools]" << "Cannot cache the QEMU version in" << file.fileName() << file.errorString();
+    FileUtils::saveFile(versionCachePath(), QJsonDocument(cache).toJson(QJsonDocument::Compact));
 }
 
 } // namespace

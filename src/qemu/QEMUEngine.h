@@ -135,6 +135,10 @@ public:
     /// The directories of the devices directory that hold no loadable
     /// device, each with the reason in words.
     QList<QPair<QString, QString>> getBrokenMachines() const;
+    /// Every device of the devices directory, loaded once, owned by the
+    /// caller; when broken is given, the directories that hold none are put
+    /// there with the reason in words.
+    QList<QEMUMachine *> scanMachines(QList<QPair<QString, QString>> *broken) const;
     /// Removes a device directory whose device cannot be loaded; refused
     /// while an emulator recorded in it runs.
     bool deleteBrokenMachine(const QString &name) const;
@@ -192,4 +196,6 @@ private:
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;
     QList<QEMUMachine *> loadMachines(const std::function<bool()> &cancel) const;
+    /// Why the directory at path holds no loadable device, in words.
+    QString brokenReason(const QString &path) const;
 };

@@ -324,28 +324,39 @@ VMToolsMachine *QEMUEngine::getMachine(const QString &name)
     return loadMachine(m_devicesDirectory.absoluteFilePath(name));
 }
 
-QList<QPair<QString, QString>> QEMUEngine::getBrokenMachines() const
+QString QEMUEngine::brokenReason(const QString &path) const
 {
-    QList<QPair<QString, QString>> broken;
+    QEMUMachine record(const_cast<QEMUEngine *>(this), path);
+    const QString config = record.getConfigFilePath();
+    if (!QFileInfo::exists(config))
+        return QStringLiteral("it has no device configuration file '%1'").arg(config);
+    if (!FileUtils::loadJson(config).isObject())
+        return QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
+    return QStringLiteral("its device configuration file '%1' does not describe a device of this engine "
+                          "with a valid hardware profile")
+        .arg(config);
+}
+
+QList<QEMUMachine *> QEMUEngine::scanMachines(QList<QPair<QString, QString>> *broken) const
+{
+    // One pass over the directory: listing a thousand devices reads each
+    // device.json once.
+    QList<QEMUMachine *> machines;
     const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
     for (const QString &name : names) {
         const QString path = m_devicesDirectory.absoluteFilePath(name);
-        std::unique_ptr<QEMUMachine> machine(loadMachine(path));
-        if (machine)
-            continue;
-        QEMUMachine record(const_cast<QEMUEngine *>(this), path);
-        const QString config = record.getConfigFilePath();
-        QString reason;
-        if (!QFileInfo::exists(config))
-            reason = QStringLiteral("it has no device configuration file '%1'").arg(config);
-        else if (!FileUtils::loadJson(config).isObject())
-            reason = QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
-        else
-            reason = QStringLiteral("its device configuration file '%1' does not describe a device of this engine "
-                                    "with a valid hardware profile")
-                         .arg(config);
-        broken.append({name, reason});
+        if (QEMUMachine *machine = loadMachine(path))
+            machines.append(machine);
+        else if (broken)
+            broken->append({name, brokenReason(path)});
     }
+    return machines;
+}
+
+QList<QPair<QString, QString>> QEMUEngine::getBrokenMachines() const
+{
+    QList<QPair<QString, QString>> broken;
+    qDeleteAll(scanMachines(&broken));
     return broken;
 }
 

@@ -4,6 +4,7 @@
 // emulator it was saved with.
 #include "QEMUEngine.h"
 
+#include "FileUtils.h"
 #include "OsImage.h"
 #include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
@@ -14,7 +15,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 
 namespace {
 
@@ -59,17 +59,8 @@ bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) 
     const QString path = QEMUDeviceFiles(machine->getPath()).savedStates();
     QJsonObject records = readRecords(path);
     records.insert(name, describeSavedState(machine));
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with in" << path
-                    << file.errorString();
-        return false;
-    }
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    const QByteArray bytes = QJsonDocument(records).toJson();
-    if (file.write(bytes) != bytes.size() || !file.commit()) {
-        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with in" << path
-                    << file.errorString();
+    if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
+        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
         return false;
     }
     return true;
