@@ -48,8 +48,12 @@ Paths::PathInfo computeLayout()
         if (!QDir(dir).mkpath(QStringLiteral(".")))
             qCritical() << "Failed to create" << dir << "things may go wrong";
     }
-    // A tree made by an older program (or under a wide umask) is closed once.
-    FileUtils::makePrivate(p.organizationPath);
+    // A tree made by an older program (or under a wide umask) is closed once;
+    // the marker saves every later start a walk of every device's files.
+    // What is created afterwards is private by the creation mask.
+    const QString closed = p.halvistromPath + QStringLiteral("/.private");
+    if (!QFileInfo::exists(closed) && FileUtils::makePrivate(p.organizationPath) >= 0)
+        FileUtils::saveFile(closed, QByteArrayLiteral("the data tree was made private\n"));
     return p;
 }
 

@@ -139,6 +139,12 @@ public:
     /// caller; when broken is given, the directories that hold none are put
     /// there with the reason in words.
     QList<QEMUMachine *> scanMachines(QList<QPair<QString, QString>> *broken) const;
+    /// The loaded record of the device directory at path, owned by the
+    /// caller, or null when it holds no QEMU device. It touches nothing the
+    /// engine shares, so several threads may load devices at once.
+    QEMUMachine *loadDevice(const QString &path) const;
+    /// Why the directory at path holds no loadable device, in words.
+    QString brokenReason(const QString &path) const;
     /// Removes a device directory whose device cannot be loaded; refused
     /// while an emulator recorded in it runs.
     bool deleteBrokenMachine(const QString &name) const;
@@ -196,6 +202,4 @@ private:
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;
     QList<QEMUMachine *> loadMachines(const std::function<bool()> &cancel) const;
-    /// Why the directory at path holds no loadable device, in words.
-    QString brokenReason(const QString &path) const;
 };

@@ -294,6 +294,11 @@ QEMUMachine *QEMUEngine::loadMachine(const QString &path) const
     return machine.release();
 }
 
+QEMUMachine *QEMUEngine::loadDevice(const QString &path) const
+{
+    return loadMachine(path);
+}
+
 QList<QEMUMachine *> QEMUEngine::loadMachines(const std::function<bool()> &cancel) const
 {
     QList<QEMUMachine *> machines;

@@ -34,6 +34,9 @@ VMToolsEngine::VMToolsEngine()
     // A devices directory of the user's choosing may lie outside the data
     // tree that the path layout closes. The directory itself may be shared
     // (it is the user's choice), but each device in it is closed.
+    const QString tree = QDir(Paths::getOrganizationPath()).absolutePath() + QLatin1Char('/');
+    if (m_devicesDirectory.absolutePath().startsWith(tree))
+        return;
     const QFileInfoList devices =
         m_devicesDirectory.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks | QDir::Hidden);
     for (const QFileInfo &device : devices) {

@@ -136,6 +136,8 @@ bool VMToolsMachine::load()
 
 bool VMToolsMachine::save() const
 {
+    if (m_holdingSaves)
+        return true;
     const QDir dir(m_path + QLatin1String(kConfigDir));
     if (!dir.mkpath(QStringLiteral("."))) {
         qCritical() << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
@@ -162,10 +164,14 @@ bool VMToolsMachine::setProperties(const HwProfile &profile, const OsImage &imag
 {
     setHwProfile(profile);
     setOsImage(image);
+    // Each setter would write the whole file; one write at the end holds the
+    // same values.
+    m_holdingSaves = true;
     setCpuCount(profile.cpuCount);
     setRamSize(profile.ramSize);
     setSdCardSize(profile.sdCardSize);
     setSdCardInserted(profile.hasSdCard);
+    m_holdingSaves = false;
     return save();
 }
 

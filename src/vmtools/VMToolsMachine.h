@@ -258,4 +258,6 @@ private:
     OsImage m_osImage;
     int m_capabilities = 0;
     bool m_latestSnapshotExists = false;
+    // Set while setProperties() calls the setters, which then do not write.
+    bool m_holdingSaves = false;
 };
