@@ -7,6 +7,7 @@
 #include "FileUtils.h"
 #include "OsImage.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 
 #include <QCryptographicHash>
@@ -100,8 +101,8 @@ QString QEMUEngine::getReferenceDirectory(const QString &ovaPath, const VersionN
 bool QEMUEngine::isReferenceComplete(const QString &directory)
 {
     const QDir dir(directory);
-    return dir.exists(kCompleteMarker) && dir.exists(QStringLiteral("system.qcow2"))
-        && dir.exists(QStringLiteral("data.qcow2"));
+    return dir.exists(kCompleteMarker) && dir.exists(QEMUDeviceFiles::systemDiskName())
+        && dir.exists(QEMUDeviceFiles::dataDiskName());
 }
 
 bool QEMUEngine::validateReferenceDisk(const QString &path) const
