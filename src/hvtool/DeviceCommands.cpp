@@ -604,8 +604,6 @@ int snapshotLoad(Context &ctx)
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     const QString snapshot = ctx.arg(1);
-    if (!snapshotNames(e, *machine).contains(snapshot))
-        return ctx.fail(NotFound, QStringLiteral("snapshot '%1' of device '%2' does not exist").arg(snapshot, name));
     if (machine->getStatus() != VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is not running; start it with --snapshot %2 instead")
                                       .arg(name, snapshot));

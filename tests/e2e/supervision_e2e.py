@@ -18,26 +18,14 @@ import threading
 import time
 import uuid
 
-TCG_ARGS = "-accel[0]=tcg;-cpu[0]=max;-audiodev[0]=none,id=snd0"
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import hvtool_e2e  # noqa: E402
+from hvtool_e2e import Failure, check, stop_all  # noqa: E402
+
 PR_SET_CHILD_SUBREAPER = 36
 
 
-class Failure(Exception):
-    pass
-
-
-def check(condition, message):
-    if not condition:
-        raise Failure(message)
-
-
-class Env:
-    def __init__(self, hvtool, home):
-        self.hvtool = hvtool
-        self.env = dict(os.environ)
-        self.env.update({"HV_HOME": home, "HOME": home, "XDG_CONFIG_HOME": os.path.join(home, ".config"),
-                         "HV_QEMU_START_ARGS": TCG_ARGS})
-
+class Env(hvtool_e2e.Env):
     def popen(self, *args, env=None):
         return subprocess.Popen([self.hvtool, *args, "--format", "json"], env=env or self.env,
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -267,12 +255,7 @@ def main():
         never_ready(env, image, work)
         wait_ends_with_the_emulator(env)
     finally:
-        listing = subprocess.run([args.hvtool, "device", "list", "--format", "json"], env=env.env,
-                                 capture_output=True, text=True)
-        for d in json.loads(listing.stdout or "[]"):
-            if d.get("status") == "On":
-                subprocess.run([args.hvtool, "device", "stop", d["name"], "--force"], env=env.env,
-                               capture_output=True)
+        stop_all(env)
         subprocess.run(["rm", "-rf", work])
 
 
