@@ -8,7 +8,10 @@
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "Settings.h"
+#include "QEMUAudio.h"
 #include "QEMUEngine.h"
+#include "QEMUErrorDiagnosis.h"
 #include "QEMUMachine.h"
 #include "VMToolsCommon.h"
 
@@ -19,6 +22,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QPair>
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QThread>
@@ -330,10 +334,22 @@ int show(Context &ctx)
     return Success;
 }
 
-/// Why a start failed, in words, from the start's result code.
-QString startDiagnosis(int result)
+/// Why a start failed, in one line a person can act on, from the start's
+/// result code and the emulator's own words in its log.
+QString startDiagnosis(QEMUEngine *e, const QEMUMachine &machine, int result)
 {
+    const QString cause = QEMUErrorDiagnosis::causeLine(machine.getLogFilePath());
     switch (result) {
+    case QEMUMachine::KvmFailed:
+        return QStringLiteral("KVM cannot run guests on this host (QEMU: \"%1\"); run devices under TCG: %2")
+            .arg(cause, QEMUAccelerator::tcgAdvice());
+    case QEMUMachine::AudioUnavailable:
+        return QStringLiteral("the audio backend is not available (QEMU: \"%1\"); install qemu-system-gui and run a "
+                              "sound server, or: hvtool settings set %2 auto")
+            .arg(cause, QEMUAudio::settingKey());
+    case QEMUMachine::EmulatorMissing:
+        return QStringLiteral("the emulator %1 is missing; install it (scripts/setup) or point HV_QEMU_BIN_DIR at it")
+            .arg(e->getQemuSystemBinaryPath());
     case 4:
         return QStringLiteral("hardware acceleration is not available on this host");
     case 5:
@@ -393,8 +409,9 @@ bool waitForGuest(const QEMUMachine &machine, quint16 port, int seconds, QByteAr
     QElapsedTimer timer;
     timer.start();
     const qint64 limit = qint64(seconds) * 1000;
-    // An emulator that ended will never answer: stop waiting at once.
-    while (timer.elapsed() < limit && machine.isQEMURunning()) {
+    // An emulator that ended, or whose guest KVM stopped, will never answer:
+    // stop waiting at once.
+    while (timer.elapsed() < limit && machine.isQEMURunning() && machine.kvmFailure().isEmpty()) {
         QTcpSocket socket;
         socket.connectToHost(QStringLiteral("127.0.0.1"), port);
         if (socket.waitForConnected(1000)) {
@@ -426,8 +443,55 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
+/// The accelerator of this start: --accel when given (kvm or tcg), after
+/// checking that the settings hold values the engine knows. Success, or the
+/// exit code of the refusal.
+int chooseAccelerator(Context &ctx, QEMUEngine *e)
+{
+    if (ctx.isSet(QStringLiteral("accel")))
+        e->setOneOffAccelerator(ctx.value(QStringLiteral("accel")));
+    const QList<QPair<QString, QStringList>> settings{{QEMUAccelerator::settingKey(), QEMUAccelerator::choices()},
+                                                      {QEMUAudio::settingKey(), QEMUAudio::choices()}};
+    for (const auto &setting : settings) {
+        const QString value = Settings::get(setting.first, QStringLiteral("auto")).toString();
+        if (!setting.second.contains(value))
+            return ctx.fail(Failed, QStringLiteral("the setting %1 holds '%2', which is none of %3; fix it with: "
+                                                   "hvtool settings set %1 auto")
+                                        .arg(setting.first, value, setting.second.join(QLatin1String(", "))));
+    }
+    return Success;
+}
+
+/// Shows the lines the engine left about the last start.
+void showStartNotes(Context &ctx, QEMUEngine *e)
+{
+    for (const QString &line : e->takeStartNotes())
+        ctx.note(QStringLiteral("hvtool: ") + line);
+}
+
+/// After a wait that ended because KVM stopped the guest: under "auto" the
+/// device starts again cold under TCG (Success, the wait may go on);
+/// otherwise the emulator is stopped and the failure named.
+int recoverFromKvmFailure(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QDateTime &startedAt)
+{
+    const int result = e->restartAfterKvmFailure(&machine);
+    showStartNotes(ctx, e);
+    if (result == QEMUMachine::Started) {
+        machine.reloadVmInfo();
+        return Success;
+    }
+    if (result == 0)
+        machine.forceStop();
+    const int code = result == 0 ? int(QEMUMachine::KvmFailed) : result;
+    return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
+                                .arg(machine.getName(), startDiagnosis(e, machine, code), logHint(machine, startedAt)));
+}
+
 int start(Context &ctx)
 {
+    const QString accel = ctx.value(QStringLiteral("accel"));
+    if (ctx.isSet(QStringLiteral("accel")) && (accel == QLatin1String("auto") || !QEMUAccelerator::choices().contains(accel)))
+        return ctx.fail(Usage, QStringLiteral("--accel takes kvm or tcg, not '%1'").arg(accel));
     Target target = findTarget(ctx);
     if (!target.machine)
         return target.code;
@@ -436,6 +500,9 @@ int start(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
+    const int refused = chooseAccelerator(ctx, e);
+    if (refused != Success)
+        return refused;
 
     int waitSeconds = 0;
     if (ctx.isSet(QStringLiteral("wait"))) {
@@ -457,24 +524,39 @@ int start(Context &ctx)
     } else if (hadLatest) {
         const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
         if (!mismatch.isEmpty())
-            ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+            ctx.note(QStringLiteral("quick-boot state %1: booting cold%2")
+                         .arg(mismatch, ctx.isSet(QStringLiteral("accel"))
+                                            ? QStringLiteral("; the cold boot replaces the quick-boot state")
+                                            : QString()));
     }
     QElapsedTimer timer;
     timer.start();
     const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
     const int result = snapshot.isEmpty() ? e->startFromLatestSnapshot(machine.get(), &quickBoot)
                                           : e->startMachine(machine.get(), snapshot);
+    showStartNotes(ctx, e);
+    if (e->lastStartFellBackToTcg())
+        quickBoot = false;
     if (result != 1)
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
-                                    .arg(name, startDiagnosis(result), logHint(*machine, startedAt)));
-    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty())
+                                    .arg(name, startDiagnosis(e, *machine, result), logHint(*machine, startedAt)));
+    if (hadLatest && !quickBoot && !e->lastStartFellBackToTcg()
+        && e->savedStateMismatch(machine.get(), kLatest).isEmpty())
         ctx.note(QStringLiteral("the quick-boot state could not be loaded: booted cold; the next stop saves a new "
                                 "one"));
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
 
     QByteArray banner;
-    if (waitSeconds > 0 && !waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner)) {
+    bool answered = waitSeconds > 0 && waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner);
+    if (waitSeconds > 0 && !answered && !machine->kvmFailure().isEmpty()) {
+        const int recovered = recoverFromKvmFailure(ctx, e, *machine, startedAt);
+        if (recovered != Success)
+            return recovered;
+        quickBoot = false;
+        answered = waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner);
+    }
+    if (waitSeconds > 0 && !answered) {
         if (!machine->isQEMURunning()) {
             // The lock file names an emulator that is gone.
             machine->removeLockFile();
@@ -489,7 +571,7 @@ int start(Context &ctx)
     }
     const qint64 readyMs = timer.elapsed();
 
-    const QString how = !snapshot.isEmpty() ? QStringLiteral("snapshot")
+    const QString how = !snapshot.isEmpty() && !e->lastStartFellBackToTcg() ? QStringLiteral("snapshot")
                                             : (quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold"));
     if (ctx.json()) {
         QJsonObject object = describe(e, *machine);
@@ -860,6 +942,8 @@ void addDeviceCommands()
         << Command{{"device", "start"}, "NAME",
                    "Start a device: resume its saved state when quick boot is on, else boot cold.",
                    {{"cold", "Boot cold even when a saved state exists."},
+                    {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
+                     "ACCELERATOR"},
                     {"snapshot", "Start from this saved snapshot instead.", "SNAPSHOT"},
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
                      "SECONDS"}},

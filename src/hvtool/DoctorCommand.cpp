@@ -4,25 +4,21 @@
 
 #include "HalvistromAppUtils.h"
 #include "Paths.h"
+#include "QEMUAccelerator.h"
+#include "QEMUAudio.h"
 #include "QEMUEngine.h"
-#include "QEMUOptionSet.h"
 #include "Settings.h"
 #include "VMToolsEngine.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QStorageInfo>
-#include <QLocalSocket>
-#include <QTemporaryDir>
 #include <QTemporaryFile>
-#include <QThread>
 
+#include <cstdio>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -47,81 +43,50 @@ QString levelText(Level level)
     return QString();
 }
 
-/// Reads one QMP reply line (skipping events) within the time left.
-QJsonObject readQmp(QLocalSocket &socket, int timeoutMs)
+/// The configured accelerator and what "auto" picks here, from a fresh
+/// probe of KVM (which the engine then keeps for its starts).
+Check acceleratorCheck(const QEMUEngine &engine)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < timeoutMs) {
-        while (socket.canReadLine()) {
-            const QJsonObject object = QJsonDocument::fromJson(socket.readLine(1 << 20)).object();
-            if (!object.contains(QLatin1String("event")))
-                return object;
-        }
-        if (socket.bytesAvailable() > (1 << 20))
-            return {};
-        socket.waitForReadyRead(int(qMax<qint64>(1, timeoutMs - timer.elapsed())));
-    }
-    return {};
+    const QString configured = engine.configuredAccelerator();
+    const QString name = QStringLiteral("accelerator");
+    if (!QEMUAccelerator::choices().contains(configured))
+        return {name, Level::Fail, QEMUAccelerator(engine.getQemuSystemBinaryPath()).choose(configured).note};
+    if (::isatty(STDERR_FILENO))
+        std::fprintf(stderr, "probing KVM with a tiny guest (at most %d s)...\n", QEMUAccelerator::probeTimeoutMs() / 1000);
+    const QEMUAccelerator accelerator(engine.getQemuSystemBinaryPath());
+    const QEMUAccelerator::Verdict verdict = accelerator.probe();
+    accelerator.recordVerdict(verdict);
+    QString picks = QStringLiteral("auto picks KVM here");
+    if (verdict.state == QEMUAccelerator::Verdict::Fails)
+        picks = QStringLiteral("auto picks TCG here: KVM cannot run guests (%1)").arg(verdict.reason);
+    else if (verdict.state == QEMUAccelerator::Verdict::Unknown)
+        picks = QStringLiteral("auto picks TCG here: %1").arg(verdict.reason);
+    const QString detail = QStringLiteral("%1 is %2; %3").arg(QEMUAccelerator::settingKey(), configured, picks);
+    if (configured != QLatin1String("kvm") || verdict.state == QEMUAccelerator::Verdict::Runs)
+        return {name, Level::Ok, detail};
+    if (verdict.state == QEMUAccelerator::Verdict::Unknown)
+        return {name, Level::Warn, detail};
+    return {name, Level::Fail,
+            QStringLiteral("%1 is kvm, but KVM cannot run guests on this host (%2); run devices under TCG: %3")
+                .arg(QEMUAccelerator::settingKey(), verdict.reason, QEMUAccelerator::tcgAdvice())};
 }
 
-/// Launches the emulator with KVM for a moment and asks it whether its
-/// processor runs or stopped on an internal error (as nested virtualisation
-/// does on some hosts).
-Check probeKvm(const QString &emulator)
+/// The configured audio backend and what "auto" picks here.
+Check audioCheck(const QEMUEngine &engine)
 {
-    // The probe's control socket sits in a directory of its own (mode 0700),
-    // like a device's, so no other user can reach the probe guest.
-    const QTemporaryDir socketDir;
-    if (!socketDir.isValid())
-        return {"kvm-runs-guest", Level::Fail, "could not make a temporary directory: " + socketDir.errorString()};
-    const QString socketPath = socketDir.filePath(QStringLiteral("qmp.sock"));
-    QProcess qemu;
-    qemu.setProgram(emulator);
-    qemu.setArguments({"-accel", "kvm", "-cpu", "host", "-m", "64", "-nodefaults", "-display", "none", "-no-reboot",
-                       "-qmp", QStringLiteral("unix:%1,server=on,wait=off").arg(QEMUOptionSet::escapeValue(socketPath))});
-    qemu.setProcessChannelMode(QProcess::MergedChannels);
-    qemu.start();
-    if (!qemu.waitForStarted(5000))
-        return {"kvm-runs-guest", Level::Fail, "could not launch " + emulator};
-
-    auto finish = [&qemu](Check check) {
-        if (qemu.state() != QProcess::NotRunning) {
-            qemu.kill();
-            qemu.waitForFinished(5000);
-        }
-        return check;
-    };
-
-    QLocalSocket socket;
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 5000 && qemu.state() == QProcess::Running) {
-        socket.connectToServer(socketPath);
-        if (socket.waitForConnected(500))
-            break;
-        socket.abort();
-        QThread::msleep(100);
-    }
-    if (socket.state() != QLocalSocket::ConnectedState) {
-        qemu.waitForFinished(1000);
-        const QString output = QString::fromLocal8Bit(qemu.readAll()).trimmed().section('\n', -1);
-        return finish({"kvm-runs-guest", Level::Fail, "the emulator did not start with KVM: " + output});
-    }
-    readQmp(socket, 3000);
-    socket.write("{\"execute\": \"qmp_capabilities\"}\n");
-    readQmp(socket, 3000);
-    // Give the guest's processor a moment to run into trouble, if it will.
-    QThread::msleep(1500);
-    socket.write("{\"execute\": \"query-status\"}\n");
-    const QString status = readQmp(socket, 3000).value("return").toObject().value("status").toString();
-    if (status == QLatin1String("running"))
-        return finish({"kvm-runs-guest", Level::Ok, "a KVM guest runs"});
-    if (status == QLatin1String("internal-error"))
-        return finish({"kvm-runs-guest", Level::Warn,
-                       "KVM stops guests with an internal error here (nested virtualisation?); use TCG through "
-                       "HV_QEMU_START_ARGS"});
-    return finish({"kvm-runs-guest", Level::Warn, "KVM guest status: " + (status.isEmpty() ? "no answer" : status)});
+    const QString configured = Settings::get(QEMUAudio::settingKey(), QStringLiteral("auto")).toString();
+    const QEMUAudio audio(engine.getQemuSystemBinaryPath());
+    const QEMUAudio::Choice automatic = audio.choose(QStringLiteral("auto"));
+    const QString picks = automatic.note.isEmpty() ? QStringLiteral("auto picks pa here")
+                                                   : QStringLiteral("auto picks none here: %1").arg(automatic.note);
+    const QString detail = QStringLiteral("%1 is %2; %3").arg(QEMUAudio::settingKey(), configured, picks);
+    if (!QEMUAudio::choices().contains(configured))
+        return {"audio", Level::Fail, audio.choose(configured).note};
+    if (configured == QLatin1String("pa") && automatic.backend != QLatin1String("pa"))
+        return {"audio", Level::Fail,
+                QStringLiteral("%1 is pa, but %2; a device cannot start: hvtool settings set %1 auto")
+                    .arg(QEMUAudio::settingKey(), automatic.note)};
+    return {"audio", Level::Ok, detail};
 }
 
 int doctor(Context &ctx)
@@ -130,10 +95,7 @@ int doctor(Context &ctx)
 
     QEMUEngine engine;
     const auto init = engine.initialize(VMToolsEngine::Full);
-    QString emulator = QDir(QString::fromLocal8Bit(qgetenv("HV_QEMU_BIN_DIR"))).absolutePath();
-    if (qEnvironmentVariableIsEmpty("HV_QEMU_BIN_DIR"))
-        emulator = Paths::getQEmuBinDirPath();
-    emulator += QStringLiteral("/") + QEMUEngine::getQemuSystemBinaryName();
+    const QString emulator = QFileInfo(engine.getQemuSystemBinaryPath()).absolutePath();
     if (init.first != 0) {
         checks << Check{"qemu-installed", Level::Fail, init.second};
     } else {
@@ -145,7 +107,7 @@ int doctor(Context &ctx)
         const bool tooNew = maximum.major >= 0 && version > maximum;
         QString bounds = QStringLiteral("%1 (supported from %2").arg(version.toString(), minimum.toString());
         bounds += maximum.major >= 0 ? QStringLiteral(" to %1)").arg(maximum.toString()) : QStringLiteral(")");
-        checks << Check{"qemu-installed", Level::Ok, QStringLiteral("QEMU programs found beside ") + emulator};
+        checks << Check{"qemu-installed", Level::Ok, QStringLiteral("QEMU programs found in ") + emulator};
         checks << Check{"qemu-version", tooOld || tooNew ? Level::Fail : Level::Ok, bounds};
     }
 
@@ -176,19 +138,8 @@ int doctor(Context &ctx)
                         kvmOpens ? QStringLiteral("/dev/kvm opens for reading and writing")
                                  : QStringLiteral("/dev/kvm exists but cannot be opened: ") + qt_error_string(errno)};
 
-    if (kvmOpens && init.first == 0) {
-        Check kvmRuns = probeKvm(emulator);
-        // A /dev/kvm without VMX/SVM in the processor is an outer
-        // hypervisor's: the short probe guest runs on it, yet a real guest
-        // can stop in its boot code with a KVM internal error.
-        if (kvmRuns.level == Level::Ok && !engine.isCPUVirtualizationAvailable())
-            kvmRuns = {"kvm-runs-guest", Level::Warn,
-                       "a short KVM guest runs, but without VMX/SVM in the processor this KVM is an outer "
-                       "hypervisor's and may stop real guests with an internal error; if a device does not boot, "
-                       "use TCG through HV_QEMU_START_ARGS"};
-        checks << kvmRuns;
-    } else
-        checks << Check{"kvm-runs-guest", Level::Warn, "not probed: KVM or QEMU is not available"};
+    if (init.first == 0)
+        checks << acceleratorCheck(engine) << audioCheck(engine);
 
     const QString devices = VMToolsEngine::getDevicesDirectorySetting();
     QDir().mkpath(devices);
@@ -236,7 +187,7 @@ int version(Context &ctx)
 
 void addDoctorCommand()
 {
-    commands() << Command{{"doctor"}, {}, "Check the set-up: QEMU, the plug-in, KVM and the devices directory.", {}, 0,
+    commands() << Command{{"doctor"}, {}, "Check the set-up: QEMU, the plug-in, KVM, the accelerator, audio and the devices directory.", {}, 0,
                           0, doctor}
                << Command{{"version"}, {}, "Show hvtool's, the library's and QEMU's versions.", {}, 0, 0, version};
 }

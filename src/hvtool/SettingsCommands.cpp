@@ -2,6 +2,8 @@
 #include "Command.h"
 
 #include "JsonSettings.h"
+#include "QEMUAccelerator.h"
+#include "QEMUAudio.h"
 #include "Settings.h"
 
 #include <QJsonArray>
@@ -62,10 +64,24 @@ int get(Context &ctx)
     return Success;
 }
 
+/// The values a setting with a fixed set of them allows; empty for others.
+QStringList allowedValues(const QString &key)
+{
+    if (key == QEMUAccelerator::settingKey())
+        return QEMUAccelerator::choices();
+    if (key == QEMUAudio::settingKey())
+        return QEMUAudio::choices();
+    return QStringList();
+}
+
 int set(Context &ctx)
 {
     const QString key = ctx.arg(0);
     const QVariant value = parseValue(ctx.arg(1));
+    const QStringList allowed = allowedValues(key);
+    if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
+        return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
+                                   .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
     Settings::set(key, value);
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)

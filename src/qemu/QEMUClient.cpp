@@ -311,6 +311,12 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
             outcome = Readiness::Running;
             break;
         }
+        // KVM stopped the guest for good: asking again would only wait for
+        // the time-out.
+        if (status.value(QLatin1String("status")).toString() == QLatin1String("internal-error")) {
+            outcome = Readiness::InternalError;
+            break;
+        }
         QThread::msleep(ProbeRetryMs);
     }
     m_quiet = false;

@@ -36,6 +36,7 @@ public:
         ProcessEnded, ///< the emulator ended before that
         TimedOut,     ///< neither within the time given
         NotQmp,       ///< something answered that does not speak QMP
+        InternalError, ///< the emulator stopped the guest on an accelerator's internal error
     };
 
     /// A client of the emulator listening on the unix socket socketPath.

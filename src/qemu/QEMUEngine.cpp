@@ -3,6 +3,7 @@
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMUHostCache_p.h"
 #include "Paths.h"
 #include "TriggerError.h"
 #include "Urls.h"
@@ -13,11 +14,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-
-#include <sys/stat.h>
 
 namespace {
 
@@ -34,52 +32,23 @@ QString versionOverride(const char *name)
 // modification time and its inode (an upgrade that renames a new file over
 // the old one keeps size and time at worst, never the inode).
 const char kVersionCacheFile[] = "qemu-version.json";
-const qint64 kMaxVersionCacheSize = 64 * 1024;
-
-QJsonObject binaryIdentity(const QString &path)
-{
-    struct stat st;
-    if (::stat(QFile::encodeName(path).constData(), &st) != 0)
-        return QJsonObject();
-    const qint64 mtimeNs = qint64(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-    return QJsonObject{{QStringLiteral("size"), QString::number(qint64(st.st_size))},
-                       {QStringLiteral("mtime_ns"), QString::number(mtimeNs)},
-                       {QStringLiteral("device"), QString::number(quint64(st.st_dev))},
-                       {QStringLiteral("inode"), QString::number(quint64(st.st_ino))}};
-}
-
-QString versionCachePath()
-{
-    return Paths::getHalvistromCachePath() + QLatin1String(kVersionCacheFile);
-}
-
-QJsonObject readVersionCache()
-{
-    QFile file(versionCachePath());
-    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaxVersionCacheSize)
-        return QJsonObject();
-    return QJsonDocument::fromJson(file.readAll()).object();
-}
 
 QString cachedVersion(const QString &binary, const QJsonObject &identity)
 {
     if (identity.isEmpty())
         return QString();
-    const QJsonObject entry = readVersionCache().value(binary).toObject();
+    const QJsonObject entry = QEMUHostCache::read(QLatin1String(kVersionCacheFile)).value(binary).toObject();
     if (entry.value(QStringLiteral("identity")).toObject() != identity)
         return QString();
     return entry.value(QStringLiteral("version")).toString();
 }
 
-// A cache that cannot be written only costs the next start-up a question.
 void storeVersion(const QString &binary, const QJsonObject &identity, const QString &version)
 {
     if (identity.isEmpty() || version.isEmpty())
         return;
-    QJsonObject cache = readVersionCache();
-    cache.insert(binary, QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
-    QDir().mkpath(Paths::getHalvistromCachePath());
-    FileUtils::saveFile(versionCachePath(), QJsonDocument(cache).toJson(QJsonDocument::Compact));
+    QEMUHostCache::store(QLatin1String(kVersionCacheFile), binary,
+                         QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
 }
 
 } // namespace
@@ -239,7 +208,7 @@ void QEMUEngine::checkAcceleration()
 
 void QEMUEngine::initVersionString()
 {
-    const QJsonObject identity = binaryIdentity(m_qemuSystemBinaryPath);
+    const QJsonObject identity = QEMUHostCache::fileIdentity(m_qemuSystemBinaryPath);
     const QString cached = cachedVersion(m_qemuSystemBinaryPath, identity);
     if (!cached.isEmpty()) {
         m_versionString = cached;

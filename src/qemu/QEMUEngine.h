@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QEMUAccelerator.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
@@ -11,6 +12,9 @@
 #include <QString>
 
 class QEMUMachine;
+namespace QEMULaunch {
+struct Request;
+}
 
 /// The engine that runs devices with the QEMU emulator. It finds
 /// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
@@ -173,6 +177,27 @@ public:
     /// A start that ended while the emulator loaded its saved state.
     bool isStateLoadFailure(int startResult) const override;
 
+    /// The accelerator the following starts use instead of the setting
+    /// "emulator.accelerator" ("kvm" or "tcg"); empty: the setting's.
+    void setOneOffAccelerator(const QString &accelerator);
+    /// The value of "emulator.accelerator" the next start goes by: the
+    /// one-off accelerator when one is set.
+    QString configuredAccelerator() const;
+    /// The accelerator and CPU model the next start uses; "auto" probes KVM
+    /// when nothing is known of it yet.
+    QEMUAccelerator::Choice chooseAccelerator() const;
+    /// The lines the last start left for the user (why "auto" chose TCG or
+    /// no sound, a KVM failure it fell back from), cleared by the call.
+    QStringList takeStartNotes();
+    /// Whether the last start met a KVM failure under "auto" and booted cold
+    /// under TCG instead of the start it was asked for.
+    bool lastStartFellBackToTcg() const;
+    /// For a device whose emulator "auto" started under KVM and whose guest
+    /// KVM then stopped (qemu.log tells): records that KVM cannot run guests
+    /// here, stops the emulator and starts the device again cold under TCG.
+    /// The start's result; 0 when there was no such failure to recover from.
+    int restartAfterKvmFailure(VMToolsMachine *machine);
+
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
     /// "share/qemu" beside the binaries' directory.
@@ -184,10 +209,24 @@ protected:
     QString m_qemuImgBinaryPath;
     QString m_firmwareDirPath;
     bool m_accelerationSupported = true;
+    QString m_oneOffAccelerator;
+    QStringList m_startNotes;
+    bool m_fellBackToTcg = false;
 
 private:
-    /// What a state saved now would depend on.
-    QJsonObject describeSavedState(VMToolsMachine *machine) const;
+    /// What a state saved now would depend on, with the accelerator and CPU
+    /// model it runs under.
+    QJsonObject describeSavedState(VMToolsMachine *machine, const QString &accelerator,
+                                   const QString &cpuModel) const;
+    /// One start of the device under the configured accelerator ("auto",
+    /// "kvm", "tcg"); the machine's start codes.
+    int launchMachine(VMToolsMachine *machine, const QString &snapshotName, const QString &accelerator);
+    /// Fills in the accelerator, CPU model and audio backend of a start;
+    /// false, logged, when a setting holds a value that is not known.
+    bool chooseHostSetup(const QString &accelerator, QEMULaunch::Request *request);
+    /// Records that KVM cannot run guests here (failure, in QEMU's words)
+    /// and starts the device cold under TCG.
+    int fallBackToTcg(VMToolsMachine *machine, const QString &failure);
     /// Checks an extracted reference disk before it is converted; false,
     /// logged, when it must not become a reference disk.
     bool validateReferenceDisk(const QString &path) const;

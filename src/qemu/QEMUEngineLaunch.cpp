@@ -83,7 +83,7 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip) const
     return -1;
 }
 
-int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotName)
+int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotName, const QString &accelerator)
 {
     QEMUMachine *qemuMachine = asQemuMachine(machine);
     if (!qemuMachine)
@@ -129,6 +129,8 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     request.throughRosetta = SysInfo().isRunningThroughRosetta();
     request.firmwareDirPath = m_firmwareDirPath;
     request.showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    if (!chooseHostSetup(accelerator, &request))
+        return QEMUMachine::StartFailed;
 
     if (request.sdCardInserted) {
         const QFileInfo sdCard(device, getSDCardDiskName());

@@ -27,6 +27,8 @@ const QString kCpusKey = QStringLiteral("cpus");
 const QString kDisksKey = QStringLiteral("disks");
 const QString kImageKey = QStringLiteral("image_sha256");
 const QString kEmulatorKey = QStringLiteral("emulator");
+const QString kAcceleratorKey = QStringLiteral("accelerator");
+const QString kCpuModelKey = QStringLiteral("cpu");
 
 QString diskInterface(const VMToolsMachine *machine)
 {
@@ -44,21 +46,31 @@ QJsonObject readRecords(const QString &path)
 
 } // namespace
 
-QJsonObject QEMUEngine::describeSavedState(VMToolsMachine *machine) const
+QJsonObject QEMUEngine::describeSavedState(VMToolsMachine *machine, const QString &accelerator,
+                                           const QString &cpuModel) const
 {
     machine->loadCapabilities();
-    return QJsonObject{{kRamKey, double(machine->getRamSize())},
-                       {kCpusKey, machine->getCpuCount()},
-                       {kDisksKey, diskInterface(machine)},
-                       {kImageKey, machine->getOsImage().imageHash},
-                       {kEmulatorKey, m_versionString}};
+    QJsonObject state{{kRamKey, double(machine->getRamSize())},
+                      {kCpusKey, machine->getCpuCount()},
+                      {kDisksKey, diskInterface(machine)},
+                      {kImageKey, machine->getOsImage().imageHash},
+                      {kEmulatorKey, m_versionString}};
+    if (!accelerator.isEmpty()) {
+        state.insert(kAcceleratorKey, accelerator);
+        state.insert(kCpuModelKey, cpuModel);
+    }
+    return state;
 }
 
 bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) const
 {
     const QString path = QEMUDeviceFiles(machine->getPath()).savedStates();
     QJsonObject records = readRecords(path);
-    records.insert(name, describeSavedState(machine));
+    // The state holds the processor as the running emulator had it.
+    auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
+    records.insert(name, qemuMachine ? describeSavedState(machine, qemuMachine->runningAccelerator(),
+                                                          qemuMachine->runningCpuModel())
+                                     : describeSavedState(machine, QString(), QString()));
     if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
         qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
         return false;
@@ -78,7 +90,11 @@ QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const
     // emulator that cannot load it is caught by the start.
     if (saved.isEmpty())
         return QString();
-    const QJsonObject now = describeSavedState(machine);
+    // A state saved before the accelerator was recorded is not judged by it.
+    QEMUAccelerator::Choice processor;
+    if (saved.contains(kAcceleratorKey))
+        processor = chooseAccelerator();
+    const QJsonObject now = describeSavedState(machine, processor.accelerator, processor.cpuModel);
     if (saved.value(kRamKey) != now.value(kRamKey))
         return QStringLiteral("saved with %1 MB of RAM, the device now has %2 MB")
             .arg(qint64(saved.value(kRamKey).toDouble()))
@@ -96,6 +112,12 @@ QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const
     if (saved.value(kEmulatorKey) != now.value(kEmulatorKey))
         return QStringLiteral("saved with QEMU %1, the emulator is now %2")
             .arg(saved.value(kEmulatorKey).toString(), now.value(kEmulatorKey).toString());
+    if (!processor.accelerator.isEmpty()
+        && (saved.value(kAcceleratorKey) != now.value(kAcceleratorKey)
+            || saved.value(kCpuModelKey) != now.value(kCpuModelKey)))
+        return QStringLiteral("saved under %1 with CPU model %2, this start runs %3 with %4")
+            .arg(saved.value(kAcceleratorKey).toString().toUpper(), saved.value(kCpuModelKey).toString(),
+                 processor.accelerator.toUpper(), processor.cpuModel);
     return QString();
 }
 

@@ -7,6 +7,8 @@
 #include <QDebug>
 #include <QFile>
 
+#include <iterator>
+
 namespace {
 
 // QEMU's own wording. The search is case-sensitive: these are the exact
@@ -25,6 +27,36 @@ const char kFallingBack[] = "falling back";
 // be read at all ("Error -22 while loading VM state").
 const char *const kStatePhrases[] = {"error while loading state", "while loading VM state"};
 const char *const kAcceleratorPhrases[] = {"no accelerator found", "invalid accelerator"};
+// What QEMU prints when KVM cannot run the guest: the processor's set-up
+// fails ("error: failed to set MSR 0x10a to 0x69", then an assertion in
+// kvm_buf_set_msrs that aborts the emulator), the guest stops on "KVM
+// internal error. Suberror: 1" (an emulation failure), an entry fails, or
+// the module cannot be used ("Could not access KVM kernel module", "failed
+// to initialize kvm").
+const char *const kKvmPhrases[] = {"failed to set MSR", "kvm_buf_set_msrs: Assertion", "KVM internal error",
+                                   "KVM: entry failed", "Could not access KVM kernel module",
+                                   "failed to initialize kvm"};
+// "audio: Unknown audio driver `pa'" without the backend's module, "audio:
+// Could not init `pa' audio driver" without a sound server.
+const char *const kAudioPhrases[] = {"Unknown audio driver", "Could not init `"};
+
+// The first line of text holding one of the phrases.
+QString lineWith(const QString &text, const char *const *phrases, size_t count)
+{
+    for (const QString &line : text.split(QLatin1Char('\n'))) {
+        for (size_t i = 0; i < count; ++i) {
+            if (line.contains(QLatin1String(phrases[i])))
+                return line.trimmed();
+        }
+    }
+    return QString();
+}
+
+QString textOf(const QByteArray &content)
+{
+    const int nul = content.indexOf('\0');
+    return QString::fromLatin1(nul < 0 ? content : content.left(nul));
+}
 
 } // namespace
 
@@ -45,8 +77,7 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath)
 
 QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &content)
 {
-    const int nul = content.indexOf('\0');
-    const QString text = QString::fromLatin1(nul < 0 ? content : content.left(nul));
+    const QString text = textOf(content);
 
     if (text.contains(QLatin1String(kResourceBusy))) {
         qCritical() << "[VMTools]" << "Device or resource busy";
@@ -74,6 +105,16 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
         qCritical() << "[VMTools]" << "QEMU error found in logs" << text;
         return Code::AcceleratorError;
     }
+    const QString kvm = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
+    if (!kvm.isEmpty()) {
+        qCritical().noquote() << "[VMTools]" << "KVM cannot run the guest:" << kvm;
+        return Code::KvmFailure;
+    }
+    const QString audio = lineWith(text, kAudioPhrases, std::size(kAudioPhrases));
+    if (!audio.isEmpty()) {
+        qCritical().noquote() << "[VMTools]" << "The audio backend is not available:" << audio;
+        return Code::AudioUnavailable;
+    }
     for (const char *phrase : kStatePhrases) {
         if (text.contains(QLatin1String(phrase))) {
             qCritical() << "[VMTools]" << "QEMU could not load the saved state";
@@ -81,6 +122,18 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
         }
     }
     return Code::None;
+}
+
+QString QEMUErrorDiagnosis::kvmFailureLine(const QByteArray &text)
+{
+    return lineWith(textOf(text), kKvmPhrases, std::size(kKvmPhrases));
+}
+
+QString QEMUErrorDiagnosis::causeLine(const QString &logPath)
+{
+    const QString text = textOf(FileUtils::loadFile(logPath));
+    const QString kvm = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
+    return kvm.isEmpty() ? lineWith(text, kAudioPhrases, std::size(kAudioPhrases)) : kvm;
 }
 
 bool QEMUErrorDiagnosis::isResourceBusy(const QString &logPath)

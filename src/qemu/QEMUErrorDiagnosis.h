@@ -28,6 +28,12 @@ public:
         /// A saved machine state could not be loaded (it was saved with other
         /// hardware, or by an emulator that wrote it differently).
         StateNotLoadable = 7,
+        /// KVM cannot run the guest here: the emulator could not set up the
+        /// processor, or stopped the guest on a KVM internal error.
+        KvmFailure = 8,
+        /// The audio backend the emulator was given is missing or cannot
+        /// reach its sound server.
+        AudioUnavailable = 9,
     };
 
     /// Classifies the error output in the file at logPath. Logs the reason it
@@ -36,6 +42,13 @@ public:
 
     /// Classifies the text itself (bytes up to the first NUL).
     static Code classifyText(const QByteArray &content);
+
+    /// The first line of text that shows KVM cannot run the guest here (as
+    /// QEMU words it), or an empty string.
+    static QString kvmFailureLine(const QByteArray &text);
+    /// The line of the error output at logPath that the diagnosis rests on,
+    /// for KVM and audio failures; an empty string otherwise.
+    static QString causeLine(const QString &logPath);
 
     /// Whether QEMU reported a device or resource as busy.
     static bool isResourceBusy(const QString &logPath);

@@ -54,9 +54,9 @@ QEMUOptionSet composeOptions(const Request &request)
     if (request.throughRosetta)
         options.add(QStringLiteral("-bios"), request.firmwareDirPath + QLatin1String("/QEMU_EFI.fd"));
     options.add(QStringLiteral("--device"), QStringLiteral("ac97,audiodev=snd0"));
-    options.add(QStringLiteral("-audiodev"), QStringLiteral("pa,id=snd0"));
-    options.add(QStringLiteral("-accel"), QStringLiteral("kvm"));
-    options.add(QStringLiteral("-cpu"), QStringLiteral("host"));
+    options.add(QStringLiteral("-audiodev"), request.audioBackend + QLatin1String(",id=snd0"));
+    options.add(QStringLiteral("-accel"), request.accelerator);
+    options.add(QStringLiteral("-cpu"), request.cpuModel);
     if (request.throughRosetta)
         options.add(QStringLiteral("-M"), QStringLiteral("virt"));
 

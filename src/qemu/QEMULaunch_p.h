@@ -46,6 +46,11 @@ struct Request {
     QString firmwareDirPath;
     /// "HV_HYPERVISOR_WINDOW" is set: keep the emulator's window.
     bool showWindow = false;
+    /// "kvm" or "tcg", and the CPU model the emulator runs under it.
+    QString accelerator = QStringLiteral("tcg");
+    QString cpuModel = QStringLiteral("max");
+    /// The audio backend: "pa" or "none" (the sound card stays, silent).
+    QString audioBackend = QStringLiteral("none");
 };
 
 /// "file=<path>,format=qcow2" plus ",if=virtio" for virtio disks.

@@ -5,6 +5,7 @@
 #include <QDebug>
 #include <QFile>
 
+#include <cctype>
 #include <limits>
 #include <sys/types.h>
 
@@ -19,6 +20,19 @@ const char kStartTimeKey[] = "start_time";
 const char kOffsetKey[] = "offset";
 const char kWritableSharedKey[] = "writable_shared_drive";
 const char kQmpSocketKey[] = "qmp_socket";
+const char kAcceleratorKey[] = "accelerator";
+const char kCpuModelKey[] = "cpu";
+
+// A word of letters, digits and the few signs a CPU model or accelerator
+// name has: anything else was not written by us.
+bool isPlainWord(const QByteArray &value)
+{
+    for (const char c : value) {
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.')
+            return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -63,6 +77,8 @@ bool read(const QString &path, QEMULockRecord *record)
             parsed.writableSharedDrive = value == "true" ? 1 : (value == "false" ? 0 : -1);
         } else if (key == kQmpSocketKey) {
             parsed.qmpSocket = QFile::decodeName(value);
+        } else if ((key == kAcceleratorKey || key == kCpuModelKey) && isPlainWord(value)) {
+            (key == kAcceleratorKey ? parsed.accelerator : parsed.cpuModel) = QString::fromLatin1(value);
         }
     }
     *record = parsed;
@@ -82,6 +98,10 @@ bool write(const QString &path, const QEMULockRecord &record)
     const QByteArray socket = QFile::encodeName(record.qmpSocket);
     if (!socket.isEmpty() && !socket.contains('\n') && !socket.contains('\r'))
         text += QByteArray(kQmpSocketKey) + '=' + socket + '\n';
+    if (!record.accelerator.isEmpty() && isPlainWord(record.accelerator.toLatin1()))
+        text += QByteArray(kAcceleratorKey) + '=' + record.accelerator.toLatin1() + '\n';
+    if (!record.cpuModel.isEmpty() && isPlainWord(record.cpuModel.toLatin1()))
+        text += QByteArray(kCpuModelKey) + '=' + record.cpuModel.toLatin1() + '\n';
 
     // Replaced whole, private to its owner: a full disk or a crash never
     // leaves a half-written record of the emulator.

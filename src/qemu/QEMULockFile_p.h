@@ -19,6 +19,10 @@ struct QEMULockRecord {
     /// The emulator's QMP socket, for other programs to find; empty when not
     /// recorded.
     QString qmpSocket;
+    /// The accelerator ("kvm", "tcg") and CPU model the emulator was started
+    /// with; empty when not recorded.
+    QString accelerator;
+    QString cpuModel;
 };
 
 namespace QEMULockFile {

@@ -6,6 +6,7 @@
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
 #include "EnvVars.h"
+#include "FileUtils.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
 
@@ -38,6 +39,13 @@ const int kAdbHostShift = 1000;
 // running machine. Loading a large saved state takes seconds; an emulator
 // that has neither ended nor answered after this is stuck.
 const int kReadyTimeoutMs = 30000;
+
+// The value following option in an emulator's arguments; empty when absent.
+QString optionValue(const QStringList &arguments, const QString &option)
+{
+    const int at = arguments.lastIndexOf(option);
+    return at >= 0 ? arguments.value(at + 1) : QString();
+}
 
 quint16 shifted(int base, int offset)
 {
@@ -343,7 +351,8 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid) const
     return createLockFile(offset, pid, -1);
 }
 
-bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writableSharedDrive) const
+bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writableSharedDrive,
+                                 const QString &accelerator, const QString &cpuModel) const
 {
     if (isQEMURunning()) {
         qWarning() << "[VMTools]" << "The lock file already exists and QEMU seems to run.";
@@ -357,6 +366,8 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
     lock.offset = offset;
     lock.writableSharedDrive = writableSharedDrive;
     lock.qmpSocket = getQmpSocketPath();
+    lock.accelerator = accelerator;
+    lock.cpuModel = cpuModel;
     return QEMULockFile::write(getLockFilePath(), lock);
 }
 
@@ -380,6 +391,21 @@ long long QEMUMachine::loadQEMUPid() const
 long long QEMUMachine::loadQEMUStartTime() const
 {
     return readLock().startTime;
+}
+
+QString QEMUMachine::runningAccelerator() const
+{
+    return readLock().accelerator;
+}
+
+QString QEMUMachine::runningCpuModel() const
+{
+    return readLock().cpuModel;
+}
+
+QString QEMUMachine::kvmFailure() const
+{
+    return QEMUErrorDiagnosis::kvmFailureLine(FileUtils::loadFile(getLogFilePath()));
 }
 
 bool QEMUMachine::hasWritableSharedDrive(bool fallback) const
@@ -437,6 +463,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return AccelerationNotSupported;
     }
 
+    if (!QFileInfo(program).isExecutable()) {
+        qCritical() << "[VMTools]" << "There is no emulator program at" << program;
+        return EmulatorMissing;
+    }
     const QString log = getLogFilePath();
     QProcess process;
     process.setProgram(program);
@@ -457,7 +487,8 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     const bool writableShared = std::any_of(arguments.begin(), arguments.end(), [](const QString &argument) {
         return argument.startsWith(QLatin1String("format=vvfat")) && argument.contains(QLatin1String("fat:rw:"));
     });
-    if (!createLockFile(offset, pid, writableShared ? 1 : 0)) {
+    if (!createLockFile(offset, pid, writableShared ? 1 : 0, optionValue(arguments, QStringLiteral("-accel")),
+                        optionValue(arguments, QStringLiteral("-cpu")))) {
         qCritical() << "[VMTools]" << "Failed create lock file.";
         // The lock file may not name the process just started; stop that one
         // directly so that it does not run on unrecorded.
@@ -474,6 +505,13 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         startTimer();
         return Started;
     }
+    if (readiness == QEMUClient::Readiness::InternalError) {
+        qCritical().noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << kvmFailure();
+        VMToolsCommon::destroyProcess(pid);
+        VMToolsCommon::waitForFinished(pid, 5000, startTime);
+        removeLockFile();
+        return KvmFailed;
+    }
     if (readiness != QEMUClient::Readiness::ProcessEnded) {
         qCritical().noquote() << "[VMTools]"
                               << QStringLiteral("QEMU did not become ready within %1 s; stopping it")
@@ -485,6 +523,11 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     }
 
     // The emulator ended on its own: its error output says why.
+    return diagnoseEarlyEnd(log);
+}
+
+int QEMUMachine::diagnoseEarlyEnd(const QString &log)
+{
     if (QEMUErrorDiagnosis::isResourceBusy(log))
         return ResourceBusy;
     if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
@@ -495,6 +538,11 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return MemoryNotSupported;
     if (QEMUErrorDiagnosis::isStateNotLoadable(log))
         return StateNotLoaded;
+    const QEMUErrorDiagnosis::Code code = QEMUErrorDiagnosis::classify(log);
+    if (code == QEMUErrorDiagnosis::Code::KvmFailure)
+        return KvmFailed;
+    if (code == QEMUErrorDiagnosis::Code::AudioUnavailable)
+        return AudioUnavailable;
     qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
 }

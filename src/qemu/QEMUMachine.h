@@ -30,6 +30,13 @@ public:
         NotReady = 10,
         /// The emulator ended because it could not load the saved state.
         StateNotLoaded = 11,
+        /// KVM cannot run the guest on this host: the emulator ended on a KVM
+        /// failure or stopped the guest on a KVM internal error.
+        KvmFailed = 12,
+        /// The audio backend is missing or has no sound server.
+        AudioUnavailable = 13,
+        /// There is no emulator program at the path given.
+        EmulatorMissing = 14,
     };
 
     /// The record of an existing device directory; reads the port offset from
@@ -111,8 +118,17 @@ public:
     /// emulator runs.
     bool createLockFile(unsigned short offset, long long pid) const;
     /// The same, also recording whether the emulator has the writable
-    /// shared-folder drive (1 yes, 0 no, -1 not known).
-    bool createLockFile(unsigned short offset, long long pid, int writableSharedDrive) const;
+    /// shared-folder drive (1 yes, 0 no, -1 not known) and the accelerator
+    /// and CPU model it runs with.
+    bool createLockFile(unsigned short offset, long long pid, int writableSharedDrive,
+                        const QString &accelerator = QString(), const QString &cpuModel = QString()) const;
+    /// The accelerator and CPU model the running emulator was started with,
+    /// as its lock file records them; empty when not recorded.
+    QString runningAccelerator() const;
+    QString runningCpuModel() const;
+    /// The line of the emulator's error output that shows KVM stopped the
+    /// guest or could not run it; empty when there is none.
+    QString kvmFailure() const;
     bool removeLockFile() const;
     /// Whether the running emulator has the writable shared-folder drive, as
     /// its lock file records; fallback when the file does not say.
@@ -153,6 +169,8 @@ private:
     /// at the recorded time.
     static bool isRecordedEmulator(const QEMULockRecord &lock);
     QEMULockRecord readLock() const;
+    /// The start result for an emulator that ended early, from its error output.
+    static int diagnoseEarlyEnd(const QString &log);
     QString getSdCardPath() const;
 
     QEMUEngine *m_engine;

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """End-to-end tests: drive hvtool as a user would, on the demo OS image,
-with the real emulator under TCG. Each step asserts outcomes (banners, boot
-ids, counters, exit codes), not log lines."""
+with the real emulator and no developer override: the accelerator and audio
+backend are what "auto" picks on this host. Each step asserts outcomes
+(banners, boot ids, counters, exit codes), not log lines."""
 
 import argparse
 import json
@@ -14,9 +15,9 @@ import subprocess
 import sys
 import tempfile
 import time
+from pathlib import Path
 
 ADB_BASE = 6555
-TCG_ARGS = "-accel[0]=tcg;-cpu[0]=max;-audiodev[0]=none,id=snd0"
 
 
 class Failure(Exception):
@@ -27,8 +28,8 @@ class Env:
     def __init__(self, hvtool, home):
         self.hvtool = hvtool
         self.env = dict(os.environ)
-        self.env.update({"HV_HOME": home, "HOME": home, "XDG_CONFIG_HOME": os.path.join(home, ".config"),
-                         "HV_QEMU_START_ARGS": TCG_ARGS})
+        self.env.update({"HV_HOME": home, "HOME": home, "XDG_CONFIG_HOME": os.path.join(home, ".config")})
+        self.env.pop("HV_QEMU_START_ARGS", None)
         self.timings = {}
 
     def run(self, *args, expect=0, json_out=False):
@@ -116,6 +117,54 @@ def start(env, name, *extra):
     return info, fields, time.time() - began
 
 
+def doctor_check(env, name):
+    return next(c for c in env.run("doctor", json_out=True) if c["check"] == name)
+
+
+def start_failure(env, *args):
+    """The line that says why a start failed."""
+    err = env.run("device", "start", *args, expect=1).stderr
+    return next(line for line in err.splitlines() if line.startswith("hvtool: could not start"))
+
+
+def accelerator_and_audio(env, image):
+    """doctor names what "auto" picks here; choices it cannot honour fail the
+    start with one line that names the cause and ends with the log's path."""
+    accel = doctor_check(env, "accelerator")
+    check(accel["result"] == "ok" and "auto picks" in accel["detail"], f"doctor's accelerator: {accel}")
+    for key, allowed in (("emulator.accelerator", "auto, kvm, tcg"), ("emulator.audio", "auto, none, pa")):
+        err = env.run("settings", "set", key, "fast", expect=2).stderr
+        check(f"setting '{key}' takes one of {allowed}, not 'fast'" in err, err)
+    err = env.run("device", "start", "pixel", "--accel", "fast", expect=2).stderr
+    check("--accel takes kvm or tcg, not 'fast'" in err, err)
+    if "auto picks TCG here: KVM cannot run guests" in accel["detail"]:
+        first = start_failure(env, "pixel", "--accel", "kvm")
+        check("KVM cannot run guests on this host" in first and "hvtool settings set emulator.accelerator tcg" in first
+              and first.endswith("qemu.log'"), f"forced KVM: {first}")
+        fall_back_to_tcg(env, image)
+    if "auto picks pa" not in doctor_check(env, "audio")["detail"]:
+        env.run("settings", "set", "emulator.audio", "pa")
+        first = start_failure(env, "pixel")
+        check("the audio backend is not available" in first and first.endswith("qemu.log'"), f"forced pa: {first}")
+        env.run("settings", "reset", "emulator.audio")
+    print("e2e: 0 accelerator and audio ok", accel["detail"])
+
+
+def fall_back_to_tcg(env, image):
+    """Where KVM cannot run guests, a start whose verdict wrongly said it can
+    (as a short probe may on some hosts) boots again under TCG, once, and the
+    verdict is learned."""
+    cache = next(Path(env.env["HV_HOME"]).rglob("kvm-verdict.json"))
+    cache.write_text(cache.read_text().replace('"kvm":"fails"', '"kvm":"runs"'))
+    env.run("device", "create", "fallback", "--image", image, "--profile", "e2e")
+    info = env.run("device", "start", "fallback", "--wait", "120", "--format", "json")
+    check("starting again cold under TCG" in info.stderr, f"the fall-back should say so: {info.stderr}")
+    check(json.loads(info.stdout)["boot"] == "cold", info.stdout)
+    check('"kvm":"fails"' in cache.read_text(), "the fall-back should record the verdict")
+    env.run("device", "stop", "fallback", "--no-save")
+    env.run("device", "delete", "fallback", "--yes")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--hvtool", required=True)
@@ -149,6 +198,7 @@ def steps(env, image_dir, held):
 
     # 1. Create; start cold: the banner arrives at 6555 + offset; counter 1.
     env.run("device", "create", "pixel", "--image", image11, "--profile", "e2e")
+    accelerator_and_audio(env, image11)
     first_offset = free_offsets()[0]  # 0 on a machine where nothing else runs
     info, cold, env.timings["cold boot to banner"] = start(env, "pixel", "--cold")
     check(info["boot"] == "cold", f"first start should be cold: {info}")

@@ -1,5 +1,10 @@
 #include "QEMUEngine.h"
 
+#include "QEMUAccelerator.h"
+#include "QEMUAudio.h"
+#include "QEMUErrorDiagnosis.h"
+#include "Paths.h"
+
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "SystemQemu.h"
@@ -8,6 +13,8 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
+#include <QLocalServer>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -166,6 +173,140 @@ TEST(QEMUEngine, versionIsAskedOncePerBinary)
     ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(emulator).constData(), later, 0), 0);
     EXPECT_EQ(initialize(&asked), "9.1.0");
     EXPECT_TRUE(asked);
+}
+
+// A stand-in emulator for the KVM probe and "-audiodev help": a shell script
+// that notes each run in "runs" beside it.
+void writeEmulator(const QString &path, const QByteArray &body)
+{
+    const QString runs = QFileInfo(path).dir().filePath("runs");
+    ASSERT_TRUE(hvtest::writeFile(path, "#!/bin/sh\necho run >> '" + QFile::encodeName(runs) + "'\n" + body));
+    ASSERT_TRUE(QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+
+int runsOf(const QString &emulator)
+{
+    return hvtest::readFile(QFileInfo(emulator).dir().filePath("runs")).count('\n');
+}
+
+// This host's emulator under KVM, as captured: the MSR write fails, then the
+// assertion aborts it.
+const QByteArray kMsrFailure = "echo 'qemu-system-x86_64: error: failed to set MSR 0x10a to 0x69' >&2\n"
+                               "echo 'qemu-system-x86_64: ../../target/i386/kvm/kvm.c:3183: kvm_buf_set_msrs: "
+                               "Assertion failed.' >&2\nkill -ABRT $$\n";
+const QString kMsrLine = "qemu-system-x86_64: error: failed to set MSR 0x10a to 0x69";
+
+TEST(QEMUAccelerator, kvmIsProbedOncePerKernelBootAndEmulatorBinary)
+{
+    QTemporaryDir dir;
+    const QString emulator = dir.filePath("qemu-system-x86_64");
+    writeEmulator(emulator, kMsrFailure);
+    const QEMUAccelerator accelerator(emulator);
+    const QEMUAccelerator::Choice tcg = accelerator.choose("auto");
+    EXPECT_EQ(QStringList({tcg.accelerator, tcg.cpuModel}), QStringList({"tcg", "max"}));
+    EXPECT_TRUE(tcg.automatic);
+    EXPECT_EQ(tcg.note, "KVM cannot run guests on this host (" + kMsrLine
+                            + "): running under TCG; to make it permanent: hvtool settings set "
+                              "emulator.accelerator tcg");
+    EXPECT_EQ(accelerator.choose("auto").note, tcg.note);
+    EXPECT_EQ(runsOf(emulator), 1);
+
+    // A verdict learned under another kernel release is probed again.
+    const QString cache = Paths::getHalvistromCachePath() + "kvm-verdict.json";
+    QByteArray text = hvtest::readFile(cache);
+    ASSERT_TRUE(text.contains(QByteArray("\"kernel\":\"")));
+    ASSERT_TRUE(hvtest::writeFile(cache, text.replace("\"kernel\":\"", "\"kernel\":\"older-")));
+    EXPECT_EQ(accelerator.verdict().state, QEMUAccelerator::Verdict::Fails);
+    EXPECT_EQ(runsOf(emulator), 2);
+
+    // So is one learned for another emulator binary: this one reaches the
+    // probe guest's end, so "auto" takes KVM with the host's CPU model.
+    writeEmulator(emulator, "exit 3\n");
+    const QEMUAccelerator::Choice kvm = accelerator.choose("auto");
+    EXPECT_EQ(QStringList({kvm.accelerator, kvm.cpuModel, kvm.note}), QStringList({"kvm", "host", ""}));
+    EXPECT_EQ(runsOf(emulator), 3);
+    EXPECT_EQ(accelerator.choose("tcg").accelerator, "tcg");
+    EXPECT_EQ(accelerator.choose("fast").note,
+              "unknown value 'fast' for the setting emulator.accelerator: choose one of auto, kvm, tcg");
+}
+
+TEST(QEMUAccelerator, aProbeThatHangsEndsAtItsTimeOutAndTeachesNothing)
+{
+    QTemporaryDir dir;
+    const QString emulator = dir.filePath("qemu-system-x86_64");
+    writeEmulator(emulator, "exec sleep 60\n");
+    hvtest::ScopedEnv timeout("HV_KVM_PROBE_TIMEOUT_MS", "300");
+    MessageCapture capture;
+    QElapsedTimer timer;
+    timer.start();
+    const QEMUAccelerator::Choice choice = QEMUAccelerator(emulator).choose("auto");
+    EXPECT_LT(timer.elapsed(), 5000);
+    EXPECT_EQ(choice.accelerator, "tcg");
+    EXPECT_EQ(choice.note, "KVM could not be checked (the probe did not finish within 0.3 s): running under TCG "
+                           "this time");
+    EXPECT_LOG(capture, QtWarningMsg, "[VMTools] The KVM probe did not finish within 0.3 s; it was stopped");
+    EXPECT_EQ(QEMUAccelerator(emulator).cachedVerdict().state, QEMUAccelerator::Verdict::Unknown);
+}
+
+// The real emulator on this host: the probe decides from what its guest did,
+// so two probes agree (this machine's nested KVM fails them both).
+TEST(QEMUAccelerator, theRealProbeGivesOneVerdict)
+{
+    const QEMUAccelerator accelerator(QStandardPaths::findExecutable("qemu-system-x86_64"));
+    const QEMUAccelerator::Verdict first = accelerator.probe();
+    ASSERT_NE(first.state, QEMUAccelerator::Verdict::Unknown) << first.reason.toStdString();
+    EXPECT_EQ(accelerator.probe().state, first.state);
+    if (first.state == QEMUAccelerator::Verdict::Fails) {
+        EXPECT_FALSE(QEMUErrorDiagnosis::kvmFailureLine(first.reason.toUtf8()).isEmpty()) << first.reason.toStdString();
+    }
+}
+
+// "-audiodev help" of QEMU 7.2 as captured here, without and with the
+// PulseAudio module (package qemu-system-gui), error output included.
+const char kHelpWithoutPulse[] =
+    "Available audio drivers:\nnone\nalsa\n"
+    "qemu: module audio-audio-coreaudio not found, do you want to install qemu-system-gui package?\ndbus\n"
+    "qemu: module audio-audio-dsound not found, do you want to install qemu-system-gui package?\n"
+    "qemu: module audio-audio-jack not found, do you want to install qemu-system-gui package?\noss\n"
+    "qemu: module audio-audio-pa not found, do you want to install qemu-system-gui package?\n"
+    "qemu: module audio-audio-sdl not found, do you want to install qemu-system-gui package?\nsndio\nspice\nwav\n";
+const char kHelpWithPulse[] =
+    "Available audio drivers:\nnone\nalsa\n"
+    "qemu: module audio-audio-coreaudio not found, do you want to install qemu-system-gui package?\ndbus\n"
+    "qemu: module audio-audio-dsound not found, do you want to install qemu-system-gui package?\n"
+    "jack\noss\npa\nsdl\nsndio\nspice\nwav\n";
+
+TEST(QEMUAudio, autoTakesPulseAudioOnlyWhenTheEmulatorHasItAndAServerAnswers)
+{
+    EXPECT_EQ(QEMUAudio::parseBackends(kHelpWithoutPulse),
+              QStringList({"none", "alsa", "dbus", "oss", "sndio", "spice", "wav"}));
+    EXPECT_TRUE(QEMUAudio::parseBackends(kHelpWithPulse).contains("pa"));
+
+    QTemporaryDir dir;
+    const QString emulator = dir.filePath("bin/qemu-system-x86_64");
+    const QString modules = dir.filePath("lib/x86_64-linux-gnu/qemu");
+    ASSERT_TRUE(QDir().mkpath(modules));
+    ASSERT_TRUE(hvtest::writeFile(dir.filePath("help"), kHelpWithoutPulse));
+    writeEmulator(emulator, "cat '" + QFile::encodeName(dir.filePath("help")) + "'\n");
+    QLocalServer server;
+    ASSERT_TRUE(server.listen(dir.filePath("pulse-native")));
+    hvtest::ScopedEnv pulse("PULSE_SERVER", QFile::encodeName("unix:" + server.fullServerName()));
+
+    const QEMUAudio audio(emulator);
+    EXPECT_EQ(QStringList({audio.choose("auto").backend, audio.choose("auto").note}),
+              QStringList({"none", "the emulator has no PulseAudio backend (package qemu-system-gui)"}));
+    EXPECT_EQ(runsOf(emulator), 1);
+    // Installing the backend adds a module file: the emulator is asked again.
+    ASSERT_TRUE(hvtest::writeFile(dir.filePath("help"), kHelpWithPulse));
+    ASSERT_TRUE(hvtest::writeFile(modules + "/audio-pa.so", "module"));
+    EXPECT_EQ(audio.choose("auto").backend, "pa");
+    EXPECT_EQ(runsOf(emulator), 2);
+    server.close();
+    EXPECT_EQ(QStringList({audio.choose("auto").backend, audio.choose("auto").note}),
+              QStringList({"none", "no sound server answers"}));
+    EXPECT_EQ(audio.choose("pa").backend, "pa");
+    EXPECT_EQ(audio.choose("loud").note, "unknown value 'loud' for the setting emulator.audio: choose one of auto, "
+                                         "none, pa");
 }
 
 // Without overrides (this entry runs without the variables): the built-in

@@ -68,6 +68,33 @@ const DiagnosisRow kRows[] = {
      "qemu-system-x86_64: error while loading state for instance 0x0 of device 'ram'\n"
      "qemu-system-x86_64: Error -22 while loading VM state\n",
      Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
+    // What QEMU 7.2 prints on a host whose KVM cannot run guests (nested
+    // virtualisation): with the host's CPU model the MSR set-up fails and
+    // aborts; with another model the guest stops on an internal error.
+    {"kvmMsr",
+     "qemu-system-x86_64: error: failed to set MSR 0x10a to 0x69\n"
+     "qemu-system-x86_64: ../../target/i386/kvm/kvm.c:3183: kvm_buf_set_msrs: Assertion `ret == "
+     "cpu->kvm_msr_buf->nmsrs' failed.\n",
+     Code::KvmFailure, QtCriticalMsg,
+     "[VMTools] KVM cannot run the guest: qemu-system-x86_64: error: failed to set MSR 0x10a to 0x69"},
+    {"kvmInternalError",
+     "qemu-system-x86_64: warning: host doesn't support requested feature: CPUID.01H:ECX.pni [bit 0]\n"
+     "KVM internal error. Suberror: 1\nextra data[0]: 0x0000000000000001\nemulation failure\n"
+     "EAX=00000001 EBX=00000000 ECX=00000000 EDX=00101f28\n",
+     Code::KvmFailure, QtCriticalMsg, "[VMTools] KVM cannot run the guest: KVM internal error. Suberror: 1"},
+    {"kvmNotAccessible",
+     "Could not access KVM kernel module: Permission denied\n"
+     "qemu-system-x86_64: -accel kvm: failed to initialize kvm: Permission denied\n",
+     Code::KvmFailure, QtCriticalMsg,
+     "[VMTools] KVM cannot run the guest: Could not access KVM kernel module: Permission denied"},
+    // Without the PulseAudio module, and with it but no sound server.
+    {"audioBackendMissing",
+     "qemu: module audio-audio-pa not found, do you want to install qemu-system-gui package?\n"
+     "audio: Unknown audio driver `pa'\n",
+     Code::AudioUnavailable, QtCriticalMsg,
+     "[VMTools] The audio backend is not available: audio: Unknown audio driver `pa'"},
+    {"audioServerMissing", "audio: Could not init `pa' audio driver\n", Code::AudioUnavailable, QtCriticalMsg,
+     "[VMTools] The audio backend is not available: audio: Could not init `pa' audio driver"},
     {"empty", "", Code::None, QtDebugMsg, {}},
     {"afterNul", QByteArray("harmless\0device or resource busy", 32), Code::None, QtDebugMsg, {}},
     {"beforeNul", QByteArray("failed to find an available port\0junk", 37), Code::PortTaken, QtCriticalMsg, kPort},
@@ -96,6 +123,10 @@ TEST_P(DiagnosisTable, classifiesTheErrorOutput)
     EXPECT_EQ(QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log), row.code == Code::PortTaken);
     EXPECT_EQ(QEMUErrorDiagnosis::isMemorySupported(log), row.code != Code::MemoryNotSupported);
     EXPECT_EQ(QEMUErrorDiagnosis::isStateNotLoadable(log), row.code == Code::StateNotLoadable);
+    // The line the start's message quotes is the one the diagnosis rests on.
+    if (row.code == Code::KvmFailure || row.code == Code::AudioUnavailable) {
+        EXPECT_TRUE(row.line.endsWith(": " + QEMUErrorDiagnosis::causeLine(log)));
+    }
     for (const char *question : {"device or resource is busy", "another process is using a system file of QEMU",
                                  "another process is using the port of QEMU", "memory size not supported on machine"})
         EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] Checking if %1...").arg(question)));

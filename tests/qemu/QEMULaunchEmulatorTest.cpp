@@ -2,7 +2,10 @@
 
 #include "MessageCapture.h"
 #include "QEMUClient.h"
+#include "QEMUAccelerator.h"
+#include "QEMUAudio.h"
 #include "QEMUMachine.h"
+#include "Settings.h"
 #include "ScopedEnv.h"
 #include "TestEnvironment.h"
 #include "VMToolsCommon.h"
@@ -46,9 +49,9 @@ class EmulatorTest : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        // The emulator runs under TCG with no sound here; ";" separates items
-        // because values carry ":".
-        qputenv("HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0");
+        // The emulator runs under TCG with no sound here.
+        Settings::set(QEMUAccelerator::settingKey(), "tcg");
+        Settings::set(QEMUAudio::settingKey(), "none");
     }
 
     void SetUp() override { m_engine = makeEngine(); }
@@ -251,8 +254,7 @@ TEST_F(EmulatorTest, aPortTakenAfterTheProbeMovesTheStartOnTwice)
     holder.setProxy(QNetworkProxy::NoProxy);
     ASSERT_TRUE(holder.listen(QHostAddress::LocalHost, 0));
     hvtest::ScopedEnv args("HV_QEMU_START_ARGS",
-                           QByteArray("-accel=tcg;-cpu=max;-audiodev=none,id=snd0;-nic[-1]=user,id=net9,hostfwd=tcp:"
-                                      "127.0.0.1:")
+                           QByteArray("-nic[-1]=user,id=net9,hostfwd=tcp:127.0.0.1:")
                                + QByteArray::number(holder.serverPort()) + "-:1");
     MessageCapture capture;
     EXPECT_EQ(m_engine->startMachine(machine.get(), ""), QEMUMachine::PortUsed);
@@ -268,7 +270,7 @@ TEST_F(EmulatorTest, aPortTakenAfterTheProbeMovesTheStartOnTwice)
 TEST_F(EmulatorTest, anEmulatorThatEndsEarlyLeavesNoLockFile)
 {
     std::unique_ptr<QEMUMachine> machine = createDevice("Early", "11.0.0");
-    hvtest::ScopedEnv args("HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0;-m=lots");
+    hvtest::ScopedEnv args("HV_QEMU_START_ARGS", "-m=lots");
     MessageCapture capture;
     EXPECT_EQ(m_engine->startMachine(machine.get(), ""), 0);
     EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] QEMU process has stopped too early. Check qemu.log for more details");

@@ -119,6 +119,9 @@ QEMULaunch::Request request(bool virtio)
     r.cpuCount = 4;
     r.portOffset = 7;
     r.qmpSocketPath = "/devices/Pixel/qmp.sock";
+    r.accelerator = "kvm";
+    r.cpuModel = "host";
+    r.audioBackend = "pa";
     return r;
 }
 

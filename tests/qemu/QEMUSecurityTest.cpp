@@ -5,7 +5,10 @@
 
 #include "MessageCapture.h"
 #include "Paths.h"
+#include "QEMUAccelerator.h"
+#include "QEMUAudio.h"
 #include "QEMUMachine.h"
+#include "Settings.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
 #include "VMToolsCommon.h"
@@ -144,7 +147,11 @@ QString makeHostileOva(const QString &name, const std::function<void(const QStri
 class Security : public ::testing::Test
 {
 protected:
-    static void SetUpTestSuite() { qputenv("HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"); }
+    static void SetUpTestSuite()
+    {
+        Settings::set(QEMUAccelerator::settingKey(), "tcg");
+        Settings::set(QEMUAudio::settingKey(), "none");
+    }
     void SetUp() override { m_engine = makeEngine(); }
 
     std::unique_ptr<QEMUMachine> device(const QString &name)
