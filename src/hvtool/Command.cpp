@@ -226,7 +226,9 @@ int Context::fail(int code, const QString &message) const
 {
     err() << "hvtool: " << message << '\n';
     if (!m_verbose) {
-        const QStringList problems = recentLibraryProblems();
+        QStringList problems = recentLibraryProblems();
+        // Each question the diagnosis answers logs its finding again.
+        problems.removeDuplicates();
         // The last few warnings are usually the underlying cause.
         const int first = qMax(0, problems.size() - 3);
         for (int i = first; i < problems.size(); ++i)

@@ -443,13 +443,13 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
-/// The accelerator of this start: --accel when given (kvm or tcg), after
-/// checking that the settings hold values the engine knows. Success, or the
-/// exit code of the refusal.
-int chooseAccelerator(Context &ctx, QEMUEngine *e)
+/// Refuses an --accel other than kvm or tcg (a usage error) and settings
+/// that hold values the engine does not know. Success, or the exit code.
+int checkAcceleration(Context &ctx)
 {
-    if (ctx.isSet(QStringLiteral("accel")))
-        e->setOneOffAccelerator(ctx.value(QStringLiteral("accel")));
+    const QString accel = ctx.value(QStringLiteral("accel"));
+    if (ctx.isSet(QStringLiteral("accel")) && (accel == QLatin1String("auto") || !QEMUAccelerator::choices().contains(accel)))
+        return ctx.fail(Usage, QStringLiteral("--accel takes kvm or tcg, not '%1'").arg(accel));
     const QList<QPair<QString, QStringList>> settings{{QEMUAccelerator::settingKey(), QEMUAccelerator::choices()},
                                                       {QEMUAudio::settingKey(), QEMUAudio::choices()}};
     for (const auto &setting : settings) {
@@ -487,11 +487,40 @@ int recoverFromKvmFailure(Context &ctx, QEMUEngine *e, QEMUMachine &machine, con
                                 .arg(machine.getName(), startDiagnosis(e, machine, code), logHint(machine, startedAt)));
 }
 
+/// Waits for the guest to answer; where KVM stops it under "auto", the
+/// device starts again under TCG and the wait goes on. Success, or the exit
+/// code of the failure, which is reported.
+int awaitGuest(Context &ctx, QEMUEngine *e, QEMUMachine &machine, int seconds, const QDateTime &startedAt,
+               QByteArray *banner)
+{
+    bool answered = waitForGuest(machine, quint16(machine.getAdbPort()), seconds, banner);
+    if (!answered && !machine.kvmFailure().isEmpty()) {
+        const int recovered = recoverFromKvmFailure(ctx, e, machine, startedAt);
+        if (recovered != Success)
+            return recovered;
+        answered = waitForGuest(machine, quint16(machine.getAdbPort()), seconds, banner);
+    }
+    if (answered)
+        return Success;
+    const QString name = machine.getName();
+    if (!machine.isQEMURunning()) {
+        // The lock file names an emulator that is gone.
+        machine.removeLockFile();
+        return ctx.fail(Failed, QStringLiteral("device '%1' started but its emulator ended before the guest "
+                                               "answered%2")
+                                    .arg(name, logHint(machine, startedAt)));
+    }
+    return ctx.fail(Failed, QStringLiteral("device '%1' started but its guest did not answer on port %2 within %3 s")
+                                .arg(name)
+                                .arg(machine.getAdbPort())
+                                .arg(seconds));
+}
+
 int start(Context &ctx)
 {
-    const QString accel = ctx.value(QStringLiteral("accel"));
-    if (ctx.isSet(QStringLiteral("accel")) && (accel == QLatin1String("auto") || !QEMUAccelerator::choices().contains(accel)))
-        return ctx.fail(Usage, QStringLiteral("--accel takes kvm or tcg, not '%1'").arg(accel));
+    const int invalid = checkAcceleration(ctx);
+    if (invalid != Success)
+        return invalid;
     Target target = findTarget(ctx);
     if (!target.machine)
         return target.code;
@@ -500,9 +529,7 @@ int start(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
-    const int refused = chooseAccelerator(ctx, e);
-    if (refused != Success)
-        return refused;
+    e->setOneOffAccelerator(ctx.value(QStringLiteral("accel")));
 
     int waitSeconds = 0;
     if (ctx.isSet(QStringLiteral("wait"))) {
@@ -548,26 +575,12 @@ int start(Context &ctx)
     const qint64 startedMs = timer.elapsed();
 
     QByteArray banner;
-    bool answered = waitSeconds > 0 && waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner);
-    if (waitSeconds > 0 && !answered && !machine->kvmFailure().isEmpty()) {
-        const int recovered = recoverFromKvmFailure(ctx, e, *machine, startedAt);
-        if (recovered != Success)
-            return recovered;
-        quickBoot = false;
-        answered = waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner);
-    }
-    if (waitSeconds > 0 && !answered) {
-        if (!machine->isQEMURunning()) {
-            // The lock file names an emulator that is gone.
-            machine->removeLockFile();
-            return ctx.fail(Failed, QStringLiteral("device '%1' started but its emulator ended before the guest "
-                                                   "answered%2")
-                                        .arg(name, logHint(*machine, startedAt)));
-        }
-        return ctx.fail(Failed, QStringLiteral("device '%1' started but its guest did not answer on port %2 within %3 s")
-                                    .arg(name)
-                                    .arg(machine->getAdbPort())
-                                    .arg(waitSeconds));
+    if (waitSeconds > 0) {
+        const int waited = awaitGuest(ctx, e, *machine, waitSeconds, startedAt, &banner);
+        if (waited != Success)
+            return waited;
+        // A start that fell back to TCG while waiting booted cold.
+        quickBoot = quickBoot && !e->lastStartFellBackToTcg();
     }
     const qint64 readyMs = timer.elapsed();
 
