@@ -131,6 +131,20 @@ def steps(env, image_dir):
     check(run(env, "device", "snapshot", "list", "phone")[0] == [], "a reset leaves no snapshot")
     print("snapshots: 5 a reset lists the snapshots it deletes")
 
+    # 6. A state records its accelerator: a start under the other one boots
+    #    cold and says so before it starts, whether that start then succeeds.
+    start(env, "phone", "--cold")
+    run(env, "device", "stop", "phone")
+    with open(records_path) as f:
+        saved = json.load(f)["latest"]
+    other = {"tcg": ("kvm", "host"), "kvm": ("tcg", "max")}[saved["accelerator"]]
+    proc = subprocess.run([env.hvtool, "device", "start", "phone", "--accel", other[0]], env=env.env,
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
+    check(f"quick-boot state saved under {saved['accelerator'].upper()} with CPU model {saved['cpu']}, this start "
+          f"runs {other[0].upper()} with {other[1]}: booting cold; the cold boot replaces the quick-boot state"
+          in proc.stderr.splitlines()[0], proc.stderr)
+    print("snapshots: 6 a state saved under another accelerator boots cold")
+
 
 def main():
     parser = argparse.ArgumentParser()
