@@ -309,8 +309,12 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
     const QString oldDirectory = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
     const QString oldSystem = diskPath(oldDirectory, "system", ".qcow2");
     const QString disk = QEMUDeviceFiles(machine->getPath()).systemDisk();
-    if (QEMUSnapshotTable::backingFile(disk) != oldSystem)
+    if (QEMUSnapshotTable::backingFile(disk) != oldSystem) {
+        // A move cut off before it removed the old disks left them behind.
+        if (QFileInfo::exists(oldSystem))
+            reclaimOldReference(oldDirectory);
         return true;
+    }
     const QString directory = getReferenceDirectory(image);
     QLockFile lock(directory + kLockSuffix);
     if (directory.isEmpty() || !lockReference(lock, directory)) {
