@@ -6,6 +6,7 @@
 #include <QString>
 
 class QLockFile;
+class QString;
 
 /// Waiting for lock files that several programs of the product take.
 namespace LockFiles {
@@ -18,6 +19,36 @@ namespace LockFiles {
 /// is taken over. False when the wait ran out or the lock cannot be made;
 /// lock.error() tells which.
 HALVISTROM_CORE_EXPORT bool acquire(QLockFile &lock, const QString &path, int waitMs);
+
+/// A lock that any number of holders share and one holder takes alone, on
+/// the file at path (made when missing). The kernel lets go of it when its
+/// holder ends, however it ends, so it never goes stale. Released when the
+/// object is destroyed.
+class HALVISTROM_CORE_EXPORT SharedLock
+{
+public:
+    explicit SharedLock(const QString &path);
+    ~SharedLock();
+    SharedLock(const SharedLock &) = delete;
+    SharedLock &operator=(const SharedLock &) = delete;
+
+    /// Takes a share, waiting while a holder has the lock alone.
+    bool lockShared();
+    /// Takes the lock alone if nobody holds a share or the whole of it now.
+    bool tryLockExclusive();
+    /// Why the last call failed, in the system's words.
+    QString errorString() const { return m_error; }
+    /// The errno of the last failure: EWOULDBLOCK when the lock was held.
+    int error() const { return m_errno; }
+
+private:
+    bool lock(int operation);
+
+    QString m_path;
+    QString m_error;
+    int m_errno = 0;
+    int m_fd = -1;
+};
 
 /// Who holds a command lock, as its file records it.
 struct LockHolder {

@@ -483,6 +483,16 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
+/// Moves a device of the previous layout onto its image's reference disks;
+/// refuses one whose system disk has lost its backing file.
+int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
+{
+    const QString problem = e->checkReferenceDisks(&machine);
+    if (problem.isEmpty())
+        return Success;
+    return ctx.fail(Failed, QStringLiteral("device '%1' cannot be used: %2").arg(machine.getName(), problem));
+}
+
 int start(Context &ctx)
 {
     Target target = lockTarget(ctx);
@@ -493,6 +503,8 @@ int start(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
+    if (checkBacking(ctx, e, *machine) != Success)
+        return Failed;
 
     int waitSeconds = 0;
     if (ctx.isSet(QStringLiteral("wait"))) {
@@ -745,6 +757,8 @@ int clone(Context &ctx)
                                                  "stop it first, or ask for a crash-consistent copy with "
                                                  "--crash-consistent")
                                       .arg(machine->getName()));
+    if (!running && checkBacking(ctx, e, *machine) != Success)
+        return Failed;
     if (running)
         ctx.note(QStringLiteral("device '%1' is running: pausing it for a crash-consistent copy (its disks as a power "
                                 "cut now would leave them)")
@@ -778,13 +792,20 @@ int reset(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return refuseRunning(ctx, *machine);
+    if (checkBacking(ctx, target.engine, *machine) != Success)
+        return Failed;
     const QStringList snapshots = snapshotNames(target.engine, *machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
     if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
-    if (!machine->resetFactory())
+    const QEMUEngine::ResetResult result = target.engine->resetDevice(machine.get());
+    if (result == QEMUEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
+    if (result == QEMUEngine::ResetResult::Pending)
+        return ctx.fail(Failed, QStringLiteral("could not finish resetting device '%1': its new disks are complete but "
+                                               "not all in place; the next command on it finishes the reset")
+                                    .arg(name));
     ctx.print(QStringLiteral("reset '%1' to its factory state").arg(name));
     return Success;
 }

@@ -6,6 +6,7 @@
 
 #include "FileUtils.h"
 #include "HwProfile.h"
+#include "LockFiles.h"
 #include "OsImage.h"
 #include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
@@ -136,7 +137,9 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
-    return createDevice(name, ovaPath, getReferenceDirectory(ovaPath, imageVersion, osVersion), sdCardSize);
+    const QString reference = getReferenceDirectory(ovaPath, imageVersion, osVersion);
+    const auto use = useReference(ovaPath, reference);
+    return use ? createDevice(name, ovaPath, reference, sdCardSize) : 1;
 }
 
 int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const QString &referencePath,
@@ -177,8 +180,11 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
+    // A user of the image's reference disks until its record is saved.
+    const QString reference = getReferenceDirectory(image);
+    const auto use = useReference(image.getLocalPath(), reference);
     DirectoryCleaner cleaner{QDir(devicePath)};
-    const int code = createDevice(name, image.getLocalPath(), getReferenceDirectory(image), profile.sdCardSize);
+    const int code = use ? createDevice(name, image.getLocalPath(), reference, profile.sdCardSize) : 1;
     if (code != 0) {
         qCritical() << "[VMTools]" << "Failed to create device" << name;
         return code;
@@ -326,7 +332,8 @@ QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) c
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
         return ResetResult::Unchanged;
-    const QDir reference(getReferenceDirectory(machine->getOsImage()));
+    migrateDevice(machine);
+    const QDir reference(getDeviceReference(machine));
     if (!isReferenceComplete(reference.absolutePath())) {
         qCritical() << "[VMTools]" << "Reference disks don't exist" << reference.absolutePath();
         return ResetResult::Unchanged;
