@@ -42,6 +42,11 @@ QString QEMUDeviceFiles::savedStatesName()
     return QStringLiteral("snapshots.json");
 }
 
+QString QEMUDeviceFiles::sessionRecordName()
+{
+    return QStringLiteral("session.json");
+}
+
 QString QEMUDeviceFiles::qmpSocketName()
 {
     return QStringLiteral("qmp.sock");
@@ -110,4 +115,9 @@ QString QEMUDeviceFiles::commandLock() const
 QString QEMUDeviceFiles::resetMarker() const
 {
     return path(resetMarkerName());
+}
+
+QString QEMUDeviceFiles::sessionRecord() const
+{
+    return path(sessionRecordName());
 }

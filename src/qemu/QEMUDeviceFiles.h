@@ -20,6 +20,7 @@ public:
     static QString logFileName();
     static QString sharedFolderName();
     static QString savedStatesName();
+    static QString sessionRecordName();
     static QString qmpSocketName();
     static QString commandLockName();
     static QString resetMarkerName();
@@ -39,6 +40,9 @@ public:
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.
     QString savedStates() const;
+    /// "session.json": whether the device's last session ended with the
+    /// quick-boot save.
+    QString sessionRecord() const;
     /// "qmp.sock": the emulator's control socket, reachable by the owner only.
     QString qmpSocket() const;
     /// "command.lock": held by the one command that changes the device at a
