@@ -2,10 +2,11 @@
 
 #include <QString>
 
-/// The files of a QEMU device's directory, named in this one place: the disks,
-/// the lock file that ties a running emulator to the device, the emulator's
-/// error output, its control socket and the folder the guest sees as a drive. Everyone who needs
-/// one of them asks here.
+/// The files of a QEMU device's directory, named in this one place: the
+/// marker that says the system made the directory, the disks, the lock file
+/// that ties a running emulator to the device, the emulator's error output,
+/// its control socket and the folder the guest sees as a drive. Everyone who
+/// needs one of them asks here.
 class QEMUDeviceFiles
 {
 public:
@@ -20,6 +21,10 @@ public:
     static QString sharedFolderName();
     static QString savedStatesName();
     static QString qmpSocketName();
+    static QString markerName();
+    /// Whether name is one of the files above: what an interrupted copy of a
+    /// device can hold.
+    static bool isDeviceFileName(const QString &name);
 
     QString directory() const { return m_dir; }
     /// "system.qcow2": the overlay of the OS image's system disk.
@@ -36,8 +41,18 @@ public:
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.
     QString savedStates() const;
-    /// "qmp.sock": the emulator's control socket, reachable by the owner only.
+    /// ".halvistrom-device": written first into every directory the system
+    /// makes for a device. Only a directory that carries it is ever listed as
+    /// a device or deleted.
+    QString marker() const;
+    /// "qmp.sock" in a private directory of its own whose path does not grow
+    /// with the device's: $XDG_RUNTIME_DIR/halvistrom/<id>, or
+    /// <data tree>/run/<id> without a runtime directory, where the id is a
+    /// short digest of the device's path. A socket address holds 107 bytes.
     QString qmpSocket() const;
+    /// Makes the socket's directory, private to the owner; false, logged, when
+    /// it cannot be made or is not the owner's only.
+    bool makeSocketDirectory() const;
 
 private:
     QString path(const QString &name) const;
