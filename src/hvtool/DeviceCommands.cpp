@@ -229,11 +229,11 @@ int create(Context &ctx)
         return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
                                                  "'hvtool device delete \"%1\" --yes'")
                                       .arg(name, broken));
-    if (e->doesMachineExist(name))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
     const QString foreign = foreignEntry(e, name);
     if (!foreign.isEmpty())
         return ctx.fail(Conflict, QStringLiteral("the name '%1' is taken: %2").arg(name, foreign));
+    if (e->doesMachineExist(name))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
 
     QElapsedTimer timer;
     timer.start();
