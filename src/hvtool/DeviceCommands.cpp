@@ -193,6 +193,23 @@ int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image,
     return result.get();
 }
 
+/// Refuses a new device's name that something takes: a broken device, an
+/// entry hvtool did not make, a device.
+int refuseTakenName(Context &ctx, QEMUEngine *e, const QString &name)
+{
+    const QString broken = brokenReason(e, name);
+    if (!broken.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
+                                                 "'hvtool device delete \"%1\" --yes'")
+                                      .arg(name, broken));
+    const QString foreign = foreignEntry(e, name);
+    if (!foreign.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("the name '%1' is taken: %2").arg(name, foreign));
+    if (e->doesMachineExist(name))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
+    return Success;
+}
+
 int create(Context &ctx)
 {
     const QString name = ctx.arg(0);
@@ -224,16 +241,8 @@ int create(Context &ctx)
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    const QString broken = brokenReason(e, name);
-    if (!broken.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
-                                                 "'hvtool device delete \"%1\" --yes'")
-                                      .arg(name, broken));
-    const QString foreign = foreignEntry(e, name);
-    if (!foreign.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("the name '%1' is taken: %2").arg(name, foreign));
-    if (e->doesMachineExist(name))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
+    if ((code = refuseTakenName(ctx, e, name)) != Success)
+        return code;
 
     QElapsedTimer timer;
     timer.start();
@@ -298,24 +307,33 @@ QString listLeftovers(Context &ctx, QEMUEngine *e, QJsonArray *array, QList<QStr
                                                                                  "--all', "));
 }
 
+/// Every device of the devices directory described, an empty object for a
+/// directory that holds none, in the order of names.
+std::vector<QJsonObject> describeAll(QEMUEngine *e, QStringList *names, QStringList *paths)
+{
+    const QDir dir = e->getDevicesDirectory();
+    *names = dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QString &name : *names)
+        *paths << dir.absoluteFilePath(name);
+    // Each device is loaded and described on its own: nothing is shared but
+    // the engine's read-only settings.
+    std::vector<QJsonObject> described(size_t(paths->size()));
+    forEachInParallel(paths->size(), [&](int i) {
+        if (MachinePtr machine{e->loadDevice(paths->at(i))})
+            described[size_t(i)] = describe(e, *machine);
+    });
+    return described;
+}
+
 int list(Context &ctx)
 {
     int code = Success;
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    const QDir dir = e->getDevicesDirectory();
-    const QStringList names = dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    QStringList names;
     QStringList paths;
-    for (const QString &name : names)
-        paths << dir.absoluteFilePath(name);
-    // Each device is loaded and described on its own: nothing is shared but
-    // the engine's read-only settings.
-    std::vector<QJsonObject> described(size_t(paths.size()));
-    forEachInParallel(paths.size(), [&](int i) {
-        if (MachinePtr machine{e->loadDevice(paths.at(i))})
-            described[size_t(i)] = describe(e, *machine);
-    });
+    const std::vector<QJsonObject> described = describeAll(e, &names, &paths);
 
     // A directory that holds no usable device is shown too, with the reason,
     // so that the user sees what takes its name and can remove it.
@@ -731,8 +749,8 @@ int clone(Context &ctx)
     const QString newName = ctx.arg(1);
     if (!validName(newName))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid device name").arg(newName));
-    if (e->doesMachineExist(newName))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
+    if (const int taken = refuseTakenName(ctx, e, newName))
+        return taken;
     const bool running = machine->getStatus() == VMToolsMachine::On;
     if (running)
         ctx.note(QStringLiteral("device '%1' is running: its disks are copied as they are now").arg(machine->getName()));

@@ -125,8 +125,6 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
                     << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
         return QEMUMachine::StartFailed;
     }
-    if (!qemuMachine->files().makeSocketDirectory())
-        return QEMUMachine::StartFailed;
     // A snapshot start of a virtio device brings the read-only view of the
     // shared folder: it takes the place of the writable virtio drive that a
     // cold boot had (detached, not removed, before the save), so the resumed

@@ -444,6 +444,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         qCritical() << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
         return AccelerationNotSupported;
     }
+    // The control socket's own directory, the owner's only, before the
+    // emulator binds the socket in it.
+    if (!files().makeSocketDirectory())
+        return StartFailed;
 
     const QString log = getLogFilePath();
     QProcess process;
