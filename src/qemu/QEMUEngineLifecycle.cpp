@@ -6,6 +6,7 @@
 
 #include "FileUtils.h"
 #include "HwProfile.h"
+#include "LockFiles.h"
 #include "OsImage.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
@@ -117,7 +118,11 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     const QString reference = getReferenceDirectory(ovaPath, imageVersion, osVersion);
-    return buildDevice(name, [&](const QString &path) { return createDevice(path, ovaPath, reference, sdCardSize); });
+    // A user of the image's reference disks until the device has its name.
+    const auto use = useReference(ovaPath, reference);
+    return buildDevice(name, [&](const QString &path) {
+        return use ? createDevice(path, ovaPath, reference, sdCardSize) : 1;
+    });
 }
 
 QString QEMUEngine::makeBuildDirectory(const QString &name, const QString &operation) const
@@ -202,8 +207,11 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
+    // A user of the image's reference disks until the device has its name.
+    const QString reference = getReferenceDirectory(image);
+    const auto use = useReference(image.getLocalPath(), reference);
     return buildDevice(name, [&](const QString &devicePath) {
-        const int code = createDevice(devicePath, image.getLocalPath(), getReferenceDirectory(image), profile.sdCardSize);
+        const int code = use ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize) : 1;
         if (code != 0) {
             qCritical() << "[VMTools]" << "Failed to create device" << name;
             return code;
@@ -292,7 +300,8 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
-    const QDir reference(getReferenceDirectory(machine->getOsImage()));
+    migrateDevice(machine);
+    const QDir reference(getDeviceReference(machine));
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
     if (!isReferenceComplete(reference.absolutePath())) {
