@@ -87,6 +87,11 @@ QString QEMUDeviceFiles::savedStatesName()
     return QStringLiteral("snapshots.json");
 }
 
+QString QEMUDeviceFiles::sessionRecordName()
+{
+    return QStringLiteral("session.json");
+}
+
 QString QEMUDeviceFiles::qmpSocketName()
 {
     return QStringLiteral("qmp.sock");
@@ -101,6 +106,7 @@ bool QEMUDeviceFiles::isDeviceFileName(const QString &name)
 {
     return name == systemDiskName() || name == dataDiskName() || name == sdCardName() || name == lockFileName() ||
            name == logFileName() || name == sharedFolderName() || name == savedStatesName() ||
+           name == sessionRecordName() ||
            name == qmpSocketName() || name == markerName();
 }
 
@@ -162,4 +168,9 @@ bool QEMUDeviceFiles::makeSocketDirectory() const
     if (!QDir().mkpath(QFileInfo(base).absolutePath()))
         return false;
     return makePrivateDirectory(base) && makePrivateDirectory(QFileInfo(qmpSocket()).absolutePath());
+}
+
+QString QEMUDeviceFiles::sessionRecord() const
+{
+    return path(sessionRecordName());
 }

@@ -20,6 +20,7 @@ public:
     static QString logFileName();
     static QString sharedFolderName();
     static QString savedStatesName();
+    static QString sessionRecordName();
     static QString qmpSocketName();
     static QString markerName();
     /// Whether name is one of the files above: what an interrupted copy of a
@@ -41,6 +42,9 @@ public:
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.
     QString savedStates() const;
+    /// "session.json": whether the device's last session ended with the
+    /// quick-boot save.
+    QString sessionRecord() const;
     /// ".halvistrom-device": written first into every directory the system
     /// makes for a device. Only a directory that carries it is ever listed as
     /// a device or deleted.
