@@ -97,6 +97,16 @@ QString QEMUDeviceFiles::qmpSocketName()
     return QStringLiteral("qmp.sock");
 }
 
+QString QEMUDeviceFiles::commandLockName()
+{
+    return QStringLiteral("command.lock");
+}
+
+QString QEMUDeviceFiles::resetMarkerName()
+{
+    return QStringLiteral("reset.pending");
+}
+
 QString QEMUDeviceFiles::markerName()
 {
     return QStringLiteral(".halvistrom-device");
@@ -106,8 +116,8 @@ bool QEMUDeviceFiles::isDeviceFileName(const QString &name)
 {
     return name == systemDiskName() || name == dataDiskName() || name == sdCardName() || name == lockFileName() ||
            name == logFileName() || name == sharedFolderName() || name == savedStatesName() ||
-           name == sessionRecordName() ||
-           name == qmpSocketName() || name == markerName();
+           name == sessionRecordName() || name == qmpSocketName() || name == commandLockName() ||
+           name == resetMarkerName() || name == markerName();
 }
 
 QString QEMUDeviceFiles::path(const QString &name) const
@@ -168,6 +178,16 @@ bool QEMUDeviceFiles::makeSocketDirectory() const
     if (!QDir().mkpath(QFileInfo(base).absolutePath()))
         return false;
     return makePrivateDirectory(base) && makePrivateDirectory(QFileInfo(qmpSocket()).absolutePath());
+}
+
+QString QEMUDeviceFiles::commandLock() const
+{
+    return path(commandLockName());
+}
+
+QString QEMUDeviceFiles::resetMarker() const
+{
+    return path(resetMarkerName());
 }
 
 QString QEMUDeviceFiles::sessionRecord() const

@@ -5,8 +5,8 @@
 /// The files of a QEMU device's directory, named in this one place: the
 /// marker that says the system made the directory, the disks, the lock file
 /// that ties a running emulator to the device, the emulator's error output,
-/// its control socket and the folder the guest sees as a drive. Everyone who
-/// needs one of them asks here.
+/// its control socket, the folder the guest sees as a drive and the markers
+/// of commands under way. Everyone who needs one of them asks here.
 class QEMUDeviceFiles
 {
 public:
@@ -22,6 +22,8 @@ public:
     static QString savedStatesName();
     static QString sessionRecordName();
     static QString qmpSocketName();
+    static QString commandLockName();
+    static QString resetMarkerName();
     static QString markerName();
     /// Whether name is one of the files above: what an interrupted copy of a
     /// device can hold.
@@ -54,6 +56,12 @@ public:
     /// <data tree>/run/<id> without a runtime directory, where the id is a
     /// short digest of the device's path. A socket address holds 107 bytes.
     QString qmpSocket() const;
+    /// "command.lock": held by the one command that changes the device at a
+    /// time, and naming it.
+    QString commandLock() const;
+    /// "reset.pending": a factory reset whose new disks are complete and
+    /// take the old ones' names; whoever finds it finishes the reset.
+    QString resetMarker() const;
     /// Makes the socket's directory, private to the owner; false, logged, when
     /// it cannot be made or is not the owner's only.
     bool makeSocketDirectory() const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LockFiles.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
@@ -12,6 +13,7 @@
 
 #include <memory>
 
+class QEMUDeviceFiles;
 class QEMUMachine;
 namespace LockFiles {
 class SharedLock;
@@ -59,7 +61,13 @@ public:
     /// worked, from its data disk and SD card. True when there is no such snapshot.
     bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const override;
     bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
+    /// Refuses a source that runs (see the overload).
     int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
+    /// Copies the device under a new name and identity. A source that runs is
+    /// refused unless crashConsistent: its guest is then paused (its disks
+    /// flushed) for the copy and goes on after it, so the clone has the disks
+    /// a power cut at that moment would have left.
+    int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
     /// Copies an image; an existing destination is never overwritten.
     bool copyDisk(const QString &source, const QString &destination) const override;
     /// Removes an image; true when none is left at the path.
@@ -113,10 +121,29 @@ public:
     /// when the disk work failed; nothing is left behind on failure.
     int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
                       const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
-    /// Rebuilds the device's system and data disks from the reference disks.
-    /// The new disks are made beside the old ones and renamed over them only
-    /// once both are complete, so a failure leaves the device as it was.
+    /// What a factory reset did.
+    enum class ResetResult {
+        Done,
+        /// Refused, or failed before any disk was replaced: the device is as it was.
+        Unchanged,
+        /// The new disks are complete but could not all take their names:
+        /// the next command on the device finishes the reset.
+        Pending,
+    };
+    /// Rebuilds the device's system and data disks from the reference disks
+    /// and drops the records of its saved states; the caller holds the
+    /// device's lock. The new disks are made beside the old ones, flushed to
+    /// disk, marked complete ("reset.pending") and only then renamed over
+    /// them: a kill at any step leaves the old device or one that the next
+    /// command finishes resetting (finishInterruptedReset()).
+    ResetResult resetDevice(const VMToolsMachine *machine) const;
+    /// resetDevice() is Done.
     bool resetFactory(const VMToolsMachine *machine) const;
+    /// Finishes a factory reset of the device that a killed command left
+    /// half-way: forward when its new disks were marked complete, else back
+    /// (the unfinished new disks are removed). The caller holds the lock.
+    /// False, logged, when a step failed.
+    bool finishInterruptedReset(const QString &devicePath) const;
 
     /// The directory of an image's reference disks: its image and Android
     /// versions and the sha-256 of its OVA as computed here (the last one
@@ -189,13 +216,13 @@ public:
     static QString foreignDevicesDirectoryReason(const QString &dir);
 
     /// A hidden directory of the devices directory in which a creation or a
-    /// clone builds a device before it takes its name; left behind when the
-    /// process that made it was killed.
+    /// clone builds a device before it takes its name, or a deletion removes
+    /// one; left behind when the process that made it was killed.
     struct Leftover {
         QString name;           ///< the hidden directory's name
         QString path;           ///< its absolute path
         QString device;         ///< the device it was to become
-        QString operation;      ///< "creation" or "clone"
+        QString operation;      ///< "creation", "clone" or "deletion"
         long long pid = 0;      ///< the process that made it; 0 when an earlier version did
         bool inProgress = false; ///< that process still runs
         qint64 bytes = 0;       ///< what its files take
@@ -207,6 +234,16 @@ public:
     bool reclaimLeftover(const Leftover &leftover) const;
     /// The build directories of the named device, being made now or left over.
     QStringList buildDirectories(const QString &name) const;
+    /// How long a command on a device waits for another one on it to end
+    /// before it gives up as busy.
+    static int deviceLockWaitMs();
+    /// Takes the device's command lock for command (the user's words, "hvtool
+    /// device start"), waiting at most deviceLockWaitMs(). Every command that
+    /// changes a device holds it from its first check to its last write, so
+    /// two never interleave. Once it is taken, a factory reset that a killed
+    /// command left half-way is finished or undone.
+    LockFiles::CommandLock::Result lockDevice(const QString &devicePath, const QString &command,
+                                              LockFiles::CommandLock *lock) const;
     /// The first port offset whose forwarded host ports are all free and that
     /// no device records; -1 when none is left.
     int computePortOffset() const;
@@ -276,10 +313,6 @@ private:
     /// createMachine.
     int createDevice(const QString &devicePath, const QString &ovaPath, const QString &reference,
                      long long sdCardSize) const;
-    /// Makes the hidden directory in which the device name is built by
-    /// operation ("create" or "clone"), named after this process, so that
-    /// nothing reclaims it while the process runs; empty on failure.
-    QString makeBuildDirectory(const QString &name, const QString &operation) const;
     /// Builds the device name in a build directory that carries the marker
     /// first, then renames it into place whole, never over an existing name.
     /// build's code on its failure, 1 when the directory cannot be made or
@@ -293,6 +326,16 @@ private:
     /// Renames a build directory to the device directory target, never over
     /// an existing entry: 0, or the errno (EEXIST when the name is taken).
     static int moveIntoPlace(const QString &buildPath, const QString &target);
+    /// Makes the new disks of a factory reset under their temporary names
+    /// and flushes them and the directory; nothing is left on failure.
+    bool makeResetDisks(const QDir &reference, const QEMUDeviceFiles &files) const;
+    bool discardResetDisks(const QEMUDeviceFiles &files) const;
+    /// Gives the marked new disks of a reset their names and drops the
+    /// stale records and the marker; each step may be run again.
+    bool completeReset(const QEMUDeviceFiles &files) const;
+    /// Copies the source's directory into buildPath, without the files that
+    /// describe its emulator; see cloneMachine() for a running source.
+    bool copyDevice(VMToolsMachine *source, const QString &buildPath, bool crashConsistent) const;
     /// The loaded record of the device directory at path, owned by the
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;

@@ -1,5 +1,5 @@
-// What interrupted creations and clones leave in the devices directory: the
-// hidden directories they build devices in. They are found by their names,
+// What interrupted creations, clones and deletions leave in the devices
+// directory: the hidden directories they build devices in or remove them from. They are found by their names,
 // which record the process that made them, and reclaimed once that process
 // is gone.
 #include "QEMUEngine.h"
@@ -11,16 +11,17 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QRegularExpression>
 
 namespace {
 
 // ".<device>.<operation>-<pid>-<start time>-XXXXXX"; an earlier version made
-// clones as ".<device>.clone-XXXXXX", without the process.
+// ".<device>.clone-XXXXXX", without the process.
 const QRegularExpression &buildNamePattern()
 {
     static const QRegularExpression pattern(
-        QStringLiteral("^\\.(.+)\\.(create|clone)-(?:([0-9]+)-([0-9]+)-)?[A-Za-z0-9]{6}$"));
+        QStringLiteral("^\\.(.+)\\.(create|clone|delete)-(?:([0-9]+)-([0-9]+)-)?[A-Za-z0-9]{6}$"));
     return pattern;
 }
 
@@ -57,7 +58,10 @@ QEMUEngine::Leftover QEMUEngine::parseLeftover(const QFileInfo &entry)
     leftover.name = entry.fileName();
     leftover.path = entry.absoluteFilePath();
     leftover.device = match.captured(1);
-    leftover.operation = match.captured(2) == QLatin1String("create") ? QStringLiteral("creation") : QStringLiteral("clone");
+    static const QHash<QString, QString> operations = {{QStringLiteral("create"), QStringLiteral("creation")},
+                                                       {QStringLiteral("clone"), QStringLiteral("clone")},
+                                                       {QStringLiteral("delete"), QStringLiteral("deletion")}};
+    leftover.operation = operations.value(match.captured(2));
     leftover.pid = match.captured(3).toLongLong();
     leftover.inProgress = leftover.pid > 0 && VMToolsCommon::isSameProcess(leftover.pid, match.captured(4).toLongLong());
     return leftover;
