@@ -4,8 +4,10 @@
 #include "JsonSettings.h"
 #include "QEMUAccelerator.h"
 #include "QEMUAudio.h"
+#include "QEMUEngine.h"
 #include "Settings.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -82,6 +84,13 @@ int set(Context &ctx)
     if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
         return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
                                    .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
+    // Devices go only where no one else's files are: listing and deleting
+    // take the directory as the system's.
+    const QString foreign = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString())
+                                ? QEMUEngine::foreignDevicesDirectoryReason(value.toString())
+                                : QString();
+    if (!foreign.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
     Settings::set(key, value);
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)

@@ -314,7 +314,10 @@ unsigned short QEMUMachine::getQmpPort() const
 
 QString QEMUMachine::getQmpSocketPath() const
 {
-    return files().qmpSocket();
+    // An emulator started by an earlier version listens where that version
+    // put its socket.
+    const QString recorded = readLock().qmpSocket;
+    return recorded.isEmpty() ? files().qmpSocket() : recorded;
 }
 
 int QEMUMachine::getPortOffset() const
@@ -365,7 +368,7 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
     lock.startTime = VMToolsCommon::processStartTime(pid);
     lock.offset = offset;
     lock.writableSharedDrive = writableSharedDrive;
-    lock.qmpSocket = getQmpSocketPath();
+    lock.qmpSocket = files().qmpSocket();
     lock.accelerator = accelerator;
     lock.cpuModel = cpuModel;
     return QEMULockFile::write(getLockFilePath(), lock);
@@ -373,7 +376,12 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
 
 bool QEMUMachine::removeLockFile() const
 {
-    return QFile::remove(getLockFilePath());
+    // The socket's own directory goes with the emulator, once it is empty.
+    const QString socket = readLock().qmpSocket;
+    const bool removed = QFile::remove(getLockFilePath());
+    if (removed && !socket.isEmpty() && QFileInfo(socket).absolutePath() == QFileInfo(files().qmpSocket()).absolutePath())
+        QDir().rmdir(QFileInfo(socket).absolutePath());
+    return removed;
 }
 
 QEMULockRecord QEMUMachine::readLock() const
@@ -462,6 +470,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         qCritical() << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
         return AccelerationNotSupported;
     }
+    // The control socket's own directory, the owner's only, before the
+    // emulator binds the socket in it.
+    if (!files().makeSocketDirectory())
+        return StartFailed;
 
     if (!QFileInfo(program).isExecutable()) {
         qCritical() << "[VMTools]" << "There is no emulator program at" << program;

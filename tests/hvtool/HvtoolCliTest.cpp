@@ -372,7 +372,7 @@ TEST(HvtoolDoctor, reportsEveryCheckAndWhatAutoPicksHere)
     for (const QJsonValue &check : r.json().array())
         checks.insert(check.toObject().value("check").toString(), check.toObject());
     EXPECT_EQ(checks.keys(), (QStringList{"accelerator", "audio", "cpu-virtualisation", "devices-directory",
-                                          "kvm-device", "plugin", "qemu-installed", "qemu-version"}));
+                                          "kvm-device", "leftovers", "plugin", "qemu-installed", "qemu-version"}));
     for (const QString name : {"accelerator", "audio", "plugin", "qemu-installed"})
         EXPECT_EQ(checks[name].value("result").toString(), "ok") << checks[name].value("detail").toString().toStdString();
     EXPECT_TRUE(checks["accelerator"].value("detail").toString().startsWith("emulator.accelerator is auto; auto picks "));
