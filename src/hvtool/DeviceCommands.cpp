@@ -109,12 +109,15 @@ int portOffset(const QEMUMachine &machine)
 
 QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
 {
-    const bool on = machine.getStatus() == VMToolsMachine::On;
+    QString reason;
+    const int state = machine.getRunState(&reason);
+    const bool on = state != VMToolsMachine::Off;
     const int offset = portOffset(machine);
     QJsonObject object{
         {"name", machine.getName()},
         {"uuid", Catalog::bareUuid(machine.getUuid())},
-        {"status", on ? QStringLiteral("On") : QStringLiteral("Off")},
+        {"status", machine.getStatusString(state)},
+        {"reason", reason.isEmpty() ? QJsonValue() : QJsonValue(reason)},
         {"android_version", machine.getAndroidVersion().toString()},
         {"adb_serial", on ? machine.getAdbSerial() : QString()},
         {"qmp_socket", on ? QJsonValue(machine.getQmpSocketPath()) : QJsonValue()},
@@ -127,6 +130,13 @@ QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
         {"ram_mb", double(machine.getRamSize())},
     };
     return object;
+}
+
+/// What a device held on a disk error shows, and what to do about it.
+QString pausedText(const QString &name, const QString &reason)
+{
+    return QStringLiteral("'%1' is paused: %2; free space or mend the disk, then 'hvtool device resume \"%1\"'")
+        .arg(name, reason);
 }
 
 QString sizeText(qint64 bytes)
@@ -295,6 +305,11 @@ int list(Context &ctx)
         return Success;
     }
     ctx.printTable({"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"}, rows);
+    for (const QJsonValue &value : array) {
+        const QJsonObject object = value.toObject();
+        if (object.value("status") == QLatin1String("Paused"))
+            ctx.print(pausedText(object.value("name").toString(), object.value("reason").toString()));
+    }
     for (const auto &[name, reason] : broken)
         ctx.print(QStringLiteral("'%1' is broken: %2; remove it with 'hvtool device delete \"%1\" --yes'")
                       .arg(name, reason));
@@ -316,9 +331,11 @@ int show(Context &ctx)
         ctx.printJson(object);
         return Success;
     }
-    for (const char *key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_socket", "port_offset",
+    for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket", "port_offset",
                                "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
         const QJsonValue value = object.value(key);
+        if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
+            continue;
         QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
                                       : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
         ctx.print(QStringLiteral("%1 %2").arg(QString::fromLatin1(key) + QLatin1Char(':'), -17).arg(text));
@@ -459,17 +476,28 @@ int start(Context &ctx)
         if (!mismatch.isEmpty())
             ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
     }
+    const QString shortfall = ctx.isSet(QStringLiteral("force")) ? QString() : e->memoryShortfall(machine.get());
+    if (!shortfall.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' not started: %2; use --force to start it anyway")
+                                      .arg(name, shortfall));
     QElapsedTimer timer;
     timer.start();
     const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
     const int result = snapshot.isEmpty() ? e->startFromLatestSnapshot(machine.get(), &quickBoot)
                                           : e->startMachine(machine.get(), snapshot);
-    if (result != 1)
+    if (result != 1) {
+        const QString why = machine->getStartFailure();
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
-                                    .arg(name, startDiagnosis(result), logHint(*machine, startedAt)));
-    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty())
-        ctx.note(QStringLiteral("the quick-boot state could not be loaded: booted cold; the next stop saves a new "
-                                "one"));
+                                    .arg(name, why.isEmpty() ? startDiagnosis(result) : why,
+                                         logHint(*machine, startedAt)));
+    }
+    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty()) {
+        // The failed load's own words, when it was stopped rather than ended.
+        const QString why = machine->getStartFailure();
+        ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
+                                "one")
+                     .arg(why.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(why)));
+    }
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
 
@@ -563,6 +591,27 @@ int stop(Context &ctx)
     ctx.print(QStringLiteral("stopped '%1'%2 in %3 s")
                   .arg(name, saved ? QStringLiteral(" (quick-boot state saved)") : QString())
                   .arg(timer.elapsed() / 1000.0, 0, 'f', 2));
+    return Success;
+}
+
+int resume(Context &ctx)
+{
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    MachinePtr &machine = target.machine;
+    const QString name = machine->getName();
+    QString reason;
+    const int state = machine->getRunState(&reason);
+    if (state != VMToolsMachine::Paused)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is not paused (it is %2)")
+                                      .arg(name, VMToolsMachine::getStatusString(state)));
+    if (!machine->resumeFromDiskError(&reason))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' stays paused: %2").arg(name, reason));
+    if (ctx.json())
+        ctx.printJson(describe(target.engine, *machine));
+    else
+        ctx.print(QStringLiteral("resumed '%1'").arg(name));
     return Success;
 }
 
@@ -862,8 +911,12 @@ void addDeviceCommands()
                    {{"cold", "Boot cold even when a saved state exists."},
                     {"snapshot", "Start from this saved snapshot instead.", "SNAPSHOT"},
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
-                     "SECONDS"}},
+                     "SECONDS"},
+                    {"force", "Start even when the host seems short of memory for it."}},
                    1, 1, start}
+        << Command{{"device", "resume"}, "NAME",
+                   "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.", {},
+                   1, 1, resume}
         << Command{{"device", "stop"}, "NAME",
                    "Stop a device gracefully, saving its state first when quick boot is on.",
                    {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state."}}, 1, 1,

@@ -11,6 +11,9 @@
 #include <QString>
 
 class QEMUMachine;
+namespace QEMULaunch {
+struct Request;
+}
 
 /// The engine that runs devices with the QEMU emulator. It finds
 /// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
@@ -151,13 +154,20 @@ public:
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
     /// The first port offset whose forwarded host ports are all free and that
-    /// no device records; -1 when none is left.
+    /// no running emulator holds in the port table; -1 when none is left.
     int computePortOffset() const;
     /// The same, passing over the offsets in skip.
     int computePortOffset(const QSet<int> &skip) const;
     /// The inter-process lock held from choosing a device's port offset until
-    /// its lock file records it.
+    /// its emulator has bound the ports and the port table records it.
     QString getPortOffsetLockPath() const;
+    /// "port-offsets.json" beside that lock: the offsets (and memory) of the
+    /// emulators the programs of this devices directory started.
+    QString getPortTablePath() const;
+    /// Why starting the device would leave the host short of memory, with the
+    /// numbers (MemAvailable of the meminfo file, less what running devices
+    /// may still take of their RAM); empty when it fits.
+    QString memoryShortfall(const VMToolsMachine *machine, const QString &meminfoPath = "/proc/meminfo") const;
     /// Saves an internal snapshot of the running device over QMP; the
     /// writable shared-folder drive is detached first when it is attached.
     bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
@@ -186,6 +196,11 @@ protected:
     bool m_accelerationSupported = true;
 
 private:
+    /// Chooses a free offset and launches the emulator on it under the port
+    /// lock, which it holds until the emulator has bound its ports.
+    int launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request request) const;
+    /// Adds the launched emulator to the port table; the caller holds the lock.
+    void recordPortOffset(const QEMUMachine *machine, int offset) const;
     /// What a state saved now would depend on.
     QJsonObject describeSavedState(VMToolsMachine *machine) const;
     /// Checks an extracted reference disk before it is converted; false,

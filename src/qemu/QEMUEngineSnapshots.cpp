@@ -101,7 +101,9 @@ QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const
 
 bool QEMUEngine::isStateLoadFailure(int startResult) const
 {
-    return startResult == QEMUMachine::StateNotLoaded;
+    // A load that outlasted its time-out was stopped like one that failed:
+    // the device boots cold rather than not at all.
+    return startResult == QEMUMachine::StateNotLoaded || startResult == QEMUMachine::StateLoadTimedOut;
 }
 
 QList<QEMUSnapshotInfo> QEMUEngine::fetchSnapshots(const VMToolsMachine *machine) const

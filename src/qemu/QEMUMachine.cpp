@@ -5,15 +5,19 @@
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
+#include "QEMUPortTable_p.h"
+#include "QEMUSnapshotTable.h"
 #include "EnvVars.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
 
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QThread>
 #include <QUuid>
 
 #include <algorithm>
@@ -38,6 +42,9 @@ const int kAdbHostShift = 1000;
 // running machine. Loading a large saved state takes seconds; an emulator
 // that has neither ended nor answered after this is stuck.
 const int kReadyTimeoutMs = 30000;
+// How long a guest let go after a disk error has to fail again before it
+// counts as going on: the emulator retries the failed requests at once.
+const int kResumeSettleMs = 500;
 
 quint16 shifted(int base, int offset)
 {
@@ -141,6 +148,43 @@ bool QEMUMachine::changeUuid()
 int QEMUMachine::getStatus() const
 {
     return isQEMURunning() ? On : Off;
+}
+
+int QEMUMachine::getRunState(QString *reason) const
+{
+    reason->clear();
+    if (!isQEMURunning())
+        return Off;
+    QEMUClient client(getQmpSocketPath());
+    // "io-error" is the state the emulator enters when a disk's error
+    // policy (the launch line's werror and rerror) stops the guest.
+    if (client.queryRunState() != QLatin1String("io-error"))
+        return On;
+    const QStringList errors = client.queryDiskErrors();
+    *reason = errors.isEmpty() ? QStringLiteral("a disk error") : errors.join(QLatin1String("; "));
+    return Paused;
+}
+
+bool QEMUMachine::resumeFromDiskError(QString *reason) const
+{
+    QEMUClient client(getQmpSocketPath());
+    if (client.queryRunState() != QLatin1String("io-error")) {
+        *reason = QStringLiteral("its emulator cannot be asked");
+        return false;
+    }
+    if (!client.execCont()) {
+        *reason = QStringLiteral("its emulator refused to go on");
+        return false;
+    }
+    // The emulator retries the failed requests at once: a disk still full
+    // stops the guest again within milliseconds.
+    QThread::msleep(kResumeSettleMs);
+    const QString state = client.queryRunState();
+    if (state == QLatin1String("running"))
+        return true;
+    const QStringList errors = client.queryDiskErrors();
+    *reason = errors.isEmpty() ? QStringLiteral("it stopped again (%1)").arg(state) : errors.join(QLatin1String("; "));
+    return false;
 }
 
 QString QEMUMachine::getIPAddress() const
@@ -428,6 +472,16 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         qWarning() << "[VMTools]" << "QEMU process is already running.";
         return Started;
     }
+    const int launched = launch(program, arguments, offset);
+    if (launched != Started)
+        return launched;
+    const int loadvm = arguments.indexOf(QStringLiteral("-loadvm"));
+    return waitUntilReady(loadvm >= 0 && loadvm + 1 < arguments.size() ? arguments.at(loadvm + 1) : QString());
+}
+
+int QEMUMachine::launch(const QString &program, const QStringList &arguments, unsigned short offset)
+{
+    m_launchedPid = 0;
     if (!m_engine) {
         qCritical() << "[VMTools]" << "Cannot start" << getName() << "without an engine";
         return StartFailed;
@@ -437,14 +491,13 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return AccelerationNotSupported;
     }
 
-    const QString log = getLogFilePath();
     QProcess process;
     process.setProgram(program);
     process.setArguments(arguments);
     // The emulator outlives us: it must not hold our terminal or our output.
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(log, QIODevice::Truncate);
+    process.setStandardErrorFile(getLogFilePath(), QIODevice::Truncate);
     qint64 pid = 0;
     if (!process.startDetached(&pid)) {
         qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
@@ -464,44 +517,125 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         VMToolsCommon::destroyProcess(pid);
         return StartFailed;
     }
+    m_launchedPid = pid;
+    m_launchedStartTime = VMToolsCommon::processStartTime(pid);
+    m_launchedOffset = offset;
+    return Started;
+}
 
-    const qint64 startTime = VMToolsCommon::processStartTime(pid);
+int QEMUMachine::waitForPorts(const QVector<int> &ports)
+{
+    const long long pid = m_launchedPid;
+    const long long startTime = m_launchedStartTime;
+    QElapsedTimer waited;
+    waited.start();
+    // The emulator binds its forwards while it sets up its devices, before it
+    // loads any saved state: a fraction of a second.
+    while (!QEMUPortTable::areListenedOnBy(pid, ports)) {
+        if (!VMToolsCommon::isSameProcess(pid, startTime))
+            return diagnoseEnd();
+        if (waited.elapsed() > readyTimeoutMs())
+            return abandonLaunch(PortsNotBound, QStringLiteral("QEMU did not open its forwarded ports within %1 s "
+                                                               "and was stopped")
+                                                    .arg(readyTimeoutMs() / 1000.0));
+        QThread::msleep(2);
+    }
+    return Started;
+}
+
+int QEMUMachine::waitUntilReady(const QString &snapshotName)
+{
+    const long long pid = m_launchedPid;
+    const long long startTime = m_launchedStartTime;
+    const qint64 stateBytes = snapshotName.isEmpty() ? 0 : savedStateBytes(snapshotName);
+    const int timeoutMs = readyTimeoutMs(stateBytes);
     QEMUClient probe(getQmpSocketPath());
     const QEMUClient::Readiness readiness = probe.waitUntilRunning(
-        [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
-    if (readiness == QEMUClient::Readiness::Running) {
-        m_portOffset = offset;
+        [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, timeoutMs);
+    switch (readiness) {
+    case QEMUClient::Readiness::Running:
+        m_portOffset = m_launchedOffset;
         startTimer();
         return Started;
+    case QEMUClient::Readiness::ProcessEnded:
+        return diagnoseEnd();
+    case QEMUClient::Readiness::NotQmp:
+        return abandonLaunch(ProtocolError, QStringLiteral("QEMU's control socket did not speak QMP (%1); QEMU was "
+                                                           "stopped")
+                                                .arg(probe.lastError()));
+    case QEMUClient::Readiness::TimedOut:
+        break;
     }
-    if (readiness != QEMUClient::Readiness::ProcessEnded) {
-        qCritical().noquote() << "[VMTools]"
-                              << QStringLiteral("QEMU did not become ready within %1 s; stopping it")
-                                     .arg(readyTimeoutMs() / 1000.0);
-        VMToolsCommon::destroyProcess(pid);
-        VMToolsCommon::waitForFinished(pid, 5000, startTime);
-        removeLockFile();
-        return NotReady;
-    }
+    if (stateBytes > 0)
+        return abandonLaunch(StateLoadTimedOut,
+                             QStringLiteral("QEMU did not finish loading the saved state '%1' (%2 MiB) within %3 s "
+                                            "and was stopped")
+                                 .arg(snapshotName)
+                                 .arg(stateBytes >> 20)
+                                 .arg(timeoutMs / 1000.0));
+    return abandonLaunch(NotReady,
+                         QStringLiteral("QEMU did not become ready within %1 s and was stopped").arg(timeoutMs / 1000.0));
+}
 
+int QEMUMachine::abandonLaunch(int result, const QString &failure)
+{
+    m_startFailure = failure;
+    qCritical().noquote() << "[VMTools]" << failure;
+    VMToolsCommon::destroyProcess(m_launchedPid);
+    VMToolsCommon::waitForFinished(m_launchedPid, 5000, m_launchedStartTime);
+    removeLockFile();
+    return result;
+}
+
+int QEMUMachine::diagnoseEnd()
+{
     // The emulator ended on its own: its error output says why.
+    const QString log = getLogFilePath();
+    int result = StartFailed;
     if (QEMUErrorDiagnosis::isResourceBusy(log))
-        return ResourceBusy;
-    if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
-        return SystemFileUsed;
-    if (QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log))
-        return PortUsed;
-    if (!QEMUErrorDiagnosis::isMemorySupported(log))
-        return MemoryNotSupported;
-    if (QEMUErrorDiagnosis::isStateNotLoadable(log))
-        return StateNotLoaded;
-    qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
-    return StartFailed;
+        result = ResourceBusy;
+    else if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
+        result = SystemFileUsed;
+    else if (QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log))
+        result = PortUsed;
+    else if (!QEMUErrorDiagnosis::isMemorySupported(log))
+        result = MemoryNotSupported;
+    else if (QEMUErrorDiagnosis::isStateNotLoadable(log))
+        result = StateNotLoaded;
+    else
+        qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
+    return result;
+}
+
+qint64 QEMUMachine::savedStateBytes(const QString &snapshotName) const
+{
+    // The emulator writes the state into one of the disks: take the largest.
+    qint64 bytes = 0;
+    for (const QString &disk : {files().systemDisk(), files().dataDisk()}) {
+        QList<QEMUSnapshotInfo> snapshots;
+        QString error;
+        QEMUSnapshotTable::read(disk, &snapshots, &error);
+        for (const QEMUSnapshotInfo &snapshot : snapshots) {
+            if (snapshot.name == snapshotName)
+                bytes = qMax(bytes, snapshot.vmStateSize);
+        }
+    }
+    return bytes;
 }
 
 int QEMUMachine::readyTimeoutMs()
 {
     return EnvVars::getInt("HV_QEMU_READY_TIMEOUT_MS", kReadyTimeoutMs);
+}
+
+int QEMUMachine::readyTimeoutMs(qint64 stateBytes)
+{
+    // Each GiB of state adds the base once more: with the default base that
+    // allows 34 MiB/s, a tenth of the rate measured loading states from a
+    // local disk on a loaded host. A host slower still raises the base, and
+    // the allowance for the state with it.
+    const qint64 grown = qint64(readyTimeoutMs()) * ((qint64(1) << 30) + stateBytes) / (qint64(1) << 30);
+    return int(qMin<qint64>(grown, std::numeric_limits<int>::max()));
 }
 
 bool QEMUMachine::forceStop()

@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 class QEMUEngine;
 struct QEMULockRecord;
@@ -30,6 +31,15 @@ public:
         NotReady = 10,
         /// The emulator ended because it could not load the saved state.
         StateNotLoaded = 11,
+        /// The emulator was still loading the saved state when its time ran
+        /// out; it was stopped.
+        StateLoadTimedOut = 12,
+        /// What answered on the control socket did not speak QMP; the
+        /// emulator was stopped.
+        ProtocolError = 13,
+        /// The emulator did not bind its forwarded ports in time; it was
+        /// stopped.
+        PortsNotBound = 14,
     };
 
     /// The record of an existing device directory; reads the port offset from
@@ -59,6 +69,12 @@ public:
     bool changeUuid();
     /// On while the emulator runs, else Off.
     int getStatus() const override;
+    /// Asks the running emulator: Paused, with the disk errors that stopped
+    /// it, when it holds the guest on an I/O error or a full disk.
+    int getRunState(QString *reason) const override;
+    /// Lets a guest held on a disk error go on; false, with the reason, when
+    /// the emulator cannot be asked or holds it again at once.
+    bool resumeFromDiskError(QString *reason) const;
     QString getIPAddress() const override;
     /// The address at once: the guest is reached through forwarded ports.
     QString waitForIP(std::function<bool()> cancel) override;
@@ -135,8 +151,29 @@ public:
     /// is diagnosed from its error output. Returns a StartResult; Started also
     /// when it was already running.
     int start(const QString &program, const QStringList &arguments, unsigned short offset);
-    /// The longest a start waits for the emulator to become ready, in ms.
+    /// The first half of start(): launches the emulator and records it in the
+    /// lock file. Started when it was launched.
+    int launch(const QString &program, const QStringList &arguments, unsigned short offset);
+    /// Waits until the launched emulator listens on every one of ports, at
+    /// most the base ready time-out; stops it when it does not.
+    int waitForPorts(const QVector<int> &ports);
+    /// The second half of start(): waits until the launched emulator's monitor
+    /// reports a running machine, loading snapshotName (empty for a cold
+    /// boot) first; stops it when it does not.
+    int waitUntilReady(const QString &snapshotName);
+    /// The launched emulator's pid (0 before a launch).
+    long long launchedPid() const { return m_launchedPid; }
+    /// What went wrong in the last start of this record that was stopped
+    /// (a time-out, a protocol error), in words; empty when none was. A
+    /// later start that succeeds keeps it: a quick boot that fell back on a
+    /// cold boot tells why.
+    QString getStartFailure() const { return m_startFailure; }
+    /// The base time a start waits for the emulator to become ready, in ms
+    /// ("HV_QEMU_READY_TIMEOUT_MS", by default 30 s).
     static int readyTimeoutMs();
+    /// The ready time-out of a start that loads a saved state of stateBytes:
+    /// the base, grown with the state's size.
+    static int readyTimeoutMs(qint64 stateBytes);
     /// Kills and reaps the recorded emulator and removes the lock file. A lock
     /// file naming any other process is removed without touching that process
     /// (and the result is false: nothing was stopped).
@@ -145,16 +182,28 @@ public:
     /// lock file is removed. True when it ended.
     bool waitForFinished();
 
+    /// Whether the lock names a live process of the emulator binary, started
+    /// at the recorded time.
+    static bool isRecordedEmulator(const QEMULockRecord &lock);
+
 private:
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);
-    /// Whether the lock names a live process of the emulator binary, started
-    /// at the recorded time.
-    static bool isRecordedEmulator(const QEMULockRecord &lock);
+    /// Why the launched emulator ended, from its error output.
+    int diagnoseEnd();
+    /// Records why the start failed, stops the launched emulator and removes
+    /// its lock file; returns result.
+    int abandonLaunch(int result, const QString &failure);
+    /// Bytes of the saved state snapshotName on the device's disks.
+    qint64 savedStateBytes(const QString &snapshotName) const;
     QEMULockRecord readLock() const;
     QString getSdCardPath() const;
 
     QEMUEngine *m_engine;
     int m_portOffset = -1;
+    long long m_launchedPid = 0;
+    long long m_launchedStartTime = 0;
+    unsigned short m_launchedOffset = 0;
+    QString m_startFailure;
 };

@@ -688,6 +688,12 @@ QString VMToolsMachine::getReleaseDate() const
 
 // Status, ports, files ------------------------------------------------------
 
+int VMToolsMachine::getRunState(QString *reason) const
+{
+    reason->clear();
+    return getStatus();
+}
+
 int VMToolsMachine::getOnLoadStatus() const
 {
     return m_onLoadStatus;
