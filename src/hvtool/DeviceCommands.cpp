@@ -331,8 +331,8 @@ int show(Context &ctx)
         ctx.printJson(object);
         return Success;
     }
-    for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket", "port_offset",
-                               "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
+    for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
+                            "port_offset", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
         const QJsonValue value = object.value(key);
         if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
             continue;

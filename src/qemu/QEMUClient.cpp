@@ -330,8 +330,9 @@ QString QEMUClient::queryRunState()
     QJsonObject reply;
     bool silent = false;
     const bool connected = m_socket->state() == QLocalSocket::ConnectedState;
-    if ((!connected && !init()) || !request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired,
-                            &reply, &silent))
+    if ((!connected && !init())
+        || !request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                    &silent))
         return QString();
     return reply.value(QLatin1String("return")).toObject().value(QLatin1String("status")).toString();
 }

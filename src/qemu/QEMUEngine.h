@@ -196,9 +196,10 @@ protected:
     bool m_accelerationSupported = true;
 
 private:
-    /// Chooses a free offset and launches the emulator on it under the port
-    /// lock, which it holds until the emulator has bound its ports.
-    int launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request request) const;
+    /// Chooses a free offset (not one of tried, to which it adds it) and
+    /// launches the emulator on it under the port lock, which it holds until
+    /// the emulator has bound its ports. The offset goes into request.
+    int launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const;
     /// Adds the launched emulator to the port table; the caller holds the lock.
     void recordPortOffset(const QEMUMachine *machine, int offset) const;
     /// What a state saved now would depend on.

@@ -162,16 +162,27 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
         }
     }
 
-    const int launched = launchOnFreeOffset(qemuMachine, request);
-    // The state loads, and the guest starts, outside the port lock: other
-    // starts choose their offsets meanwhile.
-    const int result = launched == QEMUMachine::Started ? qemuMachine->waitUntilReady(snapshotName) : launched;
-    if (result != QEMUMachine::Started)
-        dropLockOfEndedEmulator(qemuMachine);
+    // The ports are probed free, then released for the emulator to bind: a
+    // program outside the port lock can take one in between. The emulator
+    // then ends at once, and the start moves on to another offset.
+    QSet<int> tried;
+    int result = QEMUMachine::StartFailed;
+    for (int attempt = 0; attempt < kPortRaceAttempts; ++attempt) {
+        const int launched = launchOnFreeOffset(qemuMachine, request, &tried);
+        // The state loads, and the guest starts, outside the port lock:
+        // other starts choose their offsets meanwhile.
+        result = launched == QEMUMachine::Started ? qemuMachine->waitUntilReady(snapshotName) : launched;
+        if (result != QEMUMachine::Started)
+            dropLockOfEndedEmulator(qemuMachine);
+        if (result != QEMUMachine::PortUsed)
+            break;
+        qWarning() << "[VMTools]" << "A port of offset" << request.portOffset
+                   << "was taken before the emulator bound it";
+    }
     return result;
 }
 
-int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request request) const
+int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const
 {
     // Two programs starting devices at once must not pick the same offset:
     // the offset is chosen, bound by the emulator and recorded in the port
@@ -193,38 +204,25 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request req
     }
     QElapsedTimer held;
     held.start();
-    // The ports are probed free, then released for the emulator to bind: a
-    // program outside this lock can take one in between. The emulator then
-    // ends at once, and the start moves on to another offset.
-    QSet<int> tried;
-    int result = QEMUMachine::StartFailed;
-    for (int attempt = 0; attempt < kPortRaceAttempts; ++attempt) {
-        const int offset = computePortOffset(tried);
-        if (offset < 0) {
-            qCritical() << "[VMTools]" << "Failed to determine a port offset";
-            return QEMUMachine::StartFailed;
-        }
-        tried.insert(offset);
-        request.portOffset = offset;
-
-        QEMUOptionSet options = QEMULaunch::composeOptions(request);
-        options.applyStartArgsVariable();
-        const QStringList arguments = options.render();
-        qDebug().noquote() << "[VMTools]" << "Start command:"
-                           << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
-
-        result = machine->launch(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
-        if (result == QEMUMachine::Started)
-            result = machine->waitForPorts(forwardedPorts(offset));
-        if (result == QEMUMachine::Started) {
-            recordPortOffset(machine, offset);
-            break;
-        }
-        dropLockOfEndedEmulator(machine);
-        if (result != QEMUMachine::PortUsed)
-            break;
-        qWarning() << "[VMTools]" << "A port of offset" << offset << "was taken before the emulator bound it";
+    const int offset = computePortOffset(*tried);
+    if (offset < 0) {
+        qCritical() << "[VMTools]" << "Failed to determine a port offset";
+        return QEMUMachine::StartFailed;
     }
+    tried->insert(offset);
+    request.portOffset = offset;
+
+    QEMUOptionSet options = QEMULaunch::composeOptions(request);
+    options.applyStartArgsVariable();
+    const QStringList arguments = options.render();
+    qDebug().noquote() << "[VMTools]" << "Start command:"
+                       << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
+
+    int result = machine->launch(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
+    if (result == QEMUMachine::Started)
+        result = machine->waitForPorts(forwardedPorts(offset));
+    if (result == QEMUMachine::Started)
+        recordPortOffset(machine, offset);
     qDebug() << "[VMTools]" << "Held the port offset lock for" << held.elapsed() << "ms";
     return result;
 }

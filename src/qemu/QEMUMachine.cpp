@@ -573,8 +573,8 @@ int QEMUMachine::waitUntilReady(const QString &snapshotName)
                                  .arg(snapshotName)
                                  .arg(stateBytes >> 20)
                                  .arg(timeoutMs / 1000.0));
-    return abandonLaunch(NotReady,
-                         QStringLiteral("QEMU did not become ready within %1 s and was stopped").arg(timeoutMs / 1000.0));
+    return abandonLaunch(NotReady, QStringLiteral("QEMU did not become ready within %1 s and was stopped")
+                                       .arg(timeoutMs / 1000.0));
 }
 
 int QEMUMachine::abandonLaunch(int result, const QString &failure)

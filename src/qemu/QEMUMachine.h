@@ -146,7 +146,7 @@ public:
 
     /// Starts the emulator detached with its error output in qemu.log, records
     /// it in the lock file and waits until its monitor reports a running
-    /// machine (at most "HV_QEMU_READY_TIMEOUT_MS", by default 30 s; an
+    /// machine (at most readyTimeoutMs() of the state its "-loadvm" names; an
     /// emulator still not ready then is stopped). An emulator that ends first
     /// is diagnosed from its error output. Returns a StartResult; Started also
     /// when it was already running.

@@ -302,11 +302,10 @@ def full_disk(env, image):
         subprocess.run(["qemu-img", "create", "-f", "qcow2", "-b", "data-base.qcow2", "-F", "qcow2", "data.qcow2"],
                        cwd=path, check=True, stdout=subprocess.DEVNULL)
         filler = os.path.join(path, "filler")
-        with open(filler, "wb") as f:
+        with open(filler, "wb", buffering=0) as f:
             try:
                 while True:
                     f.write(b"\0" * 4096)
-                    f.flush()
             except OSError:
                 pass
         # Room for the lock file and the log, not for the disk's new cluster.
