@@ -5,6 +5,7 @@
 #include "Engine.h"
 #include "Progress.h"
 
+#include "LockFiles.h"
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
 #include "Paths.h"
@@ -35,20 +36,28 @@ namespace hvtool {
 namespace {
 
 constexpr int kAdbBasePort = 6555;
-const QString kLatest = QStringLiteral("latest");
+const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<QEMUMachine>;
 
-/// Why the device directory of that name holds no usable device; empty when
-/// there is no such directory.
-QString brokenReason(QEMUEngine *e, const QString &name)
+/// The directory of the devices directory that name names; empty when
+/// there is none, or when name would reach outside it.
+QString deviceDirectory(QEMUEngine *e, const QString &name)
 {
     // Only that one directory is looked at: a command naming one device
     // costs the same among a thousand.
     if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..") || name.contains(QLatin1Char('/')))
         return QString();
     const QString path = e->getDevicesDirectory().absoluteFilePath(name);
-    if (!QFileInfo(path).isDir())
+    return QFileInfo(path).isDir() ? path : QString();
+}
+
+/// Why the device directory of that name holds no usable device; empty when
+/// there is no such directory.
+QString brokenReason(QEMUEngine *e, const QString &name)
+{
+    const QString path = deviceDirectory(e, name);
+    if (path.isEmpty())
         return QString();
     if (MachinePtr machine{e->loadDevice(path)})
         return QString();
@@ -82,12 +91,60 @@ struct Target {
     QEMUEngine *engine = nullptr;
     MachinePtr machine;
     int code = Success;
+    /// Held to the end of a command that changes the device.
+    std::unique_ptr<LockFiles::CommandLock> lock;
 };
 
 Target findTarget(Context &ctx)
 {
     Target target;
     target.machine = device(ctx, &target.engine, &target.code, ctx.arg(0));
+    return target;
+}
+
+/// Takes the command lock of the device directory at path for this command:
+/// Success, or the exit code that reports why not (the holder of a busy
+/// device named).
+int lockDevice(Context &ctx, QEMUEngine *e, const QString &path, LockFiles::CommandLock *lock)
+{
+    const QString name = QFileInfo(path).fileName();
+    switch (e->lockDevice(path, ctx.command(), lock)) {
+    case LockFiles::CommandLock::Taken:
+        return Success;
+    case LockFiles::CommandLock::Gone:
+        return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
+    case LockFiles::CommandLock::Busy: {
+        const LockFiles::LockHolder holder = lock->holder();
+        const QString who = holder.pid <= 0 ? QStringLiteral("another command is changing it")
+                                            : QStringLiteral("'%1' (pid %2) has been changing it since %3")
+                                                  .arg(holder.command)
+                                                  .arg(holder.pid)
+                                                  .arg(holder.since.toLocalTime().toString(QStringLiteral("HH:mm:ss")));
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is busy: %2; try again once it is done").arg(name, who));
+    }
+    case LockFiles::CommandLock::Failed:
+        break;
+    }
+    return ctx.fail(Failed, QStringLiteral("could not lock device '%1': %2").arg(name, lock->errorString()));
+}
+
+/// The device a command that changes it names, locked until the command
+/// ends and read afresh under the lock, since the command that held it
+/// may have changed it (or deleted it) meanwhile.
+Target lockTarget(Context &ctx)
+{
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target;
+    auto lock = std::make_unique<LockFiles::CommandLock>();
+    const int locked = lockDevice(ctx, target.engine, target.machine->getPath(), lock.get());
+    if (locked != Success) {
+        target.machine.reset();
+        target.code = locked;
+        return target;
+    }
+    target = findTarget(ctx);
+    target.lock = std::move(lock);
     return target;
 }
 
@@ -443,9 +500,37 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
+/// Says why a start that asks for the quick-boot state will boot cold, as
+/// the library decides it; true when the state is expected to resume.
+bool noteColdQuickBoot(Context &ctx, QEMUEngine *e, QEMUMachine &machine)
+{
+    const QString unsaved = e->unsavedSessionReason(&machine);
+    if (!unsaved.isEmpty()) {
+        ctx.note(QStringLiteral("%1: booting cold, keeping its disk writes").arg(unsaved));
+        return false;
+    }
+    if (!snapshotNames(e, machine).contains(kLatest))
+        return false;
+    const QString mismatch = e->savedStateMismatch(&machine, kLatest);
+    if (mismatch.isEmpty())
+        return true;
+    ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+    return false;
+}
+
+/// Moves a device of the previous layout onto its image's reference disks;
+/// refuses one whose system disk has lost its backing file.
+int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
+{
+    const QString problem = e->checkReferenceDisks(&machine);
+    if (problem.isEmpty())
+        return Success;
+    return ctx.fail(Failed, QStringLiteral("device '%1' cannot be used: %2").arg(machine.getName(), problem));
+}
+
 int start(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -453,6 +538,8 @@ int start(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
+    if (checkBacking(ctx, e, *machine) != Success)
+        return Failed;
 
     int waitSeconds = 0;
     if (ctx.isSet(QStringLiteral("wait"))) {
@@ -466,15 +553,13 @@ int start(Context &ctx)
     if (!snapshot.isEmpty() && ctx.isSet(QStringLiteral("cold")))
         return ctx.fail(Usage, QStringLiteral("--cold and --snapshot exclude each other"));
     bool quickBoot = snapshot.isEmpty() && !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
-    const bool hadLatest = quickBoot && snapshotNames(e, *machine).contains(kLatest);
+    bool expectResume = false;
     if (!snapshot.isEmpty()) {
         const int refused = checkNamedSnapshot(ctx, e, *machine, snapshot);
         if (refused != Success)
             return refused;
-    } else if (hadLatest) {
-        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
-        if (!mismatch.isEmpty())
-            ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+    } else if (quickBoot) {
+        expectResume = noteColdQuickBoot(ctx, e, *machine);
     }
     const QString shortfall = ctx.isSet(QStringLiteral("force")) ? QString() : e->memoryShortfall(machine.get());
     if (!shortfall.isEmpty())
@@ -491,7 +576,7 @@ int start(Context &ctx)
                                     .arg(name, why.isEmpty() ? startDiagnosis(result) : why,
                                          logHint(*machine, startedAt)));
     }
-    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty()) {
+    if (expectResume && !quickBoot) {
         // The failed load's own words, when it was stopped rather than ended.
         const QString why = machine->getStartFailure();
         ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
@@ -500,6 +585,9 @@ int start(Context &ctx)
     }
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
+    // The device runs: waiting for its guest changes nothing, and a stop
+    // may come meanwhile.
+    target.lock->release();
 
     QByteArray banner;
     if (waitSeconds > 0 && !waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner)) {
@@ -550,7 +638,7 @@ bool waitForExit(QEMUMachine &machine, int seconds)
 
 int stop(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -596,7 +684,7 @@ int stop(Context &ctx)
 
 int resume(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     MachinePtr &machine = target.machine;
@@ -646,7 +734,7 @@ int snapshotList(Context &ctx)
 
 int snapshotLoad(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -672,7 +760,7 @@ int snapshotLoad(Context &ctx)
 
 int snapshotSave(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -681,6 +769,11 @@ int snapshotSave(Context &ctx)
     if (!valid.match(ctx.arg(1)).hasMatch())
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid snapshot name: use letters, digits and '_'")
                                    .arg(ctx.arg(1)));
+    // Saving the quick-boot state ends a session: 'device stop' does it.
+    if (ctx.arg(1) == kLatest)
+        return ctx.fail(Usage, QStringLiteral("'%1' is the quick-boot state, saved by 'hvtool device stop'; choose "
+                                              "another name")
+                                   .arg(kLatest));
     if (machine->getStatus() != VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is not running; start it to save its state")
                                       .arg(machine->getName()));
@@ -699,7 +792,7 @@ int snapshotSave(Context &ctx)
 
 int snapshotDelete(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -717,7 +810,7 @@ int snapshotDelete(Context &ctx)
 
 int clone(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -728,46 +821,61 @@ int clone(Context &ctx)
     if (e->doesMachineExist(newName))
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     const bool running = machine->getStatus() == VMToolsMachine::On;
+    const bool crashConsistent = ctx.isSet(QStringLiteral("crash-consistent"));
+    if (running && !crashConsistent)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running: its disks change while they are copied; "
+                                                 "stop it first, or ask for a crash-consistent copy with "
+                                                 "--crash-consistent")
+                                      .arg(machine->getName()));
+    if (!running && checkBacking(ctx, e, *machine) != Success)
+        return Failed;
     if (running)
-        ctx.note(QStringLiteral("device '%1' is running: its disks are copied as they are now").arg(machine->getName()));
+        ctx.note(QStringLiteral("device '%1' is running: pausing it for a crash-consistent copy (its disks as a power "
+                                "cut now would leave them)")
+                     .arg(machine->getName()));
 
-    const int result = e->cloneMachine(machine.get(), newName);
+    const int result = e->cloneMachine(machine.get(), newName, crashConsistent);
     if (result == 2)
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     if (result != 0)
         return ctx.fail(Failed, QStringLiteral("could not clone device '%1' to '%2'").arg(machine->getName(), newName));
 
-    // The copy carries the source's lock file and log; they describe the
-    // source's emulator, not the clone.
-    const QString clonePath = QDir(machine->getPath() + QStringLiteral("/..")).absoluteFilePath(newName);
-    QFile::remove(QEMUDeviceFiles(clonePath).lockFile());
-    QFile::remove(QEMUDeviceFiles(clonePath).logFile());
-
     if (ctx.json()) {
         MachinePtr cloned(findDevice(e, newName));
-        ctx.printJson(cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}});
+        QJsonObject object = cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}};
+        object.insert("crash_consistent", running);
+        ctx.printJson(object);
     } else {
-        ctx.print(QStringLiteral("cloned '%1' to '%2'").arg(machine->getName(), newName));
+        ctx.print(QStringLiteral("cloned '%1' to '%2'%3")
+                      .arg(machine->getName(), newName,
+                           running ? QStringLiteral(" (a crash-consistent copy of the running device)") : QString()));
     }
     return Success;
 }
 
 int reset(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return refuseRunning(ctx, *machine);
+    if (checkBacking(ctx, target.engine, *machine) != Success)
+        return Failed;
     const QStringList snapshots = snapshotNames(target.engine, *machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
     if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
-    if (!machine->resetFactory())
+    const QEMUEngine::ResetResult result = target.engine->resetDevice(machine.get());
+    if (result == QEMUEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
+    if (result == QEMUEngine::ResetResult::Pending)
+        return ctx.fail(Failed, QStringLiteral("could not finish resetting device '%1': its new disks are complete but "
+                                               "not all in place; the next command on it finishes the reset")
+                                    .arg(name));
     ctx.print(QStringLiteral("reset '%1' to its factory state").arg(name));
     return Success;
 }
@@ -786,16 +894,21 @@ int removeBroken(Context &ctx, QEMUEngine *e, const QString &name, const QString
 int remove(Context &ctx)
 {
     int code = Success;
-    QEMUEngine *broken = engine(ctx, &code);
-    if (!broken)
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
         return code;
-    const QString reason = brokenReason(broken, ctx.arg(0));
+    // A broken directory is locked too: the command that holds it may be
+    // about to make it whole.
+    LockFiles::CommandLock lock;
+    const QString path = deviceDirectory(e, ctx.arg(0));
+    if (!path.isEmpty() && (code = lockDevice(ctx, e, path, &lock)) != Success)
+        return code;
+    const QString reason = brokenReason(e, ctx.arg(0));
     if (!reason.isEmpty())
-        return removeBroken(ctx, broken, ctx.arg(0), reason);
+        return removeBroken(ctx, e, ctx.arg(0), reason);
     Target target = findTarget(ctx);
     if (!target.machine)
         return target.code;
-    QEMUEngine *e = target.engine;
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
@@ -803,7 +916,7 @@ int remove(Context &ctx)
     if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
     if (!e->deleteMachine(machine.get()))
-        return ctx.fail(Failed, QStringLiteral("could not delete device '%1'").arg(name));
+        return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     ctx.print(QStringLiteral("deleted '%1'").arg(name));
     return Success;
 }
@@ -820,74 +933,121 @@ bool parseBool(const QString &text, bool *ok)
     return false;
 }
 
+/// One change of 'device set', checked before any is applied.
+struct Change {
+    QString key;
+    qint64 number = 0;
+    bool flag = false;
+};
+
+/// Reads KEY=VALUE into change; Success, or the code of the refusal it
+/// reported.
+int parseChange(Context &ctx, const QString &item, bool running, Change *change)
+{
+    static const QStringList numbers = {"cpus", "ram", "sdcard-size"};
+    static const QStringList flags = {"quickboot", "root", "sdcard", "virtual-keyboard", "fullscreen"};
+    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
+    const int eq = item.indexOf(QLatin1Char('='));
+    change->key = item.left(eq);
+    const QString &key = change->key;
+    const QString value = item.mid(eq + 1);
+    if (eq <= 0 || !(numbers.contains(key) || flags.contains(key)))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2")
+                                   .arg(item, (numbers + flags).join(", ")));
+    if (running && hardware.contains(key))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key));
+    bool ok = false;
+    if (flags.contains(key)) {
+        change->flag = parseBool(value, &ok);
+        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
+    }
+    change->number = value.toLongLong(&ok);
+    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
+    // device.json keeps the sizes as numbers its reader takes as int.
+    const qint64 maximum = key == "cpus" ? 512 : std::numeric_limits<int>::max();
+    if (!ok || change->number < minimum || change->number > maximum)
+        return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
+                                   .arg(key)
+                                   .arg(minimum)
+                                   .arg(maximum)
+                                   .arg(value));
+    return Success;
+}
+
+bool applyChange(QEMUMachine &machine, const Change &change)
+{
+    const QString &key = change.key;
+    if (key == "cpus")
+        return machine.setCpuCount(int(change.number));
+    if (key == "ram")
+        return machine.setRamSize(change.number);
+    if (key == "sdcard-size")
+        return machine.setSdCardSize(change.number);
+    if (key == "quickboot")
+        return machine.setQuickbootEnabled(change.flag);
+    if (key == "root")
+        return machine.setRootAccessEnabled(change.flag);
+    if (key == "sdcard")
+        return machine.setSdCardInserted(change.flag);
+    if (key == "virtual-keyboard")
+        return machine.setVirtualKeyboardEnabled(change.flag);
+    return machine.setFullScreen(change.flag);
+}
+
+/// Names, before the changes apply, every snapshot they make unloadable: the
+/// snapshots are checked against a copy of the device that has them.
+void noteUnloadable(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QList<Change> &changes)
+{
+    MachinePtr changed(e->loadDevice(machine.getPath()));
+    if (!changed)
+        return;
+    HwProfile hardware = changed->getHwProfile();
+    for (const Change &change : changes) {
+        if (change.key == "cpus")
+            hardware.cpuCount = int(change.number);
+        else if (change.key == "ram")
+            hardware.ramSize = change.number;
+    }
+    changed->setHwProfile(hardware);
+    const QString name = machine.getName();
+    for (const QString &snapshot : snapshotNames(e, machine)) {
+        const QString mismatch = e->savedStateMismatch(changed.get(), snapshot);
+        if (mismatch.isEmpty() || !e->savedStateMismatch(&machine, snapshot).isEmpty())
+            continue;
+        if (snapshot == kLatest)
+            ctx.note(QStringLiteral("the quick-boot state of '%1' becomes unloadable: %2; the next start boots cold "
+                                    "and discards it")
+                         .arg(name, mismatch));
+        else
+            ctx.note(QStringLiteral("snapshot '%1' of '%2' becomes unloadable: %3; it loads again once the "
+                                    "device has its old settings")
+                         .arg(snapshot, name, mismatch));
+    }
+}
+
 int set(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     const bool running = machine->getStatus() == VMToolsMachine::On;
-    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
-    static const QStringList known = {"cpus", "ram", "quickboot", "root", "sdcard", "sdcard-size", "virtual-keyboard",
-                                      "fullscreen"};
 
     // Check everything before changing anything.
-    QList<QPair<QString, QString>> changes;
+    QList<Change> changes;
     for (const QString &item : ctx.args().mid(1)) {
-        const int eq = item.indexOf(QLatin1Char('='));
-        const QString key = item.left(eq);
-        if (eq <= 0 || !known.contains(key))
-            return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2").arg(item, known.join(", ")));
-        if (running && hardware.contains(key))
-            return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(name, key));
-        changes.append({key, item.mid(eq + 1)});
+        Change change;
+        const int refused = parseChange(ctx, item, running, &change);
+        if (refused != Success)
+            return refused;
+        changes.append(change);
     }
-    for (const auto &[key, value] : changes) {
-        bool ok = false;
-        bool stored = false;
-        if (key == "cpus" || key == "ram" || key == "sdcard-size") {
-            const qint64 number = value.toLongLong(&ok);
-            const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
-            // device.json keeps the sizes as numbers its reader takes as int.
-            const qint64 maximum = key == "cpus" ? 512 : std::numeric_limits<int>::max();
-            if (!ok || number < minimum || number > maximum)
-                return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
-                                           .arg(key)
-                                           .arg(minimum)
-                                           .arg(maximum)
-                                           .arg(value));
-            if (key == "cpus")
-                stored = machine->setCpuCount(int(number));
-            else if (key == "ram")
-                stored = machine->setRamSize(number);
-            else
-                stored = machine->setSdCardSize(number);
-        } else {
-            const bool flag = parseBool(value, &ok);
-            if (!ok)
-                return ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
-            if (key == "quickboot")
-                stored = machine->setQuickbootEnabled(flag);
-            else if (key == "root")
-                stored = machine->setRootAccessEnabled(flag);
-            else if (key == "sdcard")
-                stored = machine->setSdCardInserted(flag);
-            else if (key == "virtual-keyboard")
-                stored = machine->setVirtualKeyboardEnabled(flag);
-            else
-                stored = machine->setFullScreen(flag);
-        }
-        if (!stored)
-            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(key, name));
-    }
-    if (snapshotNames(e, *machine).contains(kLatest)) {
-        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
-        if (!mismatch.isEmpty())
-            ctx.note(QStringLiteral("the quick-boot state of '%1' was %2: it will be discarded at the next start, "
-                                    "which boots cold")
-                         .arg(name, mismatch));
+    noteUnloadable(ctx, e, *machine, changes);
+    for (const Change &change : changes) {
+        if (!applyChange(*machine, change))
+            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, name));
     }
     if (ctx.json())
         ctx.printJson(describe(e, *machine));
@@ -907,9 +1067,11 @@ void addDeviceCommands()
         << Command{{"device", "list"}, {}, "List the devices and their state.", {}, 0, 0, list}
         << Command{{"device", "show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show}
         << Command{{"device", "start"}, "NAME",
-                   "Start a device: resume its saved state when quick boot is on, else boot cold.",
-                   {{"cold", "Boot cold even when a saved state exists."},
-                    {"snapshot", "Start from this saved snapshot instead.", "SNAPSHOT"},
+                   "Start a device: resume its quick-boot state when quick boot is on and its last session ended "
+                   "by saving it, else boot cold with the disks as they are. A cold or snapshot start discards the "
+                   "quick-boot state.",
+                   {{"cold", "Boot cold even when a quick-boot state exists."},
+                    {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
                      "SECONDS"},
                     {"force", "Start even when the host seems short of memory for it."}},
@@ -919,7 +1081,9 @@ void addDeviceCommands()
                    1, 1, resume}
         << Command{{"device", "stop"}, "NAME",
                    "Stop a device gracefully, saving its state first when quick boot is on.",
-                   {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state."}}, 1, 1,
+                   {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state: the next start boots cold and keeps this session's disk "
+                                "writes. To return to a known state later, save a named snapshot and start with "
+                                "--snapshot NAME."}}, 1, 1,
                    stop}
         << Command{{"device", "snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList}
         << Command{{"device", "snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
@@ -928,8 +1092,10 @@ void addDeviceCommands()
                    2, 2, snapshotLoad}
         << Command{{"device", "snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2,
                    2, snapshotDelete}
-        << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a device under a new name and identity.", {}, 2, 2,
-                   clone}
+        << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a stopped device under a new name and identity.",
+                   {{"crash-consistent", "Copy a running device too: it is paused for the copy, which holds its "
+                                         "disks as a power cut at that moment would leave them."}},
+                   2, 2, clone}
         << Command{{"device", "reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset}
         << Command{{"device", "delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove}
         << Command{{"device", "set"}, "NAME KEY=VALUE...",

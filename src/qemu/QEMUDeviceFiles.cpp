@@ -42,9 +42,24 @@ QString QEMUDeviceFiles::savedStatesName()
     return QStringLiteral("snapshots.json");
 }
 
+QString QEMUDeviceFiles::sessionRecordName()
+{
+    return QStringLiteral("session.json");
+}
+
 QString QEMUDeviceFiles::qmpSocketName()
 {
     return QStringLiteral("qmp.sock");
+}
+
+QString QEMUDeviceFiles::commandLockName()
+{
+    return QStringLiteral("command.lock");
+}
+
+QString QEMUDeviceFiles::resetMarkerName()
+{
+    return QStringLiteral("reset.pending");
 }
 
 QString QEMUDeviceFiles::path(const QString &name) const
@@ -90,4 +105,19 @@ QString QEMUDeviceFiles::savedStates() const
 QString QEMUDeviceFiles::qmpSocket() const
 {
     return path(qmpSocketName());
+}
+
+QString QEMUDeviceFiles::commandLock() const
+{
+    return path(commandLockName());
+}
+
+QString QEMUDeviceFiles::resetMarker() const
+{
+    return path(resetMarkerName());
+}
+
+QString QEMUDeviceFiles::sessionRecord() const
+{
+    return path(sessionRecordName());
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LockFiles.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
@@ -10,9 +11,15 @@
 #include <QSet>
 #include <QString>
 
+#include <memory>
+
+class QEMUDeviceFiles;
 class QEMUMachine;
 namespace QEMULaunch {
 struct Request;
+}
+namespace LockFiles {
+class SharedLock;
 }
 
 /// The engine that runs devices with the QEMU emulator. It finds
@@ -57,7 +64,13 @@ public:
     /// worked, from its data disk and SD card. True when there is no such snapshot.
     bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const override;
     bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
+    /// Refuses a source that runs (see the overload).
     int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
+    /// Copies the device under a new name and identity. A source that runs is
+    /// refused unless crashConsistent: its guest is then paused (its disks
+    /// flushed) for the copy and goes on after it, so the clone has the disks
+    /// a power cut at that moment would have left.
+    int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
     /// Copies an image; an existing destination is never overwritten.
     bool copyDisk(const QString &source, const QString &destination) const override;
     /// Removes an image; true when none is left at the path.
@@ -83,6 +96,9 @@ public:
     /// Reads the version text by running the emulator with "--version".
     void initVersionString();
 
+    /// Points the qcow2 overlay disk at another backing file holding the
+    /// same data; the overlay's data is not touched.
+    bool rebaseDisk(const QString &disk, const QString &backing) const;
     /// Creates target as a qcow2 overlay of the qcow2 image backing; true
     /// when the tool finished successfully and the target exists.
     bool createDisk(const QFileInfo &backing, const QFileInfo &target) const;
@@ -108,32 +124,70 @@ public:
     /// when the disk work failed; nothing is left behind on failure.
     int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
                       const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
-    /// Rebuilds the device's system and data disks from the reference disks.
-    /// The new disks are made beside the old ones and renamed over them only
-    /// once both are complete, so a failure leaves the device as it was.
+    /// What a factory reset did.
+    enum class ResetResult {
+        Done,
+        /// Refused, or failed before any disk was replaced: the device is as it was.
+        Unchanged,
+        /// The new disks are complete but could not all take their names:
+        /// the next command on the device finishes the reset.
+        Pending,
+    };
+    /// Rebuilds the device's system and data disks from the reference disks
+    /// and drops the records of its saved states; the caller holds the
+    /// device's lock. The new disks are made beside the old ones, flushed to
+    /// disk, marked complete ("reset.pending") and only then renamed over
+    /// them: a kill at any step leaves the old device or one that the next
+    /// command finishes resetting (finishInterruptedReset()).
+    ResetResult resetDevice(const VMToolsMachine *machine) const;
+    /// resetDevice() is Done.
     bool resetFactory(const VMToolsMachine *machine) const;
+    /// Finishes a factory reset of the device that a killed command left
+    /// half-way: forward when its new disks were marked complete, else back
+    /// (the unfinished new disks are removed). The caller holds the lock.
+    /// False, logged, when a step failed.
+    bool finishInterruptedReset(const QString &devicePath) const;
 
     /// The directory of an image's reference disks: its image and Android
-    /// versions and its identity (the OVA's checksum), so that two images
-    /// never share disks.
+    /// versions and the sha-256 of its OVA as computed here (the last one
+    /// computed when the OVA is gone), never the one its record declares, so
+    /// that two OVAs never share disks. Empty when the checksum is unknown.
     static QString getReferenceDirectory(const OsImage &image);
-    /// The same for an OVA known only by its path and versions: its identity
-    /// is the checksum of its content.
+    /// The same for an OVA known only by its path and versions.
     static QString getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
                                          const VersionNumber &osVersion);
     /// Makes the image's reference disks once and whole: under a lock that
     /// every program shares, the OVA is extracted and converted in a
     /// temporary directory beside the final one, which gets its name, with a
     /// completion marker inside, only when everything worked. A directory
-    /// without the marker is never used: it is made again. The directory, or
-    /// an empty string on failure.
+    /// without the marker is never used: it is made again. The OVA's content
+    /// must have the checksum the directory is named after. The directory,
+    /// or an empty string on failure.
     QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// Registers a creation from the OVA as a user of the reference
+    /// directory, under the image's lock; it stays one until the result is
+    /// destroyed. Null, logged, when the locks cannot be taken.
+    std::unique_ptr<LockFiles::SharedLock> useReference(const QString &ovaPath, const QString &directory) const;
+    /// The reference directory the device's system disk is backed by, when
+    /// it is one of its image's; else its image's.
+    QString getDeviceReference(const VMToolsMachine *machine) const;
+    /// Moves a device whose system disk is backed by the reference disks of
+    /// the previous layout (directly in the image's versions directory) onto
+    /// the checksum-named directory, under the image's lock: the old disks
+    /// are linked there (or the OVA prepared) and the overlay rebased. The
+    /// old disks are removed once no disk in the devices directory uses
+    /// them. True when the device needs no move or was moved.
+    bool migrateDevice(const VMToolsMachine *machine) const;
+    /// Moves the device off the previous layout when it is on it; then
+    /// empty when its system disk's backing file exists, else why not.
+    QString checkReferenceDisks(const VMToolsMachine *machine) const;
     /// Whether the directory holds reference disks that were completed.
     static bool isReferenceComplete(const QString &directory);
-    /// Removes an image's reference disks unless a device uses them; the
-    /// devices that do are put in users.
-    bool removeReferenceDisks(const OsImage &image, QStringList *users);
-    /// The devices made from the image (same checksum and versions).
+    /// Removes an image's reference disks unless a device uses them (the
+    /// devices that do are put in users) or a creation from them is under
+    /// way (*creating is then set).
+    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
     /// The directories of the devices directory that hold no loadable
     /// device, each with the reason in words.
@@ -153,6 +207,16 @@ public:
     bool deleteBrokenMachine(const QString &name) const;
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
+    /// How long a command on a device waits for another one on it to end
+    /// before it gives up as busy.
+    static int deviceLockWaitMs();
+    /// Takes the device's command lock for command (the user's words, "hvtool
+    /// device start"), waiting at most deviceLockWaitMs(). Every command that
+    /// changes a device holds it from its first check to its last write, so
+    /// two never interleave. Once it is taken, a factory reset that a killed
+    /// command left half-way is finished or undone.
+    LockFiles::CommandLock::Result lockDevice(const QString &devicePath, const QString &command,
+                                              LockFiles::CommandLock *lock) const;
     /// The first port offset whose forwarded host ports are all free and that
     /// no running emulator holds in the port table; -1 when none is left.
     int computePortOffset() const;
@@ -180,6 +244,10 @@ public:
     /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
     bool recordSavedState(VMToolsMachine *machine, const QString &name) const;
     QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const override;
+    /// Set when the last session ended with the quick-boot save; a device
+    /// whose sessions were never recorded (made by an earlier version) is
+    /// taken as having saved.
+    QString unsavedSessionReason(const VMToolsMachine *machine) const override;
     /// A start that ended while the emulator loaded its saved state.
     bool isStateLoadFailure(int startResult) const override;
 
@@ -202,6 +270,14 @@ private:
     int launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const;
     /// Adds the launched emulator to the port table; the caller holds the lock.
     void recordPortOffset(const QEMUMachine *machine, int offset) const;
+    /// Called before each launch: a start from anything but the quick-boot
+    /// state discards that state (it would later resume onto newer disks),
+    /// and every session counts as unsaved until the quick-boot save ends it.
+    bool openSession(VMToolsMachine *machine, const QString &snapshotName) const;
+    /// Deletes the snapshot "latest" and its saved-state record.
+    bool discardQuickBootState(VMToolsMachine *machine) const;
+    /// Records whether the device's session ended with the quick-boot save.
+    bool recordSessionEnd(const VMToolsMachine *machine, bool endedWithSave) const;
     /// What a state saved now would depend on.
     QJsonObject describeSavedState(VMToolsMachine *machine) const;
     /// Checks an extracted reference disk before it is converted; false,
@@ -210,10 +286,26 @@ private:
     /// Extracts the OVA into the partial directory, converts its disks and
     /// writes the completion marker last.
     bool makeReferenceDisks(const QString &ovaPath, const QString &partial) const;
+    /// prepareReferenceDisks() with the image's lock held.
+    QString prepareLockedReference(const QString &ovaPath, const QString &directory) const;
+    /// Makes the checksum-named directory from the previous layout's disks.
+    bool adoptOldReference(const QString &oldDirectory, const QString &directory) const;
+    /// Removes the previous layout's disks once no disk uses them.
+    void reclaimOldReference(const QString &oldDirectory) const;
     /// Makes a device's disks over the reference directory (prepared first
     /// when needed); the codes of the disk-level createMachine.
     int createDevice(const QString &name, const QString &ovaPath, const QString &reference,
                      long long sdCardSize) const;
+    /// Makes the new disks of a factory reset under their temporary names
+    /// and flushes them and the directory; nothing is left on failure.
+    bool makeResetDisks(const QDir &reference, const QEMUDeviceFiles &files) const;
+    bool discardResetDisks(const QEMUDeviceFiles &files) const;
+    /// Gives the marked new disks of a reset their names and drops the
+    /// stale records and the marker; each step may be run again.
+    bool completeReset(const QEMUDeviceFiles &files) const;
+    /// Copies the source's directory into buildPath, without the files that
+    /// describe its emulator; see cloneMachine() for a running source.
+    bool copyDevice(VMToolsMachine *source, const QString &buildPath, bool crashConsistent) const;
     /// The loaded record of the device directory at path, owned by the
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;

@@ -1,6 +1,8 @@
 #include "QEMUSnapshotTable.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QtEndian>
 
 namespace {
@@ -10,6 +12,8 @@ constexpr quint32 kMaxSnapshots = 65536;
 constexpr quint32 kMaxExtraData = 1024;
 constexpr quint32 kHeaderSize = 72;
 constexpr quint32 kEntryFixedSize = 40;
+// The format keeps backing file names below 1024 bytes.
+constexpr quint32 kMaxBackingName = 1023;
 
 } // namespace
 
@@ -83,4 +87,23 @@ bool QEMUSnapshotTable::readNames(const QString &path, QStringList *names, QStri
     for (const QEMUSnapshotInfo &snapshot : snapshots)
         names->append(snapshot.name);
     return true;
+}
+
+QString QEMUSnapshotTable::backingFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    const QByteArray header = file.read(kHeaderSize);
+    if (header.size() < int(kHeaderSize) || !header.startsWith("QFI\xfb"))
+        return QString();
+    const auto *h = reinterpret_cast<const uchar *>(header.constData());
+    const quint64 offset = qFromBigEndian<quint64>(h + 8);
+    const quint32 size = qFromBigEndian<quint32>(h + 16);
+    if (offset == 0 || size == 0 || size > kMaxBackingName || !file.seek(qint64(offset)))
+        return QString();
+    const QByteArray name = file.read(size);
+    if (name.size() != int(size))
+        return QString();
+    return QDir::cleanPath(QFileInfo(path).absoluteDir().absoluteFilePath(QFile::decodeName(name)));
 }
