@@ -578,7 +578,7 @@ int start(Context &ctx)
     }
     if (expectResume && !quickBoot) {
         // The failed load's own words, when it was stopped rather than ended.
-        const QString why = machine->getStartFailure();
+        const QString why = machine->getStateLoadFailure();
         ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
                                 "one")
                      .arg(why.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(why)));

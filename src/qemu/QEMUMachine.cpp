@@ -482,6 +482,7 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
 int QEMUMachine::launch(const QString &program, const QStringList &arguments, unsigned short offset)
 {
     m_launchedPid = 0;
+    m_startFailure.clear();
     if (!m_engine) {
         qCritical() << "[VMTools]" << "Cannot start" << getName() << "without an engine";
         return StartFailed;
@@ -566,13 +567,14 @@ int QEMUMachine::waitUntilReady(const QString &snapshotName)
     case QEMUClient::Readiness::TimedOut:
         break;
     }
-    if (stateBytes > 0)
-        return abandonLaunch(StateLoadTimedOut,
-                             QStringLiteral("QEMU did not finish loading the saved state '%1' (%2 MiB) within %3 s "
+    if (stateBytes > 0) {
+        m_stateLoadFailure = QStringLiteral("QEMU did not finish loading the saved state '%1' (%2 MiB) within %3 s "
                                             "and was stopped")
                                  .arg(snapshotName)
                                  .arg(stateBytes >> 20)
-                                 .arg(timeoutMs / 1000.0));
+                                 .arg(timeoutMs / 1000.0);
+        return abandonLaunch(StateLoadTimedOut, m_stateLoadFailure);
+    }
     return abandonLaunch(NotReady, QStringLiteral("QEMU did not become ready within %1 s and was stopped")
                                        .arg(timeoutMs / 1000.0));
 }

@@ -163,11 +163,13 @@ public:
     int waitUntilReady(const QString &snapshotName);
     /// The launched emulator's pid (0 before a launch).
     long long launchedPid() const { return m_launchedPid; }
-    /// What went wrong in the last start of this record that was stopped
-    /// (a time-out, a protocol error), in words; empty when none was. A
-    /// later start that succeeds keeps it: a quick boot that fell back on a
-    /// cold boot tells why.
+    /// What went wrong in the last start, when the emulator was stopped (a
+    /// time-out, a protocol error), in words; empty otherwise.
     QString getStartFailure() const { return m_startFailure; }
+    /// Why the last load of a saved state by this record was stopped; kept
+    /// across later starts, so that a quick boot that fell back on a cold
+    /// boot tells why.
+    QString getStateLoadFailure() const { return m_stateLoadFailure; }
     /// The base time a start waits for the emulator to become ready, in ms
     /// ("HV_QEMU_READY_TIMEOUT_MS", by default 30 s).
     static int readyTimeoutMs();
@@ -206,4 +208,5 @@ private:
     long long m_launchedStartTime = 0;
     unsigned short m_launchedOffset = 0;
     QString m_startFailure;
+    QString m_stateLoadFailure;
 };

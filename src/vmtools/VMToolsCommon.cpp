@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
@@ -220,6 +221,27 @@ bool isEnded(const ProcStat &stat)
     return stat.state == 'Z' || stat.state == 'X';
 }
 
+// Whether a thread of the process has not ended yet. A killed process's
+// first thread can end (and show as a zombie) before the others, which still
+// hold its files, and the locks on them, until they end too.
+bool hasLiveThread(qint64 pid)
+{
+    const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
+    for (const QString &tid : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile file(tasks.filePath(tid + QStringLiteral("/stat")));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        // As in the process's own stat line: the state follows the last ')'.
+        const QByteArray line = file.read(4096);
+        const QByteArray rest = line.mid(line.lastIndexOf(')') + 1).simplified();
+        ProcStat stat;
+        stat.state = rest.isEmpty() ? 'X' : rest.at(0);
+        if (!isEnded(stat))
+            return true;
+    }
+    return false;
+}
+
 constexpr int kEndPollMs = 5;
 
 } // namespace
@@ -242,7 +264,7 @@ bool isSameProcess(qint64 pid, qint64 startTime)
         return false;
     // Without /proc (another system) the signal test is all there is.
     const ProcStat stat = readProcStat(pid);
-    if (isEnded(stat))
+    if (isEnded(stat) && !hasLiveThread(pid))
         return false;
     return startTime == 0 || stat.startTime == 0 || stat.startTime == startTime;
 }
