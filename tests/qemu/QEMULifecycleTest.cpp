@@ -6,6 +6,7 @@
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
@@ -73,6 +74,10 @@ TEST_F(QEMULifecycle, createsDevicesOverOneConvertedReference)
     EXPECT_TRUE(machine->isSdCardInserted());
     EXPECT_TRUE(m_engine->doesMachineExistInHypervisor("Created"));
     EXPECT_FALSE(m_engine->doesMachineExistInHypervisor("Absent"));
+    // A saved state depends on the OVA's own checksum, not on the "0" its record declares.
+    ASSERT_TRUE(m_engine->recordSavedState(machine.get(), "latest"));
+    const QJsonObject saved = QJsonDocument::fromJson(hvtest::readFile(QEMUDeviceFiles(device.path()).savedStates())).object();
+    EXPECT_EQ(saved["latest"].toObject()["image_sha256"].toString(), QString(fileHash(sharedOva())));
 
     // A second device of the same image reuses the reference disks.
     const QString referenceSystem = reference.absoluteFilePath("system.qcow2");
