@@ -2,9 +2,12 @@
 
 #include <QDateTime>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QFileInfo>
 #include <QLockFile>
 #include <QThread>
+
+#include <sys/stat.h>
 
 namespace LockFiles {
 
@@ -38,6 +41,9 @@ bool acquire(QLockFile &lock, const QString &path, int waitMs)
         QThread::msleep(static_cast<unsigned long>(qMin<qint64>(pauseMs, qMax<qint64>(deadline.remainingTime(), 1))));
         pauseMs = qMin(pauseMs * 2, kLongestPauseMs);
     }
+    // The lock file is made with the process's umask; it names the holder,
+    // which is nobody else's business.
+    ::chmod(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR);
     return true;
 }
 

@@ -162,7 +162,7 @@ QString sha256(const QString &path, const Progress &progress, QString *error)
 
 bool saveRecord(const OsImage &image, QString *file)
 {
-    QDir().mkpath(Paths::getUserOsImagePath());
+    FileUtils::makeDirectory(Paths::getUserOsImagePath());
     *file = QDir(Paths::getUserOsImagePath()).absoluteFilePath(Catalog::bareUuid(image.uuid) + ".json");
     return FileUtils::saveFile(*file, QJsonDocument(OsImageIO::toJsonObject(image)).toJson());
 }

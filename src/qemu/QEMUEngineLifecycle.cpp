@@ -108,7 +108,7 @@ int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const 
 {
     const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
     DirectoryCleaner cleaner{QDir(devicePath)};
-    if (!QDir().mkpath(devicePath)) {
+    if (!FileUtils::makeDirectory(devicePath)) {
         qCritical() << "[VMTools]" << "Failed to create directory" << devicePath;
         return 1;
     }

@@ -119,7 +119,7 @@ QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString 
     if (isReferenceComplete(directory))
         return directory;
     const QString parent = QFileInfo(directory).absolutePath();
-    if (!QDir().mkpath(parent)) {
+    if (!FileUtils::makeDirectory(parent)) {
         qCritical() << "[VMTools]" << "Failed to create directory" << parent;
         return QString();
     }
@@ -137,7 +137,7 @@ QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString 
 
     // Whatever is here now was left by a preparation that did not finish.
     const QString partial = directory + kPartialSuffix;
-    if (!cleanDirectory(directory) || !cleanDirectory(partial) || !QDir().mkpath(partial)) {
+    if (!cleanDirectory(directory) || !cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
         qCritical() << "[VMTools]" << "Failed to clean" << directory;
         return QString();
     }

@@ -6,6 +6,7 @@
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
 #include "EnvVars.h"
+#include "FileUtils.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
 
@@ -13,7 +14,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QUuid>
 
 #include <algorithm>
@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -438,15 +440,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     }
 
     const QString log = getLogFilePath();
-    QProcess process;
-    process.setProgram(program);
-    process.setArguments(arguments);
+    makeDevicePrivate();
     // The emulator outlives us: it must not hold our terminal or our output.
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(log, QIODevice::Truncate);
     qint64 pid = 0;
-    if (!process.startDetached(&pid)) {
+    if (!VMToolsCommon::startDetached(program, arguments, log, &pid)) {
         qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
                     << arguments.join(QLatin1String(", "));
         return StartFailed;
@@ -470,6 +467,7 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     const QEMUClient::Readiness readiness = probe.waitUntilRunning(
         [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
     if (readiness == QEMUClient::Readiness::Running) {
+        makeSocketPrivate(getQmpSocketPath());
         m_portOffset = offset;
         startTimer();
         return Started;
@@ -497,6 +495,28 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return StateNotLoaded;
     qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
+}
+
+void QEMUMachine::makeDevicePrivate() const
+{
+    // A device made or opened by an older version, or files the guest made
+    // in its shared folder, may still be open to other users: they are
+    // closed before the emulator runs again, wherever the device lives.
+    FileUtils::makePrivate(getPath());
+    makeSocketPrivate(getQmpSocketPath());
+}
+
+void QEMUMachine::makeSocketPrivate(const QString &socketPath)
+{
+    // Connecting takes write access to the socket and search access to its
+    // directory: neither is anyone else's.
+    const QByteArray directory = QFile::encodeName(QFileInfo(socketPath).absolutePath());
+    const QByteArray socket = QFile::encodeName(socketPath);
+    struct stat st;
+    if (::lstat(directory.constData(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 077) != 0)
+        ::chmod(directory.constData(), st.st_mode & 0700);
+    if (::lstat(socket.constData(), &st) == 0 && S_ISSOCK(st.st_mode))
+        ::chmod(socket.constData(), S_IRUSR | S_IWUSR);
 }
 
 int QEMUMachine::readyTimeoutMs()

@@ -146,6 +146,12 @@ public:
     bool waitForFinished();
 
 private:
+    /// Takes group and other access away from the control socket and the
+    /// directory it lies in.
+    static void makeSocketPrivate(const QString &socketPath);
+    /// Closes the device directory, everything in it and its control socket
+    /// to other users.
+    void makeDevicePrivate() const;
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);

@@ -139,7 +139,7 @@ bool VMToolsMachine::save() const
     if (m_holdingSaves)
         return true;
     const QDir dir(m_path + QLatin1String(kConfigDir));
-    if (!dir.mkpath(QStringLiteral("."))) {
+    if (!FileUtils::makeDirectory(dir.path())) {
         qCritical() << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
         return false;
     }
