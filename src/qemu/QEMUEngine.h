@@ -1,5 +1,6 @@
 #pragma once
 
+#include "OsImage.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
@@ -9,6 +10,8 @@
 #include <QPair>
 #include <QSet>
 #include <QString>
+
+#include <mutex>
 
 class QEMUMachine;
 
@@ -132,6 +135,9 @@ public:
     bool removeReferenceDisks(const OsImage &image, QStringList *users);
     /// The devices made from the image (same checksum and versions).
     QStringList getMachinesUsingImage(const OsImage &image);
+    /// The image registered under uuid among the user's OS image records
+    /// (read once per engine); an image without uuid when none is.
+    OsImage getRegisteredImage(const QString &uuid) const;
     /// The directories of the devices directory that hold no loadable
     /// device, each with the reason in words.
     QList<QPair<QString, QString>> getBrokenMachines() const;
@@ -184,6 +190,10 @@ protected:
     QString m_qemuImgBinaryPath;
     QString m_firmwareDirPath;
     bool m_accelerationSupported = true;
+
+private:
+    mutable std::once_flag m_registryRead;
+    mutable QList<OsImage> m_registeredImages;
 
 private:
     /// What a state saved now would depend on.

@@ -337,6 +337,9 @@ QString QEMUEngine::brokenReason(const QString &path) const
         return QStringLiteral("it has no device configuration file '%1'").arg(config);
     if (!FileUtils::loadJson(config).isObject())
         return QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
+    const QString problem = record.VMToolsMachine::load() ? record.recordProblem() : QString();
+    if (!problem.isEmpty())
+        return problem;
     return QStringLiteral("its device configuration file '%1' does not describe a device of this engine "
                           "with a valid hardware profile")
         .arg(config);

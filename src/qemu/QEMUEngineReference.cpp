@@ -6,6 +6,7 @@
 #include "Archive.h"
 #include "FileUtils.h"
 #include "OsImage.h"
+#include "OsImageIO.h"
 #include "Paths.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
@@ -16,6 +17,7 @@
 #include <QFile>
 #include <QLockFile>
 #include <QRegularExpression>
+#include <QUuid>
 
 #include <cerrno>
 #include <cstdio>
@@ -192,6 +194,20 @@ QStringList QEMUEngine::getMachinesUsingImage(const OsImage &image)
         delete machine;
     }
     return users;
+}
+
+OsImage QEMUEngine::getRegisteredImage(const QString &uuid) const
+{
+    // Devices are loaded on several threads at once; the records are read
+    // by the first of them.
+    std::call_once(m_registryRead,
+                   [this] { m_registeredImages = OsImageIO::loadFromDirectory(Paths::getUserOsImagePath()); });
+    const QUuid wanted = QUuid::fromString(uuid);
+    for (const OsImage &image : qAsConst(m_registeredImages)) {
+        if (wanted.isNull() ? image.uuid == uuid : QUuid::fromString(image.uuid) == wanted)
+            return image;
+    }
+    return OsImage();
 }
 
 bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users)

@@ -81,8 +81,62 @@ bool QEMUMachine::load()
         qWarning() << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
         return false;
     }
+    const QString problem = recordProblem();
+    if (!problem.isEmpty()) {
+        qWarning().noquote() << "[VMTools]"
+                             << QStringLiteral("Refusing the record of device \"%1\": %2").arg(getName(), problem);
+        return false;
+    }
     setOnLoadStatus(getStatus());
     return true;
+}
+
+QString QEMUMachine::recordProblem() const
+{
+    const qint64 ram = getRamSize();
+    if (ram < HwProfile::MinRamSize || ram > HwProfile::MaxRamSize)
+        return QStringLiteral("its record gives it %1 MB of RAM, outside %2 to %3")
+            .arg(ram)
+            .arg(HwProfile::MinRamSize)
+            .arg(HwProfile::MaxRamSize);
+    const int cpus = getCpuCount();
+    if (cpus < 1 || cpus > HwProfile::MaxCpuCount)
+        return QStringLiteral("its record gives it %1 processors, outside 1 to %2").arg(cpus).arg(HwProfile::MaxCpuCount);
+    const QString image = imageProblem();
+    return image.isEmpty() ? referenceProblem() : image;
+}
+
+QString QEMUMachine::imageProblem() const
+{
+    if (!m_engine)
+        return QString();
+    const OsImage recorded = getOsImage();
+    const OsImage registered = m_engine->getRegisteredImage(recorded.uuid);
+    if (registered.uuid.isEmpty()
+        || (recorded.imageUri == registered.imageUri
+            && recorded.imageHash.compare(registered.imageHash, Qt::CaseInsensitive) == 0
+            && recorded.imageVersion == registered.imageVersion && recorded.osVersion == registered.osVersion))
+        return QString();
+    return QStringLiteral("its record names the image '%1' at '%2' with checksum '%3', but that image is registered "
+                          "at '%4' with checksum '%5'")
+        .arg(recorded.uuid, recorded.imageUri, recorded.imageHash, registered.imageUri, registered.imageHash);
+}
+
+QString QEMUMachine::referenceProblem() const
+{
+    const QString backing = QEMUSnapshotTable::readBackingFile(files().systemDisk());
+    if (backing.isEmpty())
+        return QString();
+    const OsImage image = getOsImage();
+    const QString directory = QDir::cleanPath(QFileInfo(backing).absolutePath());
+    const QString recorded = QDir::cleanPath(QEMUEngine::getReferenceDirectory(image));
+    // Devices made before reference disks were kept per checksum are backed
+    // by the disks in the directory of the image's versions.
+    const QString versions = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    if (directory == recorded || directory == versions)
+        return QString();
+    return QStringLiteral("its record names the reference disks in '%1', but its system disk is backed by '%2'")
+        .arg(recorded, backing);
 }
 
 bool QEMUMachine::reloadProperties()

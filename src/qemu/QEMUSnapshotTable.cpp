@@ -10,6 +10,7 @@ constexpr quint32 kMaxSnapshots = 65536;
 constexpr quint32 kMaxExtraData = 1024;
 constexpr quint32 kHeaderSize = 72;
 constexpr quint32 kEntryFixedSize = 40;
+constexpr quint32 kMaxBackingFileName = 1023;
 
 } // namespace
 
@@ -83,4 +84,21 @@ bool QEMUSnapshotTable::readNames(const QString &path, QStringList *names, QStri
     for (const QEMUSnapshotInfo &snapshot : snapshots)
         names->append(snapshot.name);
     return true;
+}
+
+QString QEMUSnapshotTable::readBackingFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    const QByteArray header = file.read(kHeaderSize);
+    if (header.size() < int(kHeaderSize) || !header.startsWith("QFI\xfb"))
+        return QString();
+    const auto *h = reinterpret_cast<const uchar *>(header.constData());
+    const quint64 offset = qFromBigEndian<quint64>(h + 8);
+    const quint32 size = qFromBigEndian<quint32>(h + 16);
+    if (offset == 0 || size == 0 || size > kMaxBackingFileName || !file.seek(qint64(offset)))
+        return QString();
+    const QByteArray name = file.read(size);
+    return name.size() == int(size) ? QFile::decodeName(name) : QString();
 }

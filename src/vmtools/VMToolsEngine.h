@@ -162,6 +162,11 @@ public:
     /// (with a warning) when the setting is not an absolute path.
     static QString getDevicesDirectorySetting();
 
+private:
+    /// Closes each device directory in a devices directory outside the data
+    /// tree that other users can still enter, with everything in it.
+    void closeOpenDevices() const;
+
 protected:
     QString m_text;
     AbstractHwProfileListController *m_migrationController = nullptr;

@@ -76,7 +76,12 @@ void VMToolsMachine::setPath(const QString &path)
 
 QString VMToolsMachine::getConfigFilePath() const
 {
-    return m_path + QLatin1String(kConfigDir) + QLatin1Char('/') + QLatin1String(kConfigFileName);
+    return configFilePath(m_path);
+}
+
+QString VMToolsMachine::configFilePath(const QString &deviceDir)
+{
+    return deviceDir + QLatin1String(kConfigDir) + QLatin1Char('/') + QLatin1String(kConfigFileName);
 }
 
 bool VMToolsMachine::hasConfigFile() const
