@@ -7,7 +7,12 @@
 #include <QLockFile>
 #include <QThread>
 
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace LockFiles {
 
@@ -45,6 +50,41 @@ bool acquire(QLockFile &lock, const QString &path, int waitMs)
     // which is nobody else's business.
     ::chmod(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR);
     return true;
+}
+
+SharedLock::SharedLock(const QString &path)
+    : m_path(path)
+{
+}
+
+SharedLock::~SharedLock()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+bool SharedLock::lockShared()
+{
+    return lock(LOCK_SH);
+}
+
+bool SharedLock::tryLockExclusive()
+{
+    return lock(LOCK_EX | LOCK_NB);
+}
+
+bool SharedLock::lock(int operation)
+{
+    if (m_fd < 0)
+        m_fd = ::open(QFile::encodeName(m_path).constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    int result = m_fd < 0 ? -1 : 0;
+    while (result == 0 && (result = ::flock(m_fd, operation)) != 0 && errno == EINTR)
+        result = 0;
+    if (result != 0) {
+        m_errno = errno;
+        m_error = QString::fromLocal8Bit(std::strerror(m_errno));
+    }
+    return result == 0;
 }
 
 } // namespace LockFiles

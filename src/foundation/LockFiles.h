@@ -2,6 +2,8 @@
 
 #include "halvistromcore_export.h"
 
+#include <QString>
+
 class QLockFile;
 class QString;
 
@@ -16,5 +18,35 @@ namespace LockFiles {
 /// is taken over. False when the wait ran out or the lock cannot be made;
 /// lock.error() tells which.
 HALVISTROM_CORE_EXPORT bool acquire(QLockFile &lock, const QString &path, int waitMs);
+
+/// A lock that any number of holders share and one holder takes alone, on
+/// the file at path (made when missing). The kernel lets go of it when its
+/// holder ends, however it ends, so it never goes stale. Released when the
+/// object is destroyed.
+class HALVISTROM_CORE_EXPORT SharedLock
+{
+public:
+    explicit SharedLock(const QString &path);
+    ~SharedLock();
+    SharedLock(const SharedLock &) = delete;
+    SharedLock &operator=(const SharedLock &) = delete;
+
+    /// Takes a share, waiting while a holder has the lock alone.
+    bool lockShared();
+    /// Takes the lock alone if nobody holds a share or the whole of it now.
+    bool tryLockExclusive();
+    /// Why the last call failed, in the system's words.
+    QString errorString() const { return m_error; }
+    /// The errno of the last failure: EWOULDBLOCK when the lock was held.
+    int error() const { return m_errno; }
+
+private:
+    bool lock(int operation);
+
+    QString m_path;
+    QString m_error;
+    int m_errno = 0;
+    int m_fd = -1;
+};
 
 } // namespace LockFiles

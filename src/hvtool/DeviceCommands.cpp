@@ -426,6 +426,16 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
+/// Moves a device of the previous layout onto its image's reference disks;
+/// refuses one whose system disk has lost its backing file.
+int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
+{
+    const QString problem = e->checkReferenceDisks(&machine);
+    if (problem.isEmpty())
+        return Success;
+    return ctx.fail(Failed, QStringLiteral("device '%1' cannot be used: %2").arg(machine.getName(), problem));
+}
+
 int start(Context &ctx)
 {
     Target target = findTarget(ctx);
@@ -436,6 +446,8 @@ int start(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
+    if (checkBacking(ctx, e, *machine) != Success)
+        return Failed;
 
     int waitSeconds = 0;
     if (ctx.isSet(QStringLiteral("wait"))) {
@@ -679,6 +691,8 @@ int clone(Context &ctx)
     if (e->doesMachineExist(newName))
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     const bool running = machine->getStatus() == VMToolsMachine::On;
+    if (!running && checkBacking(ctx, e, *machine) != Success)
+        return Failed;
     if (running)
         ctx.note(QStringLiteral("device '%1' is running: its disks are copied as they are now").arg(machine->getName()));
 
@@ -712,6 +726,8 @@ int reset(Context &ctx)
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
         return refuseRunning(ctx, *machine);
+    if (checkBacking(ctx, target.engine, *machine) != Success)
+        return Failed;
     const QStringList snapshots = snapshotNames(target.engine, *machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));

@@ -7,6 +7,7 @@
 #include "Archive.h"
 #include "FileUtils.h"
 #include "HalvistromAppUtils.h"
+#include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
 #include "QEMUEngine.h"
@@ -14,7 +15,6 @@
 #include "mtar.h"
 
 #include <QCoreApplication>
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -135,29 +135,43 @@ QString inspectOva(Context &ctx, const QString &path, int *code)
     return QString();
 }
 
-QString sha256(const QString &path, const Progress &progress, QString *error)
+/// The OVA's sha-256, computed now from its content with the progress shown.
+QString hashOva(const QString &path, QString *error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = file.errorString();
-        return QString();
+    Progress progress(QStringLiteral("hashing %1").arg(QFileInfo(path).fileName()), QFileInfo(path).size());
+    const QString checksum = OsImageChecksum::compute(path, [&](qint64 done) { progress.update(done); }, error);
+    progress.finish();
+    return checksum;
+}
+
+/// An OVA is registered once: its checksum names its reference disks.
+int refuseRegistered(Context &ctx, const QString &path, const QString &checksum)
+{
+    for (const Stored<OsImage> &existing : Catalog::images()) {
+        if (existing.value.imageHash.compare(checksum, Qt::CaseInsensitive) == 0)
+            return ctx.fail(Conflict, QStringLiteral("'%1' is already registered as image '%2' (%3, record '%4')")
+                                          .arg(path, existing.value.name, Catalog::bareUuid(existing.value.uuid),
+                                               existing.file));
     }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    QByteArray buffer(1 << 20, Qt::Uninitialized);
-    qint64 done = 0;
-    for (;;) {
-        const qint64 n = file.read(buffer.data(), buffer.size());
-        if (n < 0) {
-            *error = file.errorString();
-            return QString();
-        }
-        if (n == 0)
-            break;
-        hash.addData(buffer.constData(), int(n));
-        done += n;
-        progress.update(done);
-    }
-    return QString::fromLatin1(hash.result().toHex());
+    return Success;
+}
+
+/// Refuses a record whose OVA is here but whose declared checksum is not
+/// that of the OVA's content, or one for an OVA already registered.
+int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
+{
+    if (!image->isImageAvailableLocally())
+        return refuseRegistered(ctx, path, image->imageHash);
+    QString error;
+    const QString checksum = hashOva(image->getLocalPath(), &error);
+    if (checksum.isEmpty())
+        return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(image->getLocalPath(), error));
+    if (image->imageHash.compare(checksum, Qt::CaseInsensitive) != 0)
+        return ctx.fail(Failed, QStringLiteral("'%1' declares sha-256 %2 but its OVA '%3' has sha-256 %4; nothing was "
+                                               "registered")
+                                    .arg(path, image->imageHash, image->getLocalPath(), checksum));
+    image->imageHash = checksum;
+    return refuseRegistered(ctx, path, checksum);
 }
 
 bool saveRecord(const OsImage &image, QString *file)
@@ -196,6 +210,9 @@ int addRecord(Context &ctx, const QString &path)
     Stored<OsImage> existing;
     if (Catalog::findImage(image.uuid, &existing))
         return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
+    const int refused = checkRecordOva(ctx, path, &image);
+    if (refused != Success)
+        return refused;
     // An OVA already on this machine is inspected now; one still to be
     // downloaded is inspected before its disks are converted.
     if (image.isImageAvailableLocally()) {
@@ -248,21 +265,12 @@ int addOva(Context &ctx, const QString &path)
     image.sdkVersion = VersionUtils::androidVersionToApi(android);
     image.version = OsImageIO::currentVersion();
 
-    Progress progress(QStringLiteral("hashing %1").arg(info.fileName()), info.size());
     QString error;
-    image.imageHash = sha256(info.absoluteFilePath(), progress, &error);
-    progress.finish();
+    image.imageHash = hashOva(info.absoluteFilePath(), &error);
     if (image.imageHash.isEmpty())
         return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
-    // An OVA is registered once: its checksum names its reference disks.
-    for (const Stored<OsImage> &existing : Catalog::images()) {
-        if (existing.value.imageHash.compare(image.imageHash, Qt::CaseInsensitive) == 0)
-            return ctx.fail(Conflict, QStringLiteral("'%1' is already registered as image '%2' (%3, record '%4')")
-                                          .arg(path, existing.value.name, Catalog::bareUuid(existing.value.uuid),
-                                               existing.file));
-    }
-
-    return registerImage(ctx, image);
+    const int refused = refuseRegistered(ctx, path, image.imageHash);
+    return refused != Success ? refused : registerImage(ctx, image);
 }
 
 int add(Context &ctx)
@@ -292,7 +300,12 @@ int remove(Context &ctx)
     if (!e)
         return code;
     QStringList users;
-    if (!e->removeReferenceDisks(found.value, &users)) {
+    bool creating = false;
+    if (!e->removeReferenceDisks(found.value, &users, &creating)) {
+        if (creating)
+            return ctx.fail(Conflict, QStringLiteral("image '%1' is in use by a device creation under way; try again "
+                                                     "when it has ended")
+                                          .arg(found.value.name));
         if (!users.isEmpty())
             return ctx.fail(Conflict, QStringLiteral("image '%1' is used by device(s) %2; delete them first")
                                           .arg(found.value.name, QLatin1Char('\'') + users.join(QStringLiteral("', '"))

@@ -11,9 +11,13 @@
 #include <QSet>
 #include <QString>
 
+#include <memory>
 #include <mutex>
 
 class QEMUMachine;
+namespace LockFiles {
+class SharedLock;
+}
 
 /// The engine that runs devices with the QEMU emulator. It finds
 /// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
@@ -83,6 +87,9 @@ public:
     /// Reads the version text by running the emulator with "--version".
     void initVersionString();
 
+    /// Points the qcow2 overlay disk at another backing file holding the
+    /// same data; the overlay's data is not touched.
+    bool rebaseDisk(const QString &disk, const QString &backing) const;
     /// Creates target as a qcow2 overlay of the qcow2 image backing; true
     /// when the tool finished successfully and the target exists.
     bool createDisk(const QFileInfo &backing, const QFileInfo &target) const;
@@ -114,26 +121,45 @@ public:
     bool resetFactory(const VMToolsMachine *machine) const;
 
     /// The directory of an image's reference disks: its image and Android
-    /// versions and its identity (the OVA's checksum), so that two images
-    /// never share disks.
+    /// versions and the sha-256 of its OVA as computed here (the last one
+    /// computed when the OVA is gone), never the one its record declares, so
+    /// that two OVAs never share disks. Empty when the checksum is unknown.
     static QString getReferenceDirectory(const OsImage &image);
-    /// The same for an OVA known only by its path and versions: its identity
-    /// is the checksum of its content.
+    /// The same for an OVA known only by its path and versions.
     static QString getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
                                          const VersionNumber &osVersion);
     /// Makes the image's reference disks once and whole: under a lock that
     /// every program shares, the OVA is extracted and converted in a
     /// temporary directory beside the final one, which gets its name, with a
     /// completion marker inside, only when everything worked. A directory
-    /// without the marker is never used: it is made again. The directory, or
-    /// an empty string on failure.
+    /// without the marker is never used: it is made again. The OVA's content
+    /// must have the checksum the directory is named after. The directory,
+    /// or an empty string on failure.
     QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// Registers a creation from the OVA as a user of the reference
+    /// directory, under the image's lock; it stays one until the result is
+    /// destroyed. Null, logged, when the locks cannot be taken.
+    std::unique_ptr<LockFiles::SharedLock> useReference(const QString &ovaPath, const QString &directory) const;
+    /// The reference directory the device's system disk is backed by, when
+    /// it is one of its image's; else its image's.
+    QString getDeviceReference(const VMToolsMachine *machine) const;
+    /// Moves a device whose system disk is backed by the reference disks of
+    /// the previous layout (directly in the image's versions directory) onto
+    /// the checksum-named directory, under the image's lock: the old disks
+    /// are linked there (or the OVA prepared) and the overlay rebased. The
+    /// old disks are removed once no disk in the devices directory uses
+    /// them. True when the device needs no move or was moved.
+    bool migrateDevice(const VMToolsMachine *machine) const;
+    /// Moves the device off the previous layout when it is on it; then
+    /// empty when its system disk's backing file exists, else why not.
+    QString checkReferenceDisks(const VMToolsMachine *machine) const;
     /// Whether the directory holds reference disks that were completed.
     static bool isReferenceComplete(const QString &directory);
-    /// Removes an image's reference disks unless a device uses them; the
-    /// devices that do are put in users.
-    bool removeReferenceDisks(const OsImage &image, QStringList *users);
-    /// The devices made from the image (same checksum and versions).
+    /// Removes an image's reference disks unless a device uses them (the
+    /// devices that do are put in users) or a creation from them is under
+    /// way (*creating is then set).
+    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
     /// The image registered under uuid among the user's OS image records
     /// (read once per engine); an image without uuid when none is.
@@ -204,6 +230,12 @@ private:
     /// Extracts the OVA into the partial directory, converts its disks and
     /// writes the completion marker last.
     bool makeReferenceDisks(const QString &ovaPath, const QString &partial) const;
+    /// prepareReferenceDisks() with the image's lock held.
+    QString prepareLockedReference(const QString &ovaPath, const QString &directory) const;
+    /// Makes the checksum-named directory from the previous layout's disks.
+    bool adoptOldReference(const QString &oldDirectory, const QString &directory) const;
+    /// Removes the previous layout's disks once no disk uses them.
+    void reclaimOldReference(const QString &oldDirectory) const;
     /// Makes a device's disks over the reference directory (prepared first
     /// when needed); the codes of the disk-level createMachine.
     int createDevice(const QString &name, const QString &ovaPath, const QString &reference,

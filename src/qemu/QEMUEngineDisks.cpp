@@ -63,6 +63,18 @@ bool QEMUEngine::createDisk(const QFileInfo &backing, const QFileInfo &target) c
     return true;
 }
 
+bool QEMUEngine::rebaseDisk(const QString &disk, const QString &backing) const
+{
+    const VMToolsCommon::CallResult result = VMToolsCommon::call(
+        m_qemuImgBinaryPath, {QStringLiteral("rebase"), QStringLiteral("-u"), QStringLiteral("-f"), QStringLiteral("qcow2"),
+                              QStringLiteral("-b"), backing, QStringLiteral("-F"), QStringLiteral("qcow2"), disk});
+    if (!succeeded(result)) {
+        qCritical() << "[VMTools]" << "Failed to rebase" << disk << "onto" << backing << "." << result.error.trimmed();
+        return false;
+    }
+    return true;
+}
+
 bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) const
 {
     if (!source.exists()) {

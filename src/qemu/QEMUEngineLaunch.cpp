@@ -101,6 +101,9 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
         qInfo() << "[VMTools]" << "Virtual Machine status: on. Nothing to do.";
         return QEMUMachine::Started;
     }
+    // A device of the previous layout starts either way; moved first, it
+    // keeps working once the old reference disks are gone.
+    migrateDevice(machine);
 
     const QDir device(machine->getPath());
     machine->loadCapabilities();

@@ -6,6 +6,7 @@
 
 #include "FileUtils.h"
 #include "HwProfile.h"
+#include "LockFiles.h"
 #include "OsImage.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
@@ -100,7 +101,9 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
-    return createDevice(name, ovaPath, getReferenceDirectory(ovaPath, imageVersion, osVersion), sdCardSize);
+    const QString reference = getReferenceDirectory(ovaPath, imageVersion, osVersion);
+    const auto use = useReference(ovaPath, reference);
+    return use ? createDevice(name, ovaPath, reference, sdCardSize) : 1;
 }
 
 int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const QString &referencePath,
@@ -141,8 +144,11 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
+    // A user of the image's reference disks until its record is saved.
+    const QString reference = getReferenceDirectory(image);
+    const auto use = useReference(image.getLocalPath(), reference);
     DirectoryCleaner cleaner{QDir(devicePath)};
-    const int code = createDevice(name, image.getLocalPath(), getReferenceDirectory(image), profile.sdCardSize);
+    const int code = use ? createDevice(name, image.getLocalPath(), reference, profile.sdCardSize) : 1;
     if (code != 0) {
         qCritical() << "[VMTools]" << "Failed to create device" << name;
         return code;
@@ -241,7 +247,8 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
-    const QDir reference(getReferenceDirectory(machine->getOsImage()));
+    migrateDevice(machine);
+    const QDir reference(getDeviceReference(machine));
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
     if (!isReferenceComplete(reference.absolutePath())) {

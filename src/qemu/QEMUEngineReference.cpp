@@ -6,17 +6,19 @@
 #include "Archive.h"
 #include "FileUtils.h"
 #include "OsImage.h"
+#include "LockFiles.h"
+#include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "QEMUSnapshotTable.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 
-#include <QCryptographicHash>
 #include <QDebug>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QLockFile>
-#include <QRegularExpression>
 #include <QUuid>
 
 #include <cerrno>
@@ -33,34 +35,22 @@ namespace {
 const QString kCompleteMarker = QStringLiteral(".complete");
 const QString kPartialSuffix = QStringLiteral(".partial");
 const QString kLockSuffix = QStringLiteral(".lock");
+// Shared by every creation under way from the image, taken alone by its
+// removal.
+const QString kUsersSuffix = QStringLiteral(".users");
 const char *const kDiskNames[] = {"system", "data"};
 // A large image takes minutes to extract and convert; a program that waits
 // for another one to finish it waits that long, but not forever.
 constexpr int kReferenceLockTimeoutMs = 30 * 60 * 1000;
 
-// The identity as a directory name: a checksum in hex is used as it is,
-// anything else by its own hash, so a record's text never reaches the path.
-QString identityName(const QString &identity)
-{
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-fA-F]{1,128}$"));
-    if (hex.match(identity).hasMatch())
-        return identity.toLower();
-    return QString::fromLatin1(QCryptographicHash::hash(identity.toUtf8(), QCryptographicHash::Sha256).toHex());
-}
-
+// The directory is named after the OVA's checksum as this engine computed
+// it: a record's text never reaches the path.
 QString referenceDirectory(const VersionNumber &imageVersion, const VersionNumber &osVersion,
-                           const QString &identity)
+                           const QString &checksum)
 {
-    return QDir(Paths::getSystemImagePath(imageVersion, osVersion)).absoluteFilePath(identityName(identity));
-}
-
-QString fileSha256(const QString &path)
-{
-    QFile file(path);
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+    if (!OsImageChecksum::isChecksum(checksum))
         return QString();
-    return QString::fromLatin1(hash.result().toHex());
+    return QDir(Paths::getSystemImagePath(imageVersion, osVersion)).absoluteFilePath(checksum);
 }
 
 // The rename of a directory lives in its parent; flushed so that a power cut
@@ -86,24 +76,79 @@ bool syncFile(const QString &path)
     return synced;
 }
 
+// One program works on an image's reference disks at a time. A holder that
+// died is known by its pid, or by a lock file that never got one.
+bool lockReference(QLockFile &lock, const QString &directory)
+{
+    const QString path = directory + kLockSuffix;
+    lock.setStaleLockTime(0);
+    if (!LockFiles::acquire(lock, path, kReferenceLockTimeoutMs)) {
+        qCritical() << "[VMTools]" << "Failed to lock" << path << "error" << lock.error();
+        return false;
+    }
+    return true;
+}
+
+QString diskPath(const QString &directory, const char *name, const char *suffix)
+{
+    return QDir(directory).absoluteFilePath(QLatin1String(name) + QLatin1String(suffix));
+}
+
+// Whatever is in the directory or its partial twin now was left by a
+// preparation that did not finish.
+bool startPartial(const QString &directory)
+{
+    const QString partial = directory + kPartialSuffix;
+    if (!QEMUEngine::cleanDirectory(directory) || !QEMUEngine::cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
+        qCritical() << "[VMTools]" << "Failed to clean" << directory;
+        return false;
+    }
+    return true;
+}
+
+// The completed partial directory takes its name in one rename.
+bool publishPartial(const QString &directory)
+{
+    const QString partial = directory + kPartialSuffix;
+    if (std::rename(QFile::encodeName(partial).constData(), QFile::encodeName(directory).constData()) != 0) {
+        qCritical() << "[VMTools]" << "Failed to rename" << partial << "to" << directory << ":"
+                    << std::strerror(errno);
+        return false;
+    }
+    syncDirectory(QFileInfo(directory).absolutePath());
+    return true;
+}
+
+bool makeParent(const QString &directory)
+{
+    const QString parent = QFileInfo(directory).absolutePath();
+    if (directory.isEmpty() || !FileUtils::makeDirectory(parent)) {
+        qCritical() << "[VMTools]" << "Failed to create directory" << parent;
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 QString QEMUEngine::getReferenceDirectory(const OsImage &image)
 {
-    return referenceDirectory(image.imageVersion, image.osVersion, image.imageHash);
+    // The OVA may be gone since its disks were made; its checksum is not.
+    const QString ova = image.getLocalPath();
+    const QString checksum = QFileInfo::exists(ova) ? OsImageChecksum::get(ova) : OsImageChecksum::lastKnown(ova);
+    return referenceDirectory(image.imageVersion, image.osVersion, checksum);
 }
 
 QString QEMUEngine::getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
                                           const VersionNumber &osVersion)
 {
-    const QString checksum = fileSha256(ovaPath);
-    return referenceDirectory(imageVersion, osVersion, checksum.isEmpty() ? ovaPath : checksum);
+    return referenceDirectory(imageVersion, osVersion, OsImageChecksum::get(ovaPath));
 }
 
 bool QEMUEngine::isReferenceComplete(const QString &directory)
 {
     const QDir dir(directory);
-    return dir.exists(kCompleteMarker) && dir.exists(QEMUDeviceFiles::systemDiskName())
+    return !directory.isEmpty() && dir.exists(kCompleteMarker) && dir.exists(QEMUDeviceFiles::systemDiskName())
         && dir.exists(QEMUDeviceFiles::dataDiskName());
 }
 
@@ -118,42 +163,39 @@ bool QEMUEngine::validateReferenceDisk(const QString &path) const
 
 QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString &directory) const
 {
-    if (isReferenceComplete(directory))
-        return directory;
-    const QString parent = QFileInfo(directory).absolutePath();
-    if (!FileUtils::makeDirectory(parent)) {
-        qCritical() << "[VMTools]" << "Failed to create directory" << parent;
+    if (directory.isEmpty()) {
+        qCritical() << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
         return QString();
     }
+    if (isReferenceComplete(directory))
+        return directory;
     // One program prepares an image at a time; the others wait for it and
-    // then find the directory complete. A holder that died is known by its
-    // pid, so the wait is never for a lock nobody holds.
+    // then find the directory complete.
     QLockFile lock(directory + kLockSuffix);
-    lock.setStaleLockTime(0);
-    if (!lock.tryLock(kReferenceLockTimeoutMs)) {
-        qCritical() << "[VMTools]" << "Failed to lock" << directory + kLockSuffix << "error" << lock.error();
+    if (!makeParent(directory) || !lockReference(lock, directory))
         return QString();
-    }
+    return prepareLockedReference(ovaPath, directory);
+}
+
+QString QEMUEngine::prepareLockedReference(const QString &ovaPath, const QString &directory) const
+{
     if (isReferenceComplete(directory))
         return directory;
-
-    // Whatever is here now was left by a preparation that did not finish.
-    const QString partial = directory + kPartialSuffix;
-    if (!cleanDirectory(directory) || !cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << directory;
+    // The name may come from a checksum kept from an earlier read of the
+    // file: the disks are made only from content that has that checksum.
+    QString error;
+    const QString checksum = OsImageChecksum::compute(ovaPath, {}, &error);
+    if (checksum != QFileInfo(directory).fileName()) {
+        qCritical() << "[VMTools]" << "The OVA" << ovaPath << "has sha-256"
+                    << (checksum.isEmpty() ? error : checksum) << "not" << QFileInfo(directory).fileName();
         return QString();
     }
-    if (!makeReferenceDisks(ovaPath, partial)) {
-        cleanDirectory(partial);
+    if (!startPartial(directory))
+        return QString();
+    if (!makeReferenceDisks(ovaPath, directory + kPartialSuffix) || !publishPartial(directory)) {
+        cleanDirectory(directory + kPartialSuffix);
         return QString();
     }
-    if (std::rename(QFile::encodeName(partial).constData(), QFile::encodeName(directory).constData()) != 0) {
-        qCritical() << "[VMTools]" << "Failed to rename" << partial << "to" << directory << ":"
-                    << std::strerror(errno);
-        cleanDirectory(partial);
-        return QString();
-    }
-    syncDirectory(parent);
     return directory;
 }
 
@@ -163,14 +205,13 @@ bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &parti
         qCritical() << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return false;
     }
-    const QDir dir(partial);
     for (const char *name : kDiskNames) {
-        const QString vmdk = dir.absoluteFilePath(QLatin1String(name) + QStringLiteral(".vmdk"));
+        const QString vmdk = diskPath(partial, name, ".vmdk");
         // Checked before conversion: a disk the image tool would read must
         // be one we accept as a device's base.
         if (!validateReferenceDisk(vmdk))
             return false;
-        if (!convertDisk(QFileInfo(vmdk), QFileInfo(dir, QLatin1String(name) + QStringLiteral(".qcow2")))) {
+        if (!convertDisk(QFileInfo(vmdk), QFileInfo(diskPath(partial, name, ".qcow2")))) {
             qCritical() << "[VMTools]" << "Failed to get" << name << "disk info" << ovaPath;
             return false;
         }
@@ -178,22 +219,43 @@ bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &parti
     // The marker is the last thing written: its presence means every disk
     // above is complete, on disk and not only in the page cache.
     for (const char *name : kDiskNames) {
-        if (!syncFile(dir.absoluteFilePath(QLatin1String(name) + QStringLiteral(".qcow2"))))
+        if (!syncFile(diskPath(partial, name, ".qcow2")))
             return false;
     }
-    return FileUtils::saveFile(dir.absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"));
+    return FileUtils::saveFile(QDir(partial).absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"));
 }
 
-QStringList QEMUEngine::getMachinesUsingImage(const OsImage &image)
+std::unique_ptr<LockFiles::SharedLock> QEMUEngine::useReference(const QString &ovaPath,
+                                                                 const QString &directory) const
 {
-    const QString reference = getReferenceDirectory(image);
-    QStringList users;
-    for (QEMUMachine *machine : loadMachines({})) {
-        if (getReferenceDirectory(machine->getOsImage()) == reference)
-            users << machine->getName();
-        delete machine;
+    // Registered under the image's lock, which its removal holds while it
+    // lists the image's users: a removal either sees this creation or
+    // finishes before it begins.
+    if (directory.isEmpty()) {
+        qCritical() << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
+        return nullptr;
     }
-    return users;
+    QLockFile lock(directory + kLockSuffix);
+    if (!makeParent(directory) || !lockReference(lock, directory))
+        return nullptr;
+    auto use = std::make_unique<LockFiles::SharedLock>(directory + kUsersSuffix);
+    if (!use->lockShared()) {
+        qCritical() << "[VMTools]" << "Failed to lock" << directory + kUsersSuffix << ":" << use->errorString();
+        return nullptr;
+    }
+    return use;
+}
+
+QString QEMUEngine::getDeviceReference(const VMToolsMachine *machine) const
+{
+    const OsImage image = machine->getOsImage();
+    const QString backing = QEMUSnapshotTable::backingFile(QEMUDeviceFiles(machine->getPath()).systemDisk());
+    const QFileInfo directory(QFileInfo(backing).absolutePath());
+    // Only a reference directory of the device's own image versions counts.
+    if (!backing.isEmpty() && OsImageChecksum::isChecksum(directory.fileName())
+        && directory.absolutePath() == QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion)))
+        return directory.absoluteFilePath();
+    return getReferenceDirectory(image);
 }
 
 OsImage QEMUEngine::getRegisteredImage(const QString &uuid) const
@@ -210,29 +272,143 @@ OsImage QEMUEngine::getRegisteredImage(const QString &uuid) const
     return OsImage();
 }
 
-bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users)
+QStringList QEMUEngine::getMachinesUsingImage(const OsImage &image)
 {
-    *users = getMachinesUsingImage(image);
+    const QString reference = getReferenceDirectory(image);
+    QStringList users;
+    for (QEMUMachine *machine : loadMachines({})) {
+        // Made from the image, or backed by its disks whatever its record says.
+        const QString backing = QEMUSnapshotTable::backingFile(QEMUDeviceFiles(machine->getPath()).systemDisk());
+        if (machine->getOsImage().uuid == image.uuid
+            || (!reference.isEmpty() && QFileInfo(backing).absolutePath() == reference))
+            users << machine->getName();
+        delete machine;
+    }
+    return users;
+}
+
+bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating)
+{
+    *creating = false;
     const QString directory = getReferenceDirectory(image);
+    // An image never used has no reference disks, nor a directory for them.
+    const bool made = !directory.isEmpty() && QFileInfo::exists(QFileInfo(directory).absolutePath());
+    // The users are listed and the disks removed under the image's lock, so
+    // that no program prepares them or registers a creation meanwhile; one
+    // registered before holds its share of the users' lock.
+    QLockFile lock(directory + kLockSuffix);
+    if (made && !lockReference(lock, directory))
+        return false;
+    LockFiles::SharedLock use(directory + kUsersSuffix);
+    if (made && !use.tryLockExclusive()) {
+        *creating = use.error() == EWOULDBLOCK;
+        qWarning() << "[VMTools]" << "Cannot remove the reference disks" << directory << ":" << use.errorString();
+        return false;
+    }
+    *users = getMachinesUsingImage(image);
     if (!users->isEmpty()) {
         qWarning() << "[VMTools]" << "Cannot remove the reference disks" << directory << "used by"
                    << users->join(QStringLiteral(", "));
         return false;
     }
-    // An image never used has no reference disks, nor a directory for them.
-    if (!QFileInfo::exists(QFileInfo(directory).absolutePath()))
-        return true;
-    // Under the preparation lock, so that no program is making them now.
-    QLockFile lock(directory + kLockSuffix);
-    lock.setStaleLockTime(0);
-    if (!lock.tryLock(kReferenceLockTimeoutMs)) {
-        qCritical() << "[VMTools]" << "Failed to lock" << directory + kLockSuffix << "error" << lock.error();
-        return false;
-    }
-    if (!cleanDirectory(directory + kPartialSuffix) || !cleanDirectory(directory)) {
+    if (made && (!cleanDirectory(directory + kPartialSuffix) || !cleanDirectory(directory))) {
         qCritical() << "[VMTools]" << "Failed to remove" << directory;
         return false;
     }
-    lock.unlock();
+    QFile::remove(directory + kUsersSuffix);
     return true;
+}
+
+bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
+{
+    const OsImage image = machine->getOsImage();
+    const QString oldDirectory = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    const QString oldSystem = diskPath(oldDirectory, "system", ".qcow2");
+    const QString disk = QEMUDeviceFiles(machine->getPath()).systemDisk();
+    if (QEMUSnapshotTable::backingFile(disk) != oldSystem) {
+        // A move cut off before it removed the old disks left them behind.
+        if (QFileInfo::exists(oldSystem))
+            reclaimOldReference(oldDirectory);
+        return true;
+    }
+    const QString directory = getReferenceDirectory(image);
+    QLockFile lock(directory + kLockSuffix);
+    if (directory.isEmpty() || !lockReference(lock, directory)) {
+        qWarning() << "[VMTools]" << "Cannot move" << machine->getName() << "off" << oldDirectory
+                   << ": the checksum of its OVA is unknown";
+        return false;
+    }
+    // Another program may have moved it meanwhile.
+    if (QEMUSnapshotTable::backingFile(disk) != oldSystem)
+        return true;
+    if (!isReferenceComplete(directory) && !adoptOldReference(oldDirectory, directory)
+        && prepareLockedReference(image.getLocalPath(), directory).isEmpty())
+        return false;
+    // The overlay's header names its backing file; the new one holds the
+    // same data, so only the name changes. Both exist until the old one is
+    // used by no device, so a kill at any point leaves a usable device.
+    if (!rebaseDisk(disk, diskPath(directory, "system", ".qcow2")) || !syncFile(disk))
+        return false;
+    qInfo() << "[VMTools]" << "Moved" << machine->getName() << "from" << oldDirectory << "to" << directory;
+    reclaimOldReference(oldDirectory);
+    return true;
+}
+
+bool QEMUEngine::adoptOldReference(const QString &oldDirectory, const QString &directory) const
+{
+    for (const char *name : kDiskNames) {
+        if (!QFileInfo::exists(diskPath(oldDirectory, name, ".qcow2")))
+            return false;
+    }
+    if (!startPartial(directory))
+        return false;
+    // Linked, not moved: the devices not moved yet go on using the old names.
+    const QString partial = directory + kPartialSuffix;
+    for (const char *name : kDiskNames) {
+        const QString from = diskPath(oldDirectory, name, ".qcow2");
+        const QString to = diskPath(partial, name, ".qcow2");
+        if ((::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0
+             && !FileUtils::copyFile(from, to))
+            || !syncFile(to)) {
+            qCritical() << "[VMTools]" << "Failed to move" << from << "to" << to;
+            cleanDirectory(partial);
+            return false;
+        }
+    }
+    if (!FileUtils::saveFile(QDir(partial).absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"))
+        || !publishPartial(directory)) {
+        cleanDirectory(partial);
+        return false;
+    }
+    return true;
+}
+
+void QEMUEngine::reclaimOldReference(const QString &oldDirectory) const
+{
+    const QString oldSystem = diskPath(oldDirectory, "system", ".qcow2");
+    // Every disk of every directory here, half-made and hidden ones too.
+    const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
+    for (const QString &name : names) {
+        QDirIterator disks(m_devicesDirectory.absoluteFilePath(name), QDir::Files | QDir::Hidden);
+        while (disks.hasNext()) {
+            if (QEMUSnapshotTable::backingFile(disks.next()) == oldSystem)
+                return;
+        }
+    }
+    for (const char *name : kDiskNames) {
+        for (const char *suffix : {".qcow2", ".vmdk"})
+            QFile::remove(diskPath(oldDirectory, name, suffix));
+    }
+    qInfo() << "[VMTools]" << "Removed the reference disks no device uses from" << oldDirectory;
+}
+
+QString QEMUEngine::checkReferenceDisks(const VMToolsMachine *machine) const
+{
+    migrateDevice(machine);
+    const QString backing = QEMUSnapshotTable::backingFile(QEMUDeviceFiles(machine->getPath()).systemDisk());
+    if (backing.isEmpty() || QFileInfo::exists(backing))
+        return QString();
+    return QStringLiteral("its system disk is backed by '%1', which is missing: the reference disks of its OS "
+                          "image were removed")
+        .arg(backing);
 }

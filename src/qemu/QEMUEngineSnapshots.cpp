@@ -13,6 +13,7 @@
 
 #include <QDebug>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -50,7 +51,7 @@ QJsonObject QEMUEngine::describeSavedState(VMToolsMachine *machine) const
     return QJsonObject{{kRamKey, double(machine->getRamSize())},
                        {kCpusKey, machine->getCpuCount()},
                        {kDisksKey, diskInterface(machine)},
-                       {kImageKey, machine->getOsImage().imageHash},
+                       {kImageKey, QFileInfo(getDeviceReference(machine)).fileName()},
                        {kEmulatorKey, m_versionString}};
 }
 

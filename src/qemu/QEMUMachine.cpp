@@ -124,19 +124,21 @@ QString QEMUMachine::imageProblem() const
 
 QString QEMUMachine::referenceProblem() const
 {
-    const QString backing = QEMUSnapshotTable::readBackingFile(files().systemDisk());
+    // The disk's header is out of the guest's reach. Only the directory of
+    // the image's versions is looked at: the record's address would name a
+    // file to read, and that is what is being checked.
+    const QString backing = QEMUSnapshotTable::backingFile(files().systemDisk());
     if (backing.isEmpty())
         return QString();
     const OsImage image = getOsImage();
-    const QString directory = QDir::cleanPath(QFileInfo(backing).absolutePath());
-    const QString recorded = QDir::cleanPath(QEMUEngine::getReferenceDirectory(image));
-    // Devices made before reference disks were kept per checksum are backed
-    // by the disks in the directory of the image's versions.
+    const QString directory = QFileInfo(backing).absolutePath();
     const QString versions = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
-    if (directory == recorded || directory == versions)
+    // Devices of the previous layout are backed by the versions' own disks.
+    if (directory == versions || QFileInfo(directory).absolutePath() == versions)
         return QString();
-    return QStringLiteral("its record names the reference disks in '%1', but its system disk is backed by '%2'")
-        .arg(recorded, backing);
+    return QStringLiteral("its record names the reference disks of image %1 for Android %2 in '%3', but its system "
+                          "disk is backed by '%4'")
+        .arg(image.imageVersion.toString(), image.osVersion.toString(), versions, backing);
 }
 
 bool QEMUMachine::reloadProperties()

@@ -50,8 +50,8 @@ public:
     /// empty when they can. The file lies in the folder the guest writes, so
     /// they are checked against what the guest cannot change: RAM and
     /// processors against the bounds a device may have, the image against
-    /// its registration, and the reference disks it names against those its
-    /// system disk is backed by.
+    /// its registration, and the image versions it names against the
+    /// reference disks its system disk is backed by.
     QString recordProblem() const;
     bool reloadProperties() override;
     void reloadVmInfo() override;

@@ -1,6 +1,8 @@
 #include "QEMUSnapshotTable.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QtEndian>
 
 namespace {
@@ -10,7 +12,8 @@ constexpr quint32 kMaxSnapshots = 65536;
 constexpr quint32 kMaxExtraData = 1024;
 constexpr quint32 kHeaderSize = 72;
 constexpr quint32 kEntryFixedSize = 40;
-constexpr quint32 kMaxBackingFileName = 1023;
+// The format keeps backing file names below 1024 bytes.
+constexpr quint32 kMaxBackingName = 1023;
 
 } // namespace
 
@@ -86,7 +89,7 @@ bool QEMUSnapshotTable::readNames(const QString &path, QStringList *names, QStri
     return true;
 }
 
-QString QEMUSnapshotTable::readBackingFile(const QString &path)
+QString QEMUSnapshotTable::backingFile(const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
@@ -97,8 +100,10 @@ QString QEMUSnapshotTable::readBackingFile(const QString &path)
     const auto *h = reinterpret_cast<const uchar *>(header.constData());
     const quint64 offset = qFromBigEndian<quint64>(h + 8);
     const quint32 size = qFromBigEndian<quint32>(h + 16);
-    if (offset == 0 || size == 0 || size > kMaxBackingFileName || !file.seek(qint64(offset)))
+    if (offset == 0 || size == 0 || size > kMaxBackingName || !file.seek(qint64(offset)))
         return QString();
     const QByteArray name = file.read(size);
-    return name.size() == int(size) ? QFile::decodeName(name) : QString();
+    if (name.size() != int(size))
+        return QString();
+    return QDir::cleanPath(QFileInfo(path).absoluteDir().absoluteFilePath(QFile::decodeName(name)));
 }

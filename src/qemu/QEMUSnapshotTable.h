@@ -28,7 +28,7 @@ public:
     static bool read(const QString &path, QList<QEMUSnapshotInfo> *snapshots, QString *error);
     /// Their names only.
     static bool readNames(const QString &path, QStringList *names, QString *error);
-    /// The backing file the header of the qcow2 image at path names; empty
-    /// when it names none or path is not a sane qcow2 image.
-    static QString readBackingFile(const QString &path);
+    /// The backing file the image at path names, made absolute against the
+    /// image's directory; empty when it names none or is not a qcow2 image.
+    static QString backingFile(const QString &path);
 };

@@ -13,9 +13,11 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QStandardPaths>
 #include <QThread>
+#include <QUrl>
 #include <QUuid>
 
 #include <gtest/gtest.h>
@@ -158,6 +160,15 @@ void killTree(qint64 pid)
             ::kill(pid_t(grandchild), SIGKILL);
         ::kill(pid_t(child), SIGKILL);
     }
+}
+
+// The backing file a qcow2 disk names, as the image tool reads it.
+QString backingOf(const QString &disk)
+{
+    QProcess p;
+    p.start("qemu-img", {"info", "-U", "--output=json", disk});
+    p.waitForFinished(30000);
+    return QJsonDocument::fromJson(p.readAllStandardOutput()).object().value("full-backing-filename").toString();
 }
 
 bool waitFor(const std::function<bool()> &condition, int ms = 30000)
@@ -391,6 +402,126 @@ TEST_F(HvtoolReferenceDisks, removingAnImageTakesItsDisksButNeverFromADevice)
     EXPECT_EQ(removed.code, 0) << removed.err.toStdString();
     EXPECT_EQ(completed().size(), before);
     EXPECT_EQ(hvtool({"image", "show", image}).code, 3);
+}
+
+// A record is held to the OVA it names: a checksum copied from another image
+// is refused with both values, the same OVA twice is refused, and a true
+// record gets reference disks of its own.
+TEST_F(HvtoolReferenceDisks, recordsAreCheckedAgainstTheirOva)
+{
+    const QString first = registerImage(makeOva("first.ova"));
+    const QJsonObject registered = hvtool({"image", "show", first, "--format", "json"}).json().object();
+    const QString otherOva = makeOva("other.ova");
+    const QString otherHash = QString::fromLatin1(fileHash(otherOva));
+    const auto record = [&](const QString &ova, const QString &hash) {
+        QJsonObject object = registered;
+        object["uuid"] = QUuid::createUuid().toString();
+        object["image_uri"] = QUrl::fromLocalFile(ova).toString();
+        object["image_hash"] = hash;
+        const QString file = hvtest::testRoot() + "/" + object["uuid"].toString() + ".json";
+        hvtest::writeFile(file, QJsonDocument(object).toJson());
+        return file;
+    };
+    const int images = hvtool({"image", "list", "--format", "json"}).json().array().size();
+    const CliResult copied = hvtool({"image", "add", record(otherOva, registered["image_hash"].toString())});
+    EXPECT_EQ(copied.code, 1);
+    EXPECT_TRUE(copied.err.contains(QString("declares sha-256 %1 but its OVA '%2' has sha-256 %3; nothing was registered")
+                                        .arg(registered["image_hash"].toString(), otherOva, otherHash)))
+        << copied.err.toStdString();
+    const CliResult twice = hvtool({"image", "add", record(QUrl(registered["image_uri"].toString()).toLocalFile(),
+                                                           registered["image_hash"].toString())});
+    EXPECT_EQ(twice.code, 4);
+    EXPECT_TRUE(twice.err.contains("is already registered as image 'Android 11.0'")) << twice.err.toStdString();
+    EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), images);
+
+    const CliResult added = hvtool({"image", "add", record(otherOva, otherHash.toUpper()), "--format", "json"});
+    ASSERT_EQ(added.code, 0) << added.err.toStdString();
+    const QString hwProfile = profile();
+    ASSERT_EQ(hvtool({"device", "create", "Other", "--image", added.json().object()["uuid"].toString(), "--profile",
+                      hwProfile}).code, 0);
+    EXPECT_EQ(QFileInfo(backingOf(deviceDir("Other") + "/system.qcow2")).dir().dirName(), otherHash);
+}
+
+// An image removed while a device is being created from it: the removal is
+// refused, however long the creation takes, and the device gets whole
+// disks. A lock file left empty by a killed program is not waited for.
+TEST_F(HvtoolReferenceDisks, removalWaitsForNoCreation)
+{
+    const QString ova = makeOva("contested.ova");
+    const QString image = registerImage(ova);
+    const QString hwProfile = profile();
+    const QString reference = referenceRoot() + "/" + hvtool({"image", "show", image, "--format", "json"})
+        .json().object()["image_version"].toString() + "/11.0.0/" + fileHash(ova);
+    QDir().mkpath(QFileInfo(reference).absolutePath());
+    hvtest::writeFile(reference + ".lock", QByteArray());
+    QFile lockFile(reference + ".lock");
+    ASSERT_TRUE(lockFile.open(QIODevice::ReadWrite)
+                && lockFile.setFileTime(QDateTime::currentDateTime().addSecs(-10), QFileDevice::FileModificationTime));
+    lockFile.close();
+    const QString log = hvtest::testRoot() + "/contested.log";
+    QProcess creation;
+    creation.setProcessEnvironment(hvtest::environmentWith(
+        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "1"}}));
+    creation.start(hvtest::helperPath("hvtool"), {"device", "create", "Contested", "--image", image, "--profile", hwProfile});
+    ASSERT_TRUE(waitFor([&] { return countRuns(log, "info") == 1; }));
+    const CliResult refused = hvtool({"image", "remove", image});
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_TRUE(refused.err.contains("image 'Android 11.0' is in use by a device creation under way"))
+        << refused.err.toStdString();
+    ASSERT_TRUE(creation.waitForFinished(60000));
+    EXPECT_EQ(creation.exitCode(), 0) << creation.readAllStandardError().toStdString();
+    EXPECT_TRUE(run("qemu-img", {"check", deviceDir("Contested") + "/system.qcow2"}));
+    EXPECT_EQ(hvtool({"image", "remove", image}).code, 4);
+}
+
+// A device of the previous release, its overlay backed by the reference disks
+// directly in the image's versions directory, built for real. Its first
+// reset moves it onto its image's own directory: killed before the rebase
+// or after it, the device is backed by a disk that exists; the old disks go
+// once no device uses them. A device whose backing file is gone says so.
+TEST(HvtoolPreviousLayout, aDeviceOfThePreviousReleaseMovesAndResets)
+{
+    const QString image = registerImage(makeOva("previous.ova"));
+    ASSERT_EQ(hvtool({"device", "create", "Old", "--image", image, "--profile", profile()}).code, 0);
+    const QString dir = deviceDir("Old");
+    const QString reference = QFileInfo(backingOf(dir + "/system.qcow2")).absolutePath();
+    const QString old = QFileInfo(reference).absolutePath();
+    for (const QString disk : {"/system.qcow2", "/data.qcow2"})
+        ASSERT_TRUE(QFile::rename(reference + disk, old + disk));
+    ASSERT_TRUE(QDir(reference).removeRecursively());
+    ASSERT_TRUE(run("qemu-img", {"rebase", "-u", "-b", old + "/system.qcow2", "-F", "qcow2", dir + "/system.qcow2"}));
+    ASSERT_TRUE(run("qemu-io", {"-f", "qcow2", "-c", "write -P 0x5a 0 64k", dir + "/data.qcow2"}));
+
+    const QString log = hvtest::testRoot() + "/previous-runs.log";
+    for (const char *linger : {"0", "30"}) {
+        SCOPED_TRACE(linger);
+        QProcess reset;
+        reset.setProcessEnvironment(hvtest::environmentWith(
+            {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_LINGER_ONLY", "rebase"},
+             {"HV_FAKE_QEMU_IMG_DELAY", linger[0] == '0' ? "30" : "0"}, {"HV_FAKE_QEMU_IMG_LINGER", linger}}));
+        reset.start(hvtest::helperPath("hvtool"), {"device", "reset", "Old", "--yes"});
+        ASSERT_TRUE(waitFor([&] {
+            return linger[0] == '0' ? countRuns(log, "rebase") == 1 : backingOf(dir + "/system.qcow2") != old + "/system.qcow2";
+        }));
+        killTree(reset.processId());
+        ASSERT_TRUE(reset.waitForFinished(10000));
+        EXPECT_TRUE(QFileInfo::exists(backingOf(dir + "/system.qcow2")));
+        EXPECT_TRUE(QFileInfo::exists(old + "/data.qcow2"));
+        EXPECT_TRUE(QFileInfo::exists(reference + "/.complete"));
+    }
+    const CliResult done = hvtool({"device", "reset", "Old", "--yes"});
+    ASSERT_EQ(done.code, 0) << done.err.toStdString();
+    EXPECT_EQ(backingOf(dir + "/system.qcow2"), reference + "/system.qcow2");
+    EXPECT_TRUE(run("qemu-img", {"compare", reference + "/data.qcow2", dir + "/data.qcow2"}));
+    EXPECT_FALSE(QFileInfo::exists(old + "/system.qcow2") || QFileInfo::exists(old + "/data.qcow2"));
+
+    ASSERT_TRUE(QFile::rename(reference, reference + ".away"));
+    const CliResult lost = hvtool({"device", "reset", "Old", "--yes"});
+    EXPECT_EQ(lost.code, 1);
+    EXPECT_TRUE(lost.err.contains(QString("device 'Old' cannot be used: its system disk is backed by '%1/system.qcow2', "
+                                          "which is missing: the reference disks of its OS image were removed")
+                                      .arg(reference)))
+        << lost.err.toStdString();
 }
 
 // A factory reset killed while it makes the new disks leaves the device with

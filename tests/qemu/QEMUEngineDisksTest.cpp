@@ -401,12 +401,10 @@ TEST_F(Disks, upgradeLaysANewSystemDiskOverTheConvertedReference)
     image.imageVersion = VersionNumber(3, 9);
     const QString ova = path("image.ova");
     image.imageUri = QUrl::fromLocalFile(ova).toString();
-    const QString reference = QEMUEngine::getReferenceDirectory(image);
-    const QString partial = reference + ".partial";
     const QByteArray before = hvtest::readFile(path("system.qcow2"));
     MessageCapture cap;
     EXPECT_FALSE(m_device->upgradeSystemDisk(image));
-    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to extract OVA \"" + ova + "\""));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to read the checksum of \"" + ova + "\""));
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to get system disk info \"" + ova + "\""));
     EXPECT_EQ(hvtest::readFile(path("system.qcow2")), before);
 
@@ -414,6 +412,8 @@ TEST_F(Disks, upgradeLaysANewSystemDiskOverTheConvertedReference)
     QProcess tar;
     tar.start("tar", {"--format=ustar", "-C", m_dir, "-cf", ova, "system.vmdk", "data.vmdk"});
     ASSERT_TRUE(tar.waitForFinished(30000) && tar.exitCode() == 0);
+    const QString reference = QEMUEngine::getReferenceDirectory(image);
+    const QString partial = reference + ".partial";
     setEnv("HV_FAKE_QEMU_IMG_FAIL", "create");
     EXPECT_FALSE(m_device->upgradeSystemDisk(image)); // converted, but no overlay can be made
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Failed to upgrade the system disk of \"" + QDir(m_dir).dirName() + "\""));

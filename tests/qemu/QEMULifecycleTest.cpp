@@ -114,7 +114,7 @@ TEST_F(QEMULifecycle, failedCreationLeavesNoDeviceDirectory)
         QEMUEngine *engine;
         int code;
         QString critical;
-    } rows[] = {{hvtest::testRoot() + "/missing.ova", "6.1.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
+    } rows[] = {{hvtest::testRoot() + "/missing.ova", "6.1.0", m_engine.get(), 1, "[VMTools] Failed to read the checksum of"},
                 {corrupt, "6.2.0", m_engine.get(), 1, "[VMTools] Failed to extract OVA"},
                 {sharedOva(), "6.3.0", failing.get(), 1, "[VMTools] Failed to get system disk info"}};
     for (const auto &row : rows) {

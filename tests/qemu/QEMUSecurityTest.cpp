@@ -250,8 +250,8 @@ TEST_F(Security, aRecordTheGuestRewroteIsRefused)
     ASSERT_EQ(m_engine->createMachine("Other", other, makeProfile()), 0);
     const QString record = deployed("Guest") + "/shared/config/device.json";
     const QByteArray original = hvtest::readFile(record);
-    const QString backing = QEMUSnapshotTable::readBackingFile(deployed("Guest") + "/system.qcow2");
-    ASSERT_EQ(QDir::cleanPath(QFileInfo(backing).path()), QDir::cleanPath(QEMUEngine::getReferenceDirectory(image)));
+    const QString backing = QEMUSnapshotTable::backingFile(deployed("Guest") + "/system.qcow2");
+    ASSERT_EQ(QFileInfo(backing).path(), QDir::cleanPath(QEMUEngine::getReferenceDirectory(image)));
     const auto rewritten = [&original](const QString &part, const QString &key, const QJsonValue &value) {
         QJsonObject top = QJsonDocument::fromJson(original).object();
         QJsonObject object = top.value(part).toObject();
@@ -267,7 +267,8 @@ TEST_F(Security, aRecordTheGuestRewroteIsRefused)
          "its record names the image '" + image.uuid + "' at 'file:///etc/shadow' with checksum '" + image.imageHash
              + "', but that image is registered at '" + image.imageUri + "' with checksum '" + image.imageHash + "'"},
         {rewritten("os_image", "", OsImageIO::toJsonObject(other)),
-         "its record names the reference disks in '" + QDir::cleanPath(QEMUEngine::getReferenceDirectory(other))
+         "its record names the reference disks of image 7.4.1 for Android 11.0.0 in '"
+             + QDir::cleanPath(Paths::getSystemImagePath(other.imageVersion, other.osVersion))
              + "', but its system disk is backed by '" + backing + "'"},
         {rewritten("hardware_profile", "ram_size", -4096),
          "its record gives it -4096 MB of RAM, outside 256 to 2147483647"},
