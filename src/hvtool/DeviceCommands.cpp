@@ -35,7 +35,7 @@ namespace hvtool {
 namespace {
 
 constexpr int kAdbBasePort = 6555;
-const QString kLatest = QStringLiteral("latest");
+const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<QEMUMachine>;
 
@@ -426,6 +426,24 @@ int checkNamedSnapshot(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const 
     return Success;
 }
 
+/// Says why a start that asks for the quick-boot state will boot cold, as
+/// the library decides it; true when the state is expected to resume.
+bool noteColdQuickBoot(Context &ctx, QEMUEngine *e, QEMUMachine &machine)
+{
+    const QString unsaved = e->unsavedSessionReason(&machine);
+    if (!unsaved.isEmpty()) {
+        ctx.note(QStringLiteral("%1: booting cold, keeping its disk writes").arg(unsaved));
+        return false;
+    }
+    if (!snapshotNames(e, machine).contains(kLatest))
+        return false;
+    const QString mismatch = e->savedStateMismatch(&machine, kLatest);
+    if (mismatch.isEmpty())
+        return true;
+    ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+    return false;
+}
+
 /// Moves a device of the previous layout onto its image's reference disks;
 /// refuses one whose system disk has lost its backing file.
 int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
@@ -461,15 +479,13 @@ int start(Context &ctx)
     if (!snapshot.isEmpty() && ctx.isSet(QStringLiteral("cold")))
         return ctx.fail(Usage, QStringLiteral("--cold and --snapshot exclude each other"));
     bool quickBoot = snapshot.isEmpty() && !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
-    const bool hadLatest = quickBoot && snapshotNames(e, *machine).contains(kLatest);
+    bool expectResume = false;
     if (!snapshot.isEmpty()) {
         const int refused = checkNamedSnapshot(ctx, e, *machine, snapshot);
         if (refused != Success)
             return refused;
-    } else if (hadLatest) {
-        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
-        if (!mismatch.isEmpty())
-            ctx.note(QStringLiteral("quick-boot state %1: booting cold").arg(mismatch));
+    } else if (quickBoot) {
+        expectResume = noteColdQuickBoot(ctx, e, *machine);
     }
     QElapsedTimer timer;
     timer.start();
@@ -479,7 +495,7 @@ int start(Context &ctx)
     if (result != 1)
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
                                     .arg(name, startDiagnosis(result), logHint(*machine, startedAt)));
-    if (hadLatest && !quickBoot && e->savedStateMismatch(machine.get(), kLatest).isEmpty())
+    if (expectResume && !quickBoot)
         ctx.note(QStringLiteral("the quick-boot state could not be loaded: booted cold; the next stop saves a new "
                                 "one"));
     machine->reloadVmInfo();
@@ -644,6 +660,11 @@ int snapshotSave(Context &ctx)
     if (!valid.match(ctx.arg(1)).hasMatch())
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid snapshot name: use letters, digits and '_'")
                                    .arg(ctx.arg(1)));
+    // Saving the quick-boot state ends a session: 'device stop' does it.
+    if (ctx.arg(1) == kLatest)
+        return ctx.fail(Usage, QStringLiteral("'%1' is the quick-boot state, saved by 'hvtool device stop'; choose "
+                                              "another name")
+                                   .arg(kLatest));
     if (machine->getStatus() != VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is not running; start it to save its state")
                                       .arg(machine->getName()));
@@ -787,6 +808,98 @@ bool parseBool(const QString &text, bool *ok)
     return false;
 }
 
+/// One change of 'device set', checked before any is applied.
+struct Change {
+    QString key;
+    qint64 number = 0;
+    bool flag = false;
+};
+
+/// Reads KEY=VALUE into change; Success, or the code of the refusal it
+/// reported.
+int parseChange(Context &ctx, const QString &item, bool running, Change *change)
+{
+    static const QStringList numbers = {"cpus", "ram", "sdcard-size"};
+    static const QStringList flags = {"quickboot", "root", "sdcard", "virtual-keyboard", "fullscreen"};
+    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
+    const int eq = item.indexOf(QLatin1Char('='));
+    change->key = item.left(eq);
+    const QString &key = change->key;
+    const QString value = item.mid(eq + 1);
+    if (eq <= 0 || !(numbers.contains(key) || flags.contains(key)))
+        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2")
+                                   .arg(item, (numbers + flags).join(", ")));
+    if (running && hardware.contains(key))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key));
+    bool ok = false;
+    if (flags.contains(key)) {
+        change->flag = parseBool(value, &ok);
+        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
+    }
+    change->number = value.toLongLong(&ok);
+    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
+    // device.json keeps the sizes as numbers its reader takes as int.
+    const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
+    if (!ok || change->number < minimum || change->number > maximum)
+        return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
+                                   .arg(key)
+                                   .arg(minimum)
+                                   .arg(maximum)
+                                   .arg(value));
+    return Success;
+}
+
+bool applyChange(QEMUMachine &machine, const Change &change)
+{
+    const QString &key = change.key;
+    if (key == "cpus")
+        return machine.setCpuCount(int(change.number));
+    if (key == "ram")
+        return machine.setRamSize(change.number);
+    if (key == "sdcard-size")
+        return machine.setSdCardSize(change.number);
+    if (key == "quickboot")
+        return machine.setQuickbootEnabled(change.flag);
+    if (key == "root")
+        return machine.setRootAccessEnabled(change.flag);
+    if (key == "sdcard")
+        return machine.setSdCardInserted(change.flag);
+    if (key == "virtual-keyboard")
+        return machine.setVirtualKeyboardEnabled(change.flag);
+    return machine.setFullScreen(change.flag);
+}
+
+/// Names, before the changes apply, every snapshot they make unloadable: the
+/// snapshots are checked against a copy of the device that has them.
+void noteUnloadable(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QList<Change> &changes)
+{
+    MachinePtr changed(e->loadDevice(machine.getPath()));
+    if (!changed)
+        return;
+    HwProfile hardware = changed->getHwProfile();
+    for (const Change &change : changes) {
+        if (change.key == "cpus")
+            hardware.cpuCount = int(change.number);
+        else if (change.key == "ram")
+            hardware.ramSize = change.number;
+    }
+    changed->setHwProfile(hardware);
+    const QString name = machine.getName();
+    for (const QString &snapshot : snapshotNames(e, machine)) {
+        const QString mismatch = e->savedStateMismatch(changed.get(), snapshot);
+        if (mismatch.isEmpty() || !e->savedStateMismatch(&machine, snapshot).isEmpty())
+            continue;
+        if (snapshot == kLatest)
+            ctx.note(QStringLiteral("the quick-boot state of '%1' becomes unloadable: %2; the next start boots cold "
+                                    "and discards it")
+                         .arg(name, mismatch));
+        else
+            ctx.note(QStringLiteral("snapshot '%1' of '%2' becomes unloadable: %3; it loads again once the "
+                                    "device has its old settings")
+                         .arg(snapshot, name, mismatch));
+    }
+}
+
 int set(Context &ctx)
 {
     Target target = findTarget(ctx);
@@ -796,65 +909,20 @@ int set(Context &ctx)
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     const bool running = machine->getStatus() == VMToolsMachine::On;
-    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
-    static const QStringList known = {"cpus", "ram", "quickboot", "root", "sdcard", "sdcard-size", "virtual-keyboard",
-                                      "fullscreen"};
 
     // Check everything before changing anything.
-    QList<QPair<QString, QString>> changes;
+    QList<Change> changes;
     for (const QString &item : ctx.args().mid(1)) {
-        const int eq = item.indexOf(QLatin1Char('='));
-        const QString key = item.left(eq);
-        if (eq <= 0 || !known.contains(key))
-            return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2").arg(item, known.join(", ")));
-        if (running && hardware.contains(key))
-            return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(name, key));
-        changes.append({key, item.mid(eq + 1)});
+        Change change;
+        const int refused = parseChange(ctx, item, running, &change);
+        if (refused != Success)
+            return refused;
+        changes.append(change);
     }
-    for (const auto &[key, value] : changes) {
-        bool ok = false;
-        bool stored = false;
-        if (key == "cpus" || key == "ram" || key == "sdcard-size") {
-            const qint64 number = value.toLongLong(&ok);
-            const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
-            // device.json keeps the sizes as numbers its reader takes as int.
-            const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
-            if (!ok || number < minimum || number > maximum)
-                return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
-                                           .arg(key)
-                                           .arg(minimum)
-                                           .arg(maximum)
-                                           .arg(value));
-            if (key == "cpus")
-                stored = machine->setCpuCount(int(number));
-            else if (key == "ram")
-                stored = machine->setRamSize(number);
-            else
-                stored = machine->setSdCardSize(number);
-        } else {
-            const bool flag = parseBool(value, &ok);
-            if (!ok)
-                return ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
-            if (key == "quickboot")
-                stored = machine->setQuickbootEnabled(flag);
-            else if (key == "root")
-                stored = machine->setRootAccessEnabled(flag);
-            else if (key == "sdcard")
-                stored = machine->setSdCardInserted(flag);
-            else if (key == "virtual-keyboard")
-                stored = machine->setVirtualKeyboardEnabled(flag);
-            else
-                stored = machine->setFullScreen(flag);
-        }
-        if (!stored)
-            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(key, name));
-    }
-    if (snapshotNames(e, *machine).contains(kLatest)) {
-        const QString mismatch = e->savedStateMismatch(machine.get(), kLatest);
-        if (!mismatch.isEmpty())
-            ctx.note(QStringLiteral("the quick-boot state of '%1' was %2: it will be discarded at the next start, "
-                                    "which boots cold")
-                         .arg(name, mismatch));
+    noteUnloadable(ctx, e, *machine, changes);
+    for (const Change &change : changes) {
+        if (!applyChange(*machine, change))
+            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, name));
     }
     if (ctx.json())
         ctx.printJson(describe(e, *machine));
@@ -874,15 +942,19 @@ void addDeviceCommands()
         << Command{{"device", "list"}, {}, "List the devices and their state.", {}, 0, 0, list}
         << Command{{"device", "show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show}
         << Command{{"device", "start"}, "NAME",
-                   "Start a device: resume its saved state when quick boot is on, else boot cold.",
-                   {{"cold", "Boot cold even when a saved state exists."},
-                    {"snapshot", "Start from this saved snapshot instead.", "SNAPSHOT"},
+                   "Start a device: resume its quick-boot state when quick boot is on and its last session ended "
+                   "by saving it, else boot cold with the disks as they are. A cold or snapshot start discards the "
+                   "quick-boot state.",
+                   {{"cold", "Boot cold even when a quick-boot state exists."},
+                    {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
                      "SECONDS"}},
                    1, 1, start}
         << Command{{"device", "stop"}, "NAME",
                    "Stop a device gracefully, saving its state first when quick boot is on.",
-                   {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state."}}, 1, 1,
+                   {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state: the next start boots cold and keeps this session's disk "
+                                "writes. To return to a known state later, save a named snapshot and start with "
+                                "--snapshot NAME."}}, 1, 1,
                    stop}
         << Command{{"device", "snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList}
         << Command{{"device", "snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,

@@ -144,11 +144,14 @@ QString hashOva(const QString &path, QString *error)
     return checksum;
 }
 
-/// An OVA is registered once: its checksum names its reference disks.
-int refuseRegistered(Context &ctx, const QString &path, const QString &checksum)
+/// An OVA is registered once for a pair of image and Android versions: with
+/// its checksum they name its reference disks. One archive may serve as
+/// images of several Android versions.
+int refuseRegistered(Context &ctx, const QString &path, const OsImage &image)
 {
     for (const Stored<OsImage> &existing : Catalog::images()) {
-        if (existing.value.imageHash.compare(checksum, Qt::CaseInsensitive) == 0)
+        if (existing.value.imageHash.compare(image.imageHash, Qt::CaseInsensitive) == 0
+            && existing.value.imageVersion == image.imageVersion && existing.value.osVersion == image.osVersion)
             return ctx.fail(Conflict, QStringLiteral("'%1' is already registered as image '%2' (%3, record '%4')")
                                           .arg(path, existing.value.name, Catalog::bareUuid(existing.value.uuid),
                                                existing.file));
@@ -161,7 +164,7 @@ int refuseRegistered(Context &ctx, const QString &path, const QString &checksum)
 int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
 {
     if (!image->isImageAvailableLocally())
-        return refuseRegistered(ctx, path, image->imageHash);
+        return refuseRegistered(ctx, path, *image);
     QString error;
     const QString checksum = hashOva(image->getLocalPath(), &error);
     if (checksum.isEmpty())
@@ -171,7 +174,7 @@ int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
                                                "registered")
                                     .arg(path, image->imageHash, image->getLocalPath(), checksum));
     image->imageHash = checksum;
-    return refuseRegistered(ctx, path, checksum);
+    return refuseRegistered(ctx, path, *image);
 }
 
 bool saveRecord(const OsImage &image, QString *file)
@@ -269,7 +272,7 @@ int addOva(Context &ctx, const QString &path)
     image.imageHash = hashOva(info.absoluteFilePath(), &error);
     if (image.imageHash.isEmpty())
         return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
-    const int refused = refuseRegistered(ctx, path, image.imageHash);
+    const int refused = refuseRegistered(ctx, path, image);
     return refused != Success ? refused : registerImage(ctx, image);
 }
 

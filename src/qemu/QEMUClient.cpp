@@ -22,6 +22,8 @@ constexpr int ConnectTimeoutMs = 2000;
 constexpr int GreetingTimeoutMs = 2000;
 constexpr int CapabilitiesTimeoutMs = 1000;
 constexpr int QuitTimeoutMs = 1000;
+// Pausing and resuming the guest only flip the emulator's run state.
+constexpr int PauseTimeoutMs = 2000;
 constexpr int UnplugTimeoutMs = 1000;
 // A start's readiness probe waits in short slices, so that it notices an
 // emulator that ended within a few milliseconds.
@@ -329,17 +331,36 @@ bool QEMUClient::execQuit()
     return ok;
 }
 
-bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared)
+bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared, bool leavePaused)
 {
     if (!init())
         return false;
-    if (unplugShared && !unplugSharedDrive())
+    // The monitor's save resumes a guest that ran before it: a guest paused
+    // first stays paused.
+    if (leavePaused && !exec(plainCommand(QStringLiteral("stop")), QVariant(), PauseTimeoutMs, ResponseRequired)) {
+        qWarning() << Tag << "QEMUClient: failed to pause the guest before saving";
         return false;
-    qDebug() << Tag << "QEMUClient: saving snapshot";
-    const bool ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
-                         SaveSnapshotTimeoutMs, ResponseRequired);
+    }
+    bool ok = !unplugShared || unplugSharedDrive();
+    if (ok) {
+        qDebug() << Tag << "QEMUClient: saving snapshot";
+        ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
+                  SaveSnapshotTimeoutMs, ResponseRequired);
+        if (!ok)
+            qWarning() << Tag << "QEMUClient: failed to save snapshot";
+    }
+    if (!ok && leavePaused)
+        exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
+    return ok;
+}
+
+bool QEMUClient::execContinue()
+{
+    if (!init())
+        return false;
+    const bool ok = exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
     if (!ok)
-        qWarning() << Tag << "QEMUClient: failed to save snapshot";
+        qWarning() << Tag << "QEMUClient: failed to resume the guest";
     return ok;
 }
 

@@ -67,8 +67,13 @@ public:
 
     /// Connects and saves the internal snapshot name; with unplugShared the
     /// shared-folder drive is detached first, since a writable shared folder
-    /// keeps the emulator from saving its state.
-    bool execSaveSnapshot(const QString &name, bool unplugShared);
+    /// keeps the emulator from saving its state. With leavePaused the guest
+    /// is paused before the save and stays paused after it, so that nothing
+    /// it does later is missing from the state; a failed save resumes it.
+    bool execSaveSnapshot(const QString &name, bool unplugShared, bool leavePaused = false);
+
+    /// Connects and resumes a paused guest.
+    bool execContinue();
 
     /// Connects and returns the running machine to the internal snapshot
     /// name; with unplugShared the shared-folder drive is detached first, as

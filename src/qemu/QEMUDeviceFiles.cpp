@@ -42,6 +42,11 @@ QString QEMUDeviceFiles::savedStatesName()
     return QStringLiteral("snapshots.json");
 }
 
+QString QEMUDeviceFiles::sessionRecordName()
+{
+    return QStringLiteral("session.json");
+}
+
 QString QEMUDeviceFiles::qmpSocketName()
 {
     return QStringLiteral("qmp.sock");
@@ -90,4 +95,9 @@ QString QEMUDeviceFiles::savedStates() const
 QString QEMUDeviceFiles::qmpSocket() const
 {
     return path(qmpSocketName());
+}
+
+QString QEMUDeviceFiles::sessionRecord() const
+{
+    return path(sessionRecordName());
 }

@@ -19,6 +19,7 @@ public:
     static QString logFileName();
     static QString sharedFolderName();
     static QString savedStatesName();
+    static QString sessionRecordName();
     static QString qmpSocketName();
 
     QString directory() const { return m_dir; }
@@ -36,6 +37,9 @@ public:
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.
     QString savedStates() const;
+    /// "session.json": whether the device's last session ended with the
+    /// quick-boot save.
+    QString sessionRecord() const;
     /// "qmp.sock": the emulator's control socket, reachable by the owner only.
     QString qmpSocket() const;
 

@@ -202,6 +202,10 @@ public:
     /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
     bool recordSavedState(VMToolsMachine *machine, const QString &name) const;
     QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const override;
+    /// Set when the last session ended with the quick-boot save; a device
+    /// whose sessions were never recorded (made by an earlier version) is
+    /// taken as having saved.
+    QString unsavedSessionReason(const VMToolsMachine *machine) const override;
     /// A start that ended while the emulator loaded its saved state.
     bool isStateLoadFailure(int startResult) const override;
 
@@ -221,7 +225,14 @@ private:
     mutable std::once_flag m_registryRead;
     mutable QList<OsImage> m_registeredImages;
 
-private:
+    /// Called before each launch: a start from anything but the quick-boot
+    /// state discards that state (it would later resume onto newer disks),
+    /// and every session counts as unsaved until the quick-boot save ends it.
+    bool openSession(VMToolsMachine *machine, const QString &snapshotName) const;
+    /// Deletes the snapshot "latest" and its saved-state record.
+    bool discardQuickBootState(VMToolsMachine *machine) const;
+    /// Records whether the device's session ended with the quick-boot save.
+    bool recordSessionEnd(const VMToolsMachine *machine, bool endedWithSave) const;
     /// What a state saved now would depend on.
     QJsonObject describeSavedState(VMToolsMachine *machine) const;
     /// Checks an extracted reference disk before it is converted; false,

@@ -105,6 +105,8 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     // keeps working once the old reference disks are gone.
     migrateDevice(machine);
 
+    if (!openSession(machine, snapshotName))
+        return QEMUMachine::StartFailed;
     const QDir device(machine->getPath());
     machine->loadCapabilities();
     QEMULaunch::Request request;
@@ -235,8 +237,11 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
         return false;
     }
 
+    // The quick-boot state is what a session ends with: the guest stays
+    // paused after it, so the disks cannot move on past the state.
+    const bool endsSession = name == latestSnapshotName();
     QEMUClient client(qemuMachine->getQmpSocketPath());
-    if (!client.execSaveSnapshot(name, unplugShared)) {
+    if (!client.execSaveSnapshot(name, unplugShared, endsSession)) {
         qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
         // Whether the drive went before the failure is unknown; asking to
         // detach it again next time is harmless either way.
@@ -247,5 +252,10 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     // Without the record the state would still resume; only a change of
     // hardware would then be noticed late, by the emulator.
     recordSavedState(machine, name);
+    if (endsSession && !recordSessionEnd(machine, true)) {
+        // Unrecorded, the save would never be resumed: the session goes on.
+        QEMUClient(qemuMachine->getQmpSocketPath()).execContinue();
+        return false;
+    }
     return true;
 }

@@ -28,6 +28,7 @@ const QString kCpusKey = QStringLiteral("cpus");
 const QString kDisksKey = QStringLiteral("disks");
 const QString kImageKey = QStringLiteral("image_sha256");
 const QString kEmulatorKey = QStringLiteral("emulator");
+const QString kEndedWithSaveKey = QStringLiteral("ended_with_save");
 
 QString diskInterface(const VMToolsMachine *machine)
 {
@@ -65,6 +66,58 @@ bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) 
         return false;
     }
     return true;
+}
+
+bool QEMUEngine::openSession(VMToolsMachine *machine, const QString &snapshotName) const
+{
+    if (snapshotName != latestSnapshotName() && !discardQuickBootState(machine))
+        return false;
+    // Written before the emulator runs: a session that ends any other way
+    // than with the quick-boot save (a crash, a kill, a power loss) leaves
+    // the record as it is.
+    return recordSessionEnd(machine, false);
+}
+
+bool QEMUEngine::discardQuickBootState(VMToolsMachine *machine) const
+{
+    const QString name = latestSnapshotName();
+    if (!deleteSnapshot(machine, name)) {
+        qCritical() << "[VMTools]" << "Failed to discard the quick-boot state of" << machine->getName();
+        return false;
+    }
+    const QString path = QEMUDeviceFiles(machine->getPath()).savedStates();
+    QJsonObject records = readRecords(path);
+    if (!records.contains(name))
+        return true;
+    records.remove(name);
+    if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
+        qCritical() << "[VMTools]" << "Failed to forget what the quick-boot state of" << machine->getName()
+                    << "was saved with";
+        return false;
+    }
+    return true;
+}
+
+bool QEMUEngine::recordSessionEnd(const VMToolsMachine *machine, bool endedWithSave) const
+{
+    const QString path = QEMUDeviceFiles(machine->getPath()).sessionRecord();
+    if (FileUtils::saveFile(path, QJsonDocument(QJsonObject{{kEndedWithSaveKey, endedWithSave}}).toJson()))
+        return true;
+    qCritical() << "[VMTools]" << "Failed to record how the session of" << machine->getName() << "ends";
+    return false;
+}
+
+QString QEMUEngine::unsavedSessionReason(const VMToolsMachine *machine) const
+{
+    if (!machine)
+        return QString();
+    const QString path = QEMUDeviceFiles(machine->getPath()).sessionRecord();
+    if (!QFile::exists(path))
+        return QString();
+    // A record that cannot be read says nothing for the saved state.
+    if (readRecords(path).value(kEndedWithSaveKey).toBool())
+        return QString();
+    return QStringLiteral("the last session of '%1' ended without saving its state").arg(machine->getName());
 }
 
 QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const QString &name) const

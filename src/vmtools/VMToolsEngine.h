@@ -95,10 +95,11 @@ public:
     /// The device's snapshots; none unless the engine overrides it.
     virtual QStringList fetchSnapshotNames(const VMToolsMachine *machine) const;
     /// Starts the device, resuming its "latest" snapshot when quickBoot asks
-    /// for it, one exists (looked up here) and it was saved with the device's
-    /// present hardware, image and emulator; otherwise, and when the engine
-    /// cannot load the state, the device boots cold (once, with one line
-    /// saying why). quickBoot tells afterwards which start it was.
+    /// for it, the last session ended by saving it, it exists (looked up
+    /// here) and it was saved with the device's present hardware, image and
+    /// emulator; otherwise, and when the engine cannot load the state, the
+    /// device boots cold (once, with one line saying why), keeping what its
+    /// disks hold. quickBoot tells afterwards which start it was.
     virtual int startFromLatestSnapshot(VMToolsMachine *machine, bool *quickBoot);
     /// Why the saved state of the snapshot name cannot be resumed on the
     /// device as it is now ("saved with 512 MB of RAM, the device now has
@@ -124,6 +125,12 @@ public:
     virtual int getHostOnlyNetworkType() const = 0;
     /// Makes the engine usable; called once, by loadEngine().
     virtual InitResult initialize(InitMode mode) = 0;
+    /// Why the device's quick-boot state must not be resumed, whatever it
+    /// was saved with: its last session ended without saving one (stopped
+    /// without a save, crashed, killed, a power loss), so its disks are newer
+    /// than any saved state. Empty when the last session ended with the
+    /// save, or when the engine keeps no record of sessions.
+    virtual QString unsavedSessionReason(const VMToolsMachine *machine) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -144,6 +151,8 @@ public:
     static QSet<QString> getDevicesNamesSetFromDir();
     /// Keeps the controller (not owned) for the migration work.
     void initMigration(AbstractHwProfileListController *controller);
+    /// "latest": the snapshot that holds a device's quick-boot state.
+    static QString latestSnapshotName();
     /// Sets the machine's flag that tells whether its snapshot "latest"
     /// exists. Does nothing for a null machine.
     void checkLatestSnapshotExists(VMToolsMachine *machine) const;

@@ -12,48 +12,60 @@
 #include <QDebug>
 #include <QDir>
 
-namespace {
-
-const QString kLatestSnapshot = QStringLiteral("latest");
-
-} // namespace
+QString VMToolsEngine::latestSnapshotName()
+{
+    return QStringLiteral("latest");
+}
 
 int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *machine, bool *quickBoot)
 {
-    if (!quickBoot || !*quickBoot)
+    const auto bootCold = [&] {
+        if (quickBoot)
+            *quickBoot = false;
         return startMachine(machine, QString());
+    };
+    if (!quickBoot || !*quickBoot)
+        return bootCold();
     if (!isSnapshotSupported()) {
         qDebug() << "[VMTools]" << "Snapshot not supported, fallback on cold boot";
-        *quickBoot = false;
-        return startMachine(machine, QString());
+        return bootCold();
+    }
+    // Resuming a state older than the disks would silently take back what
+    // the last session wrote.
+    const QString unsaved = unsavedSessionReason(machine);
+    if (!unsaved.isEmpty()) {
+        qInfo().noquote() << "[VMTools]" << QStringLiteral("%1: booting cold, keeping its disk writes").arg(unsaved);
+        return bootCold();
     }
     // Looked up here rather than trusted from the caller: a program that
     // never asked would otherwise boot cold every time.
     checkLatestSnapshotExists(machine);
     if (!machine || !machine->isLatestSnapshotExist()) {
         qDebug() << "[VMTools]" << "No snapshot found, fallback on cold boot";
-        *quickBoot = false;
-        return startMachine(machine, QString());
+        return bootCold();
     }
-    const QString mismatch = savedStateMismatch(machine, kLatestSnapshot);
+    const QString mismatch = savedStateMismatch(machine, latestSnapshotName());
     if (!mismatch.isEmpty()) {
         qInfo().noquote() << "[VMTools]" << QStringLiteral("quick-boot state %1: booting cold").arg(mismatch);
-        *quickBoot = false;
-        return startMachine(machine, QString());
+        return bootCold();
     }
     *quickBoot = true;
-    const int result = startMachine(machine, kLatestSnapshot);
+    const int result = startMachine(machine, latestSnapshotName());
     if (!isStateLoadFailure(result))
         return result;
     // The emulator could not read the state it saved (an upgrade, a change
     // made behind the device's back): boot cold, once. The next save
     // replaces the state.
     qWarning() << "[VMTools]" << "The quick-boot state could not be loaded: booting cold";
-    *quickBoot = false;
-    return startMachine(machine, QString());
+    return bootCold();
 }
 
 QString VMToolsEngine::savedStateMismatch(const VMToolsMachine *, const QString &) const
+{
+    return QString();
+}
+
+QString VMToolsEngine::unsavedSessionReason(const VMToolsMachine *) const
 {
     return QString();
 }
@@ -68,7 +80,7 @@ void VMToolsEngine::checkLatestSnapshotExists(VMToolsMachine *machine) const
     if (!machine)
         return;
     const QStringList names = fetchSnapshotNames(machine);
-    machine->setLatestSnapshotExists(names.contains(kLatestSnapshot, Qt::CaseSensitive));
+    machine->setLatestSnapshotExists(names.contains(latestSnapshotName(), Qt::CaseSensitive));
 }
 
 bool VMToolsEngine::extractOva(const QString &ovaPath, const VersionNumber &imageVersion,

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Saved states a developer can rely on, on the demo OS image under TCG: a
 quick-boot state saved with other hardware boots cold with one line saying
-why, a state the emulator refuses falls back to one cold boot, and named
+why, a session that ends without the quick-boot save is never resumed over,
+a state the emulator refuses falls back to one cold boot, and named
 snapshots are restored by a start and by a load into the running guest."""
 
 import argparse
@@ -10,6 +11,7 @@ import os
 import shutil
 import subprocess
 import sys
+import signal
 import tempfile
 import time
 
@@ -63,7 +65,8 @@ def steps(env, image_dir):
     _, first, _ = start(env, "phone", "--cold")
     run(env, "device", "stop", "phone")
     _, err = run(env, "device", "set", "phone", "ram=768")
-    check("will be discarded at the next start" in err, f"set ram should warn: {err}")
+    check("the quick-boot state of 'phone' becomes unloadable: saved with 512 MB of RAM, the device now has "
+          "768 MB; the next start boots cold and discards it" in err, f"set ram should warn: {err}")
     info, cold, err = start(env, "phone")
     check(info["boot"] == "cold" and cold["boot_id"] != first["boot_id"], f"should boot cold: {info} {cold}")
     check("quick-boot state saved with 512 MB of RAM, the device now has 768 MB: booting cold" in err, err)
@@ -71,6 +74,37 @@ def steps(env, image_dir):
     info, warm, _ = start(env, "phone")
     check(info["boot"] == "resumed" and warm["boot_id"] == cold["boot_id"], f"not resumed: {cold} vs {warm}")
     print("snapshots: 1 changed hardware boots cold, then resumes")
+
+    # The guest counts its cold boots on its data disk: a count that goes on
+    # is a disk write kept, a boot id that changes is a cold boot.
+    def plain_start_after_unsaved(session):
+        info, after, err = start(env, "phone")
+        check(info["boot"] == "cold" and after["boot_id"] != session["boot_id"]
+              and int(after["boot_count"]) == int(session["boot_count"]) + 1, f"{session} then {info} {after}")
+        check("the last session of 'phone' ended without saving its state: booting cold, keeping its disk "
+              "writes" in err, err)
+        return info, after
+
+    run(env, "device", "stop", "phone")
+    _, session, _ = start(env, "phone", "--cold")
+    run(env, "device", "stop", "phone", "--no-save")
+    _, unsaved = plain_start_after_unsaved(session)
+    run(env, "device", "stop", "phone")
+    info, resumed, _ = start(env, "phone")
+    check(info["boot"] == "resumed" and resumed["boot_id"] == unsaved["boot_id"], f"not resumed: {resumed}")
+    for pid in emulators_of(path):
+        os.kill(pid, signal.SIGKILL)
+    time.sleep(1)
+    run(env, "device", "snapshot", "save", "phone", "latest", expect=2)
+    _, killed = plain_start_after_unsaved(resumed)
+    run(env, "device", "snapshot", "save", "phone", "mark")
+    run(env, "device", "stop", "phone")
+    start(env, "phone", "--snapshot", "mark")
+    run(env, "device", "stop", "phone", "--no-save")
+    names = [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]]
+    check(names == ["mark"], f"a snapshot start discards the quick-boot state: {names}")
+    _, warm = plain_start_after_unsaved(killed)
+    print("snapshots: 1b sessions ended without the quick-boot save are never resumed over")
 
     # 2. A state the emulator cannot load, though its record says it fits
     #    (the RAM changed behind the record's back): one cold boot.
@@ -114,16 +148,23 @@ def steps(env, image_dir):
     # 4. Refusals: nothing is deleted.
     _, err = run(env, "device", "snapshot", "load", "phone", "nosuch", expect=3)
     check("snapshot 'nosuch' of device 'phone' does not exist" in err, err)
-    run(env, "device", "stop", "phone", "--no-save")
+    run(env, "device", "stop", "phone")
     _, err = run(env, "device", "snapshot", "load", "phone", "checkpoint", expect=4)
     check("is not running" in err, err)
     _, _, err = start(env, "phone", "--snapshot", "nosuch", expect=3)
-    run(env, "device", "set", "phone", "cpus=2")
+    _, err = run(env, "device", "set", "phone", "cpus=2")
+    check("the quick-boot state of 'phone' becomes unloadable: saved with 1 CPUs, the device now has 2" in err
+          and "snapshot 'checkpoint' of 'phone' becomes unloadable: saved with 1 CPUs" in err
+          and "'mark'" not in err, f"set should name the snapshots it makes unloadable: {err}")
     _, _, err = start(env, "phone", "--snapshot", "checkpoint", expect=4)
     check("was saved with 1 CPUs, the device now has 2; it cannot be loaded" in err, err)
     names = [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]]
     check("checkpoint" in names and "latest" in names, f"refusals must delete nothing: {names}")
-    print("snapshots: 4 refusals keep every snapshot")
+    start(env, "phone")
+    names = [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]]
+    check("latest" not in names, f"the next start discards the quick-boot state, as set said: {names}")
+    run(env, "device", "stop", "phone")
+    print("snapshots: 4 refusals keep every snapshot; set names those it makes unloadable")
 
     # 5. A reset names the snapshots it deletes before it asks.
     _, err = run(env, "device", "reset", "phone", "--yes")

@@ -315,8 +315,9 @@ public:
     int snapshotResult = 1;
 };
 
-// A state saved with other hardware is not tried; a state the emulator
-// cannot load is tried once, then the device boots cold, once.
+// A state saved with other hardware or before a session that ended
+// without saving is not tried; a state the emulator cannot load is tried
+// once, then the device boots cold, once.
 TEST(QuickBootDecision, aStateThatCannotResumeBootsColdOnce)
 {
     const struct {
@@ -326,7 +327,11 @@ TEST(QuickBootDecision, aStateThatCannotResumeBootsColdOnce)
         int result;
         QtMsgType level;
         QString line;
+        QByteArray session = "{\"ended_with_save\": true}";
     } rows[] = {
+        {"", 1, {""}, 1, QtInfoMsg,
+         "[VMTools] the last session of 'Stale' ended without saving its state: booting cold, keeping its disk writes",
+         "{\"ended_with_save\": false}"},
         {"saved with 512 MB of RAM, the device now has 1024 MB", 1, {""}, 1, QtInfoMsg,
          "[VMTools] quick-boot state saved with 512 MB of RAM, the device now has 1024 MB: booting cold"},
         {"", QEMUMachine::StateNotLoaded, {"latest", ""}, 1, QtWarningMsg,
@@ -340,6 +345,7 @@ TEST(QuickBootDecision, aStateThatCannotResumeBootsColdOnce)
         engine.mismatch = row.mismatch;
         engine.snapshotResult = row.snapshotResult;
         QEMUMachine machine(&engine, deployed("Stale"), makeImage("/x.ova", "11.0.0"), makeProfile());
+        ASSERT_TRUE(hvtest::writeFile(deployed("Stale/session.json"), row.session));
         bool quickBoot = true;
         MessageCapture capture;
         EXPECT_EQ(engine.startFromLatestSnapshot(&machine, &quickBoot), row.result);
