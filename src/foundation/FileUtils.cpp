@@ -121,9 +121,11 @@ bool writeAll(int fd, const QByteArray &content)
     return true;
 }
 
-bool syncDirectory(const QByteArray &dir)
+} // namespace
+
+bool FileUtils::flushToDisk(const QString &path)
 {
-    const int fd = ::open(dir.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return false;
     const bool synced = ::fsync(fd) == 0;
@@ -133,8 +135,6 @@ bool syncDirectory(const QByteArray &dir)
     return synced;
 }
 
-} // namespace
-
 bool FileUtils::saveFile(const QString &path, const QByteArray &content)
 {
     // The new content goes to a private temporary file beside the old one,
@@ -142,7 +142,6 @@ bool FileUtils::saveFile(const QString &path, const QByteArray &content)
     // rename: a crash or a full disk at any step leaves the old file whole.
     const QFileInfo info(path);
     const QByteArray target = QFile::encodeName(info.absoluteFilePath());
-    const QByteArray dir = QFile::encodeName(info.absolutePath());
     QByteArray temporary = QFile::encodeName(info.absolutePath() + QStringLiteral("/.") + info.fileName()
                                              + QStringLiteral(".XXXXXX"));
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
@@ -166,11 +165,11 @@ bool FileUtils::saveFile(const QString &path, const QByteArray &content)
         return false;
     }
     // The rename itself lives in the directory: without this the new name
-    // may not survive a power cut even though the data did.
-    if (!syncDirectory(dir)) {
-        qCritical() << "Failed to flush directory" << info.absolutePath() << ":" << std::strerror(errno);
-        return false;
-    }
+    // may not survive a power cut even though the data did. The new file is
+    // in place either way, and every reader sees it.
+    if (!flushToDisk(info.absolutePath()))
+        qWarning() << "Wrote" << path << "but failed to flush its directory:" << std::strerror(errno)
+                   << "; a power cut may still bring back the old file";
     return true;
 }
 

@@ -26,8 +26,14 @@ public:
     /// Replaces the file at path with content, all or nothing: the old file
     /// stays as it was unless the new content is complete and flushed to
     /// disk. The file is readable by its owner only. On failure one critical
-    /// line names the file and the cause ("No space left on device").
+    /// line names the file and the cause ("No space left on device"). Once
+    /// the new file has its name it is a success: a directory that cannot be
+    /// flushed after that gets a warning (a power cut may still bring back
+    /// the old file).
     static bool saveFile(const QString &path, const QByteArray &content);
+    /// Flushes the file or directory at path to disk (for a directory: the
+    /// names in it). False, with errno set, when it cannot.
+    static bool flushToDisk(const QString &path);
     /// Why a file cannot be written in dir now, in the system's words ("No
     /// space left on device"), found by writing a small private file there
     /// and removing it; empty when that works.

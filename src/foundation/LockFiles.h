@@ -2,6 +2,7 @@
 
 #include "halvistromcore_export.h"
 
+#include <QDateTime>
 #include <QString>
 
 class QLockFile;
@@ -47,6 +48,55 @@ private:
     QString m_error;
     int m_errno = 0;
     int m_fd = -1;
+};
+
+/// Who holds a command lock, as its file records it.
+struct LockHolder {
+    /// 0 when the file names no one yet (its holder is about to write it).
+    qint64 pid = 0;
+    /// The command the holder runs, in the user's words ("hvtool device start").
+    QString command;
+    QDateTime since;
+};
+
+/// An exclusive lock on a file, held for the span of one command, whose
+/// file names the command that holds it. The kernel lets go of it when the
+/// holder's process ends, however it ends, so a lock is never stale. The file
+/// stays where it is; a lock whose file was moved away (its directory
+/// removed) while it was waited for is never taken.
+class HALVISTROM_CORE_EXPORT CommandLock
+{
+public:
+    enum Result {
+        Taken,
+        /// Another process (or another lock of this one) held it for the whole wait.
+        Busy,
+        /// The file's directory is gone.
+        Gone,
+        Failed,
+    };
+
+    CommandLock() = default;
+    ~CommandLock();
+    CommandLock(const CommandLock &) = delete;
+    CommandLock &operator=(const CommandLock &) = delete;
+
+    /// Takes the lock on the file path (made private to its owner when it
+    /// does not exist), waiting at most waitMs, polling at a short, growing
+    /// interval; once taken, the file records command and this process.
+    Result acquire(const QString &path, const QString &command, int waitMs);
+    /// Lets go of the lock; the file then names no one.
+    void release();
+    bool isHeld() const { return m_fd >= 0; }
+    /// After Busy: the holder the file names.
+    LockHolder holder() const { return m_holder; }
+    /// After Failed: why, in the system's words.
+    QString errorString() const { return m_error; }
+
+private:
+    int m_fd = -1;
+    LockHolder m_holder;
+    QString m_error;
 };
 
 } // namespace LockFiles

@@ -173,6 +173,11 @@ Context::Context(const QStringList &args, const QCommandLineParser &parser, Form
 {
 }
 
+void Context::setCommand(const QStringList &path)
+{
+    m_command = QStringLiteral("hvtool ") + path.join(QLatin1Char(' '));
+}
+
 bool Context::isSet(const QString &option) const
 {
     return m_parser.isSet(option);
@@ -346,6 +351,7 @@ int runCommandLine(const QStringList &arguments)
                           commandHelp(*found));
 
     Context context(positional, parser, format, verbose);
+    context.setCommand(found->path);
     return found->run(context);
 }
 

@@ -37,6 +37,9 @@ public:
     Format format() const { return m_format; }
     bool json() const { return m_format == Format::Json; }
     bool verbose() const { return m_verbose; }
+    /// The command as the user named it: "hvtool device start".
+    QString command() const { return m_command; }
+    void setCommand(const QStringList &path);
 
     /// Writes a line of data to stdout.
     void print(const QString &line) const;
@@ -59,6 +62,7 @@ private:
     const QCommandLineParser &m_parser;
     Format m_format;
     bool m_verbose;
+    QString m_command;
 };
 
 /// One verb of a noun: an option table and a handler.

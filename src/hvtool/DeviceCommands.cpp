@@ -5,6 +5,7 @@
 #include "Engine.h"
 #include "Progress.h"
 
+#include "LockFiles.h"
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
 #include "Paths.h"
@@ -39,16 +40,24 @@ const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<QEMUMachine>;
 
-/// Why the device directory of that name holds no usable device; empty when
-/// there is no such directory.
-QString brokenReason(QEMUEngine *e, const QString &name)
+/// The directory of the devices directory that name names; empty when
+/// there is none, or when name would reach outside it.
+QString deviceDirectory(QEMUEngine *e, const QString &name)
 {
     // Only that one directory is looked at: a command naming one device
     // costs the same among a thousand.
     if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..") || name.contains(QLatin1Char('/')))
         return QString();
     const QString path = e->getDevicesDirectory().absoluteFilePath(name);
-    if (!QFileInfo(path).isDir())
+    return QFileInfo(path).isDir() ? path : QString();
+}
+
+/// Why the device directory of that name holds no usable device; empty when
+/// there is no such directory.
+QString brokenReason(QEMUEngine *e, const QString &name)
+{
+    const QString path = deviceDirectory(e, name);
+    if (path.isEmpty())
         return QString();
     if (MachinePtr machine{e->loadDevice(path)})
         return QString();
@@ -82,12 +91,60 @@ struct Target {
     QEMUEngine *engine = nullptr;
     MachinePtr machine;
     int code = Success;
+    /// Held to the end of a command that changes the device.
+    std::unique_ptr<LockFiles::CommandLock> lock;
 };
 
 Target findTarget(Context &ctx)
 {
     Target target;
     target.machine = device(ctx, &target.engine, &target.code, ctx.arg(0));
+    return target;
+}
+
+/// Takes the command lock of the device directory at path for this command:
+/// Success, or the exit code that reports why not (the holder of a busy
+/// device named).
+int lockDevice(Context &ctx, QEMUEngine *e, const QString &path, LockFiles::CommandLock *lock)
+{
+    const QString name = QFileInfo(path).fileName();
+    switch (e->lockDevice(path, ctx.command(), lock)) {
+    case LockFiles::CommandLock::Taken:
+        return Success;
+    case LockFiles::CommandLock::Gone:
+        return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
+    case LockFiles::CommandLock::Busy: {
+        const LockFiles::LockHolder holder = lock->holder();
+        const QString who = holder.pid <= 0 ? QStringLiteral("another command is changing it")
+                                            : QStringLiteral("'%1' (pid %2) has been changing it since %3")
+                                                  .arg(holder.command)
+                                                  .arg(holder.pid)
+                                                  .arg(holder.since.toLocalTime().toString(QStringLiteral("HH:mm:ss")));
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is busy: %2; try again once it is done").arg(name, who));
+    }
+    case LockFiles::CommandLock::Failed:
+        break;
+    }
+    return ctx.fail(Failed, QStringLiteral("could not lock device '%1': %2").arg(name, lock->errorString()));
+}
+
+/// The device a command that changes it names, locked until the command
+/// ends and read afresh under the lock, since the command that held it
+/// may have changed it (or deleted it) meanwhile.
+Target lockTarget(Context &ctx)
+{
+    Target target = findTarget(ctx);
+    if (!target.machine)
+        return target;
+    auto lock = std::make_unique<LockFiles::CommandLock>();
+    const int locked = lockDevice(ctx, target.engine, target.machine->getPath(), lock.get());
+    if (locked != Success) {
+        target.machine.reset();
+        target.code = locked;
+        return target;
+    }
+    target = findTarget(ctx);
+    target.lock = std::move(lock);
     return target;
 }
 
@@ -456,7 +513,7 @@ int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
 
 int start(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -500,6 +557,9 @@ int start(Context &ctx)
                                 "one"));
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
+    // The device runs: waiting for its guest changes nothing, and a stop
+    // may come meanwhile.
+    target.lock->release();
 
     QByteArray banner;
     if (waitSeconds > 0 && !waitForGuest(*machine, quint16(machine->getAdbPort()), waitSeconds, &banner)) {
@@ -550,7 +610,7 @@ bool waitForExit(QEMUMachine &machine, int seconds)
 
 int stop(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -625,7 +685,7 @@ int snapshotList(Context &ctx)
 
 int snapshotLoad(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -651,7 +711,7 @@ int snapshotLoad(Context &ctx)
 
 int snapshotSave(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -683,7 +743,7 @@ int snapshotSave(Context &ctx)
 
 int snapshotDelete(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -701,7 +761,7 @@ int snapshotDelete(Context &ctx)
 
 int clone(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -712,35 +772,41 @@ int clone(Context &ctx)
     if (e->doesMachineExist(newName))
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     const bool running = machine->getStatus() == VMToolsMachine::On;
+    const bool crashConsistent = ctx.isSet(QStringLiteral("crash-consistent"));
+    if (running && !crashConsistent)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is running: its disks change while they are copied; "
+                                                 "stop it first, or ask for a crash-consistent copy with "
+                                                 "--crash-consistent")
+                                      .arg(machine->getName()));
     if (!running && checkBacking(ctx, e, *machine) != Success)
         return Failed;
     if (running)
-        ctx.note(QStringLiteral("device '%1' is running: its disks are copied as they are now").arg(machine->getName()));
+        ctx.note(QStringLiteral("device '%1' is running: pausing it for a crash-consistent copy (its disks as a power "
+                                "cut now would leave them)")
+                     .arg(machine->getName()));
 
-    const int result = e->cloneMachine(machine.get(), newName);
+    const int result = e->cloneMachine(machine.get(), newName, crashConsistent);
     if (result == 2)
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     if (result != 0)
         return ctx.fail(Failed, QStringLiteral("could not clone device '%1' to '%2'").arg(machine->getName(), newName));
 
-    // The copy carries the source's lock file and log; they describe the
-    // source's emulator, not the clone.
-    const QString clonePath = QDir(machine->getPath() + QStringLiteral("/..")).absoluteFilePath(newName);
-    QFile::remove(QEMUDeviceFiles(clonePath).lockFile());
-    QFile::remove(QEMUDeviceFiles(clonePath).logFile());
-
     if (ctx.json()) {
         MachinePtr cloned(findDevice(e, newName));
-        ctx.printJson(cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}});
+        QJsonObject object = cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}};
+        object.insert("crash_consistent", running);
+        ctx.printJson(object);
     } else {
-        ctx.print(QStringLiteral("cloned '%1' to '%2'").arg(machine->getName(), newName));
+        ctx.print(QStringLiteral("cloned '%1' to '%2'%3")
+                      .arg(machine->getName(), newName,
+                           running ? QStringLiteral(" (a crash-consistent copy of the running device)") : QString()));
     }
     return Success;
 }
 
 int reset(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     MachinePtr &machine = target.machine;
@@ -754,8 +820,13 @@ int reset(Context &ctx)
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
     if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
-    if (!machine->resetFactory())
+    const QEMUEngine::ResetResult result = target.engine->resetDevice(machine.get());
+    if (result == QEMUEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
+    if (result == QEMUEngine::ResetResult::Pending)
+        return ctx.fail(Failed, QStringLiteral("could not finish resetting device '%1': its new disks are complete but "
+                                               "not all in place; the next command on it finishes the reset")
+                                    .arg(name));
     ctx.print(QStringLiteral("reset '%1' to its factory state").arg(name));
     return Success;
 }
@@ -774,16 +845,21 @@ int removeBroken(Context &ctx, QEMUEngine *e, const QString &name, const QString
 int remove(Context &ctx)
 {
     int code = Success;
-    QEMUEngine *broken = engine(ctx, &code);
-    if (!broken)
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
         return code;
-    const QString reason = brokenReason(broken, ctx.arg(0));
+    // A broken directory is locked too: the command that holds it may be
+    // about to make it whole.
+    LockFiles::CommandLock lock;
+    const QString path = deviceDirectory(e, ctx.arg(0));
+    if (!path.isEmpty() && (code = lockDevice(ctx, e, path, &lock)) != Success)
+        return code;
+    const QString reason = brokenReason(e, ctx.arg(0));
     if (!reason.isEmpty())
-        return removeBroken(ctx, broken, ctx.arg(0), reason);
+        return removeBroken(ctx, e, ctx.arg(0), reason);
     Target target = findTarget(ctx);
     if (!target.machine)
         return target.code;
-    QEMUEngine *e = target.engine;
     MachinePtr &machine = target.machine;
     const QString name = machine->getName();
     if (machine->getStatus() == VMToolsMachine::On)
@@ -791,7 +867,7 @@ int remove(Context &ctx)
     if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
         return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
     if (!e->deleteMachine(machine.get()))
-        return ctx.fail(Failed, QStringLiteral("could not delete device '%1'").arg(name));
+        return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     ctx.print(QStringLiteral("deleted '%1'").arg(name));
     return Success;
 }
@@ -902,7 +978,7 @@ void noteUnloadable(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QLi
 
 int set(Context &ctx)
 {
-    Target target = findTarget(ctx);
+    Target target = lockTarget(ctx);
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
@@ -963,8 +1039,10 @@ void addDeviceCommands()
                    2, 2, snapshotLoad}
         << Command{{"device", "snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2,
                    2, snapshotDelete}
-        << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a device under a new name and identity.", {}, 2, 2,
-                   clone}
+        << Command{{"device", "clone"}, "NAME NEWNAME", "Copy a stopped device under a new name and identity.",
+                   {{"crash-consistent", "Copy a running device too: it is paused for the copy, which holds its "
+                                         "disks as a power cut at that moment would leave them."}},
+                   2, 2, clone}
         << Command{{"device", "reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset}
         << Command{{"device", "delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove}
         << Command{{"device", "set"}, "NAME KEY=VALUE...",

@@ -144,14 +144,15 @@ QString hashOva(const QString &path, QString *error)
     return checksum;
 }
 
-/// An OVA is registered once for a pair of image and Android versions: with
-/// its checksum they name its reference disks. One archive may serve as
-/// images of several Android versions.
-int refuseRegistered(Context &ctx, const QString &path, const OsImage &image)
+/// An OVA is registered once. Records may name one archive as images of
+/// several Android versions (versions and checksum name the reference
+/// disks, so those never share them); anyVersion refuses those too.
+int refuseRegistered(Context &ctx, const QString &path, const OsImage &image, bool anyVersion)
 {
     for (const Stored<OsImage> &existing : Catalog::images()) {
         if (existing.value.imageHash.compare(image.imageHash, Qt::CaseInsensitive) == 0
-            && existing.value.imageVersion == image.imageVersion && existing.value.osVersion == image.osVersion)
+            && (anyVersion
+                || (existing.value.imageVersion == image.imageVersion && existing.value.osVersion == image.osVersion)))
             return ctx.fail(Conflict, QStringLiteral("'%1' is already registered as image '%2' (%3, record '%4')")
                                           .arg(path, existing.value.name, Catalog::bareUuid(existing.value.uuid),
                                                existing.file));
@@ -164,7 +165,7 @@ int refuseRegistered(Context &ctx, const QString &path, const OsImage &image)
 int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
 {
     if (!image->isImageAvailableLocally())
-        return refuseRegistered(ctx, path, *image);
+        return refuseRegistered(ctx, path, *image, false);
     QString error;
     const QString checksum = hashOva(image->getLocalPath(), &error);
     if (checksum.isEmpty())
@@ -174,7 +175,7 @@ int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
                                                "registered")
                                     .arg(path, image->imageHash, image->getLocalPath(), checksum));
     image->imageHash = checksum;
-    return refuseRegistered(ctx, path, *image);
+    return refuseRegistered(ctx, path, *image, false);
 }
 
 bool saveRecord(const OsImage &image, QString *file)
@@ -272,7 +273,7 @@ int addOva(Context &ctx, const QString &path)
     image.imageHash = hashOva(info.absoluteFilePath(), &error);
     if (image.imageHash.isEmpty())
         return ctx.fail(Failed, QStringLiteral("could not read '%1': %2").arg(path, error));
-    const int refused = refuseRegistered(ctx, path, image);
+    const int refused = refuseRegistered(ctx, path, image, true);
     return refused != Success ? refused : registerImage(ctx, image);
 }
 

@@ -52,6 +52,16 @@ QString QEMUDeviceFiles::qmpSocketName()
     return QStringLiteral("qmp.sock");
 }
 
+QString QEMUDeviceFiles::commandLockName()
+{
+    return QStringLiteral("command.lock");
+}
+
+QString QEMUDeviceFiles::resetMarkerName()
+{
+    return QStringLiteral("reset.pending");
+}
+
 QString QEMUDeviceFiles::path(const QString &name) const
 {
     return m_dir + QLatin1Char('/') + name;
@@ -95,6 +105,16 @@ QString QEMUDeviceFiles::savedStates() const
 QString QEMUDeviceFiles::qmpSocket() const
 {
     return path(qmpSocketName());
+}
+
+QString QEMUDeviceFiles::commandLock() const
+{
+    return path(commandLockName());
+}
+
+QString QEMUDeviceFiles::resetMarker() const
+{
+    return path(resetMarkerName());
 }
 
 QString QEMUDeviceFiles::sessionRecord() const

@@ -4,7 +4,8 @@
 
 /// The files of a QEMU device's directory, named in this one place: the disks,
 /// the lock file that ties a running emulator to the device, the emulator's
-/// error output, its control socket and the folder the guest sees as a drive. Everyone who needs
+/// error output, its control socket, the folder the guest sees as a drive and
+/// the markers of commands under way. Everyone who needs
 /// one of them asks here.
 class QEMUDeviceFiles
 {
@@ -21,6 +22,8 @@ public:
     static QString savedStatesName();
     static QString sessionRecordName();
     static QString qmpSocketName();
+    static QString commandLockName();
+    static QString resetMarkerName();
 
     QString directory() const { return m_dir; }
     /// "system.qcow2": the overlay of the OS image's system disk.
@@ -42,6 +45,12 @@ public:
     QString sessionRecord() const;
     /// "qmp.sock": the emulator's control socket, reachable by the owner only.
     QString qmpSocket() const;
+    /// "command.lock": held by the one command that changes the device at a
+    /// time, and naming it.
+    QString commandLock() const;
+    /// "reset.pending": a factory reset whose new disks are complete and
+    /// take the old ones' names; whoever finds it finishes the reset.
+    QString resetMarker() const;
 
 private:
     QString path(const QString &name) const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LockFiles.h"
 #include "OsImage.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
@@ -14,6 +15,7 @@
 #include <memory>
 #include <mutex>
 
+class QEMUDeviceFiles;
 class QEMUMachine;
 namespace LockFiles {
 class SharedLock;
@@ -61,7 +63,13 @@ public:
     /// worked, from its data disk and SD card. True when there is no such snapshot.
     bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const override;
     bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) override;
+    /// Refuses a source that runs (see the overload).
     int cloneMachine(VMToolsMachine *machine, const QString &newName) override;
+    /// Copies the device under a new name and identity. A source that runs is
+    /// refused unless crashConsistent: its guest is then paused (its disks
+    /// flushed) for the copy and goes on after it, so the clone has the disks
+    /// a power cut at that moment would have left.
+    int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
     /// Copies an image; an existing destination is never overwritten.
     bool copyDisk(const QString &source, const QString &destination) const override;
     /// Removes an image; true when none is left at the path.
@@ -115,10 +123,29 @@ public:
     /// when the disk work failed; nothing is left behind on failure.
     int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
                       const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
-    /// Rebuilds the device's system and data disks from the reference disks.
-    /// The new disks are made beside the old ones and renamed over them only
-    /// once both are complete, so a failure leaves the device as it was.
+    /// What a factory reset did.
+    enum class ResetResult {
+        Done,
+        /// Refused, or failed before any disk was replaced: the device is as it was.
+        Unchanged,
+        /// The new disks are complete but could not all take their names:
+        /// the next command on the device finishes the reset.
+        Pending,
+    };
+    /// Rebuilds the device's system and data disks from the reference disks
+    /// and drops the records of its saved states; the caller holds the
+    /// device's lock. The new disks are made beside the old ones, flushed to
+    /// disk, marked complete ("reset.pending") and only then renamed over
+    /// them: a kill at any step leaves the old device or one that the next
+    /// command finishes resetting (finishInterruptedReset()).
+    ResetResult resetDevice(const VMToolsMachine *machine) const;
+    /// resetDevice() is Done.
     bool resetFactory(const VMToolsMachine *machine) const;
+    /// Finishes a factory reset of the device that a killed command left
+    /// half-way: forward when its new disks were marked complete, else back
+    /// (the unfinished new disks are removed). The caller holds the lock.
+    /// False, logged, when a step failed.
+    bool finishInterruptedReset(const QString &devicePath) const;
 
     /// The directory of an image's reference disks: its image and Android
     /// versions and the sha-256 of its OVA as computed here (the last one
@@ -182,6 +209,16 @@ public:
     bool deleteBrokenMachine(const QString &name) const;
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
+    /// How long a command on a device waits for another one on it to end
+    /// before it gives up as busy.
+    static int deviceLockWaitMs();
+    /// Takes the device's command lock for command (the user's words, "hvtool
+    /// device start"), waiting at most deviceLockWaitMs(). Every command that
+    /// changes a device holds it from its first check to its last write, so
+    /// two never interleave. Once it is taken, a factory reset that a killed
+    /// command left half-way is finished or undone.
+    LockFiles::CommandLock::Result lockDevice(const QString &devicePath, const QString &command,
+                                              LockFiles::CommandLock *lock) const;
     /// The first port offset whose forwarded host ports are all free and that
     /// no device records; -1 when none is left.
     int computePortOffset() const;
@@ -251,6 +288,16 @@ private:
     /// when needed); the codes of the disk-level createMachine.
     int createDevice(const QString &name, const QString &ovaPath, const QString &reference,
                      long long sdCardSize) const;
+    /// Makes the new disks of a factory reset under their temporary names
+    /// and flushes them and the directory; nothing is left on failure.
+    bool makeResetDisks(const QDir &reference, const QEMUDeviceFiles &files) const;
+    bool discardResetDisks(const QEMUDeviceFiles &files) const;
+    /// Gives the marked new disks of a reset their names and drops the
+    /// stale records and the marker; each step may be run again.
+    bool completeReset(const QEMUDeviceFiles &files) const;
+    /// Copies the source's directory into buildPath, without the files that
+    /// describe its emulator; see cloneMachine() for a running source.
+    bool copyDevice(VMToolsMachine *source, const QString &buildPath, bool crashConsistent) const;
     /// The loaded record of the device directory at path, owned by the
     /// caller, or null when it holds no QEMU device.
     QEMUMachine *loadMachine(const QString &path) const;

@@ -8,6 +8,7 @@
 #include "HwProfile.h"
 #include "LockFiles.h"
 #include "OsImage.h"
+#include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
 #include "QEMUMachine.h"
@@ -29,6 +30,12 @@ namespace {
 const QString kSystemDisk = QEMUDeviceFiles::systemDiskName();
 const QString kDataDisk = QEMUDeviceFiles::dataDiskName();
 const QString kResetSuffix = QStringLiteral(".reset");
+// Long enough for a command that only checks and writes a record, short
+// enough that a user is not left wondering; a start or a clone takes longer
+// and is reported as busy.
+constexpr int kDeviceLockWaitMs = 5000;
+// Stopping a guest flushes its disks: seconds at most.
+constexpr int kGuestPauseTimeoutMs = 30000;
 
 // A device name is one directory inside the devices directory: anything that
 // could reach outside it (or be the directory itself) is refused, since a
@@ -67,7 +74,36 @@ bool isLinkedDeviceDirectory(const QString &path)
     return true;
 }
 
+// Makes an empty private directory beside the devices, hidden from every
+// listing, named after the device and what it is for
+// (".NAME.clone-XXXXXX"); empty, logged, on failure.
+QString makeHiddenDirectory(const QDir &devices, const QString &name, const QString &purpose)
+{
+    QByteArray pattern = QFile::encodeName(
+        devices.absoluteFilePath(QStringLiteral(".") + name + QLatin1Char('.') + purpose + QStringLiteral("-XXXXXX")));
+    if (!::mkdtemp(pattern.data())) {
+        qCritical() << "[VMTools]" << "Failed to create a directory to" << purpose << name << ":"
+                    << std::strerror(errno);
+        return QString();
+    }
+    return QFile::decodeName(pattern);
+}
+
 } // namespace
+
+int QEMUEngine::deviceLockWaitMs()
+{
+    return kDeviceLockWaitMs;
+}
+
+LockFiles::CommandLock::Result QEMUEngine::lockDevice(const QString &devicePath, const QString &command,
+                                                      LockFiles::CommandLock *lock) const
+{
+    const auto result = lock->acquire(QEMUDeviceFiles(devicePath).commandLock(), command, kDeviceLockWaitMs);
+    if (result == LockFiles::CommandLock::Taken)
+        finishInterruptedReset(devicePath);
+    return result;
+}
 
 QEMUEngine::DirectoryCleaner::DirectoryCleaner(const QDir &directory) : m_directory(directory) {}
 
@@ -166,6 +202,11 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
 
 int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
 {
+    return cloneMachine(source, newName, false);
+}
+
+int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName, bool crashConsistent)
+{
     if (!source) {
         qCritical() << "[VMTools]" << "Cannot clone null machine";
         return 1;
@@ -178,24 +219,13 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
     // The clone is built under a hidden name, which no listing shows, and
     // takes its own name only once it is complete with its own identity: a
     // clone that is interrupted is never taken for a device.
-    QByteArray pattern = QFile::encodeName(m_devicesDirectory.absoluteFilePath(
-        QStringLiteral(".") + newName + QStringLiteral(".clone-XXXXXX")));
-    if (!::mkdtemp(pattern.data())) {
-        qCritical() << "[VMTools]" << "Failed to create a directory for the clone" << newName << ":"
-                    << std::strerror(errno);
+    const QString buildPath = makeHiddenDirectory(m_devicesDirectory, newName, QStringLiteral("clone"));
+    if (buildPath.isEmpty())
         return 1;
-    }
-    const QString buildPath = QFile::decodeName(pattern);
+    const QByteArray pattern = QFile::encodeName(buildPath);
     DirectoryCleaner cleaner{QDir(buildPath)};
-    if (!FileUtils::copyDirectory(source->getPath(), buildPath)) {
-        qCritical() << "[VMTools]" << "Failed to copy" << source->getPath() << targetPath;
+    if (!copyDevice(source, buildPath, crashConsistent))
         return 1;
-    }
-    // The source's lock file and log describe the source's emulator: the
-    // clone does not run, and must not take over that pid and port offset.
-    const QEMUDeviceFiles files(buildPath);
-    QFile::remove(files.lockFile());
-    QFile::remove(files.logFile());
     QEMUMachine clone(const_cast<QEMUEngine *>(this), buildPath);
     if (!clone.load()) {
         qCritical() << "[VMTools]" << "Failed to retrieve cloned device" << newName;
@@ -223,6 +253,44 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
     return 0;
 }
 
+bool QEMUEngine::copyDevice(VMToolsMachine *source, const QString &buildPath, bool crashConsistent) const
+{
+    auto *running = dynamic_cast<QEMUMachine *>(source);
+    if (running && !running->isQEMURunning())
+        running = nullptr;
+    if (running && !crashConsistent) {
+        qWarning() << "[VMTools]" << "Cannot clone" << source->getName()
+                   << "while it runs: its disks change under the copy; stop it first";
+        return false;
+    }
+    // Stopping the guest makes the emulator flush its disks and write no
+    // more until it goes on: the copy is the disks at one moment, as a power
+    // cut would have left them.
+    QEMUClient client(running ? running->getQmpSocketPath() : QString());
+    const auto pause = [&](const char *command) {
+        return client.exec({{QStringLiteral("execute"), QString::fromLatin1(command)}}, QVariant(), kGuestPauseTimeoutMs,
+                           QEMUClient::ResponseRequired);
+    };
+    if (running && !(client.init() && pause("stop"))) {
+        qCritical() << "[VMTools]" << "Failed to pause" << source->getName() << "for a crash-consistent copy";
+        return false;
+    }
+    const bool copied = FileUtils::copyDirectory(source->getPath(), buildPath);
+    if (running && !pause("cont"))
+        qCritical() << "[VMTools]" << "Failed to let" << source->getName() << "go on after copying it";
+    if (!copied) {
+        qCritical() << "[VMTools]" << "Failed to copy" << source->getPath() << "to" << buildPath;
+        return false;
+    }
+    // The source's lock files and log describe the source's emulator and
+    // commands: the clone does not run, and must not take over that pid and
+    // port offset.
+    const QEMUDeviceFiles files(buildPath);
+    for (const QString &file : {files.lockFile(), files.logFile(), files.commandLock()})
+        QFile::remove(file);
+    return true;
+}
+
 bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
 {
     if (!machine) {
@@ -232,61 +300,128 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
     qDebug() << "[VMTools]" << "deleteMachine() with path" << machine->getPath();
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
-    if (!QDir(machine->getPath()).removeRecursively()) {
-        qCritical() << "[VMTools]" << "Failed to remove" << machine->getPath();
+    // The directory leaves the devices in one rename, under a hidden name,
+    // and is removed there: a removal that fails half-way leaves no
+    // half-device behind, only files that no listing takes for one.
+    const QDir path(machine->getPath());
+    const QString trash = makeHiddenDirectory(QDir::cleanPath(path.absoluteFilePath(QStringLiteral(".."))), path.dirName(),
+                                              QStringLiteral("delete"));
+    if (trash.isEmpty())
+        return false;
+    if (std::rename(QFile::encodeName(path.absolutePath()).constData(), QFile::encodeName(trash).constData()) != 0) {
+        qCritical() << "[VMTools]" << "Failed to remove" << path.absolutePath() << ":" << std::strerror(errno);
+        QDir().rmdir(trash);
         return false;
     }
+    if (!QDir(trash).removeRecursively())
+        qCritical() << "[VMTools]" << "Removed device" << path.dirName() << "but not all of its files: they are left in"
+                    << trash;
     return true;
 }
 
 bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
 {
+    return resetDevice(machine) == ResetResult::Done;
+}
+
+QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) const
+{
     if (!machine) {
         qCritical() << "[VMTools]" << "Cannot factory reset null machine";
-        return false;
+        return ResetResult::Unchanged;
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
-        return false;
+        return ResetResult::Unchanged;
     migrateDevice(machine);
     const QDir reference(getDeviceReference(machine));
-    const QFileInfo referenceSystem(reference, kSystemDisk);
-    const QFileInfo referenceData(reference, kDataDisk);
     if (!isReferenceComplete(reference.absolutePath())) {
         qCritical() << "[VMTools]" << "Reference disks don't exist" << reference.absolutePath();
-        return false;
+        return ResetResult::Unchanged;
     }
     // The new disks are made under temporary names inside the device
-    // directory, on the device's own file system, and take the real names
-    // only once both are complete. Nothing of the device is copied anywhere.
-    const QDir device(machine->getPath());
-    const QString system = device.absoluteFilePath(kSystemDisk);
-    const QString data = device.absoluteFilePath(kDataDisk);
-    const QString newSystem = system + kResetSuffix;
-    const QString newData = data + kResetSuffix;
-    const auto discard = [&] {
-        deleteDisk(newSystem);
-        deleteDisk(newData);
-    };
-    if (!deleteDisk(newSystem) || !deleteDisk(newData)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << device.absolutePath();
+    // directory, on the device's own file system, and reach the disk. Only
+    // then does the marker say that they are complete: from there on the
+    // reset goes forward, here or in the next command that finds the marker.
+    const QEMUDeviceFiles files(machine->getPath());
+    if (!makeResetDisks(reference, files))
+        return ResetResult::Unchanged;
+    if (!FileUtils::saveFile(files.resetMarker(), QByteArrayLiteral("factory reset: the new disks are complete\n"))) {
+        discardResetDisks(files);
+        return ResetResult::Unchanged;
+    }
+    return completeReset(files) ? ResetResult::Done : ResetResult::Pending;
+}
+
+bool QEMUEngine::makeResetDisks(const QDir &reference, const QEMUDeviceFiles &files) const
+{
+    const QString newSystem = files.systemDisk() + kResetSuffix;
+    const QString newData = files.dataDisk() + kResetSuffix;
+    if (!discardResetDisks(files)) {
+        qCritical() << "[VMTools]" << "Failed to clean" << files.directory();
         return false;
     }
-    if (!createDisk(referenceSystem, QFileInfo(newSystem))) {
-        qCritical() << "[VMTools]" << "Failed to create system disk" << device.absolutePath();
-        discard();
-        return false;
+    const QFileInfo referenceData(reference, kDataDisk);
+    bool made = createDisk(QFileInfo(reference, kSystemDisk), QFileInfo(newSystem));
+    if (!made)
+        qCritical() << "[VMTools]" << "Failed to create system disk" << files.directory();
+    else if (!(made = copyDisk(referenceData.absoluteFilePath(), newData) && QFileInfo(newData).size() == referenceData.size()))
+        qCritical() << "[VMTools]" << "Failed to copy data disk" << files.directory();
+    for (const QString &path : {newSystem, newData, files.directory()}) {
+        if (made && !(made = FileUtils::flushToDisk(path)))
+            qCritical() << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(errno);
     }
-    if (!copyDisk(referenceData.absoluteFilePath(), newData) || QFileInfo(newData).size() != referenceData.size()) {
-        qCritical() << "[VMTools]" << "Failed to copy data disk" << device.absolutePath();
-        discard();
-        return false;
-    }
-    for (const auto &[from, to] : {std::make_pair(newData, data), std::make_pair(newSystem, system)}) {
-        if (std::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0) {
-            qCritical() << "[VMTools]" << "Failed to replace" << to << ":" << std::strerror(errno);
-            discard();
+    if (!made)
+        discardResetDisks(files);
+    return made;
+}
+
+bool QEMUEngine::discardResetDisks(const QEMUDeviceFiles &files) const
+{
+    return deleteDisk(files.systemDisk() + kResetSuffix) && deleteDisk(files.dataDisk() + kResetSuffix);
+}
+
+bool QEMUEngine::completeReset(const QEMUDeviceFiles &files) const
+{
+    // A disk already renamed by an earlier attempt has no temporary name
+    // left: each step can be done again.
+    for (const QString &disk : {files.dataDisk(), files.systemDisk()}) {
+        const QByteArray fresh = QFile::encodeName(disk + kResetSuffix);
+        if (QFile::exists(QFile::decodeName(fresh))
+            && std::rename(fresh.constData(), QFile::encodeName(disk).constData()) != 0) {
+            qCritical() << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
             return false;
         }
+    }
+    if (!FileUtils::flushToDisk(files.directory())) {
+        qCritical() << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
+        return false;
+    }
+    // The records of the states saved in the old disks describe none now.
+    for (const QString &record : {files.savedStates(), files.resetMarker()}) {
+        if (QFile::exists(record) && !QFile::remove(record)) {
+            qCritical() << "[VMTools]" << "Failed to remove" << record;
+            return false;
+        }
+    }
+    if (!FileUtils::flushToDisk(files.directory()))
+        qWarning() << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
+    return true;
+}
+
+bool QEMUEngine::finishInterruptedReset(const QString &devicePath) const
+{
+    const QEMUDeviceFiles files(devicePath);
+    if (QFileInfo::exists(files.resetMarker())) {
+        qInfo() << "[VMTools]" << "Finishing the factory reset of" << QDir(devicePath).dirName()
+                << "that was interrupted after its new disks were complete";
+        return completeReset(files);
+    }
+    // Without the marker the new disks may be incomplete: the old ones are
+    // the device's, and what there is of the new ones goes.
+    if (QFileInfo::exists(files.systemDisk() + kResetSuffix) || QFileInfo::exists(files.dataDisk() + kResetSuffix)) {
+        qInfo() << "[VMTools]" << "Removing the unfinished disks of an interrupted factory reset of"
+                << QDir(devicePath).dirName();
+        return discardResetDisks(files);
     }
     return true;
 }
@@ -295,6 +430,15 @@ QEMUMachine *QEMUEngine::loadMachine(const QString &path) const
 {
     if (!QFileInfo(path).isDir() || isLinkedDeviceDirectory(path))
         return nullptr;
+    // A reset left half-way by a killed command is finished first, unless a
+    // command holds the device (it does so itself).
+    const QEMUDeviceFiles files(path);
+    if (QFileInfo::exists(files.resetMarker())) {
+        LockFiles::CommandLock lock;
+        if (lock.acquire(files.commandLock(), QStringLiteral("finishing an interrupted factory reset"), 0)
+            == LockFiles::CommandLock::Taken)
+            finishInterruptedReset(path);
+    }
     auto machine = std::make_unique<QEMUMachine>(const_cast<QEMUEngine *>(this), path);
     if (!machine->load())
         return nullptr;

@@ -1,10 +1,15 @@
 #include "DeviceTestData.h"
 #include "MessageCapture.h"
 #include "OsImageBuilder.h"
+#include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "TestEnvironment.h"
+#include "TestFiles.h"
 
+#include <QCryptographicHash>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTemporaryDir>
@@ -12,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <functional>
 
 using devtest::imageJson;
@@ -22,6 +28,30 @@ using hvtest::MessageCapture;
 namespace {
 
 const QString VendorBase = "https://images.example.test/vendor";
+
+// A kept checksum stands only for the file it was computed from: an archive
+// replaced by another of the same size and time is hashed again, and a
+// vanished one keeps its last checksum.
+TEST(OsImageChecksum, aReplacedArchiveIsHashedAgain)
+{
+    const QString path = hvtest::testRoot() + "/checksum.ova";
+    const auto sha = [](const QByteArray &data) {
+        return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex());
+    };
+    const auto write = [](const QString &file, const QByteArray &data) {
+        QFile out(file);
+        return out.open(QIODevice::WriteOnly) && out.write(data) == data.size() && out.flush()
+            && out.setFileTime(QDateTime::fromSecsSinceEpoch(1700000000), QFileDevice::FileModificationTime);
+    };
+    ASSERT_TRUE(write(path, "first"));
+    EXPECT_EQ(OsImageChecksum::get(path), sha("first"));
+    ASSERT_TRUE(write(path + ".new", "other"));
+    ASSERT_EQ(std::rename(QFile::encodeName(path + ".new").constData(), QFile::encodeName(path).constData()), 0);
+    EXPECT_EQ(OsImageChecksum::get(path), sha("other"));
+    ASSERT_TRUE(QFile::remove(path));
+    EXPECT_EQ(OsImageChecksum::lastKnown(path), sha("other"));
+    EXPECT_EQ(OsImageChecksum::get(path), QString());
+}
 
 TEST(OsImage, builderMakesAValidPlaceholder)
 {

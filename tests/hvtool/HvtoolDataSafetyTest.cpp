@@ -50,14 +50,14 @@ QByteArray fileHash(const QString &path)
 }
 
 // Every file below dir with its content's hash: two equal trees hold the
-// same data. Logs change with every run and are left out.
+// same data. Logs and locks change with every run and are left out.
 QMap<QString, QByteArray> tree(const QString &dir)
 {
     QMap<QString, QByteArray> files;
     QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
-        if (!path.endsWith(".log"))
+        if (!path.endsWith(".log") && !path.endsWith(".lock"))
             files.insert(QDir(dir).relativeFilePath(path), fileHash(path));
     }
     return files;
@@ -539,6 +539,12 @@ TEST(HvtoolReset, aKilledResetLeavesTheDeviceAsItWas)
         {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "30"}}));
     reset.start(hvtest::helperPath("hvtool"), {"device", "reset", "Kept", "--yes"});
     ASSERT_TRUE(waitFor([&] { return countRuns(log, "create") == 1; }));
+    const CliResult busy = hvtool({"device", "start", "Kept"});
+    EXPECT_EQ(busy.code, 4);
+    EXPECT_TRUE(busy.err.contains(QString("device 'Kept' is busy: 'hvtool device reset' (pid %1) has been changing it "
+                                          "since ")
+                                      .arg(reset.processId())))
+        << busy.err.toStdString();
     killTree(reset.processId());
     ASSERT_TRUE(reset.waitForFinished(10000));
     EXPECT_EQ(tree(dir), before);
@@ -548,6 +554,57 @@ TEST(HvtoolReset, aKilledResetLeavesTheDeviceAsItWas)
     ASSERT_EQ(done.code, 0) << done.err.toStdString();
     EXPECT_NE(fileHash(dir + "/data.qcow2"), before.value("data.qcow2"));
     EXPECT_EQ(tree(dir).keys(), before.keys());
+}
+
+// A start and a delete of one device at the same moment, again and again:
+// one goes first, the other waits for it and then finds the device running
+// or gone (or gives up, naming the first). Never half-deleted, never an
+// emulator writing into a directory that is being removed.
+TEST(HvtoolDeviceLock, aStartAndADeleteAtOnceLeaveTheDeviceWholeOrGone)
+{
+    const QString image = registerImage(makeOva("raced.ova"));
+    const QString hwProfile = profile();
+    const QString devices = hvHome() + "/.Corbelwick/Halvistrom/deployed";
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_EQ(hvtool({"device", "create", "Raced", "--image", image, "--profile", hwProfile}).code, 0);
+        QProcess start;
+        QProcess remove;
+        start.setProcessEnvironment(
+            hvtest::environmentWith({{"HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"}}));
+        const QStringList startArgs{"device", "start", "Raced"};
+        const QStringList deleteArgs{"device", "delete", "Raced", "--yes"};
+        const bool deleteFirst = round % 2;
+        QProcess &first = deleteFirst ? remove : start;
+        QProcess &second = deleteFirst ? start : remove;
+        first.start(hvtest::helperPath("hvtool"), deleteFirst ? deleteArgs : startArgs);
+        QThread::msleep(unsigned(round / 2) * 20);
+        second.start(hvtest::helperPath("hvtool"), deleteFirst ? startArgs : deleteArgs);
+        ASSERT_TRUE(first.waitForFinished(60000) && second.waitForFinished(60000));
+        const QString started = start.readAllStandardError();
+        const QString removed = remove.readAllStandardError();
+        QStringList listed;
+        for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
+            if (device.toObject().value("name") == "Raced")
+                listed << device.toObject().value("status").toString();
+        }
+        if (start.exitCode() == 0) {
+            EXPECT_EQ(hvtool({"device", "stop", "Raced", "--force"}).code, 0);
+            EXPECT_EQ(remove.exitCode(), 4);
+            EXPECT_TRUE(removed.contains("device 'Raced' is running; stop it first")
+                        || removed.contains(QString("device 'Raced' is busy: 'hvtool device start' (pid %1)")
+                                                .arg(start.processId())))
+                << removed.toStdString();
+            EXPECT_EQ(listed, QStringList{"On"});
+            EXPECT_EQ(hvtool({"device", "delete", "Raced", "--yes"}).code, 0);
+        } else {
+            EXPECT_EQ(remove.exitCode(), 0) << removed.toStdString();
+            EXPECT_EQ(start.exitCode(), 3) << started.toStdString();
+            EXPECT_TRUE(started.contains("device 'Raced' does not exist")) << started.toStdString();
+            EXPECT_EQ(listed, QStringList());
+        }
+        EXPECT_EQ(QDir(devices).entryList({"*Raced*"}, QDir::AllEntries | QDir::Hidden), QStringList());
+    }
 }
 
 // Device sizes the device file could not be read back with are refused
