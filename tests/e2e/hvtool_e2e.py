@@ -175,8 +175,13 @@ def steps(env, image_dir, held):
     check(cold2["boot_id"] != cold["boot_id"] and cold2["boot_count"] == "2", f"second cold boot: {cold2}")
     print("e2e: 3 cold restart ok", cold2)
 
-    # 4. Clone while the source runs; both run at once on their own ports.
-    env.run("device", "clone", "pixel", "pixel-2")
+    # 4. Clone while the source runs: only as a crash-consistent copy, asked
+    # for, with the guest paused for the copy and going on after it; both run
+    # at once on their own ports.
+    refused = env.run("device", "clone", "pixel", "pixel-2", expect=4)
+    check("ask for a crash-consistent copy with --crash-consistent" in refused.stderr, refused.stderr)
+    copied = env.run("device", "clone", "pixel", "pixel-2", "--crash-consistent")
+    check("(a crash-consistent copy of the running device)" in copied.stdout, copied.stdout)
     clone_offset = free_offsets(exclude=(first_offset,))[0]  # 7 on a quiet machine
     info2, clone, _ = start(env, "pixel-2", "--cold")
     check(info2["port_offset"] == clone_offset, f"the clone should get offset {clone_offset}: {info2}")
