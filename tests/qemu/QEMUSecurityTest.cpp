@@ -195,7 +195,7 @@ TEST_F(Security, aRunningDeviceIsReachableByItsOwnerOnly)
     }
     EXPECT_EQ(openEntries(Paths::getOrganizationPath()), QStringList());
 
-    ASSERT_EQ(m_engine->cloneMachine(machine.get(), "PrivateCopy"), 0);
+    ASSERT_EQ(m_engine->cloneMachine(machine.get(), "PrivateCopy", true), 0);
     EXPECT_EQ(openEntries(deployed("PrivateCopy")), QStringList());
     EXPECT_TRUE(m_engine->stopMachine(machine.get()));
     EXPECT_TRUE(VMToolsCommon::waitForFinished(pid, 10000));
