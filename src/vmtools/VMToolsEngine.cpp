@@ -57,9 +57,14 @@ void VMToolsEngine::closeOpenDevices() const
     }
 }
 
+QString VMToolsEngine::devicesDirectoryKey()
+{
+    return QStringLiteral("virtual_devices.directory");
+}
+
 QString VMToolsEngine::getDevicesDirectorySetting()
 {
-    const QString key = QStringLiteral("virtual_devices.directory");
+    const QString key = devicesDirectoryKey();
     const QString value = Settings::get(key, Paths::getDeployedPath()).toString();
     // A relative value would put devices wherever the program happens to run.
     if (!QDir::isAbsolutePath(value)) {
