@@ -9,6 +9,7 @@
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUEngine.h"
 #include "QEMUMachine.h"
 #include "VMToolsCommon.h"
@@ -40,20 +41,26 @@ const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<QEMUMachine>;
 
+bool isEntryName(const QString &name)
+{
+    return !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") &&
+           !name.contains(QLatin1Char('/'));
+}
+
 /// The directory of the devices directory that name names; empty when
 /// there is none, or when name would reach outside it.
 QString deviceDirectory(QEMUEngine *e, const QString &name)
 {
     // Only that one directory is looked at: a command naming one device
     // costs the same among a thousand.
-    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..") || name.contains(QLatin1Char('/')))
+    if (!isEntryName(name))
         return QString();
     const QString path = e->getDevicesDirectory().absoluteFilePath(name);
     return QFileInfo(path).isDir() ? path : QString();
 }
 
 /// Why the device directory of that name holds no usable device; empty when
-/// there is no such directory.
+/// there is no such directory or the system did not make it.
 QString brokenReason(QEMUEngine *e, const QString &name)
 {
     const QString path = deviceDirectory(e, name);
@@ -61,7 +68,19 @@ QString brokenReason(QEMUEngine *e, const QString &name)
         return QString();
     if (MachinePtr machine{e->loadDevice(path)})
         return QString();
-    return e->brokenReason(path);
+    return QEMUEngine::isDeviceDirectory(path, false) ? e->brokenReason(path) : QString();
+}
+
+/// What takes the name in the devices directory when the system did not make
+/// it (a user's folder or file), in words; empty otherwise.
+QString foreignEntry(QEMUEngine *e, const QString &name)
+{
+    const QFileInfo entry(e->getDevicesDirectory().absoluteFilePath(name));
+    if (!isEntryName(name) || (!entry.exists() && !entry.isSymLink()) ||
+        QEMUEngine::isDeviceDirectory(entry.absoluteFilePath(), true))
+        return QString();
+    return QStringLiteral("'%1' was not made by hvtool (it has no '%2' marker)")
+        .arg(entry.absoluteFilePath(), QEMUDeviceFiles::markerName());
 }
 
 /// Looks the device up; reports a missing one with exit code 3, a broken one
@@ -215,9 +234,9 @@ qint64 bytesIn(const QStringList &dirs)
 /// (unpacking the archive, converting disks) give no progress of their own.
 int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image, const HwProfile &profile)
 {
-    const QStringList watched = {QEMUEngine::getReferenceDirectory(image) + QStringLiteral(".partial"),
-                                 e->getDevicesDirectory().absoluteFilePath(name)};
-    const qint64 before = bytesIn(watched);
+    const QString partial = QEMUEngine::getReferenceDirectory(image) + QStringLiteral(".partial");
+    const auto watched = [&] { return QStringList{partial} + e->buildDirectories(name); };
+    const qint64 before = bytesIn(watched());
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task([&] { return e->createMachine(name, image, profile); });
@@ -225,10 +244,27 @@ int createWithProgress(QEMUEngine *e, const QString &name, const OsImage &image,
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
     while (result.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready)
-        progress.update(qMax<qint64>(0, bytesIn(watched) - before));
+        progress.update(qMax<qint64>(0, bytesIn(watched()) - before));
     worker.join();
     progress.finish();
     return result.get();
+}
+
+/// Refuses a new device's name that something takes: a broken device, an
+/// entry hvtool did not make, a device.
+int refuseTakenName(Context &ctx, QEMUEngine *e, const QString &name)
+{
+    const QString broken = brokenReason(e, name);
+    if (!broken.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
+                                                 "'hvtool device delete \"%1\" --yes'")
+                                      .arg(name, broken));
+    const QString foreign = foreignEntry(e, name);
+    if (!foreign.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("the name '%1' is taken: %2").arg(name, foreign));
+    if (e->doesMachineExist(name))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
+    return Success;
 }
 
 int create(Context &ctx)
@@ -262,13 +298,8 @@ int create(Context &ctx)
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    const QString broken = brokenReason(e, name);
-    if (!broken.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
-                                                 "'hvtool device delete \"%1\" --yes'")
-                                      .arg(name, broken));
-    if (e->doesMachineExist(name))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(name));
+    if ((code = refuseTakenName(ctx, e, name)) != Success)
+        return code;
 
     QElapsedTimer timer;
     timer.start();
@@ -305,24 +336,61 @@ void forEachInParallel(int count, const std::function<void(int)> &work)
         thread.join();
 }
 
+/// The directories that interrupted creations and clones left: each one as a
+/// row with --all, else one line saying what they take.
+QString listLeftovers(Context &ctx, QEMUEngine *e, QJsonArray *array, QList<QStringList> *rows)
+{
+    int idle = 0;
+    qint64 bytes = 0;
+    for (const QEMUEngine::Leftover &leftover : e->getLeftovers()) {
+        idle += leftover.inProgress ? 0 : 1;
+        bytes += leftover.inProgress ? 0 : leftover.bytes;
+        if (!ctx.isSet(QStringLiteral("all")))
+            continue;
+        const QString status = leftover.inProgress ? QStringLiteral("In progress") : QStringLiteral("Leftover");
+        array->append(QJsonObject{{"name", leftover.name}, {"status", status}, {"device", leftover.device},
+                                  {"operation", leftover.operation}, {"path", leftover.path},
+                                  {"pid", leftover.pid > 0 ? QJsonValue(double(leftover.pid)) : QJsonValue()},
+                                  {"size_on_disk", double(leftover.bytes)}});
+        *rows << QStringList{leftover.name, status, QString(), QString(), QString(), sizeText(leftover.bytes), QString()};
+    }
+    if (idle == 0)
+        return QString();
+    return QStringLiteral("%1 interrupted creation(s) or clone(s) left %2 in hidden directories; %3reclaim them "
+                          "with 'hvtool device cleanup'")
+        .arg(idle)
+        .arg(sizeText(bytes), ctx.isSet(QStringLiteral("all")) ? QString()
+                                                                : QStringLiteral("see them with 'hvtool device list "
+                                                                                 "--all', "));
+}
+
+/// Every device of the devices directory described, an empty object for a
+/// directory that holds none, in the order of names.
+std::vector<QJsonObject> describeAll(QEMUEngine *e, QStringList *names, QStringList *paths)
+{
+    const QDir dir = e->getDevicesDirectory();
+    *names = dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QString &name : *names)
+        *paths << dir.absoluteFilePath(name);
+    // Each device is loaded and described on its own: nothing is shared but
+    // the engine's read-only settings.
+    std::vector<QJsonObject> described(size_t(paths->size()));
+    forEachInParallel(paths->size(), [&](int i) {
+        if (MachinePtr machine{e->loadDevice(paths->at(i))})
+            described[size_t(i)] = describe(e, *machine);
+    });
+    return described;
+}
+
 int list(Context &ctx)
 {
     int code = Success;
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    const QDir dir = e->getDevicesDirectory();
-    const QStringList names = dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    QStringList names;
     QStringList paths;
-    for (const QString &name : names)
-        paths << dir.absoluteFilePath(name);
-    // Each device is loaded and described on its own: nothing is shared but
-    // the engine's read-only settings.
-    std::vector<QJsonObject> described(size_t(paths.size()));
-    forEachInParallel(paths.size(), [&](int i) {
-        if (MachinePtr machine{e->loadDevice(paths.at(i))})
-            described[size_t(i)] = describe(e, *machine);
-    });
+    const std::vector<QJsonObject> described = describeAll(e, &names, &paths);
 
     // A directory that holds no usable device is shown too, with the reason,
     // so that the user sees what takes its name and can remove it.
@@ -330,9 +398,11 @@ int list(Context &ctx)
     QJsonArray array;
     QList<QStringList> rows;
     for (int i = 0; i < paths.size(); ++i) {
+        // A folder the system did not make is no device, broken or not.
         const QJsonObject &object = described[size_t(i)];
         if (object.isEmpty()) {
-            broken.append({names.at(i), e->brokenReason(paths.at(i))});
+            if (QEMUEngine::isDeviceDirectory(paths.at(i), false))
+                broken.append({names.at(i), e->brokenReason(paths.at(i))});
             continue;
         }
         array.append(object);
@@ -347,6 +417,7 @@ int list(Context &ctx)
                                  {"path", e->getDevicesDirectory().absoluteFilePath(name)}});
         rows << QStringList{name, QStringLiteral("Broken"), QString(), QString(), QString(), QString(), QString()};
     }
+    const QString leftovers = listLeftovers(ctx, e, &array, &rows);
     if (ctx.json()) {
         ctx.printJson(array);
         return Success;
@@ -355,6 +426,8 @@ int list(Context &ctx)
     for (const auto &[name, reason] : broken)
         ctx.print(QStringLiteral("'%1' is broken: %2; remove it with 'hvtool device delete \"%1\" --yes'")
                       .arg(name, reason));
+    if (!leftovers.isEmpty())
+        ctx.print(leftovers);
     return Success;
 }
 
@@ -789,8 +862,8 @@ int clone(Context &ctx)
     const QString newName = ctx.arg(1);
     if (!validName(newName))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a valid device name").arg(newName));
-    if (e->doesMachineExist(newName))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
+    if (const int taken = refuseTakenName(ctx, e, newName))
+        return taken;
     const bool running = machine->getStatus() == VMToolsMachine::On;
     const bool crashConsistent = ctx.isSet(QStringLiteral("crash-consistent"));
     if (running && !crashConsistent)
@@ -862,12 +935,51 @@ int removeBroken(Context &ctx, QEMUEngine *e, const QString &name, const QString
     return Success;
 }
 
+/// Removes what interrupted creations and clones left, except what a running
+/// process still makes.
+int cleanup(Context &ctx)
+{
+    int code = Success;
+    QEMUEngine *e = engine(ctx, &code);
+    if (!e)
+        return code;
+    QJsonArray reclaimed;
+    QStringList failed;
+    for (const QEMUEngine::Leftover &leftover : e->getLeftovers()) {
+        if (leftover.inProgress) {
+            ctx.note(QStringLiteral("'%1' is left as it is: process %2 is still running the %3 of '%4'")
+                         .arg(leftover.name)
+                         .arg(leftover.pid)
+                         .arg(leftover.operation, leftover.device));
+        } else if (!e->reclaimLeftover(leftover)) {
+            failed << leftover.name;
+        } else {
+            reclaimed.append(QJsonObject{{"name", leftover.name}, {"size_on_disk", double(leftover.bytes)}});
+            if (!ctx.json())
+                ctx.print(QStringLiteral("reclaimed '%1' (%2), left by an interrupted %3 of '%4'")
+                              .arg(leftover.name, sizeText(leftover.bytes), leftover.operation, leftover.device));
+        }
+    }
+    if (ctx.json())
+        ctx.printJson(reclaimed);
+    else if (reclaimed.isEmpty() && failed.isEmpty())
+        ctx.print(QStringLiteral("nothing to reclaim"));
+    if (!failed.isEmpty())
+        return ctx.fail(Failed, QStringLiteral("could not remove %1").arg(failed.join(QLatin1String(", "))));
+    return Success;
+}
+
 int remove(Context &ctx)
 {
     int code = Success;
     QEMUEngine *e = engine(ctx, &code);
     if (!e)
         return code;
+    // A folder the system did not make is left as it is, lock file included.
+    const QString foreign = foreignEntry(e, ctx.arg(0));
+    if (!foreign.isEmpty())
+        return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist: %2; it is left as it is")
+                                      .arg(ctx.arg(0), foreign));
     // A broken directory is locked too: the command that holds it may be
     // about to make it whole.
     LockFiles::CommandLock lock;
@@ -1035,7 +1147,8 @@ void addDeviceCommands()
                    {{"image", "OS image (uuid, name or record file).", "ID"},
                     {"profile", "Hardware profile (uuid, name or file).", "ID"}},
                    1, 1, create}
-        << Command{{"device", "list"}, {}, "List the devices and their state.", {}, 0, 0, list}
+        << Command{{"device", "list"}, {}, "List the devices and their state.",
+                   {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list}
         << Command{{"device", "show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show}
         << Command{{"device", "start"}, "NAME",
                    "Start a device: resume its quick-boot state when quick boot is on and its last session ended "
@@ -1065,6 +1178,9 @@ void addDeviceCommands()
                    2, 2, clone}
         << Command{{"device", "reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset}
         << Command{{"device", "delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove}
+        << Command{{"device", "cleanup"}, {},
+                   "Remove what interrupted creations and clones left, unless they are still running.", {}, 0, 0,
+                   cleanup}
         << Command{{"device", "set"}, "NAME KEY=VALUE...",
                    "Change settings: cpus, ram, quickboot, root, sdcard, sdcard-size, virtual-keyboard, fullscreen.",
                    {}, 2, -1, set};

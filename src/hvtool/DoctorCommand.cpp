@@ -124,6 +124,26 @@ Check probeKvm(const QString &emulator)
     return finish({"kvm-runs-guest", Level::Warn, "KVM guest status: " + (status.isEmpty() ? "no answer" : status)});
 }
 
+/// What interrupted creations and clones left in the devices directory.
+Check leftoversCheck(const QEMUEngine &engine)
+{
+    QStringList names;
+    qint64 bytes = 0;
+    for (const QEMUEngine::Leftover &leftover : engine.getLeftovers()) {
+        if (leftover.inProgress)
+            continue;
+        names << QLatin1Char('\'') + leftover.name + QLatin1Char('\'');
+        bytes += leftover.bytes;
+    }
+    if (names.isEmpty())
+        return {"leftovers", Level::Ok, "no interrupted creation or clone left anything"};
+    return {"leftovers", Level::Warn,
+            QStringLiteral("interrupted creations or clones left %1 (%2 MiB); reclaim them with "
+                           "'hvtool device cleanup'")
+                .arg(names.join(QLatin1String(", ")))
+                .arg(double(bytes) / (1 << 20), 0, 'f', 1)};
+}
+
 int doctor(Context &ctx)
 {
     QList<Check> checks;
@@ -201,6 +221,8 @@ int doctor(Context &ctx)
         checks << Check{"devices-directory", free < 2 * gib ? Level::Warn : Level::Ok,
                         QStringLiteral("%1 is writable, %2 GiB free").arg(devices).arg(double(free) / gib, 0, 'f', 1)};
     }
+
+    checks << leftoversCheck(engine);
 
     bool failed = false;
     QJsonArray array;

@@ -2,8 +2,10 @@
 #include "Command.h"
 
 #include "JsonSettings.h"
+#include "QEMUEngine.h"
 #include "Settings.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -66,6 +68,13 @@ int set(Context &ctx)
 {
     const QString key = ctx.arg(0);
     const QVariant value = parseValue(ctx.arg(1));
+    // Devices go only where no one else's files are: listing and deleting
+    // take the directory as the system's.
+    const QString foreign = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString())
+                                ? QEMUEngine::foreignDevicesDirectoryReason(value.toString())
+                                : QString();
+    if (!foreign.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
     Settings::set(key, value);
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)

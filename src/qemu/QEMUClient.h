@@ -14,7 +14,7 @@ class QLocalSocket;
 class QmpLineFramer;
 
 /// A short-lived, blocking conversation with a running emulator over QMP on
-/// the unix socket in its device directory: enabling the protocol, quitting,
+/// its private unix socket: enabling the protocol, quitting,
 /// saving a snapshot. The socket, unlike a loopback port, is reachable only
 /// by the device's owner.
 /// Used from one thread at a time; init() spins a local event loop, so that

@@ -1,6 +1,51 @@
 #include "QEMUDeviceFiles.h"
 
+#include "Paths.h"
+
+#include <QCryptographicHash>
+#include <QDebug>
 #include <QDir>
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// The directory that holds the devices' control sockets: the session's
+// runtime directory when there is one, else a directory of the data tree.
+QString socketsDirectory()
+{
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (QDir::isAbsolutePath(runtime) && QFileInfo(runtime).isDir())
+        return QDir::cleanPath(runtime) + QStringLiteral("/halvistrom");
+    return QDir::cleanPath(Paths::getOrganizationPath()) + QStringLiteral("/run");
+}
+
+// Makes dir with mode 0700, or takes the one that exists when it is a real
+// directory of the owner's, closing it to others.
+bool makePrivateDirectory(const QString &dir)
+{
+    const QByteArray path = QFile::encodeName(dir);
+    if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
+        qCritical() << "[VMTools]" << "Failed to create directory" << dir << ":" << std::strerror(errno);
+        return false;
+    }
+    struct stat st;
+    if (::lstat(path.constData(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) {
+        qCritical() << "[VMTools]" << "Refusing" << dir << ": not a directory of this user's";
+        return false;
+    }
+    if ((st.st_mode & 077) != 0 && ::chmod(path.constData(), 0700) != 0) {
+        qCritical() << "[VMTools]" << "Failed to close" << dir << ":" << std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
 
 QEMUDeviceFiles::QEMUDeviceFiles(const QString &deviceDir)
     : m_dir(QDir(deviceDir).absolutePath())
@@ -62,6 +107,19 @@ QString QEMUDeviceFiles::resetMarkerName()
     return QStringLiteral("reset.pending");
 }
 
+QString QEMUDeviceFiles::markerName()
+{
+    return QStringLiteral(".halvistrom-device");
+}
+
+bool QEMUDeviceFiles::isDeviceFileName(const QString &name)
+{
+    return name == systemDiskName() || name == dataDiskName() || name == sdCardName() || name == lockFileName() ||
+           name == logFileName() || name == sharedFolderName() || name == savedStatesName() ||
+           name == sessionRecordName() || name == qmpSocketName() || name == commandLockName() ||
+           name == resetMarkerName() || name == markerName();
+}
+
 QString QEMUDeviceFiles::path(const QString &name) const
 {
     return m_dir + QLatin1Char('/') + name;
@@ -102,9 +160,24 @@ QString QEMUDeviceFiles::savedStates() const
     return path(savedStatesName());
 }
 
+QString QEMUDeviceFiles::marker() const
+{
+    return path(markerName());
+}
+
 QString QEMUDeviceFiles::qmpSocket() const
 {
-    return path(qmpSocketName());
+    const QByteArray digest = QCryptographicHash::hash(QFile::encodeName(m_dir), QCryptographicHash::Sha256);
+    return socketsDirectory() + QLatin1Char('/') + QString::fromLatin1(digest.toHex().left(16)) + QLatin1Char('/') +
+           qmpSocketName();
+}
+
+bool QEMUDeviceFiles::makeSocketDirectory() const
+{
+    const QString base = socketsDirectory();
+    if (!QDir().mkpath(QFileInfo(base).absolutePath()))
+        return false;
+    return makePrivateDirectory(base) && makePrivateDirectory(QFileInfo(qmpSocket()).absolutePath());
 }
 
 QString QEMUDeviceFiles::commandLock() const

@@ -2,11 +2,11 @@
 
 #include <QString>
 
-/// The files of a QEMU device's directory, named in this one place: the disks,
-/// the lock file that ties a running emulator to the device, the emulator's
-/// error output, its control socket, the folder the guest sees as a drive and
-/// the markers of commands under way. Everyone who needs
-/// one of them asks here.
+/// The files of a QEMU device's directory, named in this one place: the
+/// marker that says the system made the directory, the disks, the lock file
+/// that ties a running emulator to the device, the emulator's error output,
+/// its control socket, the folder the guest sees as a drive and the markers
+/// of commands under way. Everyone who needs one of them asks here.
 class QEMUDeviceFiles
 {
 public:
@@ -24,6 +24,10 @@ public:
     static QString qmpSocketName();
     static QString commandLockName();
     static QString resetMarkerName();
+    static QString markerName();
+    /// Whether name is one of the files above: what an interrupted copy of a
+    /// device can hold.
+    static bool isDeviceFileName(const QString &name);
 
     QString directory() const { return m_dir; }
     /// "system.qcow2": the overlay of the OS image's system disk.
@@ -43,7 +47,14 @@ public:
     /// "session.json": whether the device's last session ended with the
     /// quick-boot save.
     QString sessionRecord() const;
-    /// "qmp.sock": the emulator's control socket, reachable by the owner only.
+    /// ".halvistrom-device": written first into every directory the system
+    /// makes for a device. Only a directory that carries it is ever listed as
+    /// a device or deleted.
+    QString marker() const;
+    /// "qmp.sock" in a private directory of its own whose path does not grow
+    /// with the device's: $XDG_RUNTIME_DIR/halvistrom/<id>, or
+    /// <data tree>/run/<id> without a runtime directory, where the id is a
+    /// short digest of the device's path. A socket address holds 107 bytes.
     QString qmpSocket() const;
     /// "command.lock": held by the one command that changes the device at a
     /// time, and naming it.
@@ -51,6 +62,9 @@ public:
     /// "reset.pending": a factory reset whose new disks are complete and
     /// take the old ones' names; whoever finds it finishes the reset.
     QString resetMarker() const;
+    /// Makes the socket's directory, private to the owner; false, logged, when
+    /// it cannot be made or is not the owner's only.
+    bool makeSocketDirectory() const;
 
 private:
     QString path(const QString &name) const;

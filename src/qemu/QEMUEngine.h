@@ -204,6 +204,36 @@ public:
     bool deleteBrokenMachine(const QString &name) const;
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
+    /// Whether the system made the directory at path for a device: it
+    /// carries the device marker (QEMUDeviceFiles), or it holds a loadable
+    /// device record that an earlier version made without one, and then it
+    /// is marked (adopted) when adopt is true. Never a symbolic link.
+    static bool isDeviceDirectory(const QString &path, bool adopt);
+    /// Why dir must not become the devices directory, in words: it holds
+    /// entries and none of them is the system's (a device directory, a
+    /// leftover, the engine's own files). Empty when it may: missing, empty
+    /// or already holding the system's devices.
+    static QString foreignDevicesDirectoryReason(const QString &dir);
+
+    /// A hidden directory of the devices directory in which a creation or a
+    /// clone builds a device before it takes its name, or a deletion removes
+    /// one; left behind when the process that made it was killed.
+    struct Leftover {
+        QString name;           ///< the hidden directory's name
+        QString path;           ///< its absolute path
+        QString device;         ///< the device it was to become
+        QString operation;      ///< "creation", "clone" or "deletion"
+        long long pid = 0;      ///< the process that made it; 0 when an earlier version did
+        bool inProgress = false; ///< that process still runs
+        qint64 bytes = 0;       ///< what its files take
+    };
+    /// The build directories of the devices directory, sorted by name.
+    QList<Leftover> getLeftovers() const;
+    /// Removes a leftover whose process no longer runs; false, logged, when
+    /// it still runs or cannot be removed.
+    bool reclaimLeftover(const Leftover &leftover) const;
+    /// The build directories of the named device, being made now or left over.
+    QStringList buildDirectories(const QString &name) const;
     /// How long a command on a device waits for another one on it to end
     /// before it gives up as busy.
     static int deviceLockWaitMs();
@@ -222,6 +252,8 @@ public:
     /// The inter-process lock held from choosing a device's port offset until
     /// its lock file records it.
     QString getPortOffsetLockPath() const;
+    /// The name of that lock file in the devices directory.
+    static QString portOffsetLockName();
     /// Saves an internal snapshot of the running device over QMP; the
     /// writable shared-folder drive is detached first when it is attached.
     bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
@@ -282,10 +314,24 @@ private:
     bool adoptOldReference(const QString &oldDirectory, const QString &directory) const;
     /// Removes the previous layout's disks once no disk uses them.
     void reclaimOldReference(const QString &oldDirectory) const;
-    /// Makes a device's disks over the reference directory (prepared first
-    /// when needed); the codes of the disk-level createMachine.
-    int createDevice(const QString &name, const QString &ovaPath, const QString &reference,
+    /// Makes a device's disks in the directory devicePath over the reference
+    /// directory (prepared first when needed); the codes of the disk-level
+    /// createMachine.
+    int createDevice(const QString &devicePath, const QString &ovaPath, const QString &reference,
                      long long sdCardSize) const;
+    /// Builds the device name in a build directory that carries the marker
+    /// first, then renames it into place whole, never over an existing name.
+    /// build's code on its failure, 1 when the directory cannot be made or
+    /// renamed; nothing is left behind.
+    int buildDevice(const QString &name, const std::function<int(const QString &)> &build) const;
+    /// Marks a device directory made by an earlier version as the system's.
+    static void adoptDirectory(const QString &path);
+    /// The leftover that entry is, without its size or whether it is in
+    /// progress; pid -1 when entry is no build directory the system made.
+    static Leftover parseLeftover(const QFileInfo &entry);
+    /// Renames a build directory to the device directory target, never over
+    /// an existing entry: 0, or the errno (EEXIST when the name is taken).
+    static int moveIntoPlace(const QString &buildPath, const QString &target);
     /// Makes the new disks of a factory reset under their temporary names
     /// and flushes them and the directory; nothing is left on failure.
     bool makeResetDisks(const QDir &reference, const QEMUDeviceFiles &files) const;

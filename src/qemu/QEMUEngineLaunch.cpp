@@ -55,9 +55,14 @@ QEMUMachine *asQemuMachine(VMToolsMachine *machine)
 
 } // namespace
 
+QString QEMUEngine::portOffsetLockName()
+{
+    return QStringLiteral("port-offset.lock");
+}
+
 QString QEMUEngine::getPortOffsetLockPath() const
 {
-    return m_devicesDirectory.absoluteFilePath(QStringLiteral("port-offset.lock"));
+    return m_devicesDirectory.absoluteFilePath(portOffsetLockName());
 }
 
 int QEMUEngine::computePortOffset() const
@@ -116,13 +121,13 @@ int QEMUEngine::startMachine(VMToolsMachine *machine, const QString &snapshotNam
     request.ramMiB = machine->getRamSize();
     request.cpuCount = machine->getCpuCount();
     request.snapshotName = snapshotName;
-    request.qmpSocketPath = qemuMachine->getQmpSocketPath();
+    request.qmpSocketPath = qemuMachine->files().qmpSocket();
     if (QFile::encodeName(request.qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
         // The emulator could not bind it, and a shortened path might name
-        // another socket.
+        // another socket. The path does not depend on the device's name.
         qCritical() << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
                     << request.qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
-                    << "bytes; move the devices directory to a shorter path";
+                    << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
         return QEMUMachine::StartFailed;
     }
     // A snapshot start of a virtio device brings the read-only view of the

@@ -12,6 +12,7 @@
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
 #include "QEMUMachine.h"
+#include "VMToolsCommon.h"
 
 #include <QDebug>
 #include <QDir>
@@ -23,6 +24,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <stdlib.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -30,6 +32,20 @@ namespace {
 const QString kSystemDisk = QEMUDeviceFiles::systemDiskName();
 const QString kDataDisk = QEMUDeviceFiles::dataDiskName();
 const QString kResetSuffix = QStringLiteral(".reset");
+const QByteArray kMarkerText = "This directory is a virtual device made by Halvistrom: its disks, its record and\n"
+                               "its shared folder. Remove it with 'hvtool device delete'.\n";
+
+bool isMarked(const QString &path)
+{
+    return QFileInfo(QEMUDeviceFiles(path).marker()).isFile();
+}
+
+// A directory that holds no loadable device is the system's (broken) only
+// when it carries the marker: anything else is someone's folder.
+bool isBrokenDevice(const QString &path)
+{
+    return QFileInfo(path).isDir() && !QFileInfo(path).isSymLink() && isMarked(path);
+}
 // Long enough for a command that only checks and writes a record, short
 // enough that a user is not left wondering; a start or a clone takes longer
 // and is reported as busy.
@@ -77,13 +93,18 @@ bool isLinkedDeviceDirectory(const QString &path)
 // Makes an empty private directory beside the devices, hidden from every
 // listing, named after the device and what it is for
 // (".NAME.clone-XXXXXX"); empty, logged, on failure.
+// A hidden directory of the devices directory in which the device name is
+// built, or left on its way out, by purpose ("create", "clone", "delete").
+// The process's pid and start time in its name tell a command that still
+// runs from a leftover, from the first moment the directory exists.
 QString makeHiddenDirectory(const QDir &devices, const QString &name, const QString &purpose)
 {
-    QByteArray pattern = QFile::encodeName(
-        devices.absoluteFilePath(QStringLiteral(".") + name + QLatin1Char('.') + purpose + QStringLiteral("-XXXXXX")));
-    if (!::mkdtemp(pattern.data())) {
-        qCritical() << "[VMTools]" << "Failed to create a directory to" << purpose << name << ":"
-                    << std::strerror(errno);
+    const qint64 pid = ::getpid();
+    QByteArray pattern = QFile::encodeName(devices.absoluteFilePath(
+        QStringLiteral(".%1.%2-%3-%4-XXXXXX").arg(name, purpose).arg(pid).arg(VMToolsCommon::processStartTime(pid))));
+    if (!QDir().mkpath(devices.absolutePath()) || !::mkdtemp(pattern.data())) {
+        qCritical() << "[VMTools]" << "Failed to create a directory to" << purpose << name << "in"
+                    << devices.absolutePath() << ":" << std::strerror(errno);
         return QString();
     }
     return QFile::decodeName(pattern);
@@ -138,19 +159,53 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     const QString reference = getReferenceDirectory(ovaPath, imageVersion, osVersion);
+    // A user of the image's reference disks until the device has its name.
     const auto use = useReference(ovaPath, reference);
-    return use ? createDevice(name, ovaPath, reference, sdCardSize) : 1;
+    return buildDevice(name, [&](const QString &path) {
+        return use ? createDevice(path, ovaPath, reference, sdCardSize) : 1;
+    });
 }
 
-int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const QString &referencePath,
+int QEMUEngine::moveIntoPlace(const QString &buildPath, const QString &target)
+{
+    // Never over a directory that appeared meanwhile, not even an empty one.
+    // A file system without the no-replace rename gets a check first.
+    const QByteArray from = QFile::encodeName(buildPath);
+    const QByteArray to = QFile::encodeName(target);
+    int renamed = ::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE);
+    if (renamed != 0 && errno == EINVAL) {
+        errno = EEXIST;
+        renamed = QFileInfo::exists(target) ? -1 : std::rename(from.constData(), to.constData());
+    }
+    if (renamed == 0)
+        return 0;
+    const int error = errno;
+    qCritical() << "[VMTools]" << "Failed to rename" << buildPath << "to" << target << ":" << std::strerror(error);
+    return error;
+}
+
+int QEMUEngine::buildDevice(const QString &name, const std::function<int(const QString &)> &build) const
+{
+    // The device is made under a hidden name, which no listing offers as a
+    // device, and takes its own name only once it is complete.
+    const QString buildPath = makeHiddenDirectory(m_devicesDirectory, name, QStringLiteral("create"));
+    if (buildPath.isEmpty())
+        return 1;
+    DirectoryCleaner cleaner{QDir(buildPath)};
+    if (!FileUtils::saveFile(QEMUDeviceFiles(buildPath).marker(), kMarkerText))
+        return 1;
+    const int code = build(buildPath);
+    if (code != 0)
+        return code;
+    if (moveIntoPlace(buildPath, m_devicesDirectory.absoluteFilePath(name)) != 0)
+        return 1;
+    cleaner.disable();
+    return 0;
+}
+
+int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, const QString &referencePath,
                              long long sdCardSize) const
 {
-    const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
-    DirectoryCleaner cleaner{QDir(devicePath)};
-    if (!QDir().mkpath(devicePath)) {
-        qCritical() << "[VMTools]" << "Failed to create directory" << devicePath;
-        return 1;
-    }
     if (prepareReferenceDisks(ovaPath, referencePath).isEmpty()) {
         qCritical() << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return 1;
@@ -171,7 +226,6 @@ int QEMUEngine::createDevice(const QString &name, const QString &ovaPath, const 
         qCritical() << "[VMTools]" << "Failed to create sdcard disk" << devicePath;
         return 2;
     }
-    cleaner.disable();
     return 0;
 }
 
@@ -179,25 +233,24 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
-    const QString devicePath = m_devicesDirectory.absoluteFilePath(name);
-    // A user of the image's reference disks until its record is saved.
+    // A user of the image's reference disks until the device has its name.
     const QString reference = getReferenceDirectory(image);
     const auto use = useReference(image.getLocalPath(), reference);
-    DirectoryCleaner cleaner{QDir(devicePath)};
-    const int code = use ? createDevice(name, image.getLocalPath(), reference, profile.sdCardSize) : 1;
-    if (code != 0) {
-        qCritical() << "[VMTools]" << "Failed to create device" << name;
-        return code;
-    }
-    // setProperties also records the profile's CPU, RAM and SD card values in
-    // the device's configuration, then saves device.json.
-    QEMUMachine machine(this, devicePath, image, profile);
-    if (!machine.setProperties(profile, image)) {
-        qCritical() << "[VMTools]" << "Failed to save device" << name;
-        return 1;
-    }
-    cleaner.disable();
-    return 0;
+    return buildDevice(name, [&](const QString &devicePath) {
+        const int code = use ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize) : 1;
+        if (code != 0) {
+            qCritical() << "[VMTools]" << "Failed to create device" << name;
+            return code;
+        }
+        // setProperties also records the profile's CPU, RAM and SD card
+        // values in the device's configuration, then saves device.json.
+        QEMUMachine machine(this, devicePath, image, profile);
+        if (!machine.setProperties(profile, image)) {
+            qCritical() << "[VMTools]" << "Failed to save device" << name;
+            return 1;
+        }
+        return 0;
+    });
 }
 
 int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
@@ -222,9 +275,10 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName, boo
     const QString buildPath = makeHiddenDirectory(m_devicesDirectory, newName, QStringLiteral("clone"));
     if (buildPath.isEmpty())
         return 1;
-    const QByteArray pattern = QFile::encodeName(buildPath);
     DirectoryCleaner cleaner{QDir(buildPath)};
-    if (!copyDevice(source, buildPath, crashConsistent))
+    // The copy brings the source's marker, which a source made by an
+    // earlier version may lack.
+    if (!copyDevice(source, buildPath, crashConsistent) || !isDeviceDirectory(buildPath, true))
         return 1;
     QEMUMachine clone(const_cast<QEMUEngine *>(this), buildPath);
     if (!clone.load()) {
@@ -235,20 +289,9 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName, boo
         qCritical() << "[VMTools]" << "Failed to update UUID of cloned device" << newName;
         return 1;
     }
-    // Never over a directory that appeared meanwhile, not even an empty one.
-    // A file system without the no-replace rename gets a check first.
-    const QByteArray target = QFile::encodeName(targetPath);
-    int renamed = ::renameat2(AT_FDCWD, pattern.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE);
-    if (renamed != 0 && errno == EINVAL) {
-        errno = EEXIST;
-        renamed = QFileInfo::exists(targetPath) ? -1 : std::rename(pattern.constData(), target.constData());
-    }
-    if (renamed != 0) {
-        const int error = errno;
-        qCritical() << "[VMTools]" << "Failed to rename" << buildPath << "to" << targetPath << ":"
-                    << std::strerror(error);
-        return error == EEXIST ? 2 : 1;
-    }
+    const int moved = moveIntoPlace(buildPath, targetPath);
+    if (moved != 0)
+        return moved == EEXIST ? 2 : 1;
     cleaner.disable();
     return 0;
 }
@@ -300,6 +343,10 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
     qDebug() << "[VMTools]" << "deleteMachine() with path" << machine->getPath();
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
+    if (!isDeviceDirectory(machine->getPath(), true)) {
+        qWarning() << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
+        return false;
+    }
     // The directory leaves the devices in one rename, under a hidden name,
     // and is removed there: a removal that fails half-way leaves no
     // half-device behind, only files that no listing takes for one.
@@ -442,7 +489,51 @@ QEMUMachine *QEMUEngine::loadMachine(const QString &path) const
     auto machine = std::make_unique<QEMUMachine>(const_cast<QEMUEngine *>(this), path);
     if (!machine->load())
         return nullptr;
+    if (!isMarked(path))
+        adoptDirectory(path);
     return machine.release();
+}
+
+bool QEMUEngine::isDeviceDirectory(const QString &path, bool adopt)
+{
+    if (!QFileInfo(path).isDir() || QFileInfo(path).isSymLink())
+        return false;
+    if (isMarked(path))
+        return true;
+    QEMUMachine record(nullptr, path);
+    if (!record.load())
+        return false;
+    if (adopt)
+        adoptDirectory(path);
+    return true;
+}
+
+void QEMUEngine::adoptDirectory(const QString &path)
+{
+    // A device an earlier version made: it gets the marker it would have
+    // had, so that it stays the system's even once its record breaks.
+    if (FileUtils::saveFile(QEMUDeviceFiles(path).marker(), kMarkerText))
+        qInfo() << "[VMTools]" << "Adopted the device directory" << path << "made by an earlier version";
+}
+
+QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir)
+{
+    const QDir directory(dir);
+    const QFileInfoList entries = directory.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                                          QDir::NoDotAndDotDot, QDir::Name);
+    QStringList foreign;
+    for (const QFileInfo &entry : entries) {
+        if (entry.fileName() == portOffsetLockName() || isDeviceDirectory(entry.absoluteFilePath(), false) ||
+            parseLeftover(entry).pid >= 0)
+            return QString();
+        foreign << QLatin1Char('\'') + entry.fileName() + QLatin1Char('\'');
+    }
+    if (foreign.isEmpty())
+        return QString();
+    const int shown = 3;
+    return QStringLiteral("'%1' holds %2%3 and no device the system made; choose an empty or new folder")
+        .arg(directory.absolutePath(), QStringList(foreign.mid(0, shown)).join(QLatin1String(", ")),
+             foreign.size() > shown ? QStringLiteral(" and %1 more").arg(foreign.size() - shown) : QString());
 }
 
 QEMUMachine *QEMUEngine::loadDevice(const QString &path) const
@@ -503,7 +594,7 @@ QList<QEMUMachine *> QEMUEngine::scanMachines(QList<QPair<QString, QString>> *br
         const QString path = m_devicesDirectory.absoluteFilePath(name);
         if (QEMUMachine *machine = loadMachine(path))
             machines.append(machine);
-        else if (broken)
+        else if (broken && isBrokenDevice(path))
             broken->append({name, brokenReason(path)});
     }
     return machines;
@@ -520,6 +611,11 @@ bool QEMUEngine::deleteBrokenMachine(const QString &name) const
 {
     if (!isValidDeviceName(name) || !QFileInfo(m_devicesDirectory.absoluteFilePath(name)).isDir()) {
         qWarning() << "[VMTools]" << "No device directory" << name;
+        return false;
+    }
+    if (!isBrokenDevice(m_devicesDirectory.absoluteFilePath(name))) {
+        qWarning() << "[VMTools]" << "Refusing to delete" << m_devicesDirectory.absoluteFilePath(name)
+                   << ": the system did not make it";
         return false;
     }
     const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));

@@ -280,6 +280,15 @@ bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users, 
     // The users are listed and the disks removed under the image's lock, so
     // that no program prepares them or registers a creation meanwhile; one
     // registered before holds its share of the users' lock.
+    // A creation under way is seen at once, not after waiting for the
+    // preparation it may be in the middle of.
+    if (made) {
+        LockFiles::SharedLock probe(directory + kUsersSuffix);
+        if (!probe.tryLockExclusive() && probe.error() == EWOULDBLOCK) {
+            *creating = true;
+            return false;
+        }
+    }
     QLockFile lock(directory + kLockSuffix);
     if (made && !lockReference(lock, directory))
         return false;

@@ -80,7 +80,7 @@ QEMUOptionSet composeOptions(const Request &request)
             options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false, true));
     }
 
-    // A unix socket in the device directory: only the device's owner can
+    // A unix socket in a private directory: only the device's owner can
     // reach it, where a loopback port would answer every local process.
     options.add(QStringLiteral("-qmp"),
                 QStringLiteral("unix:%1,server=on,wait=off").arg(QEMUOptionSet::escapeValue(request.qmpSocketPath)));

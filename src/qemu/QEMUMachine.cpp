@@ -306,7 +306,10 @@ unsigned short QEMUMachine::getQmpPort() const
 
 QString QEMUMachine::getQmpSocketPath() const
 {
-    return files().qmpSocket();
+    // An emulator started by an earlier version listens where that version
+    // put its socket.
+    const QString recorded = readLock().qmpSocket;
+    return recorded.isEmpty() ? files().qmpSocket() : recorded;
 }
 
 int QEMUMachine::getPortOffset() const
@@ -356,13 +359,18 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
     lock.startTime = VMToolsCommon::processStartTime(pid);
     lock.offset = offset;
     lock.writableSharedDrive = writableSharedDrive;
-    lock.qmpSocket = getQmpSocketPath();
+    lock.qmpSocket = files().qmpSocket();
     return QEMULockFile::write(getLockFilePath(), lock);
 }
 
 bool QEMUMachine::removeLockFile() const
 {
-    return QFile::remove(getLockFilePath());
+    // The socket's own directory goes with the emulator, once it is empty.
+    const QString socket = readLock().qmpSocket;
+    const bool removed = QFile::remove(getLockFilePath());
+    if (removed && !socket.isEmpty() && QFileInfo(socket).absolutePath() == QFileInfo(files().qmpSocket()).absolutePath())
+        QDir().rmdir(QFileInfo(socket).absolutePath());
+    return removed;
 }
 
 QEMULockRecord QEMUMachine::readLock() const
@@ -436,6 +444,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         qCritical() << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
         return AccelerationNotSupported;
     }
+    // The control socket's own directory, the owner's only, before the
+    // emulator binds the socket in it.
+    if (!files().makeSocketDirectory())
+        return StartFailed;
 
     const QString log = getLogFilePath();
     QProcess process;

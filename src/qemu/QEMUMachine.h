@@ -94,8 +94,8 @@ public:
     /// QMP port (anyone on the host could connect to one); its control
     /// channel is getQmpSocketPath(). The number still follows the offset.
     unsigned short getQmpPort() const;
-    /// "qmp.sock" in the device directory: the emulator's QMP socket, which
-    /// the lock file records too.
+    /// The emulator's QMP socket: the one the lock file records while a lock
+    /// file exists, else where the next start puts it (QEMUDeviceFiles).
     QString getQmpSocketPath() const;
     /// The offset of the running emulator; -1 when unknown.
     int getPortOffset() const;

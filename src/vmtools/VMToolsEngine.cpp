@@ -45,9 +45,14 @@ VMToolsEngine::VMToolsEngine()
     }
 }
 
+QString VMToolsEngine::devicesDirectoryKey()
+{
+    return QStringLiteral("virtual_devices.directory");
+}
+
 QString VMToolsEngine::getDevicesDirectorySetting()
 {
-    const QString key = QStringLiteral("virtual_devices.directory");
+    const QString key = devicesDirectoryKey();
     const QString value = Settings::get(key, Paths::getDeployedPath()).toString();
     // A relative value would put devices wherever the program happens to run.
     if (!QDir::isAbsolutePath(value)) {

@@ -170,6 +170,8 @@ public:
     /// The setting "virtual_devices.directory", or the deployed directory
     /// (with a warning) when the setting is not an absolute path.
     static QString getDevicesDirectorySetting();
+    /// "virtual_devices.directory": the setting that names the devices directory.
+    static QString devicesDirectoryKey();
 
 protected:
     QString m_text;

@@ -270,10 +270,11 @@ protected:
     }
 };
 
-// A creation killed while it prepares the reference disks, in the middle of
-// the extraction or once the disks are out and being checked, leaves a broken device that says so
-// and nothing that a later creation uses: the next one makes the reference
-// disks again from the start.
+// A creation in progress is no device: nothing lists it as one or deletes
+// it. Killed while it prepares the reference disks, in the middle of the
+// extraction or once the disks are out and being checked, it leaves a
+// leftover that 'device cleanup' reclaims, and nothing that a later creation
+// uses: the next one makes the reference disks again from the start.
 TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
 {
     const QString hwProfile = profile();
@@ -306,31 +307,23 @@ TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
             // conversion.
             ASSERT_TRUE(waitFor([&] { return countRuns(log, "info") == 1; }));
         }
+        const CliResult listed = hvtool({"device", "list"});
+        EXPECT_FALSE(listed.out.contains(row.name)) << listed.out.toStdString();
+        EXPECT_EQ(hvtool({"device", "delete", row.name, "--yes"}).code, 3);
+        const CliResult kept = hvtool({"device", "cleanup"});
+        EXPECT_TRUE(kept.err.contains(QString("is left as it is: process %1 is still running the creation of '%2'")
+                                          .arg(creation.processId())
+                                          .arg(row.name)))
+            << kept.err.toStdString();
         killTree(creation.processId());
         ASSERT_TRUE(creation.waitForFinished(10000));
         EXPECT_EQ(creation.exitStatus(), QProcess::CrashExit);
         EXPECT_EQ(countRuns(log, "convert"), row.convertsBeforeKill);
         EXPECT_EQ(completed(), before);
-
-        QJsonObject broken;
-        for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
-            if (device.toObject().value("name") == row.name)
-                broken = device.toObject();
-        }
-        EXPECT_EQ(broken.value("status"), "Broken");
-        EXPECT_TRUE(broken.value("reason").toString().contains("it has no device configuration file"));
-        const CliResult again = hvtool({"device", "create", row.name, "--image", image, "--profile", hwProfile});
-        EXPECT_EQ(again.code, 4);
-        EXPECT_TRUE(again.err.contains(QString("device '%1' exists but is broken: it has no device configuration file")
-                                           .arg(row.name)))
-            << again.err.toStdString();
-        EXPECT_TRUE(again.err.contains(QString("remove it with 'hvtool device delete \"%1\" --yes'").arg(row.name)))
-            << again.err.toStdString();
-        EXPECT_TRUE(hvtool({"device", "list"}).out.contains(QString("'%1' is broken: ").arg(row.name)));
-        const CliResult shown = hvtool({"device", "start", row.name});
-        EXPECT_EQ(shown.code, 4);
-        EXPECT_TRUE(shown.err.contains(QString("device '%1' is broken: it has no").arg(row.name))) << shown.err.toStdString();
-        ASSERT_EQ(hvtool({"device", "delete", row.name, "--yes"}).code, 0);
+        const QJsonArray all = hvtool({"device", "list", "--all", "--format", "json"}).json().array();
+        ASSERT_FALSE(all.isEmpty());
+        EXPECT_EQ(all.last().toObject().value("status"), "Leftover");
+        EXPECT_EQ(all.last().toObject().value("device"), row.name);
 
         const CliResult remade = hvtool({"device", "create", row.name, "--image", image, "--profile", hwProfile},
                                         {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}});
@@ -345,6 +338,10 @@ TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
         EXPECT_TRUE(run("qemu-img", {"compare", "-U", reference + "/data.qcow2",
                                      deviceDir(row.name) + "/data.qcow2"}));
         EXPECT_FALSE(QFileInfo::exists(reference + ".partial"));
+        const CliResult reclaimed = hvtool({"device", "cleanup"});
+        EXPECT_TRUE(reclaimed.out.contains(QString("left by an interrupted creation of '%1'").arg(row.name)))
+            << reclaimed.out.toStdString();
+        EXPECT_FALSE(hvtool({"device", "list", "--all"}).out.contains(QString(".%1.create-").arg(row.name)));
     }
 }
 
@@ -615,6 +612,58 @@ TEST(HvtoolDiskFull, aDirectoryThatCannotBeFlushedStillKeepsTheNewFile)
     EXPECT_EQ(set.code, 0) << set.err.toStdString();
     EXPECT_EQ(hvtest::readFile(hvtest::testRoot() + "/flush.log").split('\n').value(2), "fsync " + config.toUtf8());
     EXPECT_EQ(hvtool({"device", "show", "Flush", "--format", "json"}).json().object().value("ram_mb").toInt(), 1024);
+}
+
+// A clone killed half-way through its copy leaves a hidden leftover that no
+// device name shows and 'device cleanup' reclaims; the source stays whole.
+TEST(HvtoolCleanup, aKilledCloneIsReclaimed)
+{
+    const QString image = registerImage(makeOva("clone.ova"));
+    ASSERT_EQ(hvtool({"device", "create", "Big", "--image", image, "--profile", profile()}).code, 0);
+    // A large file in the shared folder keeps the copy busy long enough.
+    ASSERT_TRUE(hvtest::writeFile(deviceDir("Big") + "/shared/big.bin", QByteArray(256 << 20, 'b')));
+    const QString devices = QFileInfo(deviceDir("Big")).absolutePath();
+    QProcess clone;
+    clone.start(hvtest::helperPath("hvtool"), {"device", "clone", "Big", "BigCopy"});
+    ASSERT_TRUE(waitFor([&] { return !QDir(devices).entryList({".BigCopy.clone-*"}, QDir::Dirs | QDir::Hidden).isEmpty(); }));
+    killTree(clone.processId());
+    ASSERT_TRUE(clone.waitForFinished(10000));
+    EXPECT_EQ(hvtool({"device", "show", "BigCopy"}).code, 3);
+
+    const CliResult reclaimed = hvtool({"device", "cleanup"});
+    EXPECT_EQ(reclaimed.code, 0);
+    EXPECT_TRUE(reclaimed.out.contains("left by an interrupted clone of 'BigCopy'")) << reclaimed.out.toStdString();
+    EXPECT_EQ(QDir(devices).entryList({".BigCopy.*"}, QDir::Dirs | QDir::Hidden), QStringList());
+    EXPECT_EQ(QFileInfo(deviceDir("Big") + "/shared/big.bin").size(), 256 << 20);
+    EXPECT_EQ(hvtool({"device", "cleanup"}).out.trimmed(), "nothing to reclaim");
+}
+
+// A folder of the user's is never taken for a device: not listed, not
+// deleted, its name not reused, and a folder of the user's files is refused
+// as the devices directory.
+TEST(HvtoolDevicesDirectory, aUserFolderIsNeverTakenForADevice)
+{
+    const QString mydocs = hvtest::testRoot() + "/mydocs";
+    ASSERT_TRUE(hvtest::writeFile(mydocs + "/photos/cat.jpg", "cat"));
+    const CliResult refused = hvtool({"settings", "set", "virtual_devices.directory", mydocs});
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_TRUE(refused.err.contains("not using it as the devices directory: '" + mydocs +
+                                     "' holds 'photos' and no device the system made; choose an empty or new folder"))
+        << refused.err.toStdString();
+
+    const QString devices = hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed();
+    ASSERT_TRUE(hvtest::writeFile(devices + "/photos/cat.jpg", "cat"));
+    EXPECT_FALSE(hvtool({"device", "list", "--all"}).out.contains("photos"));
+    const CliResult deleted = hvtool({"device", "delete", "photos", "--yes"});
+    EXPECT_EQ(deleted.code, 3);
+    EXPECT_TRUE(deleted.err.contains("device 'photos' does not exist: '" + QDir(devices).absoluteFilePath("photos") +
+                                     "' was not made by hvtool (it has no '.halvistrom-device' marker); it is left as it is"))
+        << deleted.err.toStdString();
+    const CliResult created = hvtool({"device", "create", "photos", "--image", registerImage(makeOva("photos.ova")),
+                                      "--profile", profile()});
+    EXPECT_EQ(created.code, 4);
+    EXPECT_TRUE(created.err.contains("the name 'photos' is taken: '")) << created.err.toStdString();
+    EXPECT_EQ(hvtest::readFile(devices + "/photos/cat.jpg"), "cat");
 }
 
 // A start and a delete of one device at the same moment, again and again:

@@ -6,6 +6,7 @@
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
@@ -73,6 +74,10 @@ TEST_F(QEMULifecycle, createsDevicesOverOneConvertedReference)
     EXPECT_TRUE(machine->isSdCardInserted());
     EXPECT_TRUE(m_engine->doesMachineExistInHypervisor("Created"));
     EXPECT_FALSE(m_engine->doesMachineExistInHypervisor("Absent"));
+    // A saved state depends on the OVA's own checksum, not on the "0" its record declares.
+    ASSERT_TRUE(m_engine->recordSavedState(machine.get(), "latest"));
+    const QJsonObject saved = QJsonDocument::fromJson(hvtest::readFile(QEMUDeviceFiles(device.path()).savedStates())).object();
+    EXPECT_EQ(saved["latest"].toObject()["image_sha256"].toString(), QString(fileHash(sharedOva())));
 
     // A second device of the same image reuses the reference disks.
     const QString referenceSystem = reference.absoluteFilePath("system.qcow2");
@@ -150,18 +155,22 @@ TEST_F(QEMULifecycle, cloneAndDelete)
     EXPECT_EQ(fileHash(deployed("CloneSource/data.qcow2")), sourceData);
     EXPECT_EQ(fileHash(deployed("CloneSource/system.qcow2")), sourceSystem);
 
-    // A clone is built under a hidden name; one that was interrupted there is
-    // neither listed nor broken, and takes no name.
+    // A clone is built under a hidden name; one that was interrupted there
+    // (named as an earlier version named it) is neither listed nor broken,
+    // takes no name and is reclaimed as what it is.
     const QString interrupted = deployed(".Other.clone-x1y2z3");
     ASSERT_TRUE(FileUtils::copyDirectory(deployed("Clone"), interrupted));
     const QList<VMToolsMachine *> listed = m_engine->getMachines({});
-    EXPECT_EQ(listed.size(), QDir(Paths::getDeployedPath()).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size()
-                                 - m_engine->getBrokenMachines().size());
     for (VMToolsMachine *m : listed)
         EXPECT_NE(m->getPath(), interrupted);
     qDeleteAll(listed);
     EXPECT_FALSE(m_engine->doesMachineExist("Other"));
-    EXPECT_EQ(QDir(Paths::getDeployedPath()).entryList({".Clone.clone-*"}, QDir::Dirs | QDir::Hidden), QStringList());
+    EXPECT_EQ(QDir(Paths::getDeployedPath()).entryList({".Clone.*"}, QDir::Dirs | QDir::Hidden), QStringList());
+    const QList<QEMUEngine::Leftover> leftovers = m_engine->getLeftovers();
+    ASSERT_EQ(leftovers.size(), 1);
+    EXPECT_EQ(QStringList({leftovers[0].device, leftovers[0].operation}), QStringList({"Other", "clone"}));
+    EXPECT_TRUE(m_engine->reclaimLeftover(leftovers[0]));
+    EXPECT_FALSE(QFileInfo::exists(interrupted));
 
     MessageCapture capture;
     EXPECT_EQ(m_engine->cloneMachine(source.get(), "Clone"), 2);
@@ -283,15 +292,21 @@ TEST_F(QEMULifecycle, aBrokenFileKeepsTheRecordAndIsReported)
     EXPECT_FALSE(QFileInfo::exists(deployed("Reloaded")));
 }
 
-// Listing skips folders that are no devices and polls its cancel predicate;
-// a device of an architecture the host cannot run is listed but not started.
+// Listing skips folders that are no devices, and neither lists them as
+// broken nor deletes them; a device an earlier version made, without the
+// marker, is adopted. Listing polls its cancel predicate; a device of an
+// architecture the host cannot run is listed but not started.
 TEST_F(QEMULifecycle, listsDevicesAndRefusesToStartForeignOnes)
 {
     OsImage foreign = makeImage(sharedOva(), "11.0.0", "5.3.0");
     foreign.arch = "arm64";
     ASSERT_EQ(m_engine->createMachine("ListA", makeImage(sharedOva(), "11.0.0", "5.3.0"), makeProfile()), 0);
     ASSERT_EQ(m_engine->createMachine("Foreign", foreign, makeProfile()), 0);
-    QDir().mkpath(deployed("ListNotADevice"));
+    ASSERT_TRUE(QFile::remove(deployed("Foreign/.halvistrom-device")));
+    ASSERT_TRUE(hvtest::writeFile(deployed("ListNotADevice/cat.jpg"), "cat"));
+    EXPECT_FALSE(m_engine->getBrokenMachines().contains({"ListNotADevice", m_engine->brokenReason(deployed("ListNotADevice"))}));
+    EXPECT_FALSE(m_engine->deleteBrokenMachine("ListNotADevice"));
+    EXPECT_EQ(hvtest::readFile(deployed("ListNotADevice/cat.jpg")), "cat");
     const QList<VMToolsMachine *> all = m_engine->getMachines([] { return false; });
     QStringList names;
     for (VMToolsMachine *m : all)
@@ -299,6 +314,7 @@ TEST_F(QEMULifecycle, listsDevicesAndRefusesToStartForeignOnes)
     qDeleteAll(all);
     EXPECT_TRUE(names.contains("ListA") && names.contains("Foreign"));
     EXPECT_FALSE(names.contains("ListNotADevice"));
+    EXPECT_TRUE(QFile::exists(deployed("Foreign/.halvistrom-device")));
     EXPECT_TRUE(m_engine->getMachines([] { return true; }).isEmpty());
     int polls = 0;
     const QList<VMToolsMachine *> one = m_engine->getMachines([&polls] { return ++polls > 1; });

@@ -121,7 +121,7 @@ TEST_F(QEMUMachineEmulator, startsRecordsAndStops)
     EXPECT_TRUE(machine.isQEMURunning());
     EXPECT_EQ(machine.getStatus(), VMToolsMachine::On);
     EXPECT_EQ(machine.getPortOffset(), m_offset);
-    EXPECT_EQ(lock.value("qmp_socket").toString(), m_dir + "/qmp.sock");
+    EXPECT_EQ(lock.value("qmp_socket").toString(), machine.files().qmpSocket());
     QLocalSocket qmp;
     qmp.connectToServer(machine.getQmpSocketPath());
     EXPECT_TRUE(qmp.waitForConnected(5000)) << qmp.errorString().toStdString();
