@@ -1045,9 +1045,9 @@ int parseChange(Context &ctx, const QString &item, bool running, Change *change)
         return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
     }
     change->number = value.toLongLong(&ok);
-    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
+    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
     // device.json keeps the sizes as numbers its reader takes as int.
-    const qint64 maximum = key == "cpus" ? 512 : std::numeric_limits<int>::max();
+    const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
     if (!ok || change->number < minimum || change->number > maximum)
         return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
                                    .arg(key)

@@ -78,7 +78,7 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
         return;
     QJsonObject cache = readVersionCache();
     cache.insert(binary, QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
-    QDir().mkpath(Paths::getHalvistromCachePath());
+    FileUtils::makeDirectory(Paths::getHalvistromCachePath());
     FileUtils::saveFile(versionCachePath(), QJsonDocument(cache).toJson(QJsonDocument::Compact));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "LockFiles.h"
+#include "OsImage.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
 
@@ -12,6 +13,7 @@
 #include <QString>
 
 #include <memory>
+#include <mutex>
 
 class QEMUDeviceFiles;
 class QEMUMachine;
@@ -186,6 +188,9 @@ public:
     bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
     /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
+    /// The image registered under uuid among the user's OS image records
+    /// (read once per engine); an image without uuid when none is.
+    OsImage getRegisteredImage(const QString &uuid) const;
     /// The directories of the devices directory that hold no loadable
     /// device, each with the reason in words.
     QList<QPair<QString, QString>> getBrokenMachines() const;
@@ -292,6 +297,9 @@ protected:
     bool m_accelerationSupported = true;
 
 private:
+    mutable std::once_flag m_registryRead;
+    mutable QList<OsImage> m_registeredImages;
+
     /// Called before each launch: a start from anything but the quick-boot
     /// state discards that state (it would later resume onto newer disks),
     /// and every session counts as unsaved until the quick-boot save ends it.

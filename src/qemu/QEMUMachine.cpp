@@ -6,6 +6,7 @@
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
 #include "EnvVars.h"
+#include "FileUtils.h"
 #include "Paths.h"
 #include "VMToolsCommon.h"
 
@@ -13,7 +14,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QUuid>
 
 #include <algorithm>
@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -79,8 +81,64 @@ bool QEMUMachine::load()
         qWarning() << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
         return false;
     }
+    const QString problem = recordProblem();
+    if (!problem.isEmpty()) {
+        qWarning().noquote() << "[VMTools]"
+                             << QStringLiteral("Refusing the record of device \"%1\": %2").arg(getName(), problem);
+        return false;
+    }
     setOnLoadStatus(getStatus());
     return true;
+}
+
+QString QEMUMachine::recordProblem() const
+{
+    const qint64 ram = getRamSize();
+    if (ram < HwProfile::MinRamSize || ram > HwProfile::MaxRamSize)
+        return QStringLiteral("its record gives it %1 MB of RAM, outside %2 to %3")
+            .arg(ram)
+            .arg(HwProfile::MinRamSize)
+            .arg(HwProfile::MaxRamSize);
+    const int cpus = getCpuCount();
+    if (cpus < 1 || cpus > HwProfile::MaxCpuCount)
+        return QStringLiteral("its record gives it %1 processors, outside 1 to %2").arg(cpus).arg(HwProfile::MaxCpuCount);
+    const QString image = imageProblem();
+    return image.isEmpty() ? referenceProblem() : image;
+}
+
+QString QEMUMachine::imageProblem() const
+{
+    if (!m_engine)
+        return QString();
+    const OsImage recorded = getOsImage();
+    const OsImage registered = m_engine->getRegisteredImage(recorded.uuid);
+    if (registered.uuid.isEmpty()
+        || (recorded.imageUri == registered.imageUri
+            && recorded.imageHash.compare(registered.imageHash, Qt::CaseInsensitive) == 0
+            && recorded.imageVersion == registered.imageVersion && recorded.osVersion == registered.osVersion))
+        return QString();
+    return QStringLiteral("its record names the image '%1' at '%2' with checksum '%3', but that image is registered "
+                          "at '%4' with checksum '%5'")
+        .arg(recorded.uuid, recorded.imageUri, recorded.imageHash, registered.imageUri, registered.imageHash);
+}
+
+QString QEMUMachine::referenceProblem() const
+{
+    // The disk's header is out of the guest's reach. Only the directory of
+    // the image's versions is looked at: the record's address would name a
+    // file to read, and that is what is being checked.
+    const QString backing = QEMUSnapshotTable::backingFile(files().systemDisk());
+    if (backing.isEmpty())
+        return QString();
+    const OsImage image = getOsImage();
+    const QString directory = QFileInfo(backing).absolutePath();
+    const QString versions = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    // Devices of the previous layout are backed by the versions' own disks.
+    if (directory == versions || QFileInfo(directory).absolutePath() == versions)
+        return QString();
+    return QStringLiteral("its record names the reference disks of image %1 for Android %2 in '%3', but its system "
+                          "disk is backed by '%4'")
+        .arg(image.imageVersion.toString(), image.osVersion.toString(), versions, backing);
 }
 
 bool QEMUMachine::reloadProperties()
@@ -450,15 +508,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return StartFailed;
 
     const QString log = getLogFilePath();
-    QProcess process;
-    process.setProgram(program);
-    process.setArguments(arguments);
+    makeDevicePrivate();
     // The emulator outlives us: it must not hold our terminal or our output.
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(log, QIODevice::Truncate);
     qint64 pid = 0;
-    if (!process.startDetached(&pid)) {
+    if (!VMToolsCommon::startDetached(program, arguments, log, &pid)) {
         qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
                     << arguments.join(QLatin1String(", "));
         return StartFailed;
@@ -482,6 +535,7 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
     const QEMUClient::Readiness readiness = probe.waitUntilRunning(
         [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
     if (readiness == QEMUClient::Readiness::Running) {
+        makeSocketPrivate(getQmpSocketPath());
         m_portOffset = offset;
         startTimer();
         return Started;
@@ -509,6 +563,28 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return StateNotLoaded;
     qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
+}
+
+void QEMUMachine::makeDevicePrivate() const
+{
+    // A device made or opened by an older version, or files the guest made
+    // in its shared folder, may still be open to other users: they are
+    // closed before the emulator runs again, wherever the device lives.
+    FileUtils::makePrivate(getPath());
+    makeSocketPrivate(getQmpSocketPath());
+}
+
+void QEMUMachine::makeSocketPrivate(const QString &socketPath)
+{
+    // Connecting takes write access to the socket and search access to its
+    // directory: neither is anyone else's.
+    const QByteArray directory = QFile::encodeName(QFileInfo(socketPath).absolutePath());
+    const QByteArray socket = QFile::encodeName(socketPath);
+    struct stat st;
+    if (::lstat(directory.constData(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 077) != 0)
+        ::chmod(directory.constData(), st.st_mode & 0700);
+    if (::lstat(socket.constData(), &st) == 0 && S_ISSOCK(st.st_mode))
+        ::chmod(socket.constData(), S_IRUSR | S_IWUSR);
 }
 
 int QEMUMachine::readyTimeoutMs()

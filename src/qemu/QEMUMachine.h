@@ -43,8 +43,16 @@ public:
     /// Warns when the emulator runs (the file lives in the folder the guest
     /// sees), then writes device.json.
     bool save() const override;
-    /// True when device.json loads and belongs to a QEMU device.
+    /// True when device.json loads, belongs to a QEMU device and passes
+    /// recordProblem().
     bool load() override;
+    /// Why the fields read back from device.json cannot be used, in words;
+    /// empty when they can. The file lies in the folder the guest writes, so
+    /// they are checked against what the guest cannot change: RAM and
+    /// processors against the bounds a device may have, the image against
+    /// its registration, and the image versions it names against the
+    /// reference disks its system disk is backed by.
+    QString recordProblem() const;
     bool reloadProperties() override;
     void reloadVmInfo() override;
     void dumpInfos(QFile *file) override;
@@ -146,6 +154,14 @@ public:
     bool waitForFinished();
 
 private:
+    QString imageProblem() const;
+    QString referenceProblem() const;
+    /// Takes group and other access away from the control socket and the
+    /// directory it lies in.
+    static void makeSocketPrivate(const QString &socketPath);
+    /// Closes the device directory, everything in it and its control socket
+    /// to other users.
+    void makeDevicePrivate() const;
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);

@@ -211,6 +211,8 @@ public:
     bool hasConfigFile() const;
     /// Path of device.json.
     QString getConfigFilePath() const;
+    /// Path of device.json of the device whose directory is deviceDir.
+    static QString configFilePath(const QString &deviceDir);
     bool isUpgrading() const;
     /// Writes or removes the marker of an unfinished system upgrade.
     bool setUpgrading(bool upgrading);
