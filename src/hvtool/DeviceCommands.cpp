@@ -699,6 +699,20 @@ int start(Context &ctx)
     return Success;
 }
 
+/// Says that the state saved as snapshot is there but what it was saved
+/// with is not recorded, and why.
+void noteUnrecordedState(Context &ctx, const QString &device, const QString &snapshot)
+{
+    QString cause;
+    for (const QString &problem : recentLibraryProblems()) {
+        if (problem.contains(QEMUDeviceFiles::savedStatesName()) && problem.startsWith(QLatin1String("Failed to write")))
+            cause = QStringLiteral(" (%1)").arg(problem);
+    }
+    ctx.note(QStringLiteral("saved snapshot '%1' of device '%2', but could not record what it was saved with%3: a "
+                            "start tries it, and boots cold if it no longer fits the device")
+                 .arg(snapshot, device, cause));
+}
+
 /// Waits for the emulator to exit and clears its lock file.
 bool waitForExit(QEMUMachine &machine, int seconds)
 {
@@ -731,11 +745,14 @@ int stop(Context &ctx)
     timer.start();
     bool saved = false;
     if (machine->isQuickbootEnabled() && !ctx.isSet(QStringLiteral("no-save"))) {
-        saved = e->saveSnapshot(machine.get(), kLatest);
+        bool recorded = true;
+        saved = e->saveSnapshot(machine.get(), kLatest, &recorded);
         if (!saved)
             return ctx.fail(Failed, QStringLiteral("could not save the quick-boot state of device '%1'; it still runs "
                                                    "(use --no-save to stop without saving)")
                                         .arg(name));
+        if (!recorded)
+            noteUnrecordedState(ctx, name, kLatest);
     }
     const qint64 savedMs = timer.elapsed();
     e->stopMachine(machine.get());
@@ -852,9 +869,12 @@ int snapshotSave(Context &ctx)
                                       .arg(machine->getName()));
     QElapsedTimer timer;
     timer.start();
-    if (!e->saveSnapshot(machine.get(), ctx.arg(1)))
+    bool recorded = true;
+    if (!e->saveSnapshot(machine.get(), ctx.arg(1), &recorded))
         return ctx.fail(Failed, QStringLiteral("could not save snapshot '%1' of device '%2'")
                                     .arg(ctx.arg(1), machine->getName()));
+    if (!recorded)
+        noteUnrecordedState(ctx, machine->getName(), ctx.arg(1));
     if (ctx.json())
         ctx.printJson(QJsonObject{{"name", machine->getName()}, {"snapshot", ctx.arg(1)},
                                   {"seconds", timer.elapsed() / 1000.0}});

@@ -272,6 +272,10 @@ public:
     /// Saves an internal snapshot of the running device over QMP; the
     /// writable shared-folder drive is detached first when it is attached.
     bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
+    /// The same; recorded (when given) tells whether what the state was saved
+    /// with could be recorded. When not, no record of it is left: a start
+    /// then tries it, and the emulator refuses a state that does not fit.
+    bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
     /// Returns the running device to its internal snapshot name, over QMP.
     bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
     /// The snapshots of the device's system disk with their dates, sizes and
@@ -279,6 +283,8 @@ public:
     QList<QEMUSnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
     /// Records beside the device's disks what the state saved as name
     /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
+    /// When that cannot be written, the records are removed rather than left
+    /// stale; false.
     bool recordSavedState(VMToolsMachine *machine, const QString &name) const;
     QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const override;
     /// Set when the last session ended with the quick-boot save; a device

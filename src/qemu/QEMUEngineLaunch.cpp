@@ -273,6 +273,11 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
 
 bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) const
 {
+    return saveSnapshot(machine, name, nullptr);
+}
+
+bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const
+{
     QEMUMachine *qemuMachine = asQemuMachine(machine);
     if (!qemuMachine)
         return false;
@@ -306,7 +311,9 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     }
     // Without the record the state would still resume; only a change of
     // hardware would then be noticed late, by the emulator.
-    recordSavedState(machine, name);
+    const bool stateRecorded = recordSavedState(machine, name);
+    if (recorded)
+        *recorded = stateRecorded;
     if (endsSession && !recordSessionEnd(machine, true)) {
         // Unrecorded, the save would never be resumed: the session goes on.
         QEMUClient(qemuMachine->getQmpSocketPath()).execContinue();

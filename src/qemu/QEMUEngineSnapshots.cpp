@@ -62,7 +62,11 @@ bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) 
     QJsonObject records = readRecords(path);
     records.insert(name, describeSavedState(machine));
     if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
+        // The old record of that name would describe a state that is gone:
+        // no record at all is the truth (removing takes no room on a full disk).
         qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
+        if (!QFile::remove(path))
+            qCritical() << "[VMTools]" << "Failed to remove the stale records" << path;
         return false;
     }
     return true;

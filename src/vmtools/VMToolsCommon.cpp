@@ -281,6 +281,20 @@ struct DetachedStart {
     }
 };
 
+// The program outlives its caller: a descriptor it inherited (a lock the
+// caller holds, a socket of the embedding application) would stay open as
+// long as it runs. Everything from first up is closed at the exec.
+// System calls only: it runs in a forked child.
+void closeOnExecFrom(int first)
+{
+    if (::close_range(unsigned(first), ~0U, CLOSE_RANGE_CLOEXEC) == 0)
+        return;
+    // Kernels before 5.11 have no close_range.
+    const long last = ::sysconf(_SC_OPEN_MAX);
+    for (long fd = first; fd < (last > 0 ? last : 65536); ++fd)
+        ::fcntl(int(fd), F_SETFD, FD_CLOEXEC);
+}
+
 // Runs in the forked child of a multi-threaded process: system calls only.
 // The child leaves at once, so the program it forks is nobody's child here.
 [[noreturn]] void runDetached(const DetachedStart &start, const char *path, char *const argv[])
@@ -296,6 +310,7 @@ struct DetachedStart {
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    closeOnExecFrom(3);
     if (::dup2(start.input, 0) >= 0 && ::dup2(start.output, 1) >= 0 && ::dup2(start.error, 2) >= 0)
         ::execv(path, argv);
     const int error = errno;

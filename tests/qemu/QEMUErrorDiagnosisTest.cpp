@@ -68,6 +68,9 @@ const DiagnosisRow kRows[] = {
      "qemu-system-x86_64: error while loading state for instance 0x0 of device 'ram'\n"
      "qemu-system-x86_64: Error -22 while loading VM state\n",
      Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
+    // A state on one disk and not on another (a disk replaced on its own).
+    {"stateMissingFromADisk", "qemu-system-x86_64: Snapshot 'latest' does not exist in one or more devices\n",
+     Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
     {"empty", "", Code::None, QtDebugMsg, {}},
     {"afterNul", QByteArray("harmless\0device or resource busy", 32), Code::None, QtDebugMsg, {}},
     {"beforeNul", QByteArray("failed to find an available port\0junk", 37), Code::PortTaken, QtCriticalMsg, kPort},

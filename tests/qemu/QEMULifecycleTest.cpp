@@ -181,6 +181,23 @@ TEST_F(QEMULifecycle, cloneAndDelete)
     EXPECT_FALSE(m_engine->doesMachineExist("Clone"));
 }
 
+// A state whose record cannot be written leaves no record of that name at
+// all: the old one would describe a state that is gone, and have a start
+// throw the new one away.
+TEST_F(QEMULifecycle, anUnwrittenStateRecordLeavesNoStaleOne)
+{
+    ASSERT_EQ(m_engine->createMachine("Recorded", makeImage(sharedOva(), "11.0.0", "5.3.0"), makeProfile()), 0);
+    std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine("Recorded"));
+    ASSERT_TRUE(m_engine->recordSavedState(machine.get(), "state"));
+    ASSERT_TRUE(machine->setRamSize(machine->getRamSize() * 2));
+    ASSERT_TRUE(m_engine->savedStateMismatch(machine.get(), "state").contains("MB of RAM"));
+    MessageCapture capture;
+    const hvtest::ScopedEnv full("HV_TRIGGER_ERROR", "diskfull");
+    EXPECT_FALSE(m_engine->recordSavedState(machine.get(), "state"));
+    EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] Failed to record what snapshot \"state\" was saved with");
+    EXPECT_EQ(m_engine->savedStateMismatch(machine.get(), "state"), QString());
+}
+
 // A reset rebuilds the disks from the reference; a failed one gives back the
 // previous disks, and without reference disks there is nothing to reset to.
 TEST_F(QEMULifecycle, factoryReset)
