@@ -1,5 +1,6 @@
 #include "Archive.h"
 
+#include "FileUtils.h"
 #include "mtar.h"
 
 #include <QDebug>
@@ -8,6 +9,7 @@
 #include <QFileInfo>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -157,7 +159,7 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
 
     switch (h.type) {
     case MTAR_TDIR:
-        if (!QDir().mkpath(path)) {
+        if (!FileUtils::makeDirectory(path)) {
             qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + path + "'.";
             return Archive::CreateDirectoryFailed;
         }
@@ -167,7 +169,7 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
         // Archives need not hold their parent directories; they are made
         // here, inside the destination (the name passed the escape test).
         const QString parent = QFileInfo(path).path();
-        if (!QDir().mkpath(parent)) {
+        if (!FileUtils::makeDirectory(parent)) {
             qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + parent + "'.";
             return Archive::CreateDirectoryFailed;
         }
@@ -202,8 +204,15 @@ Archive::Result Extraction::extractFile(mtar_t &tar, const mtar_header_t &h, con
         map.push_back({0, h.size});
     }
 
-    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) {
+    // Extracted disks are the owner's alone, whatever the umask, also when a
+    // member replaces one of the same name.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                          S_IRUSR | S_IWUSR);
+    if (fd < 0 || ::fchmod(fd, S_IRUSR | S_IWUSR) != 0) {
+        const int error = errno;
+        if (fd >= 0)
+            ::close(fd);
+        errno = error;
         qCritical().noquote() << "Failed to open output file '" + path + "':" << errnoText(errno);
         return Archive::OutputOpenFailed;
     }
@@ -271,7 +280,7 @@ Archive::Result Archive::untar(const QString &tarPath, const QString &destDir)
         qCritical().noquote() << "Tar is not accessible and readable: '" + tarPath + "'.";
         return TarNotReadable;
     }
-    if (!QDir().mkpath(destDir)) {
+    if (!FileUtils::makeDirectory(destDir)) {
         qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + destDir + "'.";
         return CreateDirectoryFailed;
     }

@@ -45,6 +45,11 @@ public:
     /// The value an enumeration field holds when the JSON named a key that
     /// does not exist. Loading goes on; the value has no key name.
     static constexpr int UnknownEnumValue = -1234;
+    /// The RAM (MB) and processor counts a device may be given; the upper
+    /// RAM bound is what device records read back as a number.
+    static constexpr qint64 MinRamSize = 256;
+    static constexpr qint64 MaxRamSize = 2147483647;
+    static constexpr int MaxCpuCount = 512;
 
     /// Android build and product properties that the guest reports.
     struct DeviceProperties {

@@ -236,7 +236,7 @@ bool HwProfileIO::save(const HwProfile &profile, const QString &dir)
         qWarning() << "Cannot save profile whose uuid is not a file name:" << profile.uuid;
         return false;
     }
-    if (!QDir(dir).exists() && !QDir().mkpath(dir)) {
+    if (!FileUtils::makeDirectory(dir)) {
         qWarning() << "Cannot create directory" << dir;
         return false;
     }

@@ -106,7 +106,7 @@ QString OsImageChecksum::compute(const QString &file, const Progress &progress, 
     entry.insert(QStringLiteral("sha256"), checksum);
     const QString kept = entryPath(path);
     // Only a cache: a checksum that cannot be kept is computed again next time.
-    if (!QDir().mkpath(QFileInfo(kept).absolutePath()) || !FileUtils::saveFile(kept, QJsonDocument(entry).toJson()))
+    if (!FileUtils::makeDirectory(QFileInfo(kept).absolutePath()) || !FileUtils::saveFile(kept, QJsonDocument(entry).toJson()))
         qWarning() << "Failed to keep the checksum of" << path << "in" << kept;
     return checksum;
 }

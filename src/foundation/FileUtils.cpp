@@ -48,10 +48,8 @@ int tightenEntry(const char *path, const struct stat *st, int type, struct FTW *
 bool FileUtils::copyDirectory(const QString &src, const QString &dst)
 {
     const QFileInfo source(src);
-    if (source.isFile()) {
-        const bool dirMade = QFileInfo(dst).absoluteDir().mkpath(QStringLiteral("."));
-        return dirMade && QFile::copy(src, dst);
-    }
+    if (source.isFile())
+        return makeDirectory(QFileInfo(dst).absolutePath()) && copyFile(src, dst);
     if (source.isDir()) {
         const QStringList names =
             QDir(src).entryList(QDir::Dirs | QDir::Files | QDir::NoSymLinks | QDir::NoDotAndDotDot | QDir::Hidden,
@@ -213,8 +211,36 @@ int FileUtils::makePrivate(const QString &dir)
     return g_tightened;
 }
 
-void FileUtils::restrictCreationMask()
+bool FileUtils::makeDirectory(const QString &dir)
 {
-    const mode_t previous = ::umask(077);
-    ::umask(previous | 077);
+    const QString path = QDir(dir).absolutePath();
+    if (QFileInfo(path).isDir())
+        return true;
+    const QString parent = QFileInfo(path).path();
+    if (parent != path && !makeDirectory(parent))
+        return false;
+    // The mode is set again after the creation: the umask may have taken
+    // bits from it, and the directory is the owner's whatever the umask.
+    const QByteArray name = QFile::encodeName(path);
+    if (::mkdir(name.constData(), S_IRWXU) == 0)
+        return ::chmod(name.constData(), S_IRWXU) == 0;
+    return errno == EEXIST && QFileInfo(path).isDir();
+}
+
+bool FileUtils::copyFile(const QString &src, const QString &dst, QString *error)
+{
+    QFile file(src);
+    if (!file.copy(dst)) {
+        if (error)
+            *error = file.errorString();
+        return false;
+    }
+    // The copy takes the source's mode; a disk or record copied from a file
+    // an older version left open must not stay open.
+    if (::chmod(QFile::encodeName(dst).constData(), S_IRUSR | S_IWUSR) != 0) {
+        if (error)
+            *error = QString::fromLocal8Bit(std::strerror(errno));
+        return false;
+    }
+    return true;
 }

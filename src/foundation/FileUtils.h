@@ -17,6 +17,7 @@ class HALVISTROM_CORE_EXPORT FileUtils
 {
 public:
     /// Copies a file or a directory tree; never overwrites an existing file.
+    /// What it creates is the owner's only.
     static bool copyDirectory(const QString &src, const QString &dst);
     /// The whole content; empty on failure.
     static QByteArray loadFile(const QString &path);
@@ -46,8 +47,12 @@ public:
     /// had to change (one info line names dir when any did); -1 when dir
     /// cannot be walked.
     static int makePrivate(const QString &dir);
-    /// Restricts the process's file-creation mask to the owner, so that every
-    /// file and directory this process and its children create is private
-    /// (0600 files, 0700 directories) whatever mask the user set.
-    static void restrictCreationMask();
+    /// Creates dir and every missing parent, each readable by its owner only
+    /// (0700) whatever the process's umask; directories that exist keep their
+    /// mode. False when dir is not a directory afterwards.
+    static bool makeDirectory(const QString &dir);
+    /// Copies the file src to dst (which must not exist), making the copy
+    /// readable by its owner only (0600) whatever src's mode. On failure
+    /// *error (when given) holds the cause.
+    static bool copyFile(const QString &src, const QString &dst, QString *error = nullptr);
 };

@@ -52,6 +52,9 @@ bool acquire(QLockFile &lock, const QString &path, int waitMs)
         }
         pause(deadline, &pauseMs);
     }
+    // The lock file is made with the process's umask; it names the holder,
+    // which is nobody else's business.
+    ::chmod(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR);
     return true;
 }
 

@@ -18,16 +18,13 @@ QString homeDirectory()
     if (raw.isEmpty())
         return QDir::homePath();
     const QString home = QString::fromLocal8Bit(raw);
-    if (!QDir(home).mkpath(QStringLiteral(".")))
+    if (!FileUtils::makeDirectory(home))
         qFatal("HV_HOME is set to '%s', but this directory cannot be created.", home.toUtf8().constData());
     return QDir(home).absolutePath();
 }
 
 Paths::PathInfo computeLayout()
 {
-    // The tree holds disks with saved guest memory, lock files and control
-    // sockets: nothing in it is for other users, whatever the umask says.
-    FileUtils::restrictCreationMask();
     Paths::PathInfo p;
     p.organizationPath = homeDirectory() + QStringLiteral("/.") + HalvistromAppUtils::getOrganizationName();
     p.halvistromPath = p.organizationPath + QLatin1Char('/') + HalvistromAppUtils::getHalvistromAppName();
@@ -44,13 +41,15 @@ Paths::PathInfo computeLayout()
     const QString created[] = {p.halvistromPath, p.cachePath,         p.ovaPath,          p.deployedPath,
                                p.themePath,      p.userHwProfilePath, p.userOsImagePath,  p.systemImagesPath,
                                p.skinsPath,      p.mediaPath};
+    // The tree holds disks with saved guest memory, lock files and control
+    // sockets: every directory of it is made for the owner alone.
     for (const QString &dir : created) {
-        if (!QDir(dir).mkpath(QStringLiteral(".")))
+        if (!FileUtils::makeDirectory(dir))
             qCritical() << "Failed to create" << dir << "things may go wrong";
     }
     // A tree made by an older program (or under a wide umask) is closed once;
     // the marker saves every later start a walk of every device's files.
-    // What is created afterwards is private by the creation mask.
+    // What is created afterwards is private by the modes it is created with.
     const QString closed = p.halvistromPath + QStringLiteral("/.private");
     if (!QFileInfo::exists(closed) && FileUtils::makePrivate(p.organizationPath) >= 0)
         FileUtils::saveFile(closed, QByteArrayLiteral("the data tree was made private\n"));
@@ -106,7 +105,7 @@ QString Paths::getQEmuBinDirPath() { return getLaunchpadDirPath() + QStringLiter
 QString Paths::getTemporaryDirPath()
 {
     const QString dir = info().halvistromPath + QStringLiteral("/tmp/");
-    if (QDir(dir).mkpath(QStringLiteral(".")))
+    if (FileUtils::makeDirectory(dir))
         return dir;
     qWarning() << "QString Paths::getTemporaryDirPath()"
                << "Failed to create" << dir << ". Falling back to QDir::tempPath()";

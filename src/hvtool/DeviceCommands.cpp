@@ -189,12 +189,15 @@ int portOffset(const QEMUMachine &machine)
 
 QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
 {
-    const bool on = machine.getStatus() == VMToolsMachine::On;
+    QString reason;
+    const int state = machine.getRunState(&reason);
+    const bool on = state != VMToolsMachine::Off;
     const int offset = portOffset(machine);
     QJsonObject object{
         {"name", machine.getName()},
         {"uuid", Catalog::bareUuid(machine.getUuid())},
-        {"status", on ? QStringLiteral("On") : QStringLiteral("Off")},
+        {"status", machine.getStatusString(state)},
+        {"reason", reason.isEmpty() ? QJsonValue() : QJsonValue(reason)},
         {"android_version", machine.getAndroidVersion().toString()},
         {"adb_serial", on ? machine.getAdbSerial() : QString()},
         {"qmp_socket", on ? QJsonValue(machine.getQmpSocketPath()) : QJsonValue()},
@@ -207,6 +210,13 @@ QJsonObject describe(QEMUEngine *e, QEMUMachine &machine)
         {"ram_mb", double(machine.getRamSize())},
     };
     return object;
+}
+
+/// What a device held on a disk error shows, and what to do about it.
+QString pausedText(const QString &name, const QString &reason)
+{
+    return QStringLiteral("'%1' is paused: %2; free space or mend the disk, then 'hvtool device resume \"%1\"'")
+        .arg(name, reason);
 }
 
 QString sizeText(qint64 bytes)
@@ -427,6 +437,11 @@ int list(Context &ctx)
         return Success;
     }
     ctx.printTable({"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"}, rows);
+    for (const QJsonValue &value : array) {
+        const QJsonObject object = value.toObject();
+        if (object.value("status") == QLatin1String("Paused"))
+            ctx.print(pausedText(object.value("name").toString(), object.value("reason").toString()));
+    }
     for (const auto &[name, reason] : broken)
         ctx.print(QStringLiteral("'%1' is broken: %2; remove it with 'hvtool device delete \"%1\" --yes'")
                       .arg(name, reason));
@@ -450,9 +465,11 @@ int show(Context &ctx)
         ctx.printJson(object);
         return Success;
     }
-    for (const char *key : {"name", "uuid", "status", "android_version", "adb_serial", "qmp_socket", "port_offset",
-                               "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
+    for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
+                            "port_offset", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
         const QJsonValue value = object.value(key);
+        if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
+            continue;
         QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
                                       : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
         ctx.print(QStringLiteral("%1 %2").arg(QString::fromLatin1(key) + QLatin1Char(':'), -17).arg(text));
@@ -721,6 +738,10 @@ int start(Context &ctx)
     } else if (quickBoot) {
         expectResume = noteColdQuickBoot(ctx, e, *machine);
     }
+    const QString shortfall = ctx.isSet(QStringLiteral("force")) ? QString() : e->memoryShortfall(machine.get());
+    if (!shortfall.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' not started: %2; use --force to start it anyway")
+                                      .arg(name, shortfall));
     QElapsedTimer timer;
     timer.start();
     const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
@@ -729,12 +750,19 @@ int start(Context &ctx)
     showStartNotes(ctx, e);
     if (e->lastStartFellBackToTcg())
         quickBoot = false;
-    if (result != 1)
+    if (result != 1) {
+        const QString why = machine->getStartFailure();
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
-                                    .arg(name, startDiagnosis(e, *machine, result), logHint(*machine, startedAt)));
-    if (expectResume && !quickBoot && !e->lastStartFellBackToTcg())
-        ctx.note(QStringLiteral("the quick-boot state could not be loaded: booted cold; the next stop saves a new "
-                                "one"));
+                                    .arg(name, why.isEmpty() ? startDiagnosis(e, *machine, result) : why,
+                                         logHint(*machine, startedAt)));
+    }
+    if (expectResume && !quickBoot && !e->lastStartFellBackToTcg()) {
+        // The failed load's own words, when it was stopped rather than ended.
+        const QString why = machine->getStateLoadFailure();
+        ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
+                                "one")
+                     .arg(why.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(why)));
+    }
     machine->reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
     // The device runs: waiting for its guest changes nothing, and a stop
@@ -772,6 +800,20 @@ int start(Context &ctx)
     return Success;
 }
 
+/// Says that the state saved as snapshot is there but what it was saved
+/// with is not recorded, and why.
+void noteUnrecordedState(Context &ctx, const QString &device, const QString &snapshot)
+{
+    QString cause;
+    for (const QString &problem : recentLibraryProblems()) {
+        if (problem.contains(QEMUDeviceFiles::savedStatesName()) && problem.startsWith(QLatin1String("Failed to write")))
+            cause = QStringLiteral(" (%1)").arg(problem);
+    }
+    ctx.note(QStringLiteral("saved snapshot '%1' of device '%2', but could not record what it was saved with%3: a "
+                            "start tries it, and boots cold if it no longer fits the device")
+                 .arg(snapshot, device, cause));
+}
+
 /// Waits for the emulator to exit and clears its lock file.
 bool waitForExit(QEMUMachine &machine, int seconds)
 {
@@ -804,11 +846,14 @@ int stop(Context &ctx)
     timer.start();
     bool saved = false;
     if (machine->isQuickbootEnabled() && !ctx.isSet(QStringLiteral("no-save"))) {
-        saved = e->saveSnapshot(machine.get(), kLatest);
+        bool recorded = true;
+        saved = e->saveSnapshot(machine.get(), kLatest, &recorded);
         if (!saved)
             return ctx.fail(Failed, QStringLiteral("could not save the quick-boot state of device '%1'; it still runs "
                                                    "(use --no-save to stop without saving)")
                                         .arg(name));
+        if (!recorded)
+            noteUnrecordedState(ctx, name, kLatest);
     }
     const qint64 savedMs = timer.elapsed();
     e->stopMachine(machine.get());
@@ -825,6 +870,27 @@ int stop(Context &ctx)
     ctx.print(QStringLiteral("stopped '%1'%2 in %3 s")
                   .arg(name, saved ? QStringLiteral(" (quick-boot state saved)") : QString())
                   .arg(timer.elapsed() / 1000.0, 0, 'f', 2));
+    return Success;
+}
+
+int resume(Context &ctx)
+{
+    Target target = lockTarget(ctx);
+    if (!target.machine)
+        return target.code;
+    MachinePtr &machine = target.machine;
+    const QString name = machine->getName();
+    QString reason;
+    const int state = machine->getRunState(&reason);
+    if (state != VMToolsMachine::Paused)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is not paused (it is %2)")
+                                      .arg(name, VMToolsMachine::getStatusString(state)));
+    if (!machine->resumeFromDiskError(&reason))
+        return ctx.fail(Conflict, QStringLiteral("device '%1' stays paused: %2").arg(name, reason));
+    if (ctx.json())
+        ctx.printJson(describe(target.engine, *machine));
+    else
+        ctx.print(QStringLiteral("resumed '%1'").arg(name));
     return Success;
 }
 
@@ -904,9 +970,12 @@ int snapshotSave(Context &ctx)
                                       .arg(machine->getName()));
     QElapsedTimer timer;
     timer.start();
-    if (!e->saveSnapshot(machine.get(), ctx.arg(1)))
+    bool recorded = true;
+    if (!e->saveSnapshot(machine.get(), ctx.arg(1), &recorded))
         return ctx.fail(Failed, QStringLiteral("could not save snapshot '%1' of device '%2'")
                                     .arg(ctx.arg(1), machine->getName()));
+    if (!recorded)
+        noteUnrecordedState(ctx, machine->getName(), ctx.arg(1));
     if (ctx.json())
         ctx.printJson(QJsonObject{{"name", machine->getName()}, {"snapshot", ctx.arg(1)},
                                   {"seconds", timer.elapsed() / 1000.0}});
@@ -1126,9 +1195,9 @@ int parseChange(Context &ctx, const QString &item, bool running, Change *change)
         return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
     }
     change->number = value.toLongLong(&ok);
-    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? 256 : 0);
+    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
     // device.json keeps the sizes as numbers its reader takes as int.
-    const qint64 maximum = key == "cpus" ? 512 : std::numeric_limits<int>::max();
+    const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
     if (!ok || change->number < minimum || change->number > maximum)
         return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
                                    .arg(key)
@@ -1240,8 +1309,12 @@ void addDeviceCommands()
                     {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
                      "SECONDS"},
                     {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
-                     "ACCELERATOR"}},
+                     "ACCELERATOR"},
+                    {"force", "Start even when the host seems short of memory for it."}},
                    1, 1, start}
+        << Command{{"device", "resume"}, "NAME",
+                   "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.", {},
+                   1, 1, resume}
         << Command{{"device", "stop"}, "NAME",
                    "Stop a device gracefully, saving its state first when quick boot is on.",
                    {{"force", "Kill the emulator at once."}, {"no-save", "Do not save the quick-boot state: the next start boots cold and keeps this session's disk "

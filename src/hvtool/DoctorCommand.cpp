@@ -1,6 +1,7 @@
 // hvtool doctor and hvtool --version: what the set-up can do.
 #include "Command.h"
 #include "Engine.h"
+#include "FileUtils.h"
 
 #include "HalvistromAppUtils.h"
 #include "Paths.h"
@@ -162,7 +163,7 @@ int doctor(Context &ctx)
         checks << acceleratorCheck(engine) << audioCheck(engine);
 
     const QString devices = VMToolsEngine::getDevicesDirectorySetting();
-    QDir().mkpath(devices);
+    FileUtils::makeDirectory(devices);
     QTemporaryFile probe(devices + QStringLiteral("/.hvtool-doctor-XXXXXX"));
     if (!probe.open()) {
         checks << Check{"devices-directory", Level::Fail, devices + " is not writable: " + probe.errorString()};

@@ -180,7 +180,7 @@ int checkRecordOva(Context &ctx, const QString &path, OsImage *image)
 
 bool saveRecord(const OsImage &image, QString *file)
 {
-    QDir().mkpath(Paths::getUserOsImagePath());
+    FileUtils::makeDirectory(Paths::getUserOsImagePath());
     *file = QDir(Paths::getUserOsImagePath()).absoluteFilePath(Catalog::bareUuid(image.uuid) + ".json");
     return FileUtils::saveFile(*file, QJsonDocument(OsImageIO::toJsonObject(image)).toJson());
 }

@@ -8,9 +8,12 @@
 #include <QDebug>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonObject>
 #include <QJsonValue>
+#include <QJsonArray>
 #include <QLocalSocket>
+#include <QRegularExpression>
 #include <QThread>
 #include <QTimer>
 
@@ -122,12 +125,17 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
             return true;
     }
     if (status == QmpLineFramer::Status::Overlong) {
+        m_lastError = QStringLiteral("a greeting %1").arg(overlongReason(*m_framer));
         qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
         return false;
     }
     QJsonObject message;
     QString error;
     if (!QmpProtocol::parseMessage(greeting, &message, &error) || !QmpProtocol::isGreeting(message)) {
+        // What came, short and printable, tells a stranger on the socket
+        // from a broken emulator.
+        m_lastError = QStringLiteral("it greeted with \"%1\"")
+                          .arg(QString::fromUtf8(greeting.left(60)).replace(QRegularExpression("[^ -~]"), "?"));
         qCritical() << Tag << "QEMUClient: bad message during initialization";
         return false;
     }
@@ -323,6 +331,47 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
     }
     m_quiet = false;
     return outcome;
+}
+
+QString QEMUClient::queryRunState()
+{
+    QJsonObject reply;
+    bool silent = false;
+    const bool connected = m_socket->state() == QLocalSocket::ConnectedState;
+    if ((!connected && !init())
+        || !request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                    &silent))
+        return QString();
+    return reply.value(QLatin1String("return")).toObject().value(QLatin1String("status")).toString();
+}
+
+QStringList QEMUClient::queryDiskErrors()
+{
+    QStringList errors;
+    QJsonObject reply;
+    bool silent = false;
+    if (!request(plainCommand(QStringLiteral("query-block")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                 &silent))
+        return errors;
+    // A disk whose last request failed keeps an "io-status" other than "ok"
+    // until the machine goes on.
+    for (const QJsonValue &value : reply.value(QLatin1String("return")).toArray()) {
+        const QJsonObject disk = value.toObject();
+        const QString status = disk.value(QLatin1String("io-status")).toString();
+        if (status.isEmpty() || status == QLatin1String("ok"))
+            continue;
+        const QString file = disk.value(QLatin1String("inserted")).toObject().value(QLatin1String("file")).toString();
+        const QString name = QFileInfo(file).fileName();
+        errors << (status == QLatin1String("nospace")
+                       ? QStringLiteral("no space left for '%1' (%2)").arg(name, QFileInfo(file).absolutePath())
+                       : QStringLiteral("an I/O error on '%1'").arg(name));
+    }
+    return errors;
+}
+
+bool QEMUClient::execCont()
+{
+    return exec(plainCommand(QStringLiteral("cont")), QVariant(), CapabilitiesTimeoutMs, ResponseRequired);
 }
 
 bool QEMUClient::execQuit()

@@ -81,6 +81,18 @@ public:
     /// for a save.
     bool execLoadSnapshot(const QString &name, bool unplugShared);
 
+    /// Why waitUntilRunning() answered NotQmp: what came instead of QMP.
+    QString lastError() const { return m_lastError; }
+
+    /// Asks the machine's run state, connecting first when not connected ("running", "io-error",
+    /// ...); empty when the emulator cannot be asked.
+    QString queryRunState();
+    /// On a connected client: the disks whose I/O failed, one text each
+    /// naming the disk's file and whether it ran out of space.
+    QStringList queryDiskErrors();
+    /// On a connected client: lets the stopped machine go on ("cont").
+    bool execCont();
+
     /// Whether this client detached the shared-folder drive.
     bool hasDetachedSharedDrive() const { return m_detachedShared; }
 
@@ -104,6 +116,7 @@ private:
     QLocalSocket *m_socket;
     std::unique_ptr<QmpLineFramer> m_framer;
     bool m_quiet = false;
+    QString m_lastError;
     bool m_detachedShared = false;
     /// What the last command returned: a human monitor command answers text.
     QJsonValue m_lastReturn;

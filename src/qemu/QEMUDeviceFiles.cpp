@@ -1,5 +1,6 @@
 #include "QEMUDeviceFiles.h"
 
+#include "FileUtils.h"
 #include "Paths.h"
 
 #include <QCryptographicHash>
@@ -175,7 +176,7 @@ QString QEMUDeviceFiles::qmpSocket() const
 bool QEMUDeviceFiles::makeSocketDirectory() const
 {
     const QString base = socketsDirectory();
-    if (!QDir().mkpath(QFileInfo(base).absolutePath()))
+    if (!FileUtils::makeDirectory(QFileInfo(base).absolutePath()))
         return false;
     return makePrivateDirectory(base) && makePrivateDirectory(QFileInfo(qmpSocket()).absolutePath());
 }

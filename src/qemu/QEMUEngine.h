@@ -1,6 +1,7 @@
 #pragma once
 
 #include "LockFiles.h"
+#include "OsImage.h"
 #include "QEMUAccelerator.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsEngine.h"
@@ -13,6 +14,7 @@
 #include <QString>
 
 #include <memory>
+#include <mutex>
 
 class QEMUDeviceFiles;
 class QEMUMachine;
@@ -190,6 +192,9 @@ public:
     bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
     /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
+    /// The image registered under uuid among the user's OS image records
+    /// (read once per engine); an image without uuid when none is.
+    OsImage getRegisteredImage(const QString &uuid) const;
     /// The directories of the devices directory that hold no loadable
     /// device, each with the reason in words.
     QList<QPair<QString, QString>> getBrokenMachines() const;
@@ -249,18 +254,29 @@ public:
     LockFiles::CommandLock::Result lockDevice(const QString &devicePath, const QString &command,
                                               LockFiles::CommandLock *lock) const;
     /// The first port offset whose forwarded host ports are all free and that
-    /// no device records; -1 when none is left.
+    /// no running emulator holds in the port table; -1 when none is left.
     int computePortOffset() const;
     /// The same, passing over the offsets in skip.
     int computePortOffset(const QSet<int> &skip) const;
     /// The inter-process lock held from choosing a device's port offset until
-    /// its lock file records it.
+    /// its emulator has bound the ports and the port table records it.
     QString getPortOffsetLockPath() const;
+    /// "port-offsets.json" beside that lock: the offsets (and memory) of the
+    /// emulators the programs of this devices directory started.
+    QString getPortTablePath() const;
+    /// Why starting the device would leave the host short of memory, with the
+    /// numbers (MemAvailable of the meminfo file, less what running devices
+    /// may still take of their RAM); empty when it fits.
+    QString memoryShortfall(const VMToolsMachine *machine, const QString &meminfoPath = "/proc/meminfo") const;
     /// The name of that lock file in the devices directory.
     static QString portOffsetLockName();
     /// Saves an internal snapshot of the running device over QMP; the
     /// writable shared-folder drive is detached first when it is attached.
     bool saveSnapshot(VMToolsMachine *machine, const QString &name) const override;
+    /// The same; recorded (when given) tells whether what the state was saved
+    /// with could be recorded. When not, no record of it is left: a start
+    /// then tries it, and the emulator refuses a state that does not fit.
+    bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
     /// Returns the running device to its internal snapshot name, over QMP.
     bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
     /// The snapshots of the device's system disk with their dates, sizes and
@@ -268,6 +284,8 @@ public:
     QList<QEMUSnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
     /// Records beside the device's disks what the state saved as name
     /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
+    /// When that cannot be written, the records are removed rather than left
+    /// stale; false.
     bool recordSavedState(VMToolsMachine *machine, const QString &name) const;
     QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const override;
     /// Set when the last session ended with the quick-boot save; a device
@@ -327,6 +345,15 @@ private:
     /// Records that KVM cannot run guests here (failure, in QEMU's words)
     /// and starts the device cold under TCG.
     int fallBackToTcg(VMToolsMachine *machine, const QString &failure);
+    /// Chooses a free offset (not one of tried, to which it adds it) and
+    /// launches the emulator on it under the port lock, which it holds until
+    /// the emulator has bound its ports. The offset goes into request.
+    int launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const;
+    /// Adds the launched emulator to the port table; the caller holds the lock.
+    void recordPortOffset(const QEMUMachine *machine, int offset) const;
+    mutable std::once_flag m_registryRead;
+    mutable QList<OsImage> m_registeredImages;
+
     /// Called before each launch: a start from anything but the quick-boot
     /// state discards that state (it would later resume onto newer disks),
     /// and every session counts as unsaved until the quick-boot save ends it.

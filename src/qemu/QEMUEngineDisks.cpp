@@ -3,6 +3,7 @@
 // images. Everything but copying and deleting runs the image tool.
 #include "QEMUEngine.h"
 
+#include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsCommon.h"
@@ -180,9 +181,9 @@ bool QEMUEngine::resizeDisk(const QString &path, long long size) const
 
 bool QEMUEngine::copyDisk(const QString &source, const QString &destination) const
 {
-    QFile file(source);
-    if (!file.copy(destination)) {
-        qCritical() << "[VMTools]" << "Failed to copy" << source << "to" << destination << ":" << file.errorString();
+    QString error;
+    if (!FileUtils::copyFile(source, destination, &error)) {
+        qCritical() << "[VMTools]" << "Failed to copy" << source << "to" << destination << ":" << error;
         return false;
     }
     return true;

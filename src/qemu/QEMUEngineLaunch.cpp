@@ -6,12 +6,14 @@
 #include "QEMUClient.h"
 #include "QEMULaunch_p.h"
 #include "QEMUMachine.h"
+#include "QEMUPortTable_p.h"
 #include "SysInfo.h"
 #include "SystemInfo.h"
 #include "VMToolsCommon.h"
 
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QLockFile>
 #include <QNetworkProxy>
@@ -27,7 +29,8 @@ namespace {
 // moment it has.
 constexpr int kQuitTimeoutMs = 15000;
 // How long a start waits for other starts to choose their offsets. Each holds
-// the lock only until its emulator is ready, a fraction of a second.
+// the lock only until its emulator has bound its ports, a fraction of a
+// second.
 constexpr int kPortOffsetLockTimeoutMs = 60000;
 // How many offsets a start tries when another program takes a port between
 // the probe and the emulator's bind.
@@ -43,6 +46,23 @@ bool arePortsFree(int offset)
         server.close();
     }
     return true;
+}
+
+QVector<int> forwardedPorts(int offset)
+{
+    QVector<int> ports;
+    for (const QEMULaunch::PortForward &forward : QEMULaunch::portForwards())
+        ports << forward.hostBase + offset;
+    return ports;
+}
+
+// An emulator that ended early leaves a lock file naming a pid the system may
+// soon give to another device's emulator, making this device look running
+// and a forced stop kill the wrong process.
+void dropLockOfEndedEmulator(QEMUMachine *machine)
+{
+    if (!machine->isQEMURunning() && QFile::exists(machine->getLockFilePath()))
+        machine->removeLockFile();
 }
 
 QEMUMachine *asQemuMachine(VMToolsMachine *machine)
@@ -65,6 +85,11 @@ QString QEMUEngine::getPortOffsetLockPath() const
     return m_devicesDirectory.absoluteFilePath(portOffsetLockName());
 }
 
+QString QEMUEngine::getPortTablePath() const
+{
+    return m_devicesDirectory.absoluteFilePath(QStringLiteral("port-offsets.json"));
+}
+
 int QEMUEngine::computePortOffset() const
 {
     return computePortOffset(QSet<int>());
@@ -72,15 +97,13 @@ int QEMUEngine::computePortOffset() const
 
 int QEMUEngine::computePortOffset(const QSet<int> &skip) const
 {
-    // Only the recorded emulator holds its offset: a lock file left behind
-    // by an emulator that ended (or lingers as a zombie, or whose pid now
-    // names another process) must not keep the offset from its own device.
+    // Only a running emulator holds its offset: an entry left by one that
+    // ended (or lingers as a zombie, or whose pid now names another process)
+    // does not. Emulators started by older programs are not in the table,
+    // but the ports they bound are not free either.
     QSet<int> taken = skip;
-    for (QEMUMachine *machine : loadMachines(std::function<bool()>())) {
-        if (machine->isQEMURunning())
-            taken.insert(machine->getPortOffset());
-        delete machine;
-    }
+    for (const QEMUPortEntry &entry : QEMUPortTable::readLive(getPortTablePath()))
+        taken.insert(entry.offset);
     for (int offset = 0; offset <= QEMULaunch::kMaxPortOffset; offset += QEMULaunch::kPortOffsetStep) {
         if (!taken.contains(offset) && arePortsFree(offset))
             return offset;
@@ -151,12 +174,34 @@ int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotNa
         }
     }
 
+    // The ports are probed free, then released for the emulator to bind: a
+    // program outside the port lock can take one in between. The emulator
+    // then ends at once, and the start moves on to another offset.
+    QSet<int> tried;
+    int result = QEMUMachine::StartFailed;
+    for (int attempt = 0; attempt < kPortRaceAttempts; ++attempt) {
+        const int launched = launchOnFreeOffset(qemuMachine, request, &tried);
+        // The state loads, and the guest starts, outside the port lock:
+        // other starts choose their offsets meanwhile.
+        result = launched == QEMUMachine::Started ? qemuMachine->waitUntilReady(snapshotName) : launched;
+        if (result != QEMUMachine::Started)
+            dropLockOfEndedEmulator(qemuMachine);
+        if (result != QEMUMachine::PortUsed)
+            break;
+        qWarning() << "[VMTools]" << "A port of offset" << request.portOffset
+                   << "was taken before the emulator bound it";
+    }
+    return result;
+}
+
+int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const
+{
     // Two programs starting devices at once must not pick the same offset:
-    // the offset is chosen and recorded in the device's lock file under one
-    // lock shared by every program that uses this devices directory.
+    // the offset is chosen, bound by the emulator and recorded in the port
+    // table under one lock shared by every program that uses this devices
+    // directory.
     QLockFile portLock(getPortOffsetLockPath());
-    // The holder's pid tells a dead holder; a live one may hold it longer
-    // than any fixed age while its emulator starts.
+    // The holder's pid tells a dead holder.
     portLock.setStaleLockTime(0);
     if (!LockFiles::acquire(portLock, getPortOffsetLockPath(), kPortOffsetLockTimeoutMs)) {
         if (portLock.error() == QLockFile::LockFailedError)
@@ -169,39 +214,44 @@ int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotNa
             qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
         return QEMUMachine::StartFailed;
     }
-    // The ports are probed free, then released for the emulator to bind: a
-    // program outside this lock can take one in between. The emulator then
-    // ends at once, and the start moves on to another offset.
-    QSet<int> tried;
-    int result = QEMUMachine::StartFailed;
-    for (int attempt = 0; attempt < kPortRaceAttempts; ++attempt) {
-        const int offset = computePortOffset(tried);
-        if (offset < 0) {
-            qCritical() << "[VMTools]" << "Failed to determine a port offset";
-            return QEMUMachine::StartFailed;
-        }
-        tried.insert(offset);
-        request.portOffset = offset;
-
-        QEMUOptionSet options = QEMULaunch::composeOptions(request);
-        options.applyStartArgsVariable();
-        const QStringList arguments = options.render();
-        qDebug().noquote() << "[VMTools]" << "Start command:"
-                           << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
-
-        result = qemuMachine->start(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
-        if (result != QEMUMachine::Started && !qemuMachine->isQEMURunning()
-            && QFile::exists(qemuMachine->getLockFilePath())) {
-            // The emulator ended early. Its lock file would name a pid the
-            // system may soon give to another device's emulator, making this
-            // device look running and a forced stop kill the wrong process.
-            qemuMachine->removeLockFile();
-        }
-        if (result != QEMUMachine::PortUsed)
-            break;
-        qWarning() << "[VMTools]" << "A port of offset" << offset << "was taken before the emulator bound it";
+    QElapsedTimer held;
+    held.start();
+    const int offset = computePortOffset(*tried);
+    if (offset < 0) {
+        qCritical() << "[VMTools]" << "Failed to determine a port offset";
+        return QEMUMachine::StartFailed;
     }
+    tried->insert(offset);
+    request.portOffset = offset;
+
+    QEMUOptionSet options = QEMULaunch::composeOptions(request);
+    options.applyStartArgsVariable();
+    const QStringList arguments = options.render();
+    qDebug().noquote() << "[VMTools]" << "Start command:"
+                       << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
+
+    int result = machine->launch(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
+    if (result == QEMUMachine::Started)
+        result = machine->waitForPorts(forwardedPorts(offset));
+    if (result == QEMUMachine::Started)
+        recordPortOffset(machine, offset);
+    qDebug() << "[VMTools]" << "Held the port offset lock for" << held.elapsed() << "ms";
     return result;
+}
+
+void QEMUEngine::recordPortOffset(const QEMUMachine *machine, int offset) const
+{
+    QVector<QEMUPortEntry> entries = QEMUPortTable::readLive(getPortTablePath());
+    QEMUPortEntry entry;
+    entry.offset = offset;
+    entry.pid = machine->launchedPid();
+    entry.startTime = VMToolsCommon::processStartTime(entry.pid);
+    entry.ramMiB = machine->getRamSize();
+    entry.device = machine->getName();
+    entries.append(entry);
+    // Without the entry the offset is still safe (its ports are bound now);
+    // only the memory check misses this device.
+    QEMUPortTable::write(getPortTablePath(), entries);
 }
 
 bool QEMUEngine::stopMachine(VMToolsMachine *machine)
@@ -224,6 +274,11 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
 }
 
 bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) const
+{
+    return saveSnapshot(machine, name, nullptr);
+}
+
+bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const
 {
     QEMUMachine *qemuMachine = asQemuMachine(machine);
     if (!qemuMachine)
@@ -258,7 +313,9 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name) cons
     }
     // Without the record the state would still resume; only a change of
     // hardware would then be noticed late, by the emulator.
-    recordSavedState(machine, name);
+    const bool stateRecorded = recordSavedState(machine, name);
+    if (recorded)
+        *recorded = stateRecorded;
     if (endsSession && !recordSessionEnd(machine, true)) {
         // Unrecorded, the save would never be resumed: the session goes on.
         QEMUClient(qemuMachine->getQmpSocketPath()).execContinue();

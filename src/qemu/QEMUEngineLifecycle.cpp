@@ -102,7 +102,7 @@ QString makeHiddenDirectory(const QDir &devices, const QString &name, const QStr
     const qint64 pid = ::getpid();
     QByteArray pattern = QFile::encodeName(devices.absoluteFilePath(
         QStringLiteral(".%1.%2-%3-%4-XXXXXX").arg(name, purpose).arg(pid).arg(VMToolsCommon::processStartTime(pid))));
-    if (!QDir().mkpath(devices.absolutePath()) || !::mkdtemp(pattern.data())) {
+    if (!FileUtils::makeDirectory(devices.absolutePath()) || !::mkdtemp(pattern.data())) {
         qCritical() << "[VMTools]" << "Failed to create a directory to" << purpose << name << "in"
                     << devices.absolutePath() << ":" << std::strerror(errno);
         return QString();
@@ -579,6 +579,9 @@ QString QEMUEngine::brokenReason(const QString &path) const
         return QStringLiteral("it has no device configuration file '%1'").arg(config);
     if (!FileUtils::loadJson(config).isObject())
         return QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
+    const QString problem = record.VMToolsMachine::load() ? record.recordProblem() : QString();
+    if (!problem.isEmpty())
+        return problem;
     return QStringLiteral("its device configuration file '%1' does not describe a device of this engine "
                           "with a valid hardware profile")
         .arg(config);

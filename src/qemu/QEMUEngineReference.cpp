@@ -8,6 +8,7 @@
 #include "OsImage.h"
 #include "LockFiles.h"
 #include "OsImageChecksum.h"
+#include "OsImageIO.h"
 #include "Paths.h"
 #include "QEMUSnapshotTable.h"
 #include "QEMUDeviceFiles.h"
@@ -18,6 +19,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QLockFile>
+#include <QUuid>
 
 #include <cerrno>
 #include <cstdio>
@@ -97,7 +99,7 @@ QString diskPath(const QString &directory, const char *name, const char *suffix)
 bool startPartial(const QString &directory)
 {
     const QString partial = directory + kPartialSuffix;
-    if (!QEMUEngine::cleanDirectory(directory) || !QEMUEngine::cleanDirectory(partial) || !QDir().mkpath(partial)) {
+    if (!QEMUEngine::cleanDirectory(directory) || !QEMUEngine::cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
         qCritical() << "[VMTools]" << "Failed to clean" << directory;
         return false;
     }
@@ -120,7 +122,7 @@ bool publishPartial(const QString &directory)
 bool makeParent(const QString &directory)
 {
     const QString parent = QFileInfo(directory).absolutePath();
-    if (directory.isEmpty() || !QDir().mkpath(parent)) {
+    if (directory.isEmpty() || !FileUtils::makeDirectory(parent)) {
         qCritical() << "[VMTools]" << "Failed to create directory" << parent;
         return false;
     }
@@ -256,6 +258,20 @@ QString QEMUEngine::getDeviceReference(const VMToolsMachine *machine) const
     return getReferenceDirectory(image);
 }
 
+OsImage QEMUEngine::getRegisteredImage(const QString &uuid) const
+{
+    // Devices are loaded on several threads at once; the records are read
+    // by the first of them.
+    std::call_once(m_registryRead,
+                   [this] { m_registeredImages = OsImageIO::loadFromDirectory(Paths::getUserOsImagePath()); });
+    const QUuid wanted = QUuid::fromString(uuid);
+    for (const OsImage &image : qAsConst(m_registeredImages)) {
+        if (wanted.isNull() ? image.uuid == uuid : QUuid::fromString(image.uuid) == wanted)
+            return image;
+    }
+    return OsImage();
+}
+
 QStringList QEMUEngine::getMachinesUsingImage(const OsImage &image)
 {
     const QString reference = getReferenceDirectory(image);
@@ -361,7 +377,7 @@ bool QEMUEngine::adoptOldReference(const QString &oldDirectory, const QString &d
         const QString from = diskPath(oldDirectory, name, ".qcow2");
         const QString to = diskPath(partial, name, ".qcow2");
         if ((::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0
-             && !QFile::copy(from, to))
+             && !FileUtils::copyFile(from, to))
             || !syncFile(to)) {
             qCritical() << "[VMTools]" << "Failed to move" << from << "to" << to;
             cleanDirectory(partial);

@@ -74,7 +74,11 @@ bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) 
                                                           qemuMachine->runningCpuModel())
                                      : describeSavedState(machine, QString(), QString()));
     if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
+        // The old record of that name would describe a state that is gone:
+        // no record at all is the truth (removing takes no room on a full disk).
         qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
+        if (!QFile::remove(path))
+            qCritical() << "[VMTools]" << "Failed to remove the stale records" << path;
         return false;
     }
     return true;
@@ -177,7 +181,9 @@ QString QEMUEngine::savedStateMismatch(const VMToolsMachine *constMachine, const
 
 bool QEMUEngine::isStateLoadFailure(int startResult) const
 {
-    return startResult == QEMUMachine::StateNotLoaded;
+    // A load that outlasted its time-out was stopped like one that failed:
+    // the device boots cold rather than not at all.
+    return startResult == QEMUMachine::StateNotLoaded || startResult == QEMUMachine::StateLoadTimedOut;
 }
 
 QList<QEMUSnapshotInfo> QEMUEngine::fetchSnapshots(const VMToolsMachine *machine) const

@@ -23,9 +23,11 @@ const char *const kPortPhrases[] = {"failed to find an available port", "could n
 const char kAddressingLimited[] = "addressing limited";
 const char kFallingBack[] = "falling back";
 // What QEMU prints when a saved state does not fit the machine it starts
-// ("error while loading state for instance 0x0 of device 'ram'") or cannot
-// be read at all ("Error -22 while loading VM state").
-const char *const kStatePhrases[] = {"error while loading state", "while loading VM state"};
+// ("error while loading state for instance 0x0 of device 'ram'"), cannot
+// be read at all ("Error -22 while loading VM state") or is missing from one
+// of the disks ("Snapshot 'latest' does not exist in one or more devices").
+const char *const kStatePhrases[] = {"error while loading state", "while loading VM state",
+                                     "does not exist in one or more devices"};
 const char *const kAcceleratorPhrases[] = {"no accelerator found", "invalid accelerator"};
 // What QEMU prints when KVM cannot run the guest: the processor's set-up
 // fails ("error: failed to set MSR 0x10a to 0x69", then an assertion in

@@ -47,7 +47,7 @@ void store(const QString &name, const QString &key, const QJsonObject &entry)
 {
     QJsonObject cache = read(name);
     cache.insert(key, entry);
-    QDir().mkpath(Paths::getHalvistromCachePath());
+    FileUtils::makeDirectory(Paths::getHalvistromCachePath());
     FileUtils::saveFile(cachePath(name), QJsonDocument(cache).toJson(QJsonDocument::Compact));
 }
 

@@ -18,7 +18,11 @@ const QVector<PortForward> &portForwards()
 
 QString diskValue(const QString &path, bool virtio)
 {
-    QString value = QStringLiteral("file=%1,format=qcow2").arg(QEMUOptionSet::escapeValue(path));
+    // A failed read or write stops the guest instead of reaching it: a full
+    // disk or a passing I/O error then costs nothing once it is mended and
+    // the device goes on ("hvtool device resume").
+    QString value =
+        QStringLiteral("file=%1,format=qcow2,werror=stop,rerror=stop").arg(QEMUOptionSet::escapeValue(path));
     if (virtio)
         value += QLatin1String(",if=virtio");
     return value;

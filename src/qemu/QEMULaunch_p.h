@@ -53,7 +53,8 @@ struct Request {
     QString audioBackend = QStringLiteral("none");
 };
 
-/// "file=<path>,format=qcow2" plus ",if=virtio" for virtio disks.
+/// "file=<path>,format=qcow2" with the error policies that stop the guest on
+/// a failed read or write, plus ",if=virtio" for virtio disks.
 QString diskValue(const QString &path, bool virtio);
 /// The shared folder as a vvfat drive: writable (with the id "shared" that
 /// lets it be detached, on the disks' interface) or read-only (always a

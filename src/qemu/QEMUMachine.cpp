@@ -5,6 +5,8 @@
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
+#include "QEMUPortTable_p.h"
+#include "QEMUSnapshotTable.h"
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "Paths.h"
@@ -12,9 +14,10 @@
 
 #include <QDebug>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
+#include <QThread>
 #include <QUuid>
 
 #include <algorithm>
@@ -23,6 +26,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -39,6 +44,9 @@ const int kAdbHostShift = 1000;
 // running machine. Loading a large saved state takes seconds; an emulator
 // that has neither ended nor answered after this is stuck.
 const int kReadyTimeoutMs = 30000;
+// How long a guest let go after a disk error has to fail again before it
+// counts as going on: the emulator retries the failed requests at once.
+const int kResumeSettleMs = 500;
 
 // The value following option in an emulator's arguments; empty when absent.
 QString optionValue(const QStringList &arguments, const QString &option)
@@ -87,8 +95,64 @@ bool QEMUMachine::load()
         qWarning() << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
         return false;
     }
+    const QString problem = recordProblem();
+    if (!problem.isEmpty()) {
+        qWarning().noquote() << "[VMTools]"
+                             << QStringLiteral("Refusing the record of device \"%1\": %2").arg(getName(), problem);
+        return false;
+    }
     setOnLoadStatus(getStatus());
     return true;
+}
+
+QString QEMUMachine::recordProblem() const
+{
+    const qint64 ram = getRamSize();
+    if (ram < HwProfile::MinRamSize || ram > HwProfile::MaxRamSize)
+        return QStringLiteral("its record gives it %1 MB of RAM, outside %2 to %3")
+            .arg(ram)
+            .arg(HwProfile::MinRamSize)
+            .arg(HwProfile::MaxRamSize);
+    const int cpus = getCpuCount();
+    if (cpus < 1 || cpus > HwProfile::MaxCpuCount)
+        return QStringLiteral("its record gives it %1 processors, outside 1 to %2").arg(cpus).arg(HwProfile::MaxCpuCount);
+    const QString image = imageProblem();
+    return image.isEmpty() ? referenceProblem() : image;
+}
+
+QString QEMUMachine::imageProblem() const
+{
+    if (!m_engine)
+        return QString();
+    const OsImage recorded = getOsImage();
+    const OsImage registered = m_engine->getRegisteredImage(recorded.uuid);
+    if (registered.uuid.isEmpty()
+        || (recorded.imageUri == registered.imageUri
+            && recorded.imageHash.compare(registered.imageHash, Qt::CaseInsensitive) == 0
+            && recorded.imageVersion == registered.imageVersion && recorded.osVersion == registered.osVersion))
+        return QString();
+    return QStringLiteral("its record names the image '%1' at '%2' with checksum '%3', but that image is registered "
+                          "at '%4' with checksum '%5'")
+        .arg(recorded.uuid, recorded.imageUri, recorded.imageHash, registered.imageUri, registered.imageHash);
+}
+
+QString QEMUMachine::referenceProblem() const
+{
+    // The disk's header is out of the guest's reach. Only the directory of
+    // the image's versions is looked at: the record's address would name a
+    // file to read, and that is what is being checked.
+    const QString backing = QEMUSnapshotTable::backingFile(files().systemDisk());
+    if (backing.isEmpty())
+        return QString();
+    const OsImage image = getOsImage();
+    const QString directory = QFileInfo(backing).absolutePath();
+    const QString versions = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
+    // Devices of the previous layout are backed by the versions' own disks.
+    if (directory == versions || QFileInfo(directory).absolutePath() == versions)
+        return QString();
+    return QStringLiteral("its record names the reference disks of image %1 for Android %2 in '%3', but its system "
+                          "disk is backed by '%4'")
+        .arg(image.imageVersion.toString(), image.osVersion.toString(), versions, backing);
 }
 
 bool QEMUMachine::reloadProperties()
@@ -149,6 +213,43 @@ bool QEMUMachine::changeUuid()
 int QEMUMachine::getStatus() const
 {
     return isQEMURunning() ? On : Off;
+}
+
+int QEMUMachine::getRunState(QString *reason) const
+{
+    reason->clear();
+    if (!isQEMURunning())
+        return Off;
+    QEMUClient client(getQmpSocketPath());
+    // "io-error" is the state the emulator enters when a disk's error
+    // policy (the launch line's werror and rerror) stops the guest.
+    if (client.queryRunState() != QLatin1String("io-error"))
+        return On;
+    const QStringList errors = client.queryDiskErrors();
+    *reason = errors.isEmpty() ? QStringLiteral("a disk error") : errors.join(QLatin1String("; "));
+    return Paused;
+}
+
+bool QEMUMachine::resumeFromDiskError(QString *reason) const
+{
+    QEMUClient client(getQmpSocketPath());
+    if (client.queryRunState() != QLatin1String("io-error")) {
+        *reason = QStringLiteral("its emulator cannot be asked");
+        return false;
+    }
+    if (!client.execCont()) {
+        *reason = QStringLiteral("its emulator refused to go on");
+        return false;
+    }
+    // The emulator retries the failed requests at once: a disk still full
+    // stops the guest again within milliseconds.
+    QThread::msleep(kResumeSettleMs);
+    const QString state = client.queryRunState();
+    if (state == QLatin1String("running"))
+        return true;
+    const QStringList errors = client.queryDiskErrors();
+    *reason = errors.isEmpty() ? QStringLiteral("it stopped again (%1)").arg(state) : errors.join(QLatin1String("; "));
+    return false;
 }
 
 QString QEMUMachine::getIPAddress() const
@@ -462,6 +563,17 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         qWarning() << "[VMTools]" << "QEMU process is already running.";
         return Started;
     }
+    const int launched = launch(program, arguments, offset);
+    if (launched != Started)
+        return launched;
+    const int loadvm = arguments.indexOf(QStringLiteral("-loadvm"));
+    return waitUntilReady(loadvm >= 0 && loadvm + 1 < arguments.size() ? arguments.at(loadvm + 1) : QString());
+}
+
+int QEMUMachine::launch(const QString &program, const QStringList &arguments, unsigned short offset)
+{
+    m_launchedPid = 0;
+    m_startFailure.clear();
     if (!m_engine) {
         qCritical() << "[VMTools]" << "Cannot start" << getName() << "without an engine";
         return StartFailed;
@@ -480,15 +592,10 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         return EmulatorMissing;
     }
     const QString log = getLogFilePath();
-    QProcess process;
-    process.setProgram(program);
-    process.setArguments(arguments);
+    makeDevicePrivate();
     // The emulator outlives us: it must not hold our terminal or our output.
-    process.setStandardInputFile(QProcess::nullDevice());
-    process.setStandardOutputFile(QProcess::nullDevice());
-    process.setStandardErrorFile(log, QIODevice::Truncate);
     qint64 pid = 0;
-    if (!process.startDetached(&pid)) {
+    if (!VMToolsCommon::startDetached(program, arguments, log, &pid)) {
         qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
                     << arguments.join(QLatin1String(", "));
         return StartFailed;
@@ -507,39 +614,92 @@ int QEMUMachine::start(const QString &program, const QStringList &arguments, uns
         VMToolsCommon::destroyProcess(pid);
         return StartFailed;
     }
-
-    const qint64 startTime = VMToolsCommon::processStartTime(pid);
-    QEMUClient probe(getQmpSocketPath());
-    const QEMUClient::Readiness readiness = probe.waitUntilRunning(
-        [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, readyTimeoutMs());
-    if (readiness == QEMUClient::Readiness::Running) {
-        m_portOffset = offset;
-        startTimer();
-        return Started;
-    }
-    if (readiness == QEMUClient::Readiness::InternalError) {
-        qCritical().noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << kvmFailure();
-        VMToolsCommon::destroyProcess(pid);
-        VMToolsCommon::waitForFinished(pid, 5000, startTime);
-        removeLockFile();
-        return KvmFailed;
-    }
-    if (readiness != QEMUClient::Readiness::ProcessEnded) {
-        qCritical().noquote() << "[VMTools]"
-                              << QStringLiteral("QEMU did not become ready within %1 s; stopping it")
-                                     .arg(readyTimeoutMs() / 1000.0);
-        VMToolsCommon::destroyProcess(pid);
-        VMToolsCommon::waitForFinished(pid, 5000, startTime);
-        removeLockFile();
-        return NotReady;
-    }
-
-    // The emulator ended on its own: its error output says why.
-    return diagnoseEarlyEnd(log);
+    m_launchedPid = pid;
+    m_launchedStartTime = VMToolsCommon::processStartTime(pid);
+    m_launchedOffset = offset;
+    return Started;
 }
 
-int QEMUMachine::diagnoseEarlyEnd(const QString &log)
+int QEMUMachine::waitForPorts(const QVector<int> &ports)
 {
+    const long long pid = m_launchedPid;
+    const long long startTime = m_launchedStartTime;
+    QElapsedTimer waited;
+    waited.start();
+    // The emulator binds its forwards while it sets up its devices, before it
+    // loads any saved state: a fraction of a second.
+    while (!QEMUPortTable::areListenedOnBy(pid, ports)) {
+        if (!VMToolsCommon::isSameProcess(pid, startTime))
+            return diagnoseEnd();
+        if (waited.elapsed() > readyTimeoutMs())
+            return abandonLaunch(PortsNotBound, QStringLiteral("QEMU did not open its forwarded ports within %1 s "
+                                                               "and was stopped")
+                                                    .arg(readyTimeoutMs() / 1000.0));
+        QThread::msleep(2);
+    }
+    return Started;
+}
+
+int QEMUMachine::waitUntilReady(const QString &snapshotName)
+{
+    const long long pid = m_launchedPid;
+    const long long startTime = m_launchedStartTime;
+    const qint64 stateBytes = snapshotName.isEmpty() ? 0 : savedStateBytes(snapshotName);
+    const int timeoutMs = readyTimeoutMs(stateBytes);
+    QEMUClient probe(getQmpSocketPath());
+    const QEMUClient::Readiness readiness = probe.waitUntilRunning(
+        [pid, startTime] { return VMToolsCommon::isSameProcess(pid, startTime); }, timeoutMs);
+    switch (readiness) {
+    case QEMUClient::Readiness::Running:
+        makeSocketPrivate(getQmpSocketPath());
+        m_portOffset = m_launchedOffset;
+        startTimer();
+        return Started;
+    case QEMUClient::Readiness::ProcessEnded:
+        return diagnoseEnd();
+    case QEMUClient::Readiness::NotQmp:
+        return abandonLaunch(ProtocolError, QStringLiteral("QEMU's control socket did not speak QMP (%1); QEMU was "
+                                                           "stopped")
+                                                .arg(probe.lastError()));
+    case QEMUClient::Readiness::InternalError:
+        // KVM stopped the guest: the engine decides whether to go on under TCG.
+        qCritical().noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << kvmFailure();
+        stopLaunched();
+        return KvmFailed;
+    case QEMUClient::Readiness::TimedOut:
+        break;
+    }
+    if (stateBytes > 0) {
+        m_stateLoadFailure = QStringLiteral("QEMU did not finish loading the saved state '%1' (%2 MiB) within %3 s "
+                                            "and was stopped")
+                                 .arg(snapshotName)
+                                 .arg(stateBytes >> 20)
+                                 .arg(timeoutMs / 1000.0);
+        return abandonLaunch(StateLoadTimedOut, m_stateLoadFailure);
+    }
+    return abandonLaunch(NotReady, QStringLiteral("QEMU did not become ready within %1 s and was stopped")
+                                       .arg(timeoutMs / 1000.0));
+}
+
+int QEMUMachine::abandonLaunch(int result, const QString &failure)
+{
+    m_startFailure = failure;
+    qCritical().noquote() << "[VMTools]" << failure;
+    stopLaunched();
+    return result;
+}
+
+void QEMUMachine::stopLaunched()
+{
+    VMToolsCommon::destroyProcess(m_launchedPid);
+    VMToolsCommon::waitForFinished(m_launchedPid, 5000, m_launchedStartTime);
+    removeLockFile();
+}
+
+int QEMUMachine::diagnoseEnd()
+{
+    // The emulator ended on its own: its error output says why.
+    const QString log = getLogFilePath();
     if (QEMUErrorDiagnosis::isResourceBusy(log))
         return ResourceBusy;
     if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
@@ -559,9 +719,57 @@ int QEMUMachine::diagnoseEarlyEnd(const QString &log)
     return StartFailed;
 }
 
+qint64 QEMUMachine::savedStateBytes(const QString &snapshotName) const
+{
+    // The emulator writes the state into one of the disks: take the largest.
+    qint64 bytes = 0;
+    for (const QString &disk : {files().systemDisk(), files().dataDisk()}) {
+        QList<QEMUSnapshotInfo> snapshots;
+        QString error;
+        QEMUSnapshotTable::read(disk, &snapshots, &error);
+        for (const QEMUSnapshotInfo &snapshot : snapshots) {
+            if (snapshot.name == snapshotName)
+                bytes = qMax(bytes, snapshot.vmStateSize);
+        }
+    }
+    return bytes;
+}
+
+void QEMUMachine::makeDevicePrivate() const
+{
+    // A device made or opened by an older version, or files the guest made
+    // in its shared folder, may still be open to other users: they are
+    // closed before the emulator runs again, wherever the device lives.
+    FileUtils::makePrivate(getPath());
+    makeSocketPrivate(getQmpSocketPath());
+}
+
+void QEMUMachine::makeSocketPrivate(const QString &socketPath)
+{
+    // Connecting takes write access to the socket and search access to its
+    // directory: neither is anyone else's.
+    const QByteArray directory = QFile::encodeName(QFileInfo(socketPath).absolutePath());
+    const QByteArray socket = QFile::encodeName(socketPath);
+    struct stat st;
+    if (::lstat(directory.constData(), &st) == 0 && S_ISDIR(st.st_mode) && (st.st_mode & 077) != 0)
+        ::chmod(directory.constData(), st.st_mode & 0700);
+    if (::lstat(socket.constData(), &st) == 0 && S_ISSOCK(st.st_mode))
+        ::chmod(socket.constData(), S_IRUSR | S_IWUSR);
+}
+
 int QEMUMachine::readyTimeoutMs()
 {
     return EnvVars::getInt("HV_QEMU_READY_TIMEOUT_MS", kReadyTimeoutMs);
+}
+
+int QEMUMachine::readyTimeoutMs(qint64 stateBytes)
+{
+    // Each GiB of state adds the base once more: with the default base that
+    // allows 34 MiB/s, a tenth of the rate measured loading states from a
+    // local disk on a loaded host. A host slower still raises the base, and
+    // the allowance for the state with it.
+    const qint64 grown = qint64(readyTimeoutMs()) * ((qint64(1) << 30) + stateBytes) / (qint64(1) << 30);
+    return int(qMin<qint64>(grown, std::numeric_limits<int>::max()));
 }
 
 bool QEMUMachine::forceStop()

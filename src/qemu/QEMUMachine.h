@@ -5,6 +5,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 class QEMUEngine;
 struct QEMULockRecord;
@@ -30,13 +31,22 @@ public:
         NotReady = 10,
         /// The emulator ended because it could not load the saved state.
         StateNotLoaded = 11,
+        /// The emulator was still loading the saved state when its time ran
+        /// out; it was stopped.
+        StateLoadTimedOut = 12,
+        /// What answered on the control socket did not speak QMP; the
+        /// emulator was stopped.
+        ProtocolError = 13,
+        /// The emulator did not bind its forwarded ports in time; it was
+        /// stopped.
+        PortsNotBound = 14,
         /// KVM cannot run the guest on this host: the emulator ended on a KVM
         /// failure or stopped the guest on a KVM internal error.
-        KvmFailed = 12,
+        KvmFailed = 15,
         /// The audio backend is missing or has no sound server.
-        AudioUnavailable = 13,
+        AudioUnavailable = 16,
         /// There is no emulator program at the path given.
-        EmulatorMissing = 14,
+        EmulatorMissing = 17,
     };
 
     /// The record of an existing device directory; reads the port offset from
@@ -50,8 +60,16 @@ public:
     /// Warns when the emulator runs (the file lives in the folder the guest
     /// sees), then writes device.json.
     bool save() const override;
-    /// True when device.json loads and belongs to a QEMU device.
+    /// True when device.json loads, belongs to a QEMU device and passes
+    /// recordProblem().
     bool load() override;
+    /// Why the fields read back from device.json cannot be used, in words;
+    /// empty when they can. The file lies in the folder the guest writes, so
+    /// they are checked against what the guest cannot change: RAM and
+    /// processors against the bounds a device may have, the image against
+    /// its registration, and the image versions it names against the
+    /// reference disks its system disk is backed by.
+    QString recordProblem() const;
     bool reloadProperties() override;
     void reloadVmInfo() override;
     void dumpInfos(QFile *file) override;
@@ -66,6 +84,12 @@ public:
     bool changeUuid();
     /// On while the emulator runs, else Off.
     int getStatus() const override;
+    /// Asks the running emulator: Paused, with the disk errors that stopped
+    /// it, when it holds the guest on an I/O error or a full disk.
+    int getRunState(QString *reason) const override;
+    /// Lets a guest held on a disk error go on; false, with the reason, when
+    /// the emulator cannot be asked or holds it again at once.
+    bool resumeFromDiskError(QString *reason) const;
     QString getIPAddress() const override;
     /// The address at once: the guest is reached through forwarded ports.
     QString waitForIP(std::function<bool()> cancel) override;
@@ -146,13 +170,36 @@ public:
 
     /// Starts the emulator detached with its error output in qemu.log, records
     /// it in the lock file and waits until its monitor reports a running
-    /// machine (at most "HV_QEMU_READY_TIMEOUT_MS", by default 30 s; an
+    /// machine (at most readyTimeoutMs() of the state its "-loadvm" names; an
     /// emulator still not ready then is stopped). An emulator that ends first
     /// is diagnosed from its error output. Returns a StartResult; Started also
     /// when it was already running.
     int start(const QString &program, const QStringList &arguments, unsigned short offset);
-    /// The longest a start waits for the emulator to become ready, in ms.
+    /// The first half of start(): launches the emulator and records it in the
+    /// lock file. Started when it was launched.
+    int launch(const QString &program, const QStringList &arguments, unsigned short offset);
+    /// Waits until the launched emulator listens on every one of ports, at
+    /// most the base ready time-out; stops it when it does not.
+    int waitForPorts(const QVector<int> &ports);
+    /// The second half of start(): waits until the launched emulator's monitor
+    /// reports a running machine, loading snapshotName (empty for a cold
+    /// boot) first; stops it when it does not.
+    int waitUntilReady(const QString &snapshotName);
+    /// The launched emulator's pid (0 before a launch).
+    long long launchedPid() const { return m_launchedPid; }
+    /// What went wrong in the last start, when the emulator was stopped (a
+    /// time-out, a protocol error), in words; empty otherwise.
+    QString getStartFailure() const { return m_startFailure; }
+    /// Why the last load of a saved state by this record was stopped; kept
+    /// across later starts, so that a quick boot that fell back on a cold
+    /// boot tells why.
+    QString getStateLoadFailure() const { return m_stateLoadFailure; }
+    /// The base time a start waits for the emulator to become ready, in ms
+    /// ("HV_QEMU_READY_TIMEOUT_MS", by default 30 s).
     static int readyTimeoutMs();
+    /// The ready time-out of a start that loads a saved state of stateBytes:
+    /// the base, grown with the state's size.
+    static int readyTimeoutMs(qint64 stateBytes);
     /// Kills and reaps the recorded emulator and removes the lock file. A lock
     /// file naming any other process is removed without touching that process
     /// (and the result is false: nothing was stopped).
@@ -161,18 +208,39 @@ public:
     /// lock file is removed. True when it ended.
     bool waitForFinished();
 
-private:
-    /// Whether pid is a live process whose executable name is a prefix of the
-    /// emulator's binary name.
-    static bool isEmulatorProcess(long long pid);
     /// Whether the lock names a live process of the emulator binary, started
     /// at the recorded time.
     static bool isRecordedEmulator(const QEMULockRecord &lock);
+
+private:
+    QString imageProblem() const;
+    QString referenceProblem() const;
+    /// Takes group and other access away from the control socket and the
+    /// directory it lies in.
+    static void makeSocketPrivate(const QString &socketPath);
+    /// Closes the device directory, everything in it and its control socket
+    /// to other users.
+    void makeDevicePrivate() const;
+    /// Whether pid is a live process whose executable name is a prefix of the
+    /// emulator's binary name.
+    static bool isEmulatorProcess(long long pid);
+    /// Why the launched emulator ended, from its error output.
+    int diagnoseEnd();
+    /// Records why the start failed, stops the launched emulator and removes
+    /// its lock file; returns result.
+    int abandonLaunch(int result, const QString &failure);
+    /// Stops the launched emulator and removes its lock file.
+    void stopLaunched();
+    /// Bytes of the saved state snapshotName on the device's disks.
+    qint64 savedStateBytes(const QString &snapshotName) const;
     QEMULockRecord readLock() const;
-    /// The start result for an emulator that ended early, from its error output.
-    static int diagnoseEarlyEnd(const QString &log);
     QString getSdCardPath() const;
 
     QEMUEngine *m_engine;
     int m_portOffset = -1;
+    long long m_launchedPid = 0;
+    long long m_launchedStartTime = 0;
+    unsigned short m_launchedOffset = 0;
+    QString m_startFailure;
+    QString m_stateLoadFailure;
 };

@@ -259,7 +259,7 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
     if (hasUnreadableContent()) {
         const QString backup = m_filePath + QStringLiteral(".bad");
         QFile::remove(backup);
-        if (QFile::copy(m_filePath, backup))
+        if (FileUtils::copyFile(m_filePath, backup))
             qWarning() << "Kept the unreadable settings file" << m_filePath << "as" << backup;
         else
             qWarning() << "Failed to keep the unreadable settings file" << m_filePath << "as" << backup;

@@ -8,18 +8,25 @@
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRecursiveMutex>
+#include <QStandardPaths>
 #include <QThread>
 #include <QTimer>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <vector>
 
 namespace VMToolsCommon {
 namespace {
@@ -97,6 +104,15 @@ void killAndReap(QProcess &process)
     process.waitForFinished(kReapTimeoutMs);
 }
 
+// The disks, snapshots and sockets the tools make hold the guest's data:
+// they are made for the owner alone, whatever mask the embedding program
+// keeps for its own files.
+class PrivateFilesProcess : public QProcess
+{
+protected:
+    void setupChildProcess() override { ::umask(S_IRWXG | S_IRWXO); }
+};
+
 enum class WaitOutcome { Finished, NotFinished, Canceled };
 
 WaitOutcome waitWithCancel(QProcess &process, int timeoutMs, const std::function<bool()> &cancel)
@@ -128,7 +144,7 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
     QMutexLocker locker(g_callMutex.isDestroyed() ? nullptr : g_callMutex());
 
     const bool logged = !options.testFlag(NoLog);
-    QProcess process;
+    PrivateFilesProcess process;
     if (logged)
         qDebug() << "[VMTools]" << "Call:" << arguments;
     process.start(program, arguments, QIODevice::ReadWrite);
@@ -220,9 +236,151 @@ bool isEnded(const ProcStat &stat)
     return stat.state == 'Z' || stat.state == 'X';
 }
 
+// Whether a thread of the process has not ended yet. A killed process's
+// first thread can end (and show as a zombie) before the others, which still
+// hold its files, and the locks on them, until they end too.
+bool hasLiveThread(qint64 pid)
+{
+    const QDir tasks(QStringLiteral("/proc/%1/task").arg(pid));
+    for (const QString &tid : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile file(tasks.filePath(tid + QStringLiteral("/stat")));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        // As in the process's own stat line: the state follows the last ')'.
+        const QByteArray line = file.read(4096);
+        const QByteArray rest = line.mid(line.lastIndexOf(')') + 1).simplified();
+        ProcStat stat;
+        stat.state = rest.isEmpty() ? 'X' : rest.at(0);
+        if (!isEnded(stat))
+            return true;
+    }
+    return false;
+}
+
 constexpr int kEndPollMs = 5;
 
 } // namespace
+
+namespace {
+
+// The descriptors a detached program starts with, and the pipes that tell
+// its pid and whether its exec failed.
+struct DetachedStart {
+    int input = -1;
+    int output = -1;
+    int error = -1;
+    int pidPipe[2] = {-1, -1};
+    int execPipe[2] = {-1, -1};
+
+    ~DetachedStart()
+    {
+        for (int fd : {input, output, error, pidPipe[0], pidPipe[1], execPipe[0], execPipe[1]}) {
+            if (fd >= 0)
+                ::close(fd);
+        }
+    }
+};
+
+// The program outlives its caller: a descriptor it inherited (a lock the
+// caller holds, a socket of the embedding application) would stay open as
+// long as it runs. Everything from first up is closed at the exec.
+// System calls only: it runs in a forked child.
+void closeOnExecFrom(int first)
+{
+    if (::close_range(unsigned(first), ~0U, CLOSE_RANGE_CLOEXEC) == 0)
+        return;
+    // Kernels before 5.11 have no close_range.
+    const long last = ::sysconf(_SC_OPEN_MAX);
+    for (long fd = first; fd < (last > 0 ? last : 65536); ++fd)
+        ::fcntl(int(fd), F_SETFD, FD_CLOEXEC);
+}
+
+// Runs in the forked child of a multi-threaded process: system calls only.
+// The child leaves at once, so the program it forks is nobody's child here.
+[[noreturn]] void runDetached(const DetachedStart &start, const char *path, char *const argv[])
+{
+    ::setsid();
+    const pid_t pid = ::fork();
+    if (pid != 0) {
+        const qint64 value = pid;
+        const bool told = ::write(start.pidPipe[1], &value, sizeof value) == ssize_t(sizeof value);
+        ::_exit(pid > 0 && told ? 0 : 1);
+    }
+    ::umask(S_IRWXG | S_IRWXO);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    closeOnExecFrom(3);
+    if (::dup2(start.input, 0) >= 0 && ::dup2(start.output, 1) >= 0 && ::dup2(start.error, 2) >= 0)
+        ::execv(path, argv);
+    const int error = errno;
+    const ssize_t told = ::write(start.execPipe[1], &error, sizeof error);
+    ::_exit(told == ssize_t(sizeof error) ? 127 : 126);
+}
+
+// Forks the starter and learns the program's pid and errno of a failed
+// exec (0 when it runs).
+bool forkDetached(DetachedStart &start, const char *path, char *const argv[], qint64 *pid, int *execError)
+{
+    const pid_t starter = ::fork();
+    if (starter < 0)
+        return false;
+    if (starter == 0)
+        runDetached(start, path, argv);
+    ::close(start.pidPipe[1]);
+    ::close(start.execPipe[1]);
+    start.pidPipe[1] = start.execPipe[1] = -1;
+    int status = 0;
+    while (::waitpid(starter, &status, 0) < 0 && errno == EINTR) {
+    }
+    qint64 value = 0;
+    if (::read(start.pidPipe[0], &value, sizeof value) != ssize_t(sizeof value) || value <= 0) {
+        errno = EAGAIN;
+        return false;
+    }
+    *pid = value;
+    // The pipe closes at the exec; a failed exec writes its errno first.
+    ssize_t n = 0;
+    while ((n = ::read(start.execPipe[0], execError, sizeof *execError)) < 0 && errno == EINTR) {
+    }
+    if (n != ssize_t(sizeof *execError))
+        *execError = 0;
+    return true;
+}
+
+} // namespace
+
+bool startDetached(const QString &program, const QStringList &arguments, const QString &errorFile, qint64 *pid)
+{
+    // A bare name is looked up in PATH, as QProcess does, before the fork.
+    const QString path = program.contains(QLatin1Char('/')) ? program : QStandardPaths::findExecutable(program);
+    QList<QByteArray> encoded{QFile::encodeName(path.isEmpty() ? program : path)};
+    for (const QString &argument : arguments)
+        encoded << argument.toLocal8Bit();
+    std::vector<char *> argv;
+    for (QByteArray &argument : encoded)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    DetachedStart start;
+    start.error = ::open(QFile::encodeName(errorFile).constData(),
+                         O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    if (start.error < 0 || ::fchmod(start.error, S_IRUSR | S_IWUSR) != 0) {
+        qCritical() << "[VMTools]" << "Cannot run" << program << ": cannot write" << errorFile << ":"
+                    << std::strerror(errno);
+        return false;
+    }
+    start.input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    start.output = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    int execError = 0;
+    const bool forked = start.input >= 0 && start.output >= 0 && ::pipe2(start.pidPipe, O_CLOEXEC) == 0
+        && ::pipe2(start.execPipe, O_CLOEXEC) == 0 && forkDetached(start, argv[0], argv.data(), pid, &execError);
+    const int error = forked ? execError : errno;
+    if (error == 0)
+        return true;
+    qCritical() << "[VMTools]" << "Cannot run" << program << ":" << std::strerror(error);
+    return false;
+}
 
 bool isRunning(qint64 pid)
 {
@@ -242,7 +400,7 @@ bool isSameProcess(qint64 pid, qint64 startTime)
         return false;
     // Without /proc (another system) the signal test is all there is.
     const ProcStat stat = readProcStat(pid);
-    if (isEnded(stat))
+    if (isEnded(stat) && !hasLiveThread(pid))
         return false;
     return startTime == 0 || stat.startTime == 0 || stat.startTime == startTime;
 }

@@ -41,7 +41,8 @@ struct CallResult {
     bool finished = false;
 };
 
-/// Runs program with arguments and waits for it. All calls of the process are
+/// Runs program with arguments and waits for it; what it creates is the
+/// owner's only (its file-creation mask is 077). All calls of the process are
 /// serialised. The wait lasts 30 s (LongTimeout: 300 s, NoTimeout: no limit);
 /// "HV_CALL_TIMEOUT_MS" and "HV_CALL_LONG_TIMEOUT_MS" replace those two limits.
 /// On the application thread the wait runs a local event loop (user input held
@@ -52,6 +53,16 @@ struct CallResult {
 HALVISTROM_CORE_EXPORT CallResult call(const QString &program, const QStringList &arguments,
                                        Options options = Options(),
                                        const std::function<bool()> &cancel = std::function<bool()>());
+
+/// Starts program detached: in a session of its own and no child of this
+/// process, so that it outlives it. Its input and output go to /dev/null and
+/// its error output to errorFile, created or emptied and the owner's only.
+/// Whatever it creates is the owner's only (its file-creation mask is 077,
+/// set in it alone; this process's mask stays as it is). *pid receives its
+/// id. False, with one critical line naming the program and the cause, when
+/// it could not be started.
+HALVISTROM_CORE_EXPORT bool startDetached(const QString &program, const QStringList &arguments,
+                                          const QString &errorFile, qint64 *pid);
 
 /// Whether a process with this id exists, may be signalled and has not
 /// ended. A zombie (a process that has ended and waits for its parent to

@@ -6,6 +6,7 @@
 #include "SysInfo.h"
 #include "SystemInfo.h"
 #include "VMToolsCpu_p.h"
+#include "VMToolsMachine.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -23,6 +24,9 @@ const QString kHypervisorKey = QStringLiteral("hypervisor");
 
 using EngineFactory = VMToolsEngine *(*)();
 
+const QFileDevice::Permissions kOthersAndGroup = QFileDevice::ReadGroup | QFileDevice::WriteGroup
+    | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
+
 } // namespace
 
 VMToolsEngine::VMToolsEngine()
@@ -31,17 +35,25 @@ VMToolsEngine::VMToolsEngine()
     qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
     updateCPUVirtualizationAvailability();
     m_devicesDirectory = QDir(getDevicesDirectorySetting());
+    closeOpenDevices();
+}
+
+void VMToolsEngine::closeOpenDevices() const
+{
     // A devices directory of the user's choosing may lie outside the data
     // tree that the path layout closes. The directory itself may be shared
-    // (it is the user's choice), but each device in it is closed.
+    // (it is the user's choice), but each device in it that an older version
+    // left open is closed, once: a closed device directory is not walked
+    // again.
     const QString tree = QDir(Paths::getOrganizationPath()).absolutePath() + QLatin1Char('/');
     if (m_devicesDirectory.absolutePath().startsWith(tree))
         return;
     const QFileInfoList devices =
         m_devicesDirectory.entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks | QDir::Hidden);
     for (const QFileInfo &device : devices) {
-        if (QFileInfo::exists(device.absoluteFilePath() + QStringLiteral("/device.json")))
-            FileUtils::makePrivate(device.absoluteFilePath());
+        const QString path = device.absoluteFilePath();
+        if ((device.permissions() & kOthersAndGroup) && QFileInfo::exists(VMToolsMachine::configFilePath(path)))
+            FileUtils::makePrivate(path);
     }
 }
 

@@ -173,6 +173,11 @@ public:
     /// "virtual_devices.directory": the setting that names the devices directory.
     static QString devicesDirectoryKey();
 
+private:
+    /// Closes each device directory in a devices directory outside the data
+    /// tree that other users can still enter, with everything in it.
+    void closeOpenDevices() const;
+
 protected:
     QString m_text;
     AbstractHwProfileListController *m_migrationController = nullptr;

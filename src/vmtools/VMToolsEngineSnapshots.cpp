@@ -4,6 +4,7 @@
 #include "VMToolsEngine.h"
 
 #include "Archive.h"
+#include "FileUtils.h"
 #include "OsImage.h"
 #include "Paths.h"
 #include "VMToolsMachine.h"
@@ -89,7 +90,7 @@ bool VMToolsEngine::extractOva(const QString &ovaPath, const VersionNumber &imag
     // An image is extracted once and shared by every device made from it.
     if (directory.exists(QStringLiteral("system.vmdk")) && directory.exists(QStringLiteral("data.vmdk")))
         return true;
-    if (!directory.mkpath(QStringLiteral("."))) {
+    if (!FileUtils::makeDirectory(directory.path())) {
         qCritical() << "[VMTools]" << "Failed to create directory" << directory.absolutePath();
         return false;
     }

@@ -76,7 +76,12 @@ void VMToolsMachine::setPath(const QString &path)
 
 QString VMToolsMachine::getConfigFilePath() const
 {
-    return m_path + QLatin1String(kConfigDir) + QLatin1Char('/') + QLatin1String(kConfigFileName);
+    return configFilePath(m_path);
+}
+
+QString VMToolsMachine::configFilePath(const QString &deviceDir)
+{
+    return deviceDir + QLatin1String(kConfigDir) + QLatin1Char('/') + QLatin1String(kConfigFileName);
 }
 
 bool VMToolsMachine::hasConfigFile() const
@@ -139,7 +144,7 @@ bool VMToolsMachine::save() const
     if (m_holdingSaves)
         return true;
     const QDir dir(m_path + QLatin1String(kConfigDir));
-    if (!dir.mkpath(QStringLiteral("."))) {
+    if (!FileUtils::makeDirectory(dir.path())) {
         qCritical() << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
         return false;
     }
@@ -687,6 +692,12 @@ QString VMToolsMachine::getReleaseDate() const
 }
 
 // Status, ports, files ------------------------------------------------------
+
+int VMToolsMachine::getRunState(QString *reason) const
+{
+    reason->clear();
+    return getStatus();
+}
 
 int VMToolsMachine::getOnLoadStatus() const
 {

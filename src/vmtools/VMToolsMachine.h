@@ -101,6 +101,11 @@ public:
     virtual long long getSizeOnDisk();
     virtual QString waitForIP(std::function<bool()> cancel) = 0;
     virtual int getStatus() const = 0;
+    /// The state as the running machine itself tells it: Paused, with the
+    /// reason, when the hypervisor holds the guest (on a disk error, say);
+    /// otherwise getStatus() and an empty reason. May ask the hypervisor, so
+    /// it costs more than getStatus().
+    virtual int getRunState(QString *reason) const;
     virtual int getOnLoadStatus() const;
     virtual QString getOsImageArch() const;
     virtual VersionNumber getAndroidVersion() const;
@@ -211,6 +216,8 @@ public:
     bool hasConfigFile() const;
     /// Path of device.json.
     QString getConfigFilePath() const;
+    /// Path of device.json of the device whose directory is deviceDir.
+    static QString configFilePath(const QString &deviceDir);
     bool isUpgrading() const;
     /// Writes or removes the marker of an unfinished system upgrade.
     bool setUpgrading(bool upgrading);

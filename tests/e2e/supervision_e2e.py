@@ -186,29 +186,141 @@ def reused_pid(env, image):
     print("supervision: a reused pid is not the device's emulator")
 
 
-def never_ready(env, image, work):
-    """An emulator that runs but never opens its monitor ends the start at
-    the ceiling, with a clear message, and is not left running."""
+STAND_IN = """#!/usr/bin/env python3
+# Stands in for the emulator: binds the forwarded ports and the control
+# socket, then is silent there ("silent") or greets in another protocol.
+import os, re, socket, sys, time
+if sys.argv[1:] == ["--version"]:
+    print("QEMU emulator version 7.2.0")
+    sys.exit(0)
+with open(os.environ["STAND_IN_PID"], "w") as f:
+    f.write(str(os.getpid()))
+line = " ".join(sys.argv)
+held = []
+for port in re.findall(r"hostfwd=tcp:127\\.0\\.0\\.1:(\\d+)-", line):
+    s = socket.socket()
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    s.bind(("127.0.0.1", int(port)))
+    s.listen()
+    held.append(s)
+path = re.search(r"unix:([^,]+),server", line).group(1)
+if os.path.exists(path):
+    os.unlink(path)
+server = socket.socket(socket.AF_UNIX)
+server.bind(path)
+server.listen()
+while True:
+    client, _ = server.accept()
+    if os.environ["STAND_IN"] != "silent":
+        client.sendall(b"220 mail.example ESMTP ready\\r\\n")
+    held.append(client)
+"""
+
+
+def stand_in_starts(env, image, work):
+    """An emulator that never opens its ports, one whose monitor stays silent
+    and one that greets in another protocol: each start ends with what it
+    was, and none is left running."""
     bindir = os.path.join(work, "standin")
     os.makedirs(bindir)
     os.symlink(subprocess.run(["which", "qemu-img"], capture_output=True, text=True).stdout.strip(),
                os.path.join(bindir, "qemu-img"))
     pidfile = os.path.join(work, "standin.pid")
-    script = os.path.join(bindir, "qemu-system-x86_64")
-    with open(script, "w") as f:
-        f.write("#!/bin/sh\n"
-                "if [ \"$1\" = --version ]; then echo 'QEMU emulator version 7.2.0'; exit 0; fi\n"
-                f"echo $$ > {pidfile}\nexec sleep 300\n")
-    os.chmod(script, 0o700)
-    standin = dict(env.env, HV_QEMU_BIN_DIR=bindir, HV_QEMU_READY_TIMEOUT_MS="1500")
     env.run("device", "create", "stuck", "--image", image, "--profile", "small")
-    err = env.run("device", "start", "stuck", expect=1, env=standin)
-    check("QEMU did not become ready within 1.5 s and was stopped" in err, err)
-    with open(pidfile) as f:
-        pid = int(f.read())
-    check(state_of(pid) in (None, "Z"), "the stand-in emulator was left running")
-    check(env.run("device", "show", "stuck")["status"] == "Off", "a start that was never ready leaves it Off")
-    print("supervision: a start that never becomes ready ends at the ceiling")
+    for mode, timeout, expected in (
+            ("sleep", "1500", "QEMU did not open its forwarded ports within 1.5 s and was stopped"),
+            ("silent", "1500", "QEMU did not become ready within 1.5 s and was stopped"),
+            ("smtp", "20000", "QEMU's control socket did not speak QMP (it greeted with \"220 mail.example ESMTP "
+                              "ready\")")):
+        standin = dict(env.env, HV_QEMU_BIN_DIR=bindir, HV_QEMU_READY_TIMEOUT_MS=timeout, STAND_IN=mode,
+                       STAND_IN_PID=pidfile)
+        with open(os.path.join(bindir, "qemu-system-x86_64"), "w") as f:
+            f.write(STAND_IN if mode != "sleep" else
+                    "#!/bin/sh\nif [ \"$1\" = --version ]; then echo 'QEMU emulator version 7.2.0'; exit 0; fi\n"
+                    f"echo $$ > {pidfile}\nexec sleep 300\n")
+        os.chmod(os.path.join(bindir, "qemu-system-x86_64"), 0o700)
+        began = time.time()
+        err = env.run("device", "start", "stuck", "--cold", expect=1, env=standin)
+        check(expected in err, f"{mode}: {err}")
+        with open(pidfile) as f:
+            pid = int(f.read())
+        check(state_of(pid) in (None, "Z"), f"{mode}: the stand-in emulator was left running")
+        check(env.run("device", "show", "stuck")["status"] == "Off", f"{mode}: a failed start leaves it Off")
+        print(f"supervision: a stand-in that is '{mode}' fails the start in {time.time() - began:.1f} s: {expected}")
+    check(time.time() - began < 10, "a protocol error should end the start at once, not at its time-out")
+
+
+def emulator_of(path):
+    """The live pid that the device directory's lock file names, or None."""
+    try:
+        with open(os.path.join(path, "qemu.lock")) as f:
+            pid = int(f.read().split("pid=")[1].split()[0])
+    except (OSError, IndexError, ValueError):
+        return None
+    return pid if state_of(pid) not in (None, "Z") else None
+
+
+def resumes_outlasting_their_time_out(env, image, work):
+    """Three devices whose saved states (1 GiB of guest memory that does not
+    compress) load for longer than their lowered ready time-out, resumed at
+    once: the three emulators run side by side (the port lock is held only
+    while each binds its ports), and each device runs, resumed or booted
+    cold with the reason."""
+    memory = os.path.join(work, "memory.bin")
+    with open(memory, "wb") as f:
+        for _ in range(1024):
+            f.write(os.urandom(1 << 20))
+    big = dict(env.env, HV_QEMU_START_ARGS=hvtool_e2e.TCG_ARGS + ";-object[-1]=memory-backend-file,id=m0,size=1G,"
+               f"mem-path={memory},share=off;-machine=memory-backend=m0")
+    env.run("profile", "create", "big", "--cpus", "1", "--ram", "1024", "--data-disk", "64")
+    names = [f"resume-{i}" for i in range(3)]
+    paths = []
+    for name in names:
+        env.run("device", "create", name, "--image", image, "--profile", "big")
+        paths.append(env.run("device", "start", name, "--cold", env=big)["path"])
+        env.run("device", "stop", name, env=big)
+    lock = os.path.join(os.path.dirname(paths[0]), "port-offset.lock")
+    slow = dict(big, HV_QEMU_READY_TIMEOUT_MS="1500")
+    procs = [env.popen("device", "start", name, env=slow) for name in names]
+    side_by_side = False
+    held_since, longest_hold = None, 0.0
+    while any(p.poll() is None for p in procs):
+        now = time.time()
+        if os.path.exists(lock):
+            held_since = held_since or now
+            longest_hold = max(longest_hold, now - held_since)
+        else:
+            held_since = None
+        if all(p.poll() is None for p in procs) and all(emulator_of(path) for path in paths):
+            side_by_side = True
+        time.sleep(0.001)
+    check(side_by_side, "the three emulators never ran at once: the starts were serialised")
+    boots = {}
+    for name, proc in zip(names, procs):
+        out, err = proc.communicate()
+        check(proc.returncode == 0, f"{name}: exit {proc.returncode}: {err}")
+        boots[name] = json.loads(out)["boot"]
+        check(boots[name] == "resumed" or "could not be loaded (QEMU did not finish loading the saved state 'latest' (" in err,
+              f"{name} booted cold without the reason: {err}")
+    check("cold" in boots.values(), f"no load outlasted its time-out: {boots}")
+    for name in names:
+        env.run("device", "stop", name, "--no-save")
+        env.run("device", "delete", name, "--yes")
+    print(f"supervision: three resumes at once: {boots}; the port lock was held at most {longest_hold * 1000:.0f} ms")
+
+
+def memory_check(env, image):
+    """A start that would take more memory than the host has is refused with
+    the numbers, unless forced."""
+    env.run("profile", "create", "huge", "--cpus", "1", "--ram", "100000000", "--data-disk", "64")
+    env.run("device", "create", "greedy", "--image", image, "--profile", "huge")
+    err = env.run("device", "start", "greedy", expect=4)
+    check("device 'greedy' not started: it needs 100000000 MiB of memory and the host has " in err
+          and "use --force to start it anyway" in err, err)
+    err = env.run("device", "start", "greedy", "--force", expect=1)
+    check("--force" not in err, f"a forced start goes past the check: {err}")
+    env.run("device", "delete", "greedy", "--yes")
+    print("supervision: a start short of memory is refused unless forced")
 
 
 def wait_ends_with_the_emulator(env):
@@ -252,7 +364,9 @@ def main():
         many_starts_at_once(env, image)
         zombie_emulator(env, image)
         reused_pid(env, image)
-        never_ready(env, image, work)
+        stand_in_starts(env, image, work)
+        resumes_outlasting_their_time_out(env, image, work)
+        memory_check(env, image)
         wait_ends_with_the_emulator(env)
     finally:
         stop_all(env)

@@ -2,7 +2,10 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
+#include <QFile>
 
+#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <sys/stat.h>
@@ -14,10 +17,30 @@ namespace {
 std::string g_root;
 bool g_ownsRoot = false;
 
+// A test that fails between a start and its stop leaves a detached emulator
+// behind; it would hold the test's ports and files after the process ends.
+// Every process whose command line names this test's root is ended.
+void endLeftoverProcesses()
+{
+    const QByteArray root = QByteArray::fromStdString(g_root) + '/';
+    QDirIterator it(QStringLiteral("/proc"), QDir::Dirs | QDir::NoDotAndDotDot);
+    while (it.hasNext()) {
+        bool numeric = false;
+        const pid_t pid = pid_t(it.next().section('/', -1).toInt(&numeric));
+        if (!numeric || pid == ::getpid())
+            continue;
+        QFile cmdline(it.filePath() + QStringLiteral("/cmdline"));
+        if (cmdline.open(QIODevice::ReadOnly) && cmdline.readAll().contains(root))
+            ::kill(pid, SIGKILL);
+    }
+}
+
 void removeRoot()
 {
-    if (g_ownsRoot && !g_root.empty())
+    if (g_ownsRoot && !g_root.empty()) {
+        endLeftoverProcesses();
         QDir(QString::fromStdString(g_root)).removeRecursively();
+    }
 }
 
 void makeDir(const std::string &path, mode_t mode = 0700)

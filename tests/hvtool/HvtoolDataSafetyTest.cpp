@@ -15,6 +15,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QThread>
 #include <QUrl>
@@ -551,6 +552,66 @@ TEST(HvtoolReset, aKilledResetLeavesTheDeviceAsItWas)
     ASSERT_EQ(done.code, 0) << done.err.toStdString();
     EXPECT_NE(fileHash(dir + "/data.qcow2"), before.value("data.qcow2"));
     EXPECT_EQ(tree(dir).keys(), before.keys());
+}
+
+// A factory reset killed (SIGKILL) at each of its file steps in turn, then
+// run through: the next start finds the device whole, resuming its old state
+// when the kill came before the new disks were marked complete, booting cold
+// on the new disks after. The recorded steps show the new disks and their
+// names on disk before the marker, and the marker before any old disk goes.
+TEST(HvtoolReset, aResetKilledAtAnyStepIsFinishedOrUndone)
+{
+    const QMap<QString, QString> tcg{{"HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"}};
+    ASSERT_EQ(hvtool({"device", "create", "Steps", "--image", registerImage(makeOva("steps.ova")), "--profile",
+                      profile()}).code, 0);
+    ASSERT_EQ(hvtool({"device", "start", "Steps"}, tcg).code, 0);
+    ASSERT_EQ(hvtool({"device", "stop", "Steps"}).code, 0) << "saves the quick-boot state";
+    const QString dir = deviceDir("Steps");
+    const QString saved = hvtest::testRoot() + "/steps-saved";
+    ASSERT_TRUE(run("cp", {"-a", dir, saved}));
+    const QString log = hvtest::testRoot() + "/steps.log";
+    QStringList steps;
+    for (int step = 1; step < 30; ++step) {
+        SCOPED_TRACE(step);
+        ASSERT_TRUE(run("rm", {"-rf", dir}) && run("cp", {"-a", saved, dir}));
+        QFile::remove(log);
+        const CliResult reset = hvtool({"device", "reset", "Steps", "--yes"},
+                                       {{"LD_PRELOAD", hvtest::helperPath("hv_step_shim.so")}, {"HV_SHIM_DIR", dir},
+                                        {"HV_SHIM_LOG", log}, {"HV_SHIM_KILL_AT", QString::number(step)}});
+        steps = QString::fromUtf8(hvtest::readFile(log)).replace(dir, "D").split('\n', Qt::SkipEmptyParts);
+        if (steps.size() < step) {
+            EXPECT_EQ(reset.code, 0) << reset.err.toStdString();
+            break;
+        }
+        const bool marked = !steps.mid(0, step - 1).filter(QRegularExpression("^rename .* D/reset.pending$")).isEmpty();
+        const CliResult started = hvtool({"device", "start", "Steps", "--format", "json"}, tcg);
+        EXPECT_EQ(started.code, 0) << steps.last().toStdString() << started.err.toStdString();
+        EXPECT_EQ(started.json().object().value("boot").toString(), marked ? "cold" : "resumed");
+        EXPECT_EQ(hvtool({"device", "stop", "Steps", "--force"}).code, 0);
+        EXPECT_EQ(QDir(dir).entryList({"*.reset", "reset.pending"}), QStringList());
+        EXPECT_EQ(QFileInfo::exists(dir + "/snapshots.json"), !marked);
+    }
+    steps.replaceInStrings(QRegularExpression("pending\\.\\w+"), "pending.tmp");
+    EXPECT_EQ(steps, QStringList({"fsync D/system.qcow2.reset", "fsync D/data.qcow2.reset", "fsync D",
+                                  "fsync D/.reset.pending.tmp", "rename D/.reset.pending.tmp D/reset.pending", "fsync D",
+                                  "rename D/data.qcow2.reset D/data.qcow2",
+                                  "rename D/system.qcow2.reset D/system.qcow2", "fsync D", "unlink D/snapshots.json",
+                                  "unlink D/reset.pending", "fsync D"}));
+}
+
+// A file that took its new name is saved, even when its directory cannot be
+// flushed after the rename: the command succeeds and the value is there.
+TEST(HvtoolDiskFull, aDirectoryThatCannotBeFlushedStillKeepsTheNewFile)
+{
+    ASSERT_EQ(hvtool({"device", "create", "Flush", "--image", registerImage(makeOva("flush.ova")), "--profile",
+                      profile()}).code, 0);
+    const QString config = deviceDir("Flush") + "/shared/config";
+    const CliResult set = hvtool({"device", "set", "Flush", "ram=1024"},
+                                 {{"LD_PRELOAD", hvtest::helperPath("hv_step_shim.so")}, {"HV_SHIM_DIR", config},
+                                  {"HV_SHIM_FAIL_AT", "3"}, {"HV_SHIM_LOG", hvtest::testRoot() + "/flush.log"}});
+    EXPECT_EQ(set.code, 0) << set.err.toStdString();
+    EXPECT_EQ(hvtest::readFile(hvtest::testRoot() + "/flush.log").split('\n').value(2), "fsync " + config.toUtf8());
+    EXPECT_EQ(hvtool({"device", "show", "Flush", "--format", "json"}).json().object().value("ram_mb").toInt(), 1024);
 }
 
 // A clone killed half-way through its copy leaves a hidden leftover that no

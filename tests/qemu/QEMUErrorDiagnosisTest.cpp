@@ -68,6 +68,9 @@ const DiagnosisRow kRows[] = {
      "qemu-system-x86_64: error while loading state for instance 0x0 of device 'ram'\n"
      "qemu-system-x86_64: Error -22 while loading VM state\n",
      Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
+    // A state on one disk and not on another (a disk replaced on its own).
+    {"stateMissingFromADisk", "qemu-system-x86_64: Snapshot 'latest' does not exist in one or more devices\n",
+     Code::StateNotLoadable, QtCriticalMsg, "[VMTools] QEMU could not load the saved state"},
     // What QEMU 7.2 prints on a host whose KVM cannot run guests (nested
     // virtualisation): with the host's CPU model the MSR set-up fails and
     // aborts; with another model the guest stops on an internal error.

@@ -11,8 +11,8 @@ using hvtest::MessageCapture;
 namespace {
 
 const QStringList kHead{"-accel", "kvm", "-cpu", "host"};
-const QStringList kSystem{"-drive", "file=/d/system.qcow2,format=qcow2"};
-const QStringList kData{"-drive", "file=/d/data.qcow2,format=qcow2"};
+const QStringList kSystem{"-drive", "file=/d/system.qcow2,format=qcow2,werror=stop,rerror=stop"};
+const QStringList kData{"-drive", "file=/d/data.qcow2,format=qcow2,werror=stop,rerror=stop"};
 const QStringList kShared{"-drive", "format=vvfat,label=shared,id=shared,file=fat:rw:/d/shared"};
 const QStringList kDrives = kSystem + kData + kShared;
 const QStringList kFlag{"-nographic"};
@@ -143,7 +143,7 @@ QStringList around(const QStringList &drives, const QStringList &loadvm = {})
                       "-qmp", "unix:/devices/Pixel/qmp.sock,server=on,wait=off", "-smp", "4", "-vga", "std"};
 }
 
-const QString kDisk = "file=/devices/Pixel/%1.qcow2,format=qcow2";
+const QString kDisk = "file=/devices/Pixel/%1.qcow2,format=qcow2,werror=stop,rerror=stop";
 
 TEST(QEMULaunch, coldBootOfAnIdeDevice)
 {
@@ -206,9 +206,9 @@ TEST(QEMULaunch, commasInPathsAreDoubledInEveryOptionValue)
     const QEMUOptionSet cold = QEMULaunch::composeOptions(r);
     const QString dir = "/d/a,,file=/etc/shadow";
     EXPECT_EQ(cold.values("-drive"),
-              QVariantList({"file=" + dir + "/system.qcow2,format=qcow2,if=virtio",
-                            "file=" + dir + "/data.qcow2,format=qcow2,if=virtio",
-                            "file=" + dir + "/sdcard.qcow2,format=qcow2,if=virtio",
+              QVariantList({"file=" + dir + "/system.qcow2,format=qcow2,werror=stop,rerror=stop,if=virtio",
+                            "file=" + dir + "/data.qcow2,format=qcow2,werror=stop,rerror=stop,if=virtio",
+                            "file=" + dir + "/sdcard.qcow2,format=qcow2,werror=stop,rerror=stop,if=virtio",
                             "format=vvfat,label=shared,id=shared,file=fat:rw:" + dir + "/shared,if=virtio"}));
     EXPECT_EQ(cold.values("-qmp"), QVariantList({"unix:" + dir + "/qmp.sock,server=on,wait=off"}));
     r.snapshotName = "latest";

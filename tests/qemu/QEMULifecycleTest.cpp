@@ -6,6 +6,7 @@
 #include "MessageCapture.h"
 #include "ScopedEnv.h"
 #include "Paths.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
@@ -73,6 +74,10 @@ TEST_F(QEMULifecycle, createsDevicesOverOneConvertedReference)
     EXPECT_TRUE(machine->isSdCardInserted());
     EXPECT_TRUE(m_engine->doesMachineExistInHypervisor("Created"));
     EXPECT_FALSE(m_engine->doesMachineExistInHypervisor("Absent"));
+    // A saved state depends on the OVA's own checksum, not on the "0" its record declares.
+    ASSERT_TRUE(m_engine->recordSavedState(machine.get(), "latest"));
+    const QJsonObject saved = QJsonDocument::fromJson(hvtest::readFile(QEMUDeviceFiles(device.path()).savedStates())).object();
+    EXPECT_EQ(saved["latest"].toObject()["image_sha256"].toString(), QString(fileHash(sharedOva())));
 
     // A second device of the same image reuses the reference disks.
     const QString referenceSystem = reference.absoluteFilePath("system.qcow2");
@@ -174,6 +179,23 @@ TEST_F(QEMULifecycle, cloneAndDelete)
     EXPECT_FALSE(QFileInfo::exists(deployed("Clone")));
     EXPECT_LOG(capture, QtDebugMsg, QString("[VMTools] deleteMachine() with path \"%1\"").arg(deployed("Clone")));
     EXPECT_FALSE(m_engine->doesMachineExist("Clone"));
+}
+
+// A state whose record cannot be written leaves no record of that name at
+// all: the old one would describe a state that is gone, and have a start
+// throw the new one away.
+TEST_F(QEMULifecycle, anUnwrittenStateRecordLeavesNoStaleOne)
+{
+    ASSERT_EQ(m_engine->createMachine("Recorded", makeImage(sharedOva(), "11.0.0", "5.3.0"), makeProfile()), 0);
+    std::unique_ptr<VMToolsMachine> machine(m_engine->getMachine("Recorded"));
+    ASSERT_TRUE(m_engine->recordSavedState(machine.get(), "state"));
+    ASSERT_TRUE(machine->setRamSize(machine->getRamSize() * 2));
+    ASSERT_TRUE(m_engine->savedStateMismatch(machine.get(), "state").contains("MB of RAM"));
+    MessageCapture capture;
+    const hvtest::ScopedEnv full("HV_TRIGGER_ERROR", "diskfull");
+    EXPECT_FALSE(m_engine->recordSavedState(machine.get(), "state"));
+    EXPECT_LOG(capture, QtCriticalMsg, "[VMTools] Failed to record what snapshot \"state\" was saved with");
+    EXPECT_EQ(m_engine->savedStateMismatch(machine.get(), "state"), QString());
 }
 
 // A reset rebuilds the disks from the reference; a failed one gives back the

@@ -3,11 +3,14 @@
 // (its CTest entry sets HV_TEST_UMASK), the widest a user could set.
 #include "DeviceFixture.h"
 
+#include "FileUtils.h"
 #include "MessageCapture.h"
+#include "OsImageIO.h"
 #include "Paths.h"
 #include "QEMUAccelerator.h"
 #include "QEMUAudio.h"
 #include "QEMUMachine.h"
+#include "QEMUSnapshotTable.h"
 #include "Settings.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
@@ -16,6 +19,8 @@
 #include <QDeadlineTimer>
 #include <QDirIterator>
 #include <QHostAddress>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSettings>
 #include <QTcpSocket>
 #include <QUuid>
@@ -202,6 +207,90 @@ TEST_F(Security, aRunningDeviceIsReachableByItsOwnerOnly)
     EXPECT_TRUE(m_engine->stopMachine(machine.get()));
     EXPECT_TRUE(VMToolsCommon::waitForFinished(pid, 10000));
     EXPECT_FALSE(QFile::exists(QFileInfo(socket).absolutePath())) << "the socket's directory goes with it";
+    // All of it private by explicit modes: the umask of the program that
+    // embeds the library (000 here) is as it was.
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    EXPECT_EQ(mask, mode_t(0));
+}
+
+// A devices directory outside the data tree, holding a device an older
+// version left open: the next program closes it, and so does every start.
+TEST_F(Security, anOpenDeviceOutsideTheDataTreeIsClosedBeforeItRuns)
+{
+    const QString devices = hvtest::testRoot() + "/devices";
+    Settings::set("virtual_devices.directory", devices);
+    const std::shared_ptr<void> restore(nullptr, [](void *) {
+        Settings::set("virtual_devices.directory", Paths::getDeployedPath());
+    });
+    std::unique_ptr<QEMUEngine> engine = makeEngine();
+    ASSERT_EQ(engine->createMachine("Old", makeImage(makeOva("old.ova", 8), "11.0.0", "7.3.0"), makeProfile()), 0);
+    const QString device = devices + "/Old";
+    const auto leaveOpen = [&device] {
+        for (const QString dir : {"", "/shared", "/shared/config"})
+            ::chmod(QFile::encodeName(device + dir).constData(), 0755);
+        for (const QString file : {"/shared/config/device.json", "/system.qcow2"})
+            ::chmod(QFile::encodeName(device + file).constData(), 0644);
+    };
+    leaveOpen();
+    makeEngine();
+    EXPECT_EQ(openEntries(device), QStringList());
+
+    leaveOpen();
+    std::unique_ptr<QEMUMachine> machine(dynamic_cast<QEMUMachine *>(engine->getMachine("Old")));
+    ASSERT_NE(machine, nullptr);
+    ASSERT_EQ(engine->startMachine(machine.get(), ""), 1);
+    EXPECT_EQ(openEntries(device), QStringList());
+    EXPECT_TRUE(engine->stopMachine(machine.get()));
+}
+
+// The guest writes device.json through its shared drive. A record rewritten
+// to name a host file, another image's reference disks or impossible
+// hardware is refused with the cause; put back, the device is as it was.
+TEST_F(Security, aRecordTheGuestRewroteIsRefused)
+{
+    const OsImage image = makeImage(makeOva("guest.ova", 8), "11.0.0", "7.4.0");
+    ASSERT_TRUE(FileUtils::saveFile(Paths::getUserOsImagePath() + "guest.json",
+                                    QJsonDocument(OsImageIO::toJsonObject(image)).toJson()));
+    ASSERT_EQ(m_engine->createMachine("Guest", image, makeProfile()), 0);
+    const OsImage other = makeImage(makeOva("other.ova", 8), "11.0.0", "7.4.1");
+    ASSERT_EQ(m_engine->createMachine("Other", other, makeProfile()), 0);
+    const QString record = deployed("Guest") + "/shared/config/device.json";
+    const QByteArray original = hvtest::readFile(record);
+    const QString backing = QEMUSnapshotTable::backingFile(deployed("Guest") + "/system.qcow2");
+    ASSERT_EQ(QFileInfo(backing).path(), QDir::cleanPath(QEMUEngine::getReferenceDirectory(image)));
+    const auto rewritten = [&original](const QString &part, const QString &key, const QJsonValue &value) {
+        QJsonObject top = QJsonDocument::fromJson(original).object();
+        QJsonObject object = top.value(part).toObject();
+        object.insert(key, value);
+        top.insert(part, key.isEmpty() ? value : object);
+        return QJsonDocument(top).toJson();
+    };
+    const struct {
+        QByteArray content;
+        QString problem;
+    } rows[] = {
+        {rewritten("os_image", "image_uri", "file:///etc/shadow"),
+         "its record names the image '" + image.uuid + "' at 'file:///etc/shadow' with checksum '" + image.imageHash
+             + "', but that image is registered at '" + image.imageUri + "' with checksum '" + image.imageHash + "'"},
+        {rewritten("os_image", "", OsImageIO::toJsonObject(other)),
+         "its record names the reference disks of image 7.4.1 for Android 11.0.0 in '"
+             + QDir::cleanPath(Paths::getSystemImagePath(other.imageVersion, other.osVersion))
+             + "', but its system disk is backed by '" + backing + "'"},
+        {rewritten("hardware_profile", "ram_size", -4096),
+         "its record gives it -4096 MB of RAM, outside 256 to 2147483647"},
+        {rewritten("hardware_profile", "cpu_count", 100000), "its record gives it 100000 processors, outside 1 to 512"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.problem.toStdString());
+        ASSERT_TRUE(hvtest::writeFile(record, row.content));
+        MessageCapture capture;
+        EXPECT_EQ(std::unique_ptr<VMToolsMachine>(m_engine->getMachine("Guest")), nullptr);
+        EXPECT_TRUE(capture.has(QtWarningMsg, "[VMTools] Refusing the record of device \"Guest\": " + row.problem));
+        EXPECT_EQ(m_engine->brokenReason(deployed("Guest")), row.problem);
+    }
+    ASSERT_TRUE(hvtest::writeFile(record, original));
+    EXPECT_NE(std::unique_ptr<VMToolsMachine>(m_engine->getMachine("Guest")), nullptr);
 }
 
 // A socket address holds 107 bytes, yet any name a device may have starts,

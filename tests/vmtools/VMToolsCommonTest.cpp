@@ -5,6 +5,7 @@
 #include "TestEnvironment.h"
 #include "TestFiles.h"
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -300,6 +302,22 @@ TEST(VMToolsCommonPid, waitForFinished)
     EXPECT_FALSE(VMToolsCommon::waitForFinished(::getpid(), 0));
     EXPECT_EQ(cap.lines(), (QList<LogLine>{{QtWarningMsg, QString("[VMTools] Timeout waiting for process end Pid = %1")
                                                               .arg(::getpid())}}));
+}
+
+// A detached program outlives its caller: it must not keep the caller's
+// descriptors (a lock it holds, the embedding program's sockets) open.
+TEST(VMToolsCommonPid, aDetachedProgramKeepsNoDescriptorOfItsCaller)
+{
+    const int inherited = ::open("/dev/null", O_RDONLY);
+    ASSERT_GE(inherited, 3);
+    qint64 pid = 0;
+    ASSERT_TRUE(VMToolsCommon::startDetached(helper(), {"sleep", "60000"}, hvtest::testRoot() + "/err.log", &pid));
+    ::close(inherited);
+    const QStringList fds = QDir(QString("/proc/%1/fd").arg(pid)).entryList(QDir::NoDotAndDotDot | QDir::System);
+    EXPECT_TRUE(VMToolsCommon::destroyProcess(pid));
+    ASSERT_FALSE(fds.isEmpty());
+    for (const QString &fd : fds)
+        EXPECT_LT(fd.toInt(), 3) << "descriptor " << fd.toStdString() << " was inherited";
 }
 
 // ---------------------------------------------------------------------------
