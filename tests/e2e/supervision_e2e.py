@@ -270,7 +270,7 @@ def resumes_outlasting_their_time_out(env, image, work):
     with open(memory, "wb") as f:
         for _ in range(1024):
             f.write(os.urandom(1 << 20))
-    big = dict(env.env, HV_QEMU_START_ARGS=hvtool_e2e.TCG_ARGS + ";-object[-1]=memory-backend-file,id=m0,size=1G,"
+    big = dict(env.env, HV_QEMU_START_ARGS="-object[-1]=memory-backend-file,id=m0,size=1G,"
                f"mem-path={memory},share=off;-machine=memory-backend=m0")
     env.run("profile", "create", "big", "--cpus", "1", "--ram", "1024", "--data-disk", "64")
     names = [f"resume-{i}" for i in range(3)]
