@@ -87,6 +87,16 @@ QString foreignEntry(QEMUEngine *e, const QString &name)
         .arg(entry.absoluteFilePath(), QEMUDeviceFiles::markerName());
 }
 
+/// What hvtool says of a broken device. Its disks may hold a user's work (a
+/// record the guest rewrote is refused, not lost), so the way out it offers
+/// says what a delete takes with it.
+QString brokenText(const QString &name, const QString &reason)
+{
+    return QStringLiteral("'%1' is broken: %2; its disks are kept until you mend its record or delete the device "
+                          "and its disks with 'hvtool device delete \"%1\" --yes'")
+        .arg(name, reason);
+}
+
 /// Looks the device up; reports a missing one with exit code 3, a broken one
 /// with 4 and what to do about it.
 MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString &name)
@@ -98,9 +108,7 @@ MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString
     MachinePtr machine(findDevice(e, name));
     const QString broken = machine ? QString() : brokenReason(e, name);
     if (!broken.isEmpty())
-        *code = ctx.fail(Conflict, QStringLiteral("device '%1' is broken: %2; remove it with "
-                                                  "'hvtool device delete \"%1\" --yes'")
-                                       .arg(name, broken));
+        *code = ctx.fail(Conflict, QStringLiteral("device ") + brokenText(name, broken));
     else if (!machine)
         *code = ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
     else
@@ -270,9 +278,7 @@ int refuseTakenName(Context &ctx, QEMUEngine *e, const QString &name)
 {
     const QString broken = brokenReason(e, name);
     if (!broken.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("device '%1' exists but is broken: %2; remove it with "
-                                                 "'hvtool device delete \"%1\" --yes'")
-                                      .arg(name, broken));
+        return ctx.fail(Conflict, QStringLiteral("device ") + brokenText(name, broken));
     const QString foreign = foreignEntry(e, name);
     if (!foreign.isEmpty())
         return ctx.fail(Conflict, QStringLiteral("the name '%1' is taken: %2").arg(name, foreign));
@@ -443,8 +449,7 @@ int list(Context &ctx)
             ctx.print(pausedText(object.value("name").toString(), object.value("reason").toString()));
     }
     for (const auto &[name, reason] : broken)
-        ctx.print(QStringLiteral("'%1' is broken: %2; remove it with 'hvtool device delete \"%1\" --yes'")
-                      .arg(name, reason));
+        ctx.print(brokenText(name, reason));
     if (!leftovers.isEmpty())
         ctx.print(leftovers);
     return Success;

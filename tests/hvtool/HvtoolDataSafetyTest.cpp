@@ -737,6 +737,21 @@ TEST(HvtoolLimits, deviceSizesBeyondTheReadersAreRefused)
         EXPECT_TRUE(r.err.contains(row.message)) << r.err.toStdString();
     }
     EXPECT_EQ(hvtest::readFile(config), before);
+
+    // The guest can rewrite this record: the device is refused, and the way
+    // out hvtool offers does not pass over what a delete takes with it.
+    QJsonObject record = QJsonDocument::fromJson(before).object();
+    QJsonObject hardware = record.value("hardware_profile").toObject();
+    hardware.insert("ram_size", -4096);
+    record.insert("hardware_profile", hardware);
+    hvtest::writeFile(config, QJsonDocument(record).toJson());
+    const CliResult refused = hvtool({"device", "start", "Limits"});
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_TRUE(refused.err.contains("its record gives it -4096 MB of RAM")
+                && refused.err.contains("its disks are kept until you mend its record or delete the device and its "
+                                        "disks")) << refused.err.toStdString();
+    hvtest::writeFile(config, before);
+    EXPECT_EQ(hvtool({"device", "show", "Limits"}).code, 0) << "the mended record brings the device back";
 }
 
 } // namespace
