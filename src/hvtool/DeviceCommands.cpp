@@ -706,6 +706,97 @@ int checkBacking(Context &ctx, QEMUEngine *e, const QEMUMachine &machine)
     return ctx.fail(Failed, QStringLiteral("device '%1' cannot be used: %2").arg(machine.getName(), problem));
 }
 
+/// What a start was asked for on its command line, and what it expects.
+struct StartRequest {
+    QString snapshot;
+    int waitSeconds = 0;
+    /// Whether the start asks for the quick-boot state.
+    bool quickBoot = false;
+    /// Whether that state is expected to resume.
+    bool expectResume = false;
+};
+
+/// Reads --wait, --snapshot and --cold; Success, or the usage failure.
+int readStartRequest(Context &ctx, StartRequest *request)
+{
+    if (ctx.isSet(QStringLiteral("wait"))) {
+        bool ok = false;
+        request->waitSeconds = ctx.value(QStringLiteral("wait")).toInt(&ok);
+        if (!ok || request->waitSeconds <= 0)
+            return ctx.fail(Usage, QStringLiteral("--wait needs a number of seconds"));
+    }
+    request->snapshot = ctx.value(QStringLiteral("snapshot"));
+    if (!request->snapshot.isEmpty() && ctx.isSet(QStringLiteral("cold")))
+        return ctx.fail(Usage, QStringLiteral("--cold and --snapshot exclude each other"));
+    return Success;
+}
+
+/// Reads the request and checks what the start will start from and that
+/// the host has the memory for it; Success, or the exit code.
+int prepareStart(Context &ctx, QEMUEngine *e, QEMUMachine &machine, StartRequest *request)
+{
+    const int invalid = readStartRequest(ctx, request);
+    if (invalid != Success)
+        return invalid;
+    request->quickBoot =
+        request->snapshot.isEmpty() && !ctx.isSet(QStringLiteral("cold")) && machine.isQuickbootEnabled();
+    if (!request->snapshot.isEmpty()) {
+        const int refused = checkNamedSnapshot(ctx, e, machine, request->snapshot);
+        if (refused != Success)
+            return refused;
+    } else if (request->quickBoot) {
+        request->expectResume = noteColdQuickBoot(ctx, e, machine);
+    }
+    const QString shortfall = ctx.isSet(QStringLiteral("force")) ? QString() : e->memoryShortfall(&machine);
+    if (!shortfall.isEmpty())
+        return ctx.fail(Conflict, QStringLiteral("device '%1' not started: %2; use --force to start it anyway")
+                                      .arg(machine.getName(), shortfall));
+    return Success;
+}
+
+/// Reports a start that did not bring the device up, or notes a quick boot
+/// that booted cold; Success when the device runs.
+int reportStartResult(Context &ctx, QEMUEngine *e, QEMUMachine &machine, int result, bool coldInstead,
+                      const QDateTime &startedAt)
+{
+    if (result != 1) {
+        const QString why = machine.getStartFailure();
+        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
+                                    .arg(machine.getName(), why.isEmpty() ? startDiagnosis(e, machine, result) : why,
+                                         logHint(machine, startedAt)));
+    }
+    if (coldInstead) {
+        // The failed load's own words, when it was stopped rather than ended.
+        const QString why = machine.getStateLoadFailure();
+        ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
+                                "one")
+                     .arg(why.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(why)));
+    }
+    return Success;
+}
+
+/// Prints the started device: how it booted, how long it took, where to reach it.
+void printStarted(Context &ctx, QEMUEngine *e, QEMUMachine &machine, const QString &how, qint64 startedMs,
+                  qint64 readyMs, int waitSeconds, const QByteArray &banner)
+{
+    if (ctx.json()) {
+        QJsonObject object = describe(e, machine);
+        object.insert("boot", how);
+        object.insert("start_seconds", startedMs / 1000.0);
+        if (waitSeconds > 0) {
+            object.insert("ready_seconds", readyMs / 1000.0);
+            object.insert("banner", QString::fromUtf8(banner).trimmed());
+        }
+        ctx.printJson(object);
+        return;
+    }
+    ctx.print(QStringLiteral("started '%1' (%2) in %3 s").arg(machine.getName(), how).arg(startedMs / 1000.0, 0, 'f', 2));
+    ctx.print(QStringLiteral("adb serial: %1").arg(machine.getAdbSerial()));
+    ctx.print(QStringLiteral("qmp socket: %1").arg(machine.getQmpSocketPath()));
+    if (waitSeconds > 0)
+        ctx.print(QStringLiteral("guest answered after %1 s").arg(readyMs / 1000.0, 0, 'f', 2));
+}
+
 int start(Context &ctx)
 {
     const int invalid = checkAcceleration(ctx);
@@ -715,93 +806,47 @@ int start(Context &ctx)
     if (!target.machine)
         return target.code;
     QEMUEngine *e = target.engine;
-    MachinePtr &machine = target.machine;
-    const QString name = machine->getName();
-    if (machine->getStatus() == VMToolsMachine::On)
-        return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(name));
-    if (checkBacking(ctx, e, *machine) != Success)
+    QEMUMachine &machine = *target.machine;
+    if (machine.getStatus() == VMToolsMachine::On)
+        return ctx.fail(Conflict, QStringLiteral("device '%1' is already running").arg(machine.getName()));
+    if (checkBacking(ctx, e, machine) != Success)
         return Failed;
     e->setOneOffAccelerator(ctx.value(QStringLiteral("accel")));
+    StartRequest request;
+    int code = prepareStart(ctx, e, machine, &request);
+    if (code != Success)
+        return code;
+    bool quickBoot = request.quickBoot;
 
-    int waitSeconds = 0;
-    if (ctx.isSet(QStringLiteral("wait"))) {
-        bool ok = false;
-        waitSeconds = ctx.value(QStringLiteral("wait")).toInt(&ok);
-        if (!ok || waitSeconds <= 0)
-            return ctx.fail(Usage, QStringLiteral("--wait needs a number of seconds"));
-    }
-
-    const QString snapshot = ctx.value(QStringLiteral("snapshot"));
-    if (!snapshot.isEmpty() && ctx.isSet(QStringLiteral("cold")))
-        return ctx.fail(Usage, QStringLiteral("--cold and --snapshot exclude each other"));
-    bool quickBoot = snapshot.isEmpty() && !ctx.isSet(QStringLiteral("cold")) && machine->isQuickbootEnabled();
-    bool expectResume = false;
-    if (!snapshot.isEmpty()) {
-        const int refused = checkNamedSnapshot(ctx, e, *machine, snapshot);
-        if (refused != Success)
-            return refused;
-    } else if (quickBoot) {
-        expectResume = noteColdQuickBoot(ctx, e, *machine);
-    }
-    const QString shortfall = ctx.isSet(QStringLiteral("force")) ? QString() : e->memoryShortfall(machine.get());
-    if (!shortfall.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("device '%1' not started: %2; use --force to start it anyway")
-                                      .arg(name, shortfall));
     QElapsedTimer timer;
     timer.start();
     const QDateTime startedAt = QDateTime::currentDateTime().addSecs(-1);
-    const int result = snapshot.isEmpty() ? e->startFromLatestSnapshot(machine.get(), &quickBoot)
-                                          : e->startMachine(machine.get(), snapshot);
+    const int result = request.snapshot.isEmpty() ? e->startFromLatestSnapshot(&machine, &quickBoot)
+                                                  : e->startMachine(&machine, request.snapshot);
     showStartNotes(ctx, e);
-    if (e->lastStartFellBackToTcg())
-        quickBoot = false;
-    if (result != 1) {
-        const QString why = machine->getStartFailure();
-        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2%3")
-                                    .arg(name, why.isEmpty() ? startDiagnosis(e, *machine, result) : why,
-                                         logHint(*machine, startedAt)));
-    }
-    if (expectResume && !quickBoot && !e->lastStartFellBackToTcg()) {
-        // The failed load's own words, when it was stopped rather than ended.
-        const QString why = machine->getStateLoadFailure();
-        ctx.note(QStringLiteral("the quick-boot state could not be loaded%1: booted cold; the next stop saves a new "
-                                "one")
-                     .arg(why.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(why)));
-    }
-    machine->reloadVmInfo();
+    quickBoot = quickBoot && !e->lastStartFellBackToTcg();
+    code = reportStartResult(ctx, e, machine, result,
+                             request.expectResume && !quickBoot && !e->lastStartFellBackToTcg(), startedAt);
+    if (code != Success)
+        return code;
+    machine.reloadVmInfo();
     const qint64 startedMs = timer.elapsed();
     // The device runs: waiting for its guest changes nothing, and a stop
     // may come meanwhile.
     target.lock->release();
 
     QByteArray banner;
-    if (waitSeconds > 0) {
-        const int waited = awaitGuest(ctx, e, *machine, waitSeconds, startedAt, &banner);
-        if (waited != Success)
-            return waited;
+    if (request.waitSeconds > 0) {
+        code = awaitGuest(ctx, e, machine, request.waitSeconds, startedAt, &banner);
+        if (code != Success)
+            return code;
         // A start that fell back to TCG while waiting booted cold.
         quickBoot = quickBoot && !e->lastStartFellBackToTcg();
     }
-    const qint64 readyMs = timer.elapsed();
-
-    const QString how = !snapshot.isEmpty() && !e->lastStartFellBackToTcg() ? QStringLiteral("snapshot")
-                                            : (quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold"));
-    if (ctx.json()) {
-        QJsonObject object = describe(e, *machine);
-        object.insert("boot", how);
-        object.insert("start_seconds", startedMs / 1000.0);
-        if (waitSeconds > 0) {
-            object.insert("ready_seconds", readyMs / 1000.0);
-            object.insert("banner", QString::fromUtf8(banner).trimmed());
-        }
-        ctx.printJson(object);
-        return Success;
-    }
-    ctx.print(QStringLiteral("started '%1' (%2) in %3 s").arg(name, how).arg(startedMs / 1000.0, 0, 'f', 2));
-    ctx.print(QStringLiteral("adb serial: %1").arg(machine->getAdbSerial()));
-    ctx.print(QStringLiteral("qmp socket: %1").arg(machine->getQmpSocketPath()));
-    if (waitSeconds > 0)
-        ctx.print(QStringLiteral("guest answered after %1 s").arg(readyMs / 1000.0, 0, 'f', 2));
+    const QString how = !request.snapshot.isEmpty() && !e->lastStartFellBackToTcg()
+        ? QStringLiteral("snapshot")
+        : (quickBoot ? QStringLiteral("resumed") : QStringLiteral("cold"));
+    printStarted(ctx, e, machine, how, startedMs, timer.elapsed(), request.waitSeconds, banner);
     return Success;
 }
 
