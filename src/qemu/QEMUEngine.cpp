@@ -3,6 +3,7 @@
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMUErrorDiagnosis.h"
 #include "QEMUHostCache_p.h"
 #include "Paths.h"
 #include "TriggerError.h"
@@ -49,6 +50,14 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
         return;
     QEMUHostCache::store(QLatin1String(kVersionCacheFile), binary,
                          QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
+}
+
+// Each question about an emulator's error output is logged, then answered
+// from the whole file.
+QEMUErrorDiagnosis::Code classifyFor(const QString &logPath, const char *question)
+{
+    qDebug().noquote() << "[VMTools]" << QStringLiteral("Checking if %1...").arg(QLatin1String(question));
+    return QEMUErrorDiagnosis::classify(logPath);
 }
 
 } // namespace
@@ -240,4 +249,26 @@ QString QEMUEngine::getQemuImgBinaryPath() const
 QString QEMUEngine::getFirmwareDirPath() const
 {
     return m_firmwareDirPath;
+}
+
+bool QEMUEngine::isResourceBusy(const QString &logPath) const
+{
+    return classifyFor(logPath, "device or resource is busy") == QEMUErrorDiagnosis::Code::ResourceBusy;
+}
+
+bool QEMUEngine::isSystemFileUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using a system file of QEMU")
+        == QEMUErrorDiagnosis::Code::SystemFileLocked;
+}
+
+bool QEMUEngine::isPortUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using the port of QEMU") == QEMUErrorDiagnosis::Code::PortTaken;
+}
+
+bool QEMUEngine::isMemorySupported(const QString &logPath) const
+{
+    return classifyFor(logPath, "memory size not supported on machine")
+        != QEMUErrorDiagnosis::Code::MemoryNotSupported;
 }
