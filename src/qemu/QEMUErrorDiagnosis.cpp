@@ -1,6 +1,7 @@
 #include "QEMUErrorDiagnosis.h"
 
 #include "FileUtils.h"
+#include "QEMULogging_p.h"
 #include "TriggerError.h"
 
 #include <QByteArray>
@@ -70,7 +71,7 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath)
         // error output is a normal start, an unreadable one is not.
         QFile file(logPath);
         if (!file.open(QIODevice::ReadOnly)) {
-            qCritical() << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
+            qCCritical(hvQemuLog) << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
             return Code::Unreadable;
         }
     }
@@ -82,16 +83,16 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
     const QString text = textOf(content);
 
     if (text.contains(QLatin1String(kResourceBusy))) {
-        qCritical() << "[VMTools]" << "Device or resource busy";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Device or resource busy";
         return Code::ResourceBusy;
     }
     if (text.contains(QLatin1String(kWriteLock))) {
-        qCritical() << "[VMTools]" << "Another process is using a system file";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using a system file";
         return Code::SystemFileLocked;
     }
     for (const char *phrase : kPortPhrases) {
         if (text.contains(QLatin1String(phrase), Qt::CaseInsensitive)) {
-            qCritical() << "[VMTools]" << "Another process is using the same port";
+            qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using the same port";
             return Code::PortTaken;
         }
     }
@@ -101,25 +102,25 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
         if (!text.contains(QLatin1String(phrase)))
             continue;
         if (text.contains(QLatin1String(kFallingBack))) {
-            qInfo() << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
+            qCInfo(hvQemuLog) << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
             return Code::None;
         }
-        qCritical() << "[VMTools]" << "QEMU error found in logs" << text;
+        qCCritical(hvQemuLog) << "[VMTools]" << "QEMU error found in logs" << text;
         return Code::AcceleratorError;
     }
     const QString kvm = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
     if (!kvm.isEmpty()) {
-        qCritical().noquote() << "[VMTools]" << "KVM cannot run the guest:" << kvm;
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "KVM cannot run the guest:" << kvm;
         return Code::KvmFailure;
     }
     const QString audio = lineWith(text, kAudioPhrases, std::size(kAudioPhrases));
     if (!audio.isEmpty()) {
-        qCritical().noquote() << "[VMTools]" << "The audio backend is not available:" << audio;
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The audio backend is not available:" << audio;
         return Code::AudioUnavailable;
     }
     for (const char *phrase : kStatePhrases) {
         if (text.contains(QLatin1String(phrase))) {
-            qCritical() << "[VMTools]" << "QEMU could not load the saved state";
+            qCCritical(hvQemuLog) << "[VMTools]" << "QEMU could not load the saved state";
             return Code::StateNotLoadable;
         }
     }
@@ -140,30 +141,30 @@ QString QEMUErrorDiagnosis::causeLine(const QString &logPath)
 
 bool QEMUErrorDiagnosis::isResourceBusy(const QString &logPath)
 {
-    qDebug() << "[VMTools]" << "Checking if device or resource is busy...";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if device or resource is busy...";
     return classify(logPath) == Code::ResourceBusy;
 }
 
 bool QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(const QString &logPath)
 {
-    qDebug() << "[VMTools]" << "Checking if another process is using a system file of QEMU...";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if another process is using a system file of QEMU...";
     return classify(logPath) == Code::SystemFileLocked;
 }
 
 bool QEMUErrorDiagnosis::isPortUsedByAnotherProcess(const QString &logPath)
 {
-    qDebug() << "[VMTools]" << "Checking if another process is using the port of QEMU...";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if another process is using the port of QEMU...";
     return classify(logPath) == Code::PortTaken;
 }
 
 bool QEMUErrorDiagnosis::isMemorySupported(const QString &logPath)
 {
-    qDebug() << "[VMTools]" << "Checking if memory size not supported on machine...";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if memory size not supported on machine...";
     return classify(logPath) != Code::MemoryNotSupported;
 }
 
 bool QEMUErrorDiagnosis::isStateNotLoadable(const QString &logPath)
 {
-    qDebug() << "[VMTools]" << "Checking if QEMU could not load the saved state...";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if QEMU could not load the saved state...";
     return classify(logPath) == Code::StateNotLoadable;
 }
