@@ -118,7 +118,10 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
     drainSocket();
     QmpLineFramer::Status status = m_framer->takeLine(&greeting);
     if (status == QmpLineFramer::Status::Incomplete) {
-        if (!m_socket->waitForReadyRead(timeoutMs))
+        // A blocking wait that runs out leaves the socket with a time-out
+        // error, which the socket reports as a failure: a caller that waits
+        // in an event loop of its own asks for no wait at all.
+        if (timeoutMs <= 0 || !m_socket->waitForReadyRead(timeoutMs))
             return true;
         drainSocket();
         status = m_framer->takeLine(&greeting);
@@ -380,8 +383,11 @@ bool QEMUClient::execQuit()
     if (!init())
         return false;
     qCDebug(hvQmpLog) << Tag << "QEMUClient: sending quit command";
-    // The emulator may close the connection before it answers.
+    // The emulator may close the connection before it answers: the end of
+    // the connection is the answer then, not a socket failure.
+    m_quiet = true;
     const bool ok = exec(plainCommand(QStringLiteral("quit")), QVariant(), QuitTimeoutMs, ResponseOptional);
+    m_quiet = false;
     if (!ok)
         qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to quit";
     return ok;
