@@ -6,6 +6,7 @@
 #include "QEMUErrorDiagnosis.h"
 #include "QEMUHostCache_p.h"
 #include "Paths.h"
+#include "QEMULogging_p.h"
 #include "TriggerError.h"
 #include "Urls.h"
 #include "VMToolsCommon.h"
@@ -56,7 +57,7 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
 // from the whole file.
 QEMUErrorDiagnosis::Code classifyFor(const QString &logPath, const char *question)
 {
-    qDebug().noquote() << "[VMTools]" << QStringLiteral("Checking if %1...").arg(QLatin1String(question));
+    qCDebug(hvQemuLog).noquote() << "[VMTools]" << QStringLiteral("Checking if %1...").arg(QLatin1String(question));
     return QEMUErrorDiagnosis::classify(logPath);
 }
 
@@ -80,7 +81,7 @@ QEMUEngine::QEMUEngine()
     firmware.cd(QStringLiteral("qemu"));
     m_firmwareDirPath = firmware.absolutePath();
 
-    qDebug() << "[VMTools]" << "QEMU path:" << m_qemuSystemBinaryPath;
+    qCDebug(hvQemuLog) << "[VMTools]" << "QEMU path:" << m_qemuSystemBinaryPath;
 }
 
 QEMUEngine::~QEMUEngine() = default;
@@ -186,7 +187,7 @@ VMToolsEngine::InitResult QEMUEngine::initialize(InitMode mode)
     if (missing.isEmpty())
         return InitResult(0, QString());
 
-    qWarning() << "[VMTools]" << "Could not find" << missing;
+    qCWarning(hvQemuLog) << "[VMTools]" << "Could not find" << missing;
     const QString link = Urls::getLinkForUrl(Urls::getDownloadUrl(), QString());
     return InitResult(1, QCoreApplication::translate("QEMUEngine", "install.error.%1.%2").arg(missing, link));
 }
@@ -221,18 +222,18 @@ void QEMUEngine::initVersionString()
     const QString cached = cachedVersion(m_qemuSystemBinaryPath, identity);
     if (!cached.isEmpty()) {
         m_versionString = cached;
-        qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+        qCDebug(hvQemuLog) << "[VMTools]" << "QEMU version string :" << m_versionString;
         return;
     }
     const VMToolsCommon::CallResult result =
         VMToolsCommon::call(m_qemuSystemBinaryPath, {QStringLiteral("--version")});
     // A program that did not run to its end (missing, hung) printed no version.
     if (!result.finished || result.returnCode != 0) {
-        qCritical() << "[VMTools]" << m_qemuSystemBinaryPath << "--version failed.";
+        qCCritical(hvQemuLog) << "[VMTools]" << m_qemuSystemBinaryPath << "--version failed.";
         return;
     }
     m_versionString = parseVersion(result.output);
-    qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+    qCDebug(hvQemuLog) << "[VMTools]" << "QEMU version string :" << m_versionString;
     storeVersion(m_qemuSystemBinaryPath, identity, m_versionString);
 }
 

@@ -1,5 +1,6 @@
 #include "QEMUErrorDiagnosis.h"
 
+#include "QEMULogging_p.h"
 #include "TriggerError.h"
 
 #include <QByteArray>
@@ -66,18 +67,18 @@ bool setupFailure(const QString &text, QEMUErrorDiagnosis::Code *code)
 {
     using Code = QEMUErrorDiagnosis::Code;
     if (text.contains(QLatin1String(kResourceBusy))) {
-        qCritical() << "[VMTools]" << "Device or resource busy";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Device or resource busy";
         *code = Code::ResourceBusy;
         return true;
     }
     if (text.contains(QLatin1String(kWriteLock))) {
-        qCritical() << "[VMTools]" << "Another process is using a system file";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using a system file";
         *code = Code::SystemFileLocked;
         return true;
     }
     for (const char *phrase : kPortPhrases) {
         if (text.contains(QLatin1String(phrase), Qt::CaseInsensitive)) {
-            qCritical() << "[VMTools]" << "Another process is using the same port";
+            qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using the same port";
             *code = Code::PortTaken;
             return true;
         }
@@ -91,9 +92,9 @@ bool setupFailure(const QString &text, QEMUErrorDiagnosis::Code *code)
             continue;
         const bool fellBack = text.contains(QLatin1String(kFallingBack));
         if (fellBack)
-            qInfo() << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
+            qCInfo(hvQemuLog) << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
         else
-            qCritical() << "[VMTools]" << "QEMU error found in logs" << text;
+            qCCritical(hvQemuLog) << "[VMTools]" << "QEMU error found in logs" << text;
         *code = fellBack ? Code::None : Code::AcceleratorError;
         return true;
     }
@@ -107,17 +108,17 @@ QEMUErrorDiagnosis::Code runFailure(const QString &text, QString *line)
     using Code = QEMUErrorDiagnosis::Code;
     *line = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
     if (!line->isEmpty()) {
-        qCritical().noquote() << "[VMTools]" << "KVM cannot run the guest:" << *line;
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "KVM cannot run the guest:" << *line;
         return Code::KvmFailure;
     }
     *line = lineWith(text, kAudioPhrases, std::size(kAudioPhrases));
     if (!line->isEmpty()) {
-        qCritical().noquote() << "[VMTools]" << "The audio backend is not available:" << *line;
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The audio backend is not available:" << *line;
         return Code::AudioUnavailable;
     }
     for (const char *phrase : kStatePhrases) {
         if (text.contains(QLatin1String(phrase))) {
-            qCritical() << "[VMTools]" << "QEMU could not load the saved state";
+            qCCritical(hvQemuLog) << "[VMTools]" << "QEMU could not load the saved state";
             return Code::StateNotLoadable;
         }
     }
@@ -132,7 +133,7 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath, QS
         cause->clear();
     QFile file(logPath);
     if (!file.open(QIODevice::ReadOnly)) {
-        qCritical() << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
         return Code::Unreadable;
     }
     return classifyText(file.readAll(), cause);

@@ -1,6 +1,7 @@
 #include "QEMULaunch_p.h"
 
 #include "QEMUDeviceFiles.h"
+#include "QEMULogging_p.h"
 
 #include <QDebug>
 #include <QDir>
@@ -81,10 +82,10 @@ QEMUOptionSet composeOptions(const Request &request)
     options.add(QStringLiteral("-nic"), QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
 
     if (request.snapshotName.isEmpty()) {
-        qDebug() << "[VMTools]" << "No shapshot available. Load shared folder drive.";
+        qCDebug(hvQemuLog) << "[VMTools]" << "No shapshot available. Load shared folder drive.";
         options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, true, request.virtioDisks));
     } else {
-        qDebug() << "[VMTools]" << "Starting from snapshot" << request.snapshotName;
+        qCDebug(hvQemuLog) << "[VMTools]" << "Starting from snapshot" << request.snapshotName;
         options.add(QStringLiteral("-loadvm"), request.snapshotName);
         if (request.readOnlySharedDrive)
             options.add(QStringLiteral("-drive"), sharedDriveValue(request.devicePath, false, true));
