@@ -21,9 +21,6 @@ class QEMUMachine;
 namespace QEMULaunch {
 struct Request;
 }
-namespace LockFiles {
-class SharedLock;
-}
 
 /// The engine that runs devices with the QEMU emulator. It finds
 /// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
