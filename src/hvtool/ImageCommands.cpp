@@ -118,7 +118,7 @@ QString checkOva(const QString &path)
 /// be used.
 QString inspectOva(Context &ctx, const QString &path, int *code)
 {
-    QEMUEngine *e = engine(ctx, code);
+    QEMUEngine *e = qemu(engine(ctx, code));
     if (!e)
         return QStringLiteral("QEMU cannot be used");
     QTemporaryDir scratch(QDir(Paths::getTemporaryDirPath()).filePath(QStringLiteral("inspect-XXXXXX")));
@@ -300,7 +300,7 @@ int remove(Context &ctx)
     // The image owns its reference disks: they go with it, but never from
     // under a device made from them.
     int code = Success;
-    QEMUEngine *e = engine(ctx, &code);
+    QEMUEngine *e = qemu(engine(ctx, &code));
     if (!e)
         return code;
     QStringList users;

@@ -1,6 +1,7 @@
 #include "VMToolsEngine.h"
 
 #include "FileUtils.h"
+#include "Logging_p.h"
 #include "Paths.h"
 #include "Settings.h"
 #include "SysInfo.h"
@@ -103,7 +104,7 @@ const QFileDevice::Permissions kOthersAndGroup = QFileDevice::ReadGroup | QFileD
 VMToolsEngine::VMToolsEngine()
 {
     m_cpuVendor = VMToolsCpu::vendor(VMToolsCpu::cpuid);
-    qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
+    qCDebug(hvEngineLog) << "[VMTools]" << "Chipset:" << m_cpuVendor;
     updateCPUVirtualizationAvailability();
     m_devicesDirectory = QDir(getDevicesDirectorySetting());
     closeOpenDevices();
@@ -139,7 +140,7 @@ QString VMToolsEngine::getDevicesDirectorySetting()
     const QString value = Settings::get(key, Paths::getDeployedPath()).toString();
     // A relative value would put devices wherever the program happens to run.
     if (!QDir::isAbsolutePath(value)) {
-        qWarning() << "[VMTools]" << "Ignoring the setting" << key << "=" << value
+        qCWarning(hvEngineLog) << "[VMTools]" << "Ignoring the setting" << key << "=" << value
                    << ": not an absolute path; using" << Paths::getDeployedPath();
         return Paths::getDeployedPath();
     }
@@ -197,37 +198,37 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMod
     } else if (name == kVirtualBoxEngine) {
         baseName = QStringLiteral("vboxmanage");
     } else {
-        qCritical() << "[VMTools]" << "Tried to load unknown virtual engine" << name;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Tried to load unknown virtual engine" << name;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Loading" << name << "plugin";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Loading" << name << "plugin";
     const EngineFactory factory = findPlugin(name, baseName, &result.message);
     if (!factory) {
-        qCritical() << "[VMTools]" << result.message;
+        qCCritical(hvEngineLog) << "[VMTools]" << result.message;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Constructing engine";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Constructing engine";
     VMToolsEngine *engine = factory();
     if (!engine) {
         result.message = QStringLiteral("the %1 engine plug-in built no engine").arg(name);
-        qCritical() << "[VMTools]" << result.message;
+        qCCritical(hvEngineLog) << "[VMTools]" << result.message;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Initializing engine";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Initializing engine";
     const InitResult init = engine->initialize(mode);
     result.status = init.first;
     result.message = init.second;
     if (result.status != 0) {
-        qCritical() << "[VMTools]" << "Unable to initialize the" << name << "engine";
+        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to initialize the" << name << "engine";
         delete engine;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "VMX/SVM CPU availability:" << engine->isCPUVirtualizationAvailable();
-    qDebug() << "[VMTools]" << "VM engine version:" << engine->versionString();
+    qCDebug(hvEngineLog) << "[VMTools]" << "VMX/SVM CPU availability:" << engine->isCPUVirtualizationAvailable();
+    qCDebug(hvEngineLog) << "[VMTools]" << "VM engine version:" << engine->versionString();
     result.engine = engine;
     return result;
 }
