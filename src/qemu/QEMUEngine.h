@@ -21,13 +21,11 @@ class QEMUMachine;
 namespace QEMULaunch {
 struct Request;
 }
-namespace LockFiles {
-class SharedLock;
-}
 
 /// The engine that runs devices with the QEMU emulator. It finds
-/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
-/// directory beside the application, and accepts QEMU 6.2 and later.
+/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" when it is set,
+/// else in the bundled directory beside the application, on PATH or in
+/// /usr/bin, and accepts QEMU 6.2 and later.
 class QEMUEngine : public VMToolsEngine
 {
 public:
