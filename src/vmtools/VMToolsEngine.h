@@ -131,6 +131,10 @@ public:
     /// than any saved state. Empty when the last session ended with the
     /// save, or when the engine keeps no record of sessions.
     virtual QString unsavedSessionReason(const VMToolsMachine *machine) const;
+    /// Makes the reference disks of the OVA in directory (the image's
+    /// ReferenceDisks directory), once and whole; the directory, or an empty
+    /// string on failure. The default extracts the OVA's disks as they are.
+    virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -156,11 +160,12 @@ public:
     /// Sets the machine's flag that tells whether its snapshot "latest"
     /// exists. Does nothing for a null machine.
     void checkLatestSnapshotExists(VMToolsMachine *machine) const;
-    /// Unpacks an OVA into the system-image directory of the two versions,
-    /// unless "system.vmdk" and "data.vmdk" are both there already.
+    /// Makes the reference disks of the OVA of those versions in their own
+    /// directory (ReferenceDisks), unless they are complete there already:
+    /// extracted beside it, never in place, and named only when whole.
     bool extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
                     const VersionNumber &osVersion) const;
-    /// Unpacks the image's local OVA into its system-image directory.
+    /// The same for the image's local OVA.
     bool extractOva(const OsImage &image) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").
