@@ -80,7 +80,8 @@ bool QEMUEngine::convertOva(const QString &ovaPath, const QString &partial) cons
     for (int i = 0; i < members.size(); ++i) {
         const QFileInfo vmdk(QDir(partial).absoluteFilePath(members.at(i)));
         if (!convertDisk(vmdk, QFileInfo(QDir(partial).absoluteFilePath(disks.at(i))))) {
-            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get" << members.at(i) << "disk info" << ovaPath;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get" << qUtf8Printable(QFileInfo(members.at(i)).baseName())
+                                  << "disk info" << ovaPath;
             return false;
         }
     }
