@@ -114,7 +114,7 @@ public:
     /// empty when it is a self-contained image of that format, else why it
     /// is refused, naming the disk (a backing file, an external data file,
     /// an extent in another file, another format, an unreadable image).
-    QString inspectDisk(const QString &path, const QString &format) const;
+    QString inspectDisk(const QString &path, const QString &format) const override;
     /// Creates the SD card image (getSDCardDiskName()) of sizeMiB MiB in directory.
     bool createSDCard(const QString &directory, long long sizeMiB) const;
     /// Deletes the snapshot from one image.
@@ -189,7 +189,7 @@ public:
     /// Removes an image's reference disks unless a device uses them (the
     /// devices that do are put in users) or a creation from them is under
     /// way (*creating is then set).
-    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating) override;
     /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
     /// The image registered under uuid among the user's OS image records

@@ -131,6 +131,15 @@ public:
     /// than any saved state. Empty when the last session ended with the
     /// save, or when the engine keeps no record of sessions.
     virtual QString unsavedSessionReason(const VMToolsMachine *machine) const;
+    /// Why the disk at path, of an OS image's OVA, must not become a
+    /// reference disk, naming it (it names a host file, or is not of the
+    /// format it claims); empty when it may. An engine that does not look
+    /// into disks accepts them.
+    virtual QString inspectDisk(const QString &path, const QString &format) const;
+    /// Removes an image's reference disks unless a device uses them (their
+    /// names then in users) or a creation from them is under way (*creating
+    /// then set). True, with nothing done, for an engine without reference disks.
+    virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -162,6 +171,10 @@ public:
                     const VersionNumber &osVersion) const;
     /// Unpacks the image's local OVA into its system-image directory.
     bool extractOva(const OsImage &image) const;
+    /// Why the OVA at ovaPath must not become an OS image: it cannot be
+    /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
+    /// when it may; what is unpacked to look is removed again.
+    QString inspectOsImage(const QString &ovaPath) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").
     QString getCpuVendor() const;
