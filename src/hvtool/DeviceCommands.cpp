@@ -101,11 +101,11 @@ QString brokenText(const QString &name, const QString &reason)
 /// with 4 and what to do about it.
 MachinePtr device(Context &ctx, QEMUEngine **engineOut, int *code, const QString &name)
 {
-    QEMUEngine *e = engine(ctx, code);
+    QEMUEngine *e = qemu(engine(ctx, code));
     if (!e)
         return nullptr;
     *engineOut = e;
-    MachinePtr machine(findDevice(e, name));
+    MachinePtr machine(qemu(findDevice(e, name)));
     const QString broken = machine ? QString() : brokenReason(e, name);
     if (!broken.isEmpty())
         *code = ctx.fail(Conflict, QStringLiteral("device ") + brokenText(name, broken));
@@ -315,7 +315,7 @@ int create(Context &ctx)
                                       .arg(image.value.name, image.value.getLocalPath()));
 
     int code = Success;
-    QEMUEngine *e = engine(ctx, &code);
+    QEMUEngine *e = qemu(engine(ctx, &code));
     if (!e)
         return code;
     if ((code = refuseTakenName(ctx, e, name)) != Success)
@@ -327,7 +327,7 @@ int create(Context &ctx)
     if (result != 0)
         return ctx.fail(Failed, QStringLiteral("could not create device '%1' (code %2)").arg(name).arg(result));
 
-    MachinePtr machine(findDevice(e, name));
+    MachinePtr machine(qemu(findDevice(e, name)));
     if (ctx.json()) {
         ctx.printJson(machine ? describe(e, *machine) : QJsonObject{{"name", name}});
     } else {
@@ -405,7 +405,7 @@ std::vector<QJsonObject> describeAll(QEMUEngine *e, QStringList *names, QStringL
 int list(Context &ctx)
 {
     int code = Success;
-    QEMUEngine *e = engine(ctx, &code);
+    QEMUEngine *e = qemu(engine(ctx, &code));
     if (!e)
         return code;
     QStringList names;
@@ -1085,7 +1085,7 @@ int clone(Context &ctx)
         return ctx.fail(Failed, QStringLiteral("could not clone device '%1' to '%2'").arg(machine->getName(), newName));
 
     if (ctx.json()) {
-        MachinePtr cloned(findDevice(e, newName));
+        MachinePtr cloned(qemu(findDevice(e, newName)));
         QJsonObject object = cloned ? describe(e, *cloned) : QJsonObject{{"name", newName}};
         object.insert("crash_consistent", running);
         ctx.printJson(object);
@@ -1140,7 +1140,7 @@ int removeBroken(Context &ctx, QEMUEngine *e, const QString &name, const QString
 int cleanup(Context &ctx)
 {
     int code = Success;
-    QEMUEngine *e = engine(ctx, &code);
+    QEMUEngine *e = qemu(engine(ctx, &code));
     if (!e)
         return code;
     QJsonArray reclaimed;
@@ -1172,7 +1172,7 @@ int cleanup(Context &ctx)
 int remove(Context &ctx)
 {
     int code = Success;
-    QEMUEngine *e = engine(ctx, &code);
+    QEMUEngine *e = qemu(engine(ctx, &code));
     if (!e)
         return code;
     // A folder the system did not make is left as it is, lock file included.

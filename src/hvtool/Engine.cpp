@@ -4,34 +4,43 @@
 
 #include "QEMUEngine.h"
 #include "QEMUMachine.h"
+#include "VMToolsEngine.h"
+#include "VMToolsMachine.h"
 
 #include <memory>
 
 namespace hvtool {
 
-QEMUEngine *engine(Context &ctx, int *code)
+VMToolsEngine *engine(Context &ctx, int *code)
 {
-    static std::unique_ptr<QEMUEngine> instance;
-    static bool initialised = false;
-    if (initialised) {
-        *code = Success;
+    static std::unique_ptr<VMToolsEngine> instance;
+    *code = Success;
+    if (instance)
         return instance.get();
-    }
-    instance = std::make_unique<QEMUEngine>();
-    const auto result = instance->initialize(VMToolsEngine::Full);
-    if (result.first != 0) {
-        instance.reset();
-        *code = ctx.fail(Failed, QStringLiteral("QEMU cannot be used: %1").arg(result.second));
+    VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(VMToolsEngine::Full);
+    if (!loaded.engine) {
+        *code = ctx.fail(Failed, loaded.message.isEmpty()
+                                     ? QStringLiteral("the engine plug-in could not be loaded")
+                                     : QStringLiteral("the engine cannot be used: %1").arg(loaded.message));
         return nullptr;
     }
-    initialised = true;
-    *code = Success;
+    instance.reset(loaded.engine);
     return instance.get();
 }
 
-QEMUMachine *findDevice(QEMUEngine *engine, const QString &name)
+VMToolsMachine *findDevice(VMToolsEngine *engine, const QString &name)
 {
-    return static_cast<QEMUMachine *>(engine->getMachine(name));
+    return engine->getMachine(name);
+}
+
+QEMUEngine *qemu(VMToolsEngine *engine)
+{
+    return static_cast<QEMUEngine *>(engine);
+}
+
+QEMUMachine *qemu(VMToolsMachine *machine)
+{
+    return static_cast<QEMUMachine *>(machine);
 }
 
 } // namespace hvtool

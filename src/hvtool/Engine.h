@@ -4,16 +4,24 @@
 
 class QEMUEngine;
 class QEMUMachine;
+class VMToolsEngine;
+class VMToolsMachine;
 
 namespace hvtool {
 
 class Context;
 
-/// The QEMU engine, initialised once per run. Null after reporting the
-/// failure through ctx (exit code in *code).
-QEMUEngine *engine(Context &ctx, int *code);
+/// The engine the settings name, loaded from its plug-in once per run and
+/// kept to the end of it. Null after reporting the failure through ctx
+/// (exit code in *code).
+VMToolsEngine *engine(Context &ctx, int *code);
 
 /// The device of that name, owned by the caller; null when it does not exist.
-QEMUMachine *findDevice(QEMUEngine *engine, const QString &name);
+VMToolsMachine *findDevice(VMToolsEngine *engine, const QString &name);
+
+/// The QEMU classes behind the interface, for the commands that still call
+/// them directly. It goes once every command works through the interface.
+QEMUEngine *qemu(VMToolsEngine *engine);
+QEMUMachine *qemu(VMToolsMachine *machine);
 
 } // namespace hvtool

@@ -7,7 +7,6 @@
 #include "OsImageIO.h"
 #include "OsImageRegistry.h"
 #include "Paths.h"
-#include "QEMUEngine.h" // until the engine comes through the interface
 #include "VMToolsEngine.h"
 
 #include <QDir>
