@@ -222,7 +222,13 @@ public:
     /// entries and none of them is the system's (a device directory, a
     /// leftover, the engine's own files). Empty when it may: missing, empty
     /// or already holding the system's devices.
-    static QString foreignDevicesDirectoryReason(const QString &dir);
+    QString foreignDevicesDirectoryReason(const QString &dir) const override;
+    /// QEMU's programs and version, /dev/kvm, the accelerator (probing KVM
+    /// with a tiny guest for at most QEMUAccelerator::probeTimeoutMs(), its
+    /// verdict then kept for the starts) and the audio backend.
+    QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note) override;
+    /// The choices of "emulator.accelerator" and "emulator.audio".
+    QStringList settingChoices(const QString &key) const override;
 
     /// A hidden directory of the devices directory in which a creation or a
     /// clone builds a device before it takes its name, or a deletion removes

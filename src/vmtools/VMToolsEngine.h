@@ -1,5 +1,6 @@
 #pragma once
 
+#include "VMToolsHostCheck.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
 
@@ -140,6 +141,19 @@ public:
     /// names then in users) or a creation from them is under way (*creating
     /// then set). True, with nothing done, for an engine without reference disks.
     virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    /// What the engine finds of the host it runs devices on: its programs and
+    /// their version, the accelerator and sound settings and what "auto"
+    /// picks for them here. It may probe the host for a few seconds (the
+    /// engine says how long at most); note is told first what is probed.
+    /// None unless the engine overrides it.
+    virtual QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note);
+    /// The values a setting of the engine's with a fixed set of them allows
+    /// ("emulator.accelerator": "auto", "kvm", "tcg"); empty for other keys.
+    virtual QStringList settingChoices(const QString &key) const;
+    /// Why dir must not become the devices directory, in words: it holds
+    /// entries and none of them is the engine's. Empty when it may; an
+    /// engine that does not override it takes any directory.
+    virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose

@@ -1,4 +1,5 @@
-// What the engine tells of OS images before they are registered or removed.
+// What the engine tells of OS images and of the host, for the programs that
+// register images and check the set-up.
 #include "VMToolsEngine.h"
 
 #include "Archive.h"
@@ -36,5 +37,20 @@ QString VMToolsEngine::inspectOsImage(const QString &ovaPath) const
         if (!reason.isEmpty())
             return QStringLiteral("'%1' is refused: %2").arg(ovaPath, QString(reason).replace(scratch.path() + '/', QString()));
     }
+    return QString();
+}
+
+QList<VMToolsHostCheck> VMToolsEngine::checkHost(const std::function<void(const QString &)> &)
+{
+    return {};
+}
+
+QStringList VMToolsEngine::settingChoices(const QString &) const
+{
+    return {};
+}
+
+QString VMToolsEngine::foreignDevicesDirectoryReason(const QString &) const
+{
     return QString();
 }
