@@ -2,6 +2,7 @@
 
 #include "FileUtils.h"
 #include "LockFiles.h"
+#include "Logging_p.h"
 #include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
@@ -34,7 +35,7 @@ OsImage loadImage(const QString &file)
 
 Registration refused(Outcome outcome, const QString &reason)
 {
-    qInfo() << "Not registering the OS image:" << reason;
+    qCInfo(hvDevicesLog) << "Not registering the OS image:" << reason;
     return {outcome, reason, {}};
 }
 
@@ -85,7 +86,7 @@ Registration store(const QString &path, const OsImage &image, bool anyVersion)
         return refusal;
     if (!FileUtils::saveFile(file, QJsonDocument(OsImageIO::toJsonObject(image)).toJson()))
         return refused(Outcome::Refused, QStringLiteral("could not write '%1'").arg(file));
-    qInfo() << "Registered the OS image" << image.name << "as" << file;
+    qCDebug(hvDevicesLog) << "Registered the OS image" << image.name << "as" << file;
     return {Outcome::Registered, QString(), {image, file}};
 }
 
