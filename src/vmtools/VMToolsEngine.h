@@ -1,6 +1,9 @@
 #pragma once
 
+#include "HwProfile.h"
+#include "OsImage.h"
 #include "VMToolsHostCheck.h"
+#include "VMToolsMachine.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
 
@@ -15,10 +18,7 @@
 #include <functional>
 
 class AbstractHwProfileListController;
-class HwProfile;
-class OsImage;
 class QFile;
-class VMToolsMachine;
 
 /// The virtual-machine engine: the one object through which the application
 /// creates, starts, stops, clones and deletes virtual devices, manages their
