@@ -58,8 +58,8 @@ public:
     /// True unless the "hypervhaxmerror" trigger is active; the host is not probed.
     bool isAccelerationSupported() const override;
     bool isSnapshotSupported() const override;
-    /// The snapshots of the device's system disk whose names are made of
-    /// letters, digits and underscores; empty when they cannot be listed.
+    /// The names of the snapshots of the device's system disk, read from the
+    /// image itself; empty when they cannot be listed.
     QStringList fetchSnapshotNames(const VMToolsMachine *machine) const override;
     /// Deletes the snapshot from the device's system disk and, only when that
     /// worked, from its data disk and SD card. True when there is no such snapshot.
