@@ -75,7 +75,7 @@ QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString 
 
 bool QEMUEngine::convertOva(const QString &ovaPath, const QString &partial) const
 {
-    const QStringList members = ReferenceDisks::ovaMembers();
+    const QStringList members = OsImage::ovaDiskNames();
     const QStringList disks = referenceDiskNames();
     for (int i = 0; i < members.size(); ++i) {
         const QFileInfo vmdk(QDir(partial).absoluteFilePath(members.at(i)));
@@ -270,7 +270,7 @@ void QEMUEngine::reclaimOldReference(const QString &oldDirectory) const
                 return;
         }
     }
-    for (const QString &name : referenceDiskNames() + ReferenceDisks::ovaMembers())
+    for (const QString &name : referenceDiskNames() + OsImage::ovaDiskNames())
         QFile::remove(QDir(oldDirectory).absoluteFilePath(name));
     qCInfo(hvQemuLog) << "[VMTools]" << "Removed the reference disks no device uses from" << oldDirectory;
 }

@@ -89,11 +89,6 @@ bool makeParent(const QString &directory)
 
 } // namespace
 
-QStringList ReferenceDisks::ovaMembers()
-{
-    return {QStringLiteral("system.vmdk"), QStringLiteral("data.vmdk")};
-}
-
 QString ReferenceDisks::directoryOf(const OsImage &image)
 {
     return directoryOf(image.getLocalPath(), image.imageVersion, image.osVersion);
@@ -196,7 +191,7 @@ QString ReferenceDisks::prepareLocked(const QString &ovaPath, const QString &dir
         qCCritical(hvEngineLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return fail();
     }
-    for (const QString &member : ovaMembers()) {
+    for (const QString &member : OsImage::ovaDiskNames()) {
         // The archive skips links; a member it never held is no disk either.
         const QFileInfo disk(QDir(partial).filePath(member));
         if (!disk.isFile() || disk.isSymLink()) {

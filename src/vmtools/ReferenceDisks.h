@@ -26,9 +26,6 @@ public:
     /// the disks an engine uses; false, logged, on failure.
     using Finish = std::function<bool(const QString &partial)>;
 
-    /// The OVA members that hold an image's disks, the system disk first:
-    /// "system.vmdk", "data.vmdk".
-    static QStringList ovaMembers();
     /// The directory of the image's reference disks; empty when the checksum
     /// of its OVA is unknown. The OVA may be gone since its disks were made:
     /// the last checksum computed for its path then names it.

@@ -96,5 +96,5 @@ bool VMToolsEngine::extractOva(const OsImage &image) const
 
 QString VMToolsEngine::prepareReferenceDisks(const QString &ovaPath, const QString &directory) const
 {
-    return ReferenceDisks::prepare(ovaPath, directory, ReferenceDisks::ovaMembers(), {});
+    return ReferenceDisks::prepare(ovaPath, directory, OsImage::ovaDiskNames(), {});
 }

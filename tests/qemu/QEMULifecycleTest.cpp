@@ -267,7 +267,7 @@ TEST_F(QEMULifecycle, extractOvaMakesTheReferenceDisksWholeOrNothing)
     const QString reference = ReferenceDisks::directoryOf(sharedOva(), imageVersion, osVersion);
     const pid_t child = ::fork();
     if (child == 0) {
-        ReferenceDisks::prepare(sharedOva(), reference, ReferenceDisks::ovaMembers(),
+        ReferenceDisks::prepare(sharedOva(), reference, OsImage::ovaDiskNames(),
                                 [](const QString &) { return ::raise(SIGKILL) == 0; });
         ::_exit(0);
     }
