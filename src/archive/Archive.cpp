@@ -1,6 +1,7 @@
 #include "Archive.h"
 
 #include "FileUtils.h"
+#include "Logging_p.h"
 #include "mtar.h"
 
 #include <QDebug>
@@ -113,12 +114,12 @@ Archive::Result Extraction::run(mtar_t &tar)
         if (ret == MTAR_ENULLRECORD)
             return Archive::Success;
         if (ret == MTAR_ETRUNCATED) {
-            qCritical().noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, %3.")
+            qCCritical(hvArchiveLog).noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, %3.")
                                          .arg(m_tarPath, QString::number(tar.error_offset), afterMember());
             return Archive::NextRecordFailed;
         }
         if (ret != MTAR_ESUCCESS) {
-            qCritical().noquote() << QStringLiteral("Archive '%1' has a bad header at byte %2, %3: %4.")
+            qCCritical(hvArchiveLog).noquote() << QStringLiteral("Archive '%1' has a bad header at byte %2, %3: %4.")
                                          .arg(m_tarPath, QString::number(tar.error_offset), afterMember(),
                                               QString::fromUtf8(mtar_strerror(ret)));
             return Archive::NextRecordFailed;
@@ -126,7 +127,7 @@ Archive::Result Extraction::run(mtar_t &tar)
         m_member = QString::fromUtf8(h->name);
         const Archive::Result result = processEntry(tar, *h);
         if (result != Archive::Success) {
-            qCritical() << "Failed to process tar archive record.";
+            qCCritical(hvArchiveLog) << "Failed to process tar archive record.";
             return result;
         }
         // A sparse member may hold data beyond its map, which is not read:
@@ -136,7 +137,7 @@ Archive::Result Extraction::run(mtar_t &tar)
         if (ret == MTAR_ESUCCESS)
             ret = mtar_next(&tar);
         if (ret != MTAR_ESUCCESS) {
-            qCritical() << "Failed to iterate to next tar archive record ret=" << ret;
+            qCCritical(hvArchiveLog) << "Failed to iterate to next tar archive record ret=" << ret;
             return Archive::NextRecordFailed;
         }
     }
@@ -145,7 +146,7 @@ Archive::Result Extraction::run(mtar_t &tar)
 Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
 {
     if (!isUtf8(h.name)) {
-        qCritical().noquote() << QStringLiteral("Archive '%1' has a member name that is not UTF-8 at byte %2: '%3'.")
+        qCCritical(hvArchiveLog).noquote() << QStringLiteral("Archive '%1' has a member name that is not UTF-8 at byte %2: '%3'.")
                                      .arg(m_tarPath, QString::number(tar.header_offset),
                                           QString::fromLatin1(QByteArray(h.name).toPercentEncoding("/")));
         return Archive::NameNotUtf8;
@@ -153,14 +154,14 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
     const QString &name = m_member;
     const QString path = QDir::cleanPath(QDir(m_destDir).filePath(name));
     if (escapesDestination(name)) {
-        qWarning() << "Encountered path escape" << path;
+        qCWarning(hvArchiveLog) << "Encountered path escape" << path;
         return Archive::PathEscape;
     }
 
     switch (h.type) {
     case MTAR_TDIR:
         if (!FileUtils::makeDirectory(path)) {
-            qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + path + "'.";
+            qCCritical(hvArchiveLog).noquote() << "Destination directory cannot be created or is not accessible: '" + path + "'.";
             return Archive::CreateDirectoryFailed;
         }
         return Archive::Success;
@@ -170,7 +171,7 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
         // here, inside the destination (the name passed the escape test).
         const QString parent = QFileInfo(path).path();
         if (!FileUtils::makeDirectory(parent)) {
-            qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + parent + "'.";
+            qCCritical(hvArchiveLog).noquote() << "Destination directory cannot be created or is not accessible: '" + parent + "'.";
             return Archive::CreateDirectoryFailed;
         }
         return extractFile(tar, h, path);
@@ -180,12 +181,12 @@ Archive::Result Extraction::processEntry(mtar_t &tar, const mtar_header_t &h)
     case MTAR_TCHR:
     case MTAR_TBLK:
     case MTAR_TFIFO:
-        qWarning().noquote() << "Skipping file '" + name + "' of unsupported type";
+        qCWarning(hvArchiveLog).noquote() << "Skipping file '" + name + "' of unsupported type";
         return Archive::Success;
     default:
         // Old archives mark regular files with a NUL type byte; those are
         // skipped too rather than guessed at.
-        qWarning().noquote() << "Skipping file '" + name + "' of unknown type";
+        qCWarning(hvArchiveLog).noquote() << "Skipping file '" + name + "' of unknown type";
         return Archive::Success;
     }
 }
@@ -213,7 +214,7 @@ Archive::Result Extraction::extractFile(mtar_t &tar, const mtar_header_t &h, con
         if (fd >= 0)
             ::close(fd);
         errno = error;
-        qCritical().noquote() << "Failed to open output file '" + path + "':" << errnoText(errno);
+        qCCritical(hvArchiveLog).noquote() << "Failed to open output file '" + path + "':" << errnoText(errno);
         return Archive::OutputOpenFailed;
     }
     Archive::Result result = copyData(tar, fd, path, map);
@@ -221,12 +222,12 @@ Archive::Result Extraction::extractFile(mtar_t &tar, const mtar_header_t &h, con
         // A file that ends in a hole gets its length from the member.
         const off_t end = lseek(fd, 0, SEEK_END);
         if (end < 0 || (uint64_t(end) < h.real_size && ftruncate(fd, off_t(h.real_size)) != 0)) {
-            qCritical().noquote() << "Failed to set the size of '" + path + "':" << errnoText(errno);
+            qCCritical(hvArchiveLog).noquote() << "Failed to set the size of '" + path + "':" << errnoText(errno);
             result = Archive::OutputFlushFailed;
         }
     }
     if (::close(fd) != 0 && result == Archive::Success) {
-        qCritical().noquote() << "Got an error while flushing file '" + path + "':" << errnoText(errno);
+        qCCritical(hvArchiveLog).noquote() << "Got an error while flushing file '" + path + "':" << errnoText(errno);
         result = Archive::OutputFlushFailed;
     }
     return result;
@@ -242,12 +243,12 @@ Archive::Result Extraction::copyData(mtar_t &tar, int fd, const QString &path, c
             const uint32_t chunk = uint32_t(std::min<uint64_t>(left, kChunkSize));
             const int ret = mtar_read_data(&tar, buffer, chunk);
             if (ret == MTAR_ETRUNCATED) {
-                qCritical().noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, in member '%3'.")
+                qCCritical(hvArchiveLog).noquote() << QStringLiteral("Archive '%1' is truncated at byte %2, in member '%3'.")
                                              .arg(m_tarPath, QString::number(tar.error_offset), m_member);
                 return Archive::ReadDataFailed;
             }
             if (ret != MTAR_ESUCCESS) {
-                qCritical().noquote() << QStringLiteral("Could not read archive '%1' at byte %2, in member '%3': %4")
+                qCCritical(hvArchiveLog).noquote() << QStringLiteral("Could not read archive '%1' at byte %2, in member '%3': %4")
                                              .arg(m_tarPath, QString::number(tar.offset), m_member,
                                                   QString::fromUtf8(mtar_strerror(ret)));
                 return Archive::ReadDataFailed;
@@ -258,7 +259,7 @@ Archive::Result Extraction::copyData(mtar_t &tar, int fd, const QString &path, c
                 if (n < 0 && errno == EINTR)
                     continue;
                 if (n <= 0) {
-                    qCritical().noquote() << "Got an error while writing file chunk to disk: '" + path + "':"
+                    qCCritical(hvArchiveLog).noquote() << "Got an error while writing file chunk to disk: '" + path + "':"
                                           << errnoText(n < 0 ? errno : ENOSPC);
                     return Archive::OutputWriteFailed;
                 }
@@ -277,18 +278,18 @@ Archive::Result Archive::untar(const QString &tarPath, const QString &destDir)
 {
     const QFileInfo tarInfo(tarPath);
     if (!tarInfo.exists() || !tarInfo.isFile() || !tarInfo.isReadable()) {
-        qCritical().noquote() << "Tar is not accessible and readable: '" + tarPath + "'.";
+        qCCritical(hvArchiveLog).noquote() << "Tar is not accessible and readable: '" + tarPath + "'.";
         return TarNotReadable;
     }
     if (!FileUtils::makeDirectory(destDir)) {
-        qCritical().noquote() << "Destination directory cannot be created or is not accessible: '" + destDir + "'.";
+        qCCritical(hvArchiveLog).noquote() << "Destination directory cannot be created or is not accessible: '" + destDir + "'.";
         return CreateDirectoryFailed;
     }
 
     mtar_t tar;
     int ret = mtar_open(&tar, QFile::encodeName(tarPath).constData(), "r");
     if (ret != MTAR_ESUCCESS) {
-        qCritical().noquote() << QStringLiteral("Fail to open archive '%1' with mtar_open(), ret = %2 (%3 at byte %4).")
+        qCCritical(hvArchiveLog).noquote() << QStringLiteral("Fail to open archive '%1' with mtar_open(), ret = %2 (%3 at byte %4).")
                                      .arg(tarPath, QString::number(ret), QString::fromUtf8(mtar_strerror(ret)),
                                           QString::number(tar.error_offset));
         return OpenFailed;
@@ -299,7 +300,7 @@ Archive::Result Archive::untar(const QString &tarPath, const QString &destDir)
     if (result != Success)
         return result;
     if (ret != MTAR_ESUCCESS) {
-        qCritical().noquote() << "Fail to close archive '" + tarPath + "' with mtar_close() with ret =" << ret << ".";
+        qCCritical(hvArchiveLog).noquote() << "Fail to close archive '" + tarPath + "' with mtar_close() with ret =" << ret << ".";
         return CloseFailed;
     }
     return Success;

@@ -1,6 +1,7 @@
 #include "DeviceJson_p.h"
 
 #include "FileUtils.h"
+#include "Logging_p.h"
 
 #include <QDebug>
 #include <QFileInfo>
@@ -35,7 +36,7 @@ QJsonDocument loadRecordFile(const QString &path, const char *what)
     // Checked before reading, so a huge file never reaches memory.
     const QFileInfo info(path);
     if (info.isFile() && info.size() > MaxRecordFileSize) {
-        qWarning() << "Refusing" << what << "file" << path << "of" << info.size() << "bytes, the limit is"
+        qCWarning(hvDevicesLog) << "Refusing" << what << "file" << path << "of" << info.size() << "bytes, the limit is"
                    << MaxRecordFileSize;
         return QJsonDocument();
     }
@@ -43,7 +44,7 @@ QJsonDocument loadRecordFile(const QString &path, const char *what)
     if (document.isNull())
         return document;
     if (!document.isObject()) {
-        qWarning() << "Not a JSON object in" << what << "file" << path;
+        qCWarning(hvDevicesLog) << "Not a JSON object in" << what << "file" << path;
         return QJsonDocument();
     }
     return document;

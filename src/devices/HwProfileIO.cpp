@@ -3,6 +3,7 @@
 #include "DeviceJson_p.h"
 #include "FileUtils.h"
 #include "JsonReader.h"
+#include "Logging_p.h"
 
 #include <QDebug>
 #include <QDir>
@@ -155,7 +156,7 @@ HwProfile HwProfileIO::load(const QJsonObject &object)
     const JsonReader reader(object, QString(), errorList);
     const VersionNumber version = VersionNumber::fromString(reader.readString(QStringLiteral("version")));
     if (reader.hasErrors() || version.major > 1) {
-        qWarning() << "Unsupported hardware profile: version=" << version << ", expected" << currentVersion();
+        qCWarning(hvDevicesLog) << "Unsupported hardware profile: version=" << version << ", expected" << currentVersion();
         return HwProfile();
     }
 
@@ -187,17 +188,17 @@ HwProfile HwProfileIO::load(const QJsonObject &object)
 
     if (reader.hasErrors()) {
         for (const QString &error : qAsConst(*errors))
-            qWarning() << "Error in field" << error;
+            qCWarning(hvDevicesLog) << "Error in field" << error;
         return HwProfile();
     }
 
     const int displayCount = profile.displaySettings.displays.size();
     if (profile.displaySettings.displayMode == HwProfile::DisplayMode::FOLDABLE && displayCount != 2) {
-        qWarning() << "Foldable phones must have exactly 2 screens, found" << displayCount;
+        qCWarning(hvDevicesLog) << "Foldable phones must have exactly 2 screens, found" << displayCount;
         return HwProfile();
     }
     if (profile.displaySettings.displayMode == HwProfile::DisplayMode::MULTI_DISPLAY && displayCount < 2) {
-        qWarning() << "Multi-screen phones must have at least 2 screens, found" << displayCount;
+        qCWarning(hvDevicesLog) << "Multi-screen phones must have at least 2 screens, found" << displayCount;
         return HwProfile();
     }
     return profile;
@@ -229,15 +230,15 @@ HwProfile HwProfileIO::load(const QVariant &record)
 bool HwProfileIO::save(const HwProfile &profile, const QString &dir)
 {
     if (!profile.isValid()) {
-        qWarning() << "Cannot save invalid profile";
+        qCWarning(hvDevicesLog) << "Cannot save invalid profile";
         return false;
     }
     if (!isSafeFileStem(profile.uuid)) {
-        qWarning() << "Cannot save profile whose uuid is not a file name:" << profile.uuid;
+        qCWarning(hvDevicesLog) << "Cannot save profile whose uuid is not a file name:" << profile.uuid;
         return false;
     }
     if (!FileUtils::makeDirectory(dir)) {
-        qWarning() << "Cannot create directory" << dir;
+        qCWarning(hvDevicesLog) << "Cannot create directory" << dir;
         return false;
     }
     // A failed write never leaves a truncated profile behind.
@@ -247,20 +248,20 @@ bool HwProfileIO::save(const HwProfile &profile, const QString &dir)
 bool HwProfileIO::remove(const HwProfile &profile, const QString &dir)
 {
     if (!profile.isValid()) {
-        qWarning() << "Cannot remove invalid profile";
+        qCWarning(hvDevicesLog) << "Cannot remove invalid profile";
         return false;
     }
     if (profile.source != HwProfile::Source::USER) {
-        qWarning() << "Cannot remove non-user profile";
+        qCWarning(hvDevicesLog) << "Cannot remove non-user profile";
         return false;
     }
     if (!isSafeFileStem(profile.uuid)) {
-        qWarning() << "Cannot remove profile whose uuid is not a file name:" << profile.uuid;
+        qCWarning(hvDevicesLog) << "Cannot remove profile whose uuid is not a file name:" << profile.uuid;
         return false;
     }
     const QString path = profileFilePath(profile, dir);
     if (QFile::exists(path))
         return QFile::remove(path);
-    qWarning() << "Cannot remove local profile file for profile" << profile.uuid << ":" << dir;
+    qCWarning(hvDevicesLog) << "Cannot remove local profile file for profile" << profile.uuid << ":" << dir;
     return false;
 }

@@ -1,6 +1,7 @@
 #include "OsImageChecksum.h"
 
 #include "FileUtils.h"
+#include "Logging_p.h"
 #include "Paths.h"
 
 #include <QCryptographicHash>
@@ -107,7 +108,7 @@ QString OsImageChecksum::compute(const QString &file, const Progress &progress, 
     const QString kept = entryPath(path);
     // Only a cache: a checksum that cannot be kept is computed again next time.
     if (!FileUtils::makeDirectory(QFileInfo(kept).absolutePath()) || !FileUtils::saveFile(kept, QJsonDocument(entry).toJson()))
-        qWarning() << "Failed to keep the checksum of" << path << "in" << kept;
+        qCWarning(hvDevicesLog) << "Failed to keep the checksum of" << path << "in" << kept;
     return checksum;
 }
 

@@ -2,6 +2,7 @@
 
 #include "DeviceJson_p.h"
 #include "JsonReader.h"
+#include "Logging_p.h"
 
 #include <QDebug>
 #include <QDir>
@@ -38,10 +39,10 @@ void logRejectedRecord(const QJsonObject &object)
 {
     const QByteArray json = QJsonDocument(object).toJson(QJsonDocument::Indented);
     if (json.size() <= MaxLoggedRecordBytes) {
-        qWarning().noquote() << QString::fromUtf8(json);
+        qCWarning(hvDevicesLog).noquote() << QString::fromUtf8(json);
         return;
     }
-    qWarning().noquote() << QString::fromUtf8(json.left(MaxLoggedRecordBytes)) << "... (cut, the record has"
+    qCWarning(hvDevicesLog).noquote() << QString::fromUtf8(json.left(MaxLoggedRecordBytes)) << "... (cut, the record has"
                          << json.size() << "bytes)";
 }
 
@@ -102,7 +103,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
     const JsonReader reader(object, QString(), errorList);
     const VersionNumber version = VersionNumber::fromString(reader.readString(QStringLiteral("version")));
     if (reader.hasErrors() || version.major > 1) {
-        qWarning() << "Unsupported os image: version=" << version << ", expected" << currentVersion();
+        qCWarning(hvDevicesLog) << "Unsupported os image: version=" << version << ", expected" << currentVersion();
         return OsImage();
     }
 
@@ -132,7 +133,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
         if (isByteCount(size.toDouble()))
             image.imageSizeBytes = qint64(size.toDouble());
         else
-            qWarning() << "Invalid image_size_bytes of os image" << image.uuid << ":" << size.toDouble()
+            qCWarning(hvDevicesLog) << "Invalid image_size_bytes of os image" << image.uuid << ":" << size.toDouble()
                        << "is not a whole number of bytes";
     }
     image.imageHash = reader.readString(QStringLiteral("image_hash"));
@@ -142,7 +143,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
     if (reader.hasErrors()) {
         logRejectedRecord(object);
         for (const QString &error : qAsConst(*errorList))
-            qWarning() << "Error in field" << error;
+            qCWarning(hvDevicesLog) << "Error in field" << error;
         return OsImage();
     }
 
@@ -176,7 +177,7 @@ QList<OsImage> OsImageIO::loadFromDirectory(const QString &dir)
         const QString path = dir + QLatin1Char('/') + entry;
         const OsImage image = loadFromFile(path, HwProfile::Source::USER);
         if (!image.isValid()) {
-            qWarning() << "Invalid OsImage in" << path;
+            qCWarning(hvDevicesLog) << "Invalid OsImage in" << path;
             continue;
         }
         images.append(image);
@@ -200,7 +201,7 @@ bool OsImageIO::migrateV1_0ToV1_1(const QString &text, OsImage *image)
         return false;
     // The caller passes the device's name as text, so the two names sit in
     // each other's places in this sentence; the wording is kept as it is.
-    qDebug().noquote() << QStringLiteral("Migrating OsImage %1 of device %2 from 1.0.0 to 1.1.0").arg(text, image->name);
+    qCDebug(hvDevicesLog).noquote() << QStringLiteral("Migrating OsImage %1 of device %2 from 1.0.0 to 1.1.0").arg(text, image->name);
     if (image->arch.isEmpty())
         image->arch = image->osVersion >= VersionNumber(11, 0, 0) ? QStringLiteral("x86_64") : QStringLiteral("x86");
     image->version = VersionNumber(1, 1, 0);

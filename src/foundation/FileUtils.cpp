@@ -1,5 +1,6 @@
 #include "FileUtils.h"
 
+#include "Logging_p.h"
 #include "TriggerError.h"
 
 #include <QDebug>
@@ -30,7 +31,7 @@ int tightenEntry(const char *path, const struct stat *st, int type, struct FTW *
     if (type == FTW_SL || type == FTW_SLN || type == FTW_NS || (st->st_mode & 077) == 0)
         return 0;
     if (::chmod(path, st->st_mode & 07700) != 0) {
-        qWarning() << "Failed to restrict access to" << QFile::decodeName(path) << ":" << std::strerror(errno);
+        qCWarning(hvFoundationLog) << "Failed to restrict access to" << QFile::decodeName(path) << ":" << std::strerror(errno);
         return 0;
     }
     ++g_tightened;
@@ -56,13 +57,13 @@ bool FileUtils::copyDirectory(const QString &src, const QString &dst)
                                 QDir::Unsorted);
         for (const QString &name : names) {
             if (!copyDirectory(src + QLatin1Char('/') + name, dst + QLatin1Char('/') + name)) {
-                qCritical() << "Failed to copy" << name << "from" << src << "to" << dst;
+                qCCritical(hvFoundationLog) << "Failed to copy" << name << "from" << src << "to" << dst;
                 return false;
             }
         }
         return true;
     }
-    qCritical() << "Failed to copy" << src << ". It's not a file nor a dir";
+    qCCritical(hvFoundationLog) << "Failed to copy" << src << ". It's not a file nor a dir";
     return false;
 }
 
@@ -70,12 +71,12 @@ QByteArray FileUtils::loadFile(const QString &path)
 {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        qWarning() << "Failed to open" << path << file.errorString();
+        qCWarning(hvFoundationLog) << "Failed to open" << path << file.errorString();
         return QByteArray();
     }
     const QByteArray content = file.readAll();
     if (file.error() != QFileDevice::NoError) {
-        qWarning() << "Failed to read" << path << file.errorString();
+        qCWarning(hvFoundationLog) << "Failed to read" << path << file.errorString();
         return QByteArray();
     }
     return content;
@@ -86,7 +87,7 @@ QJsonDocument FileUtils::loadJson(const QString &path)
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(loadFile(path), &error);
     if (error.error != QJsonParseError::NoError) {
-        qWarning() << "Failed to read json from" << path << error.errorString();
+        qCWarning(hvFoundationLog) << "Failed to read json from" << path << error.errorString();
         return QJsonDocument();
     }
     return document;
@@ -146,7 +147,7 @@ bool FileUtils::saveFile(const QString &path, const QByteArray &content)
                                              + QStringLiteral(".XXXXXX"));
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) {
-        qCritical() << "Failed to write" << path << ":" << std::strerror(errno);
+        qCCritical(hvFoundationLog) << "Failed to write" << path << ":" << std::strerror(errno);
         return false;
     }
     bool written = ::fchmod(fd, S_IRUSR | S_IWUSR) == 0 && writeAll(fd, content) && ::fsync(fd) == 0;
@@ -161,14 +162,14 @@ bool FileUtils::saveFile(const QString &path, const QByteArray &content)
     }
     if (!written) {
         ::unlink(temporary.constData());
-        qCritical() << "Failed to write" << path << ":" << std::strerror(error);
+        qCCritical(hvFoundationLog) << "Failed to write" << path << ":" << std::strerror(error);
         return false;
     }
     // The rename itself lives in the directory: without this the new name
     // may not survive a power cut even though the data did. The new file is
     // in place either way, and every reader sees it.
     if (!flushToDisk(info.absolutePath()))
-        qWarning() << "Wrote" << path << "but failed to flush its directory:" << std::strerror(errno)
+        qCWarning(hvFoundationLog) << "Wrote" << path << "but failed to flush its directory:" << std::strerror(errno)
                    << "; a power cut may still bring back the old file";
     return true;
 }
@@ -202,11 +203,11 @@ int FileUtils::makePrivate(const QString &dir)
     QMutexLocker lock(&mutex);
     g_tightened = 0;
     if (::nftw(QFile::encodeName(dir).constData(), tightenEntry, 16, FTW_PHYS) != 0) {
-        qWarning() << "Failed to walk" << dir << ":" << std::strerror(errno);
+        qCWarning(hvFoundationLog) << "Failed to walk" << dir << ":" << std::strerror(errno);
         return -1;
     }
     if (g_tightened > 0)
-        qInfo() << "Restricted access to" << dir << ":" << g_tightened
+        qCInfo(hvFoundationLog) << "Restricted access to" << dir << ":" << g_tightened
                 << "entries were open to other users; they are now the owner's only";
     return g_tightened;
 }

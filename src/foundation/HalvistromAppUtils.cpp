@@ -1,6 +1,7 @@
 #include "HalvistromAppUtils.h"
 
 #include "EnvVars.h"
+#include "Logging_p.h"
 #include "VersionUtils.h"
 
 #include <QCoreApplication>
@@ -46,7 +47,7 @@ void HalvistromAppUtils::setup(HalvistromApp app)
     QString version = QString::fromLatin1(kProductVersion);
     if (qEnvironmentVariableIsSet("HV_SOFT_VERSION")) {
         const QString override = QString::fromUtf8(EnvVars::getByteArray("HV_SOFT_VERSION"));
-        qWarning() << "Override Halvistrom version from" << version << "to" << override;
+        qCWarning(hvFoundationLog) << "Override Halvistrom version from" << version << "to" << override;
         version = override;
     }
     QCoreApplication::setApplicationVersion(version);

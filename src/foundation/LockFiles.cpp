@@ -1,5 +1,7 @@
 #include "LockFiles.h"
 
+#include "Logging_p.h"
+
 #include <QDateTime>
 #include <QDebug>
 #include <QDeadlineTimer>
@@ -164,7 +166,7 @@ CommandLock::Result CommandLock::acquire(const QString &path, const QString &com
             if (isStillAt(fd, name)) {
                 m_fd = fd;
                 if (!writeHolder(fd, command))
-                    qWarning() << "Failed to record the holder of" << path << ":" << std::strerror(errno);
+                    qCWarning(hvFoundationLog) << "Failed to record the holder of" << path << ":" << std::strerror(errno);
                 return Taken;
             }
             ::close(fd);
@@ -189,7 +191,7 @@ void CommandLock::release()
         return;
     // Emptied while still held: a waiter never reads a holder that is gone.
     if (::ftruncate(m_fd, 0) != 0)
-        qWarning() << "Failed to clear a command lock:" << std::strerror(errno);
+        qCWarning(hvFoundationLog) << "Failed to clear a command lock:" << std::strerror(errno);
     ::close(m_fd);
     m_fd = -1;
 }

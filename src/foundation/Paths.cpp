@@ -3,6 +3,7 @@
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "HalvistromAppUtils.h"
+#include "Logging_p.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -45,7 +46,7 @@ Paths::PathInfo computeLayout()
     // sockets: every directory of it is made for the owner alone.
     for (const QString &dir : created) {
         if (!FileUtils::makeDirectory(dir))
-            qCritical() << "Failed to create" << dir << "things may go wrong";
+            qCCritical(hvFoundationLog) << "Failed to create" << dir << "things may go wrong";
     }
     // A tree made by an older program (or under a wide umask) is closed once;
     // the marker saves every later start a walk of every device's files.
@@ -107,7 +108,7 @@ QString Paths::getTemporaryDirPath()
     const QString dir = info().halvistromPath + QStringLiteral("/tmp/");
     if (FileUtils::makeDirectory(dir))
         return dir;
-    qWarning() << "QString Paths::getTemporaryDirPath()"
+    qCWarning(hvFoundationLog) << "QString Paths::getTemporaryDirPath()"
                << "Failed to create" << dir << ". Falling back to QDir::tempPath()";
     return QDir::tempPath();
 }

@@ -1,6 +1,7 @@
 #include "Urls.h"
 
 #include "EnvVars.h"
+#include "Logging_p.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -72,7 +73,7 @@ QString Urls::getBaseUrlString(const char *variable, const char *defaultUrl)
     if (url.scheme().isEmpty())
         qFatal("Missing URL scheme in %s from %s", raw.constData(), variable);
     if (url.scheme() != QLatin1String("https"))
-        qWarning() << "Using insecure URL" << url.toString();
+        qCWarning(hvFoundationLog) << "Using insecure URL" << url.toString();
     return url.toString();
 }
 

@@ -1,5 +1,7 @@
 #include "VersionNumber.h"
 
+#include "Logging_p.h"
+
 #include <QDebug>
 #include <QStringList>
 
@@ -67,7 +69,7 @@ QString VersionNumber::toString() const
     case Release:
         return build != 0 ? text + QStringLiteral(".%1").arg(build) : text;
     case Unknown:
-        qCritical() << "Unknown patch status.";
+        qCCritical(hvFoundationLog) << "Unknown patch status.";
         return text + QStringLiteral("-unknown");
     default:
         return text;

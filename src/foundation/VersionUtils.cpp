@@ -1,5 +1,7 @@
 #include "VersionUtils.h"
 
+#include "Logging_p.h"
+
 #include <QDebug>
 
 #include <map>
@@ -23,7 +25,7 @@ int androidVersionToApi(const VersionNumber &v)
     const bool tooOld = v.major < 2 || (v.major == 2 && v.minor < 3) || (v.major == 2 && v.minor == 3 && v.patch < 0)
         || (v.major == 2 && v.minor == 3 && v.patch == 0 && stageSum < 0);
     if (tooOld) {
-        qCritical() << "Invalid version" << v;
+        qCCritical(hvFoundationLog) << "Invalid version" << v;
         return 0;
     }
     if (v.major == 2 && v.minor == 3)
@@ -43,7 +45,7 @@ int androidVersionToApi(const VersionNumber &v)
     if (it != table.end())
         return it->second;
 
-    qWarning() << "Unknown Android version:" << v << ". Assuming this version uses the next API level.";
+    qCWarning(hvFoundationLog) << "Unknown Android version:" << v << ". Assuming this version uses the next API level.";
     return kHighestKnownApi + 1;
 }
 

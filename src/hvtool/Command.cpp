@@ -6,6 +6,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QTextStream>
@@ -164,6 +165,9 @@ QStringList recentLibraryProblems()
 void installLogHandler(bool verbose)
 {
     logState().verbose = verbose;
+    // The library logs its progress at debug level, off unless asked for.
+    if (verbose)
+        QLoggingCategory::setFilterRules(QStringLiteral("halvistrom.*.debug=true"));
     qInstallMessageHandler(logHandler);
 }
 

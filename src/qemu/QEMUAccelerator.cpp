@@ -4,6 +4,7 @@
 #include "FileUtils.h"
 #include "QEMUErrorDiagnosis.h"
 #include "QEMUHostCache_p.h"
+#include "QEMULogging_p.h"
 #include "QEMUOptionSet.h"
 
 #include <QDeadlineTimer>
@@ -172,7 +173,7 @@ void QEMUAccelerator::recordVerdict(const Verdict &verdict) const
     if (verdict.state == Verdict::Unknown)
         return;
     const bool runs = verdict.state == Verdict::Runs;
-    qInfo().noquote() << "[VMTools]" << (runs ? QStringLiteral("KVM runs guests on this host")
+    qCInfo(hvQemuLog).noquote() << "[VMTools]" << (runs ? QStringLiteral("KVM runs guests on this host")
                                               : QStringLiteral("KVM cannot run guests on this host: ") + verdict.reason);
     QEMUHostCache::store(QLatin1String(kCacheFile), m_emulator,
                          QJsonObject{{QStringLiteral("key"), hostKey(m_emulator)},
@@ -214,7 +215,7 @@ QEMUAccelerator::Verdict QEMUAccelerator::probe() const
         qemu.waitForFinished(5000);
         if (!failure.isEmpty())
             return verdictOf(Verdict::Fails, failure);
-        qWarning().noquote() << "[VMTools]"
+        qCWarning(hvQemuLog).noquote() << "[VMTools]"
                              << QStringLiteral("The KVM probe did not finish within %1 s; it was stopped")
                                     .arg(probeTimeoutMs() / 1000.0);
         return verdictOf(Verdict::Unknown,

@@ -1,6 +1,7 @@
 #include "QEMUClient.h"
 
 #include "QEMULaunch_p.h"
+#include "QEMULogging_p.h"
 #include "QmpFraming_p.h"
 #include "QmpProtocol_p.h"
 
@@ -91,7 +92,7 @@ bool QEMUClient::isSocketPathUsable() const
     // could name another socket: refuse it rather than connect.
     if (QFile::encodeName(m_socketPath).size() <= QEMULaunch::kMaxSocketPathBytes)
         return true;
-    qCritical() << Tag << "QEMUClient: socket path too long" << m_socketPath;
+    qCCritical(hvQmpLog) << Tag << "QEMUClient: socket path too long" << m_socketPath;
     return false;
 }
 
@@ -101,7 +102,7 @@ void QEMUClient::onSocketError()
 {
     if (m_quiet)
         return;
-    qWarning() << Tag << "QEMUClient: unexpected error" << m_socket->errorString();
+    qCWarning(hvQmpLog) << Tag << "QEMUClient: unexpected error" << m_socket->errorString();
 }
 
 void QEMUClient::drainSocket()
@@ -117,7 +118,10 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
     drainSocket();
     QmpLineFramer::Status status = m_framer->takeLine(&greeting);
     if (status == QmpLineFramer::Status::Incomplete) {
-        if (!m_socket->waitForReadyRead(timeoutMs))
+        // A blocking wait that runs out leaves the socket with a time-out
+        // error, which the socket reports as a failure: a caller that waits
+        // in an event loop of its own asks for no wait at all.
+        if (timeoutMs <= 0 || !m_socket->waitForReadyRead(timeoutMs))
             return true;
         drainSocket();
         status = m_framer->takeLine(&greeting);
@@ -126,7 +130,7 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
     }
     if (status == QmpLineFramer::Status::Overlong) {
         m_lastError = QStringLiteral("a greeting %1").arg(overlongReason(*m_framer));
-        qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
+        qCCritical(hvQmpLog) << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
         return false;
     }
     QJsonObject message;
@@ -136,7 +140,7 @@ bool QEMUClient::readGreeting(int timeoutMs, bool *greeted)
         // from a broken emulator.
         m_lastError = QStringLiteral("it greeted with \"%1\"")
                           .arg(QString::fromUtf8(greeting.left(60)).replace(QRegularExpression("[^ -~]"), "?"));
-        qCritical() << Tag << "QEMUClient: bad message during initialization";
+        qCCritical(hvQmpLog) << Tag << "QEMUClient: bad message during initialization";
         return false;
     }
     *greeted = true;
@@ -150,7 +154,7 @@ bool QEMUClient::init()
     m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
     if (!m_socket->waitForConnected(ConnectTimeoutMs)) {
         // Going on would only wait for a greeting that cannot come.
-        qCritical() << Tag << "QEMUClient: connection timeout";
+        qCCritical(hvQmpLog) << Tag << "QEMUClient: connection timeout";
         return false;
     }
 
@@ -169,15 +173,15 @@ bool QEMUClient::init()
         connect(m_socket, &QIODevice::readyRead, &loop, &QEventLoop::quit);
         QTimer::singleShot(qMax<qint64>(0, deadline.remainingTime()), &loop, [&loop] { loop.exit(1); });
         if (loop.exec() != 0) {
-            qCritical() << Tag << "QEMUClient: timeout during initialization";
+            qCCritical(hvQmpLog) << Tag << "QEMUClient: timeout during initialization";
             return false;
         }
     }
 
-    qDebug() << Tag << "QEMUClient: enabling QMP capabilities";
+    qCDebug(hvQmpLog) << Tag << "QEMUClient: enabling QMP capabilities";
     if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
               ResponseRequired)) {
-        qWarning() << Tag << "QEMUClient: failed to enable QMP capabilities";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to enable QMP capabilities";
         return false;
     }
     return true;
@@ -188,44 +192,47 @@ bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, 
 {
     *silent = false;
     if (m_socket->state() != QLocalSocket::ConnectedState) {
-        qCritical() << Tag << "QEMUClient: not connected";
+        qCCritical(hvQmpLog) << Tag << "QEMUClient: not connected";
         return false;
     }
 
     const QByteArray bytes = QmpProtocol::encodeCommand(command);
-    qDebug() << Tag << "QEMUClient: request" << bytes;
+    qCDebug(hvQmpLog) << Tag << "QEMUClient: request" << bytes;
     if (m_socket->write(bytes) == -1) {
-        qCritical() << Tag << "QEMUClient: failed to write message to QMP socket";
+        qCCritical(hvQmpLog) << Tag << "QEMUClient: failed to write message to QMP socket";
         return false;
     }
     m_socket->flush();
+    return readReply(timeoutMs, policy, reply, silent);
+}
 
+bool QEMUClient::readReply(int timeoutMs, ResponsePolicy policy, QJsonObject *reply, bool *silent)
+{
     for (;;) {
         QByteArray line;
         const QmpLineFramer::Status status = m_framer->takeLine(&line);
         if (status == QmpLineFramer::Status::Incomplete) {
             if (!m_socket->waitForReadyRead(timeoutMs)) {
                 if (policy == ResponseOptional) {
-                    qDebug() << Tag << "QEMUClient: did not received response from QMP but it's expected.";
+                    qCDebug(hvQmpLog) << Tag << "QEMUClient: did not received response from QMP but it's expected.";
                     *silent = true;
-                    return true;
                 }
-                // Nothing usable came: the empty reply fails in the caller.
+                // Otherwise nothing usable came: the empty reply fails in the caller.
                 return true;
             }
             drainSocket();
             continue;
         }
         if (status == QmpLineFramer::Status::Overlong) {
-            qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
+            qCCritical(hvQmpLog) << Tag << "QEMUClient: failed to parse response as JSON" << overlongReason(*m_framer);
             return false;
         }
 
-        qDebug() << Tag << "QEMUClient: response" << line;
+        qCDebug(hvQmpLog) << Tag << "QEMUClient: response" << line;
         QJsonObject message;
         QString error;
         if (!QmpProtocol::parseMessage(line, &message, &error)) {
-            qCritical() << Tag << "QEMUClient: failed to parse response as JSON" << error;
+            qCCritical(hvQmpLog) << Tag << "QEMUClient: failed to parse response as JSON" << error;
             return false;
         }
         if (QmpProtocol::isEvent(message))
@@ -246,7 +253,7 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
         return true;
 
     if (!reply.contains(QLatin1String("return"))) {
-        qDebug() << Tag << "QEMUClient: error returned from QMP" << reply.value(QLatin1String("error"));
+        qCDebug(hvQmpLog) << Tag << "QEMUClient: error returned from QMP" << reply.value(QLatin1String("error"));
         return false;
     }
     const QJsonValue returned = reply.value(QLatin1String("return"));
@@ -254,7 +261,7 @@ bool QEMUClient::exec(const QMap<QString, QVariant> &command, const QVariant &ex
     if (!expected.isNull()) {
         const QJsonValue wanted = QJsonValue::fromVariant(expected);
         if (returned != wanted) {
-            qCritical() << Tag << "QEMUClient: QEMU returned" << returned << "while we expected" << wanted;
+            qCCritical(hvQmpLog) << Tag << "QEMUClient: QEMU returned" << returned << "while we expected" << wanted;
             return false;
         }
     }
@@ -269,68 +276,64 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
     // A refused or dropped connection is the normal state of an emulator
     // that has not opened its monitor yet.
     m_quiet = true;
-    bool greeted = false;
-    bool capable = false;
+    Probe probe;
     Readiness outcome = Readiness::TimedOut;
     for (;;) {
         if (!alive()) {
             outcome = Readiness::ProcessEnded;
             break;
         }
-        if (deadline.hasExpired())
+        if (deadline.hasExpired() || probeOnce(&probe, &outcome))
             break;
-        if (m_socket->state() != QLocalSocket::ConnectedState) {
-            m_socket->abort();
-            m_framer.reset(new QmpLineFramer);
-            greeted = capable = false;
-            // Until the emulator has bound its socket the path is missing
-            // (or names the socket of an emulator that ended): retry.
-            m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
-            if (!m_socket->waitForConnected(ProbeSliceMs)) {
-                m_socket->abort();
-                QThread::msleep(ProbeRetryMs);
-            }
-            continue;
-        }
-        if (!greeted) {
-            // The emulator accepts connections before it serves them (while
-            // it loads a snapshot, say): wait in slices, asking alive between.
-            if (!readGreeting(ProbeSliceMs, &greeted)) {
-                outcome = Readiness::NotQmp;
-                break;
-            }
-            continue;
-        }
-        if (!capable) {
-            if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
-                      ResponseRequired)) {
-                m_socket->abort();
-                continue;
-            }
-            capable = true;
-        }
-        QJsonObject reply;
-        bool silent = false;
-        if (!request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
-                     &silent)) {
-            m_socket->abort();
-            continue;
-        }
-        const QJsonObject status = reply.value(QLatin1String("return")).toObject();
-        if (status.value(QLatin1String("running")).toBool()) {
-            outcome = Readiness::Running;
-            break;
-        }
-        // KVM stopped the guest for good: asking again would only wait for
-        // the time-out.
-        if (status.value(QLatin1String("status")).toString() == QLatin1String("internal-error")) {
-            outcome = Readiness::InternalError;
-            break;
-        }
-        QThread::msleep(ProbeRetryMs);
     }
     m_quiet = false;
     return outcome;
+}
+
+bool QEMUClient::probeOnce(Probe *probe, Readiness *outcome)
+{
+    if (m_socket->state() != QLocalSocket::ConnectedState) {
+        m_socket->abort();
+        m_framer.reset(new QmpLineFramer);
+        *probe = Probe();
+        // Until the emulator has bound its socket the path is missing (or
+        // names the socket of an emulator that ended): retry.
+        m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
+        if (!m_socket->waitForConnected(ProbeSliceMs)) {
+            m_socket->abort();
+            QThread::msleep(ProbeRetryMs);
+        }
+        return false;
+    }
+    if (!probe->greeted) {
+        // The emulator accepts connections before it serves them (while it
+        // loads a snapshot, say): wait in slices, asking alive between.
+        if (readGreeting(ProbeSliceMs, &probe->greeted))
+            return false;
+        *outcome = Readiness::NotQmp;
+        return true;
+    }
+    if (!probe->capable)
+        probe->capable = exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
+                              ResponseRequired);
+    QJsonObject reply;
+    bool silent = false;
+    if (!probe->capable
+        || !request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                    &silent)) {
+        m_socket->abort();
+        return false;
+    }
+    const QJsonObject status = reply.value(QLatin1String("return")).toObject();
+    // KVM stopped the guest for good: asking again would only wait for the
+    // time-out.
+    if (status.value(QLatin1String("running")).toBool())
+        *outcome = Readiness::Running;
+    else if (status.value(QLatin1String("status")).toString() == QLatin1String("internal-error"))
+        *outcome = Readiness::InternalError;
+    else
+        QThread::msleep(ProbeRetryMs);
+    return *outcome != Readiness::TimedOut;
 }
 
 QString QEMUClient::queryRunState()
@@ -378,11 +381,14 @@ bool QEMUClient::execQuit()
 {
     if (!init())
         return false;
-    qDebug() << Tag << "QEMUClient: sending quit command";
-    // The emulator may close the connection before it answers.
+    qCDebug(hvQmpLog) << Tag << "QEMUClient: sending quit command";
+    // The emulator may close the connection before it answers: the end of
+    // the connection is the answer then, not a socket failure.
+    m_quiet = true;
     const bool ok = exec(plainCommand(QStringLiteral("quit")), QVariant(), QuitTimeoutMs, ResponseOptional);
+    m_quiet = false;
     if (!ok)
-        qWarning() << Tag << "QEMUClient: failed to quit";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to quit";
     return ok;
 }
 
@@ -393,16 +399,16 @@ bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared, bool l
     // The monitor's save resumes a guest that ran before it: a guest paused
     // first stays paused.
     if (leavePaused && !exec(plainCommand(QStringLiteral("stop")), QVariant(), PauseTimeoutMs, ResponseRequired)) {
-        qWarning() << Tag << "QEMUClient: failed to pause the guest before saving";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to pause the guest before saving";
         return false;
     }
     bool ok = !unplugShared || unplugSharedDrive();
     if (ok) {
-        qDebug() << Tag << "QEMUClient: saving snapshot";
+        qCDebug(hvQmpLog) << Tag << "QEMUClient: saving snapshot";
         ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
                   SaveSnapshotTimeoutMs, ResponseRequired);
         if (!ok)
-            qWarning() << Tag << "QEMUClient: failed to save snapshot";
+            qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to save snapshot";
     }
     if (!ok && leavePaused)
         exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
@@ -415,25 +421,25 @@ bool QEMUClient::execContinue()
         return false;
     const bool ok = exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
     if (!ok)
-        qWarning() << Tag << "QEMUClient: failed to resume the guest";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to resume the guest";
     return ok;
 }
 
 bool QEMUClient::unplugSharedDrive()
 {
-    qDebug() << Tag << "QEMUClient: unplugging shared folder";
+    qCDebug(hvQmpLog) << Tag << "QEMUClient: unplugging shared folder";
     // A drive that is already gone (an earlier save went that far) counts as
     // detached.
     if (!exec(humanMonitorCommand(QStringLiteral("drive_del shared")), QVariant(), UnplugTimeoutMs,
               ResponseRequired)) {
-        qWarning() << Tag << "QEMUClient: failed to unplug shared folder";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to unplug shared folder";
         return false;
     }
     const QString answer = m_lastReturn.toString();
     if (answer.contains(QLatin1String("not found"), Qt::CaseInsensitive)) {
-        qDebug() << Tag << "QEMUClient: shared folder already unplugged";
+        qCDebug(hvQmpLog) << Tag << "QEMUClient: shared folder already unplugged";
     } else if (!m_lastReturn.isString() || !answer.isEmpty()) {
-        qWarning() << Tag << "QEMUClient: failed to unplug shared folder:" << m_lastReturn;
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to unplug shared folder:" << m_lastReturn;
         return false;
     }
     m_detachedShared = true;
@@ -446,11 +452,11 @@ bool QEMUClient::execLoadSnapshot(const QString &name, bool unplugShared)
         return false;
     if (unplugShared && !unplugSharedDrive())
         return false;
-    qDebug() << Tag << "QEMUClient: loading snapshot";
+    qCDebug(hvQmpLog) << Tag << "QEMUClient: loading snapshot";
     // Loading reads the whole saved guest memory back, as saving wrote it.
     const bool ok = exec(humanMonitorCommand(QStringLiteral("loadvm %1").arg(name)), emptyMonitorAnswer(),
                          SaveSnapshotTimeoutMs, ResponseRequired);
     if (!ok)
-        qWarning() << Tag << "QEMUClient: failed to load snapshot";
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to load snapshot";
     return ok;
 }

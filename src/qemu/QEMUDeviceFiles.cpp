@@ -2,6 +2,7 @@
 
 #include "FileUtils.h"
 #include "Paths.h"
+#include "QEMULogging_p.h"
 
 #include <QCryptographicHash>
 #include <QDebug>
@@ -31,16 +32,16 @@ bool makePrivateDirectory(const QString &dir)
 {
     const QByteArray path = QFile::encodeName(dir);
     if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
-        qCritical() << "[VMTools]" << "Failed to create directory" << dir << ":" << std::strerror(errno);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create directory" << dir << ":" << std::strerror(errno);
         return false;
     }
     struct stat st;
     if (::lstat(path.constData(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != ::getuid()) {
-        qCritical() << "[VMTools]" << "Refusing" << dir << ": not a directory of this user's";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Refusing" << dir << ": not a directory of this user's";
         return false;
     }
     if ((st.st_mode & 077) != 0 && ::chmod(path.constData(), 0700) != 0) {
-        qCritical() << "[VMTools]" << "Failed to close" << dir << ":" << std::strerror(errno);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to close" << dir << ":" << std::strerror(errno);
         return false;
     }
     return true;

@@ -3,8 +3,10 @@
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMUErrorDiagnosis.h"
 #include "QEMUHostCache_p.h"
 #include "Paths.h"
+#include "QEMULogging_p.h"
 #include "TriggerError.h"
 #include "Urls.h"
 #include "VMToolsCommon.h"
@@ -51,6 +53,14 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
                          QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
 }
 
+// Each question about an emulator's error output is logged, then answered
+// from the whole file.
+QEMUErrorDiagnosis::Code classifyFor(const QString &logPath, const char *question)
+{
+    qCDebug(hvQemuLog).noquote() << "[VMTools]" << QStringLiteral("Checking if %1...").arg(QLatin1String(question));
+    return QEMUErrorDiagnosis::classify(logPath);
+}
+
 } // namespace
 
 QEMUEngine::QEMUEngine()
@@ -71,7 +81,7 @@ QEMUEngine::QEMUEngine()
     firmware.cd(QStringLiteral("qemu"));
     m_firmwareDirPath = firmware.absolutePath();
 
-    qDebug() << "[VMTools]" << "QEMU path:" << m_qemuSystemBinaryPath;
+    qCDebug(hvQemuLog) << "[VMTools]" << "QEMU path:" << m_qemuSystemBinaryPath;
 }
 
 QEMUEngine::~QEMUEngine() = default;
@@ -177,7 +187,7 @@ VMToolsEngine::InitResult QEMUEngine::initialize(InitMode mode)
     if (missing.isEmpty())
         return InitResult(0, QString());
 
-    qWarning() << "[VMTools]" << "Could not find" << missing;
+    qCWarning(hvQemuLog) << "[VMTools]" << "Could not find" << missing;
     const QString link = Urls::getLinkForUrl(Urls::getDownloadUrl(), QString());
     return InitResult(1, QCoreApplication::translate("QEMUEngine", "install.error.%1.%2").arg(missing, link));
 }
@@ -212,18 +222,18 @@ void QEMUEngine::initVersionString()
     const QString cached = cachedVersion(m_qemuSystemBinaryPath, identity);
     if (!cached.isEmpty()) {
         m_versionString = cached;
-        qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+        qCDebug(hvQemuLog) << "[VMTools]" << "QEMU version string :" << m_versionString;
         return;
     }
     const VMToolsCommon::CallResult result =
         VMToolsCommon::call(m_qemuSystemBinaryPath, {QStringLiteral("--version")});
     // A program that did not run to its end (missing, hung) printed no version.
     if (!result.finished || result.returnCode != 0) {
-        qCritical() << "[VMTools]" << m_qemuSystemBinaryPath << "--version failed.";
+        qCCritical(hvQemuLog) << "[VMTools]" << m_qemuSystemBinaryPath << "--version failed.";
         return;
     }
     m_versionString = parseVersion(result.output);
-    qDebug() << "[VMTools]" << "QEMU version string :" << m_versionString;
+    qCDebug(hvQemuLog) << "[VMTools]" << "QEMU version string :" << m_versionString;
     storeVersion(m_qemuSystemBinaryPath, identity, m_versionString);
 }
 
@@ -240,4 +250,26 @@ QString QEMUEngine::getQemuImgBinaryPath() const
 QString QEMUEngine::getFirmwareDirPath() const
 {
     return m_firmwareDirPath;
+}
+
+bool QEMUEngine::isResourceBusy(const QString &logPath) const
+{
+    return classifyFor(logPath, "device or resource is busy") == QEMUErrorDiagnosis::Code::ResourceBusy;
+}
+
+bool QEMUEngine::isSystemFileUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using a system file of QEMU")
+        == QEMUErrorDiagnosis::Code::SystemFileLocked;
+}
+
+bool QEMUEngine::isPortUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using the port of QEMU") == QEMUErrorDiagnosis::Code::PortTaken;
+}
+
+bool QEMUEngine::isMemorySupported(const QString &logPath) const
+{
+    return classifyFor(logPath, "memory size not supported on machine")
+        != QEMUErrorDiagnosis::Code::MemoryNotSupported;
 }

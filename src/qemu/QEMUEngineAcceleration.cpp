@@ -4,6 +4,7 @@
 
 #include "QEMUAudio.h"
 #include "QEMULaunch_p.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 #include "Settings.h"
 
@@ -53,14 +54,14 @@ bool QEMUEngine::chooseHostSetup(const QString &accelerator, QEMULaunch::Request
     for (const QString &refusal : {processor.accelerator.isEmpty() ? processor.note : QString(),
                                    audio.backend.isEmpty() ? audio.note : QString()}) {
         if (!refusal.isEmpty()) {
-            qCritical().noquote() << "[VMTools]" << refusal;
+            qCCritical(hvQemuLog).noquote() << "[VMTools]" << refusal;
             return false;
         }
     }
     if (!processor.note.isEmpty() && !m_startNotes.contains(processor.note))
         m_startNotes << processor.note;
     if (!audio.note.isEmpty())
-        qInfo().noquote() << "[VMTools]" << "No sound:" << audio.note;
+        qCInfo(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
     request->accelerator = processor.accelerator;
     request->cpuModel = processor.cpuModel;
     request->audioBackend = audio.backend;
@@ -89,7 +90,7 @@ int QEMUEngine::restartAfterKvmFailure(VMToolsMachine *machine)
     const QString failure = qemuMachine->kvmFailure();
     if (failure.isEmpty())
         return 0;
-    qWarning().noquote() << "[VMTools]" << "KVM stopped the guest of" << machine->getName() << ":" << failure;
+    qCWarning(hvQemuLog).noquote() << "[VMTools]" << "KVM stopped the guest of" << machine->getName() << ":" << failure;
     qemuMachine->forceStop();
     m_startNotes.clear();
     return fallBackToTcg(machine, failure);

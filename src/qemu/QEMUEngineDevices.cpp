@@ -9,6 +9,7 @@
 #include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 
 #include <QDebug>
@@ -114,7 +115,7 @@ int QEMUEngine::createMachine(const QString &name, const OsImage &image, const H
 {
     QString why = recordRefusal(image, profile);
     if (!why.isEmpty()) {
-        qWarning().noquote() << "[VMTools]" << QStringLiteral("Refusing to create device \"%1\": %2").arg(name, why);
+        qCWarning(hvQemuLog).noquote() << "[VMTools]" << QStringLiteral("Refusing to create device \"%1\": %2").arg(name, why);
         if (error)
             *error = why;
         return 1;

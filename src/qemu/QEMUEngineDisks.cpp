@@ -5,6 +5,7 @@
 
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMULogging_p.h"
 #include "QEMUSnapshotTable.h"
 #include "VMToolsCommon.h"
 #include "VMToolsMachine.h"
@@ -46,7 +47,7 @@ QString diskInDirectory(const QString &directory, const QString &name)
 bool QEMUEngine::createDisk(const QFileInfo &backing, const QFileInfo &target) const
 {
     if (!backing.exists()) {
-        qWarning() << "[VMTools]" << "Backing disk file not found:" << backing.absoluteFilePath();
+        qCWarning(hvQemuLog) << "[VMTools]" << "Backing disk file not found:" << backing.absoluteFilePath();
         return false;
     }
     // The backing format is always given: the tool refuses to guess it for
@@ -56,7 +57,7 @@ bool QEMUEngine::createDisk(const QFileInfo &backing, const QFileInfo &target) c
         {QStringLiteral("create"), QStringLiteral("-f"), QStringLiteral("qcow2"), QStringLiteral("-b"),
          backing.absoluteFilePath(), QStringLiteral("-F"), QStringLiteral("qcow2"), target.absoluteFilePath()});
     if (!succeeded(result) || !QFileInfo::exists(target.absoluteFilePath())) {
-        qCritical() << "[VMTools]" << "Failed to create disk" << target.absoluteFilePath() << "."
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create disk" << target.absoluteFilePath() << "."
                     << result.error.trimmed();
         return false;
     }
@@ -69,7 +70,7 @@ bool QEMUEngine::rebaseDisk(const QString &disk, const QString &backing) const
         m_qemuImgBinaryPath, {QStringLiteral("rebase"), QStringLiteral("-u"), QStringLiteral("-f"), QStringLiteral("qcow2"),
                               QStringLiteral("-b"), backing, QStringLiteral("-F"), QStringLiteral("qcow2"), disk});
     if (!succeeded(result)) {
-        qCritical() << "[VMTools]" << "Failed to rebase" << disk << "onto" << backing << "." << result.error.trimmed();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to rebase" << disk << "onto" << backing << "." << result.error.trimmed();
         return false;
     }
     return true;
@@ -78,7 +79,7 @@ bool QEMUEngine::rebaseDisk(const QString &disk, const QString &backing) const
 bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) const
 {
     if (!source.exists()) {
-        qWarning() << "[VMTools]" << "Disk file not found:" << source.absoluteFilePath();
+        qCWarning(hvQemuLog) << "[VMTools]" << "Disk file not found:" << source.absoluteFilePath();
         return false;
     }
     // The source format is always named: a guessed one would let a "vmdk"
@@ -86,7 +87,7 @@ bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) c
     const QString format = source.suffix().toLower();
     const QString refusal = inspectDisk(source.absoluteFilePath(), format);
     if (!refusal.isEmpty()) {
-        qCritical().noquote() << "[VMTools]" << "Refusing to convert" << refusal;
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "Refusing to convert" << refusal;
         return false;
     }
     // A reference disk is several gigabytes: its conversion gets the long
@@ -99,7 +100,7 @@ bool QEMUEngine::convertDisk(const QFileInfo &source, const QFileInfo &target) c
     // The source goes only when the converted image is complete: every device
     // made from it would break on a half-written one.
     if (!succeeded(result) || !QFileInfo::exists(target.absoluteFilePath())) {
-        qCritical() << "[VMTools]" << "Failed to convert" << source.absoluteFilePath() << "to"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to convert" << source.absoluteFilePath() << "to"
                     << target.absoluteFilePath() << "." << result.error.trimmed();
         return false;
     }
@@ -156,7 +157,7 @@ bool QEMUEngine::createSDCard(const QString &directory, long long sizeMiB) const
         m_qemuImgBinaryPath, {QStringLiteral("create"), QStringLiteral("-f"), QStringLiteral("qcow2"), file,
                               mebibytes(sizeMiB)});
     if (!succeeded(result)) {
-        qCritical() << "[VMTools]" << "Failed to create" << file << "." << result.error.trimmed();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create" << file << "." << result.error.trimmed();
         return false;
     }
     return true;
@@ -173,7 +174,7 @@ bool QEMUEngine::resizeDisk(const QString &path, long long size) const
                             {QStringLiteral("resize"), image.absoluteFilePath(), mebibytes(size)},
                             VMToolsCommon::LongTimeout);
     if (!succeeded(result)) {
-        qCritical() << "[VMTools]" << "Failed to resize" << image.absoluteFilePath() << "." << result.error.trimmed();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to resize" << image.absoluteFilePath() << "." << result.error.trimmed();
         return false;
     }
     return true;
@@ -183,7 +184,7 @@ bool QEMUEngine::copyDisk(const QString &source, const QString &destination) con
 {
     QString error;
     if (!FileUtils::copyFile(source, destination, &error)) {
-        qCritical() << "[VMTools]" << "Failed to copy" << source << "to" << destination << ":" << error;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to copy" << source << "to" << destination << ":" << error;
         return false;
     }
     return true;
@@ -195,7 +196,7 @@ bool QEMUEngine::deleteDisk(const QString &path) const
         return true;
     QFile file(path);
     if (!file.remove()) {
-        qCritical() << "[VMTools]" << "Failed to remove" << path << ":" << file.errorString();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << path << ":" << file.errorString();
         return false;
     }
     return true;
@@ -223,7 +224,7 @@ QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
     const VMToolsCommon::CallResult result = VMToolsCommon::call(
         m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-l"), QStringLiteral("-U"), disk});
     if (!succeeded(result)) {
-        qCritical() << "[VMTools]" << "Failed to list snapshots of" << disk;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to list snapshots of" << disk;
         return names;
     }
     // One snapshot per line, its number first; the header lines start with
@@ -234,7 +235,7 @@ QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
     QRegularExpressionMatchIterator it = line.globalMatch(result.output);
     while (it.hasNext()) {
         const QString name = it.next().captured(QStringLiteral("name"));
-        qDebug() << "[VMTools]" << "found snapshot" << name;
+        qCDebug(hvQemuLog) << "[VMTools]" << "found snapshot" << name;
         names.append(name);
     }
     return names;
@@ -245,7 +246,7 @@ bool QEMUEngine::deleteSnapshot(const QFileInfo &disk, const QString &name) cons
     const VMToolsCommon::CallResult result = VMToolsCommon::call(
         m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-d"), name, disk.absoluteFilePath()});
     if (!succeeded(result)) {
-        qCritical() << "[VMTools]" << "Failed to delete snapshot:" << name << disk.absoluteFilePath() << "."
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to delete snapshot:" << name << disk.absoluteFilePath() << "."
                     << result.error.trimmed();
         return false;
     }
@@ -255,7 +256,7 @@ bool QEMUEngine::deleteSnapshot(const QFileInfo &disk, const QString &name) cons
 bool QEMUEngine::deleteSnapshot(const VMToolsMachine *machine, const QString &name) const
 {
     if (!machine) {
-        qWarning() << "[VMTools]" << "Cannot delete snapshot" << name << "of no device";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete snapshot" << name << "of no device";
         return false;
     }
     if (!fetchSnapshotNames(machine).contains(name))

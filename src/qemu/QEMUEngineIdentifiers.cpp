@@ -1,6 +1,7 @@
 // The identity a device reports to its guest.
 #include "QEMUEngine.h"
 
+#include "QEMULogging_p.h"
 #include "VMToolsMachine.h"
 
 #include <QDebug>
@@ -15,11 +16,11 @@ const char kAndroidIdKey[] = "android_id";
 bool QEMUEngine::setMachineIdentifiers(VMToolsMachine *machine, const QString &serial, const QString &androidId)
 {
     if (!machine) {
-        qWarning() << "[VMTools]" << "Cannot set identifiers of a null machine";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot set identifiers of a null machine";
         return false;
     }
     if (!machine->setBuildSerial(serial)) {
-        qCritical() << "[VMTools]" << "Failed to set the serial number of" << machine->getPath();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to set the serial number of" << machine->getPath();
         return false;
     }
     machine->setData(QString::fromLatin1(kAndroidIdKey), androidId);

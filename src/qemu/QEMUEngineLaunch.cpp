@@ -5,6 +5,7 @@
 #include "LockFiles.h"
 #include "QEMUClient.h"
 #include "QEMULaunch_p.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 #include "QEMUPortTable_p.h"
 #include "SysInfo.h"
@@ -69,7 +70,7 @@ QEMUMachine *asQemuMachine(VMToolsMachine *machine)
 {
     auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
     if (!qemuMachine)
-        qCritical() << "[VMTools]" << "Not a QEMU device";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Not a QEMU device";
     return qemuMachine;
 }
 
@@ -114,65 +115,20 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip) const
 int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotName, const QString &accelerator)
 {
     QEMUMachine *qemuMachine = asQemuMachine(machine);
-    if (!qemuMachine)
+    if (!qemuMachine || !canStart(machine))
         return QEMUMachine::StartFailed;
-
-    const SystemInfo host = SystemInfo::getSystemInfo();
-    if (!host.osImageArchitectures.contains(machine->getOsImageArch(), Qt::CaseSensitive)) {
-        qWarning().noquote() << "[VMTools]"
-                             << QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
-                                    .arg(host.osImageArchitectures.join(QLatin1String(", ")),
-                                         machine->getOsImageArch());
-        return QEMUMachine::StartFailed;
-    }
     if (machine->getStatus() == VMToolsMachine::On) {
-        qInfo() << "[VMTools]" << "Virtual Machine status: on. Nothing to do.";
+        qCInfo(hvQemuLog) << "[VMTools]" << "Virtual Machine status: on. Nothing to do.";
         return QEMUMachine::Started;
     }
     // A device of the previous layout starts either way; moved first, it
     // keeps working once the old reference disks are gone.
     migrateDevice(machine);
 
-    if (!openSession(machine, snapshotName))
-        return QEMUMachine::StartFailed;
-    const QDir device(machine->getPath());
-    machine->loadCapabilities();
     QEMULaunch::Request request;
-    request.devicePath = device.absolutePath();
-    request.virtioDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) != 0;
-    request.sdCardInserted = machine->isSdCardInserted();
-    request.ramMiB = machine->getRamSize();
-    request.cpuCount = machine->getCpuCount();
-    request.snapshotName = snapshotName;
-    request.qmpSocketPath = qemuMachine->files().qmpSocket();
-    if (QFile::encodeName(request.qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
-        // The emulator could not bind it, and a shortened path might name
-        // another socket. The path does not depend on the device's name.
-        qCritical() << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
-                    << request.qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
-                    << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
+    if (!openSession(machine, snapshotName) || !composeRequest(qemuMachine, snapshotName, &request)
+        || !chooseHostSetup(accelerator, &request) || !checkSdCard(request))
         return QEMUMachine::StartFailed;
-    }
-    // A snapshot start of a virtio device brings the read-only view of the
-    // shared folder: it takes the place of the writable virtio drive that a
-    // cold boot had (detached, not removed, before the save), so the resumed
-    // device has the topology it was saved with. An IDE device resumes
-    // without a shared folder: its detached drive left an empty IDE unit.
-    request.readOnlySharedDrive = !snapshotName.isEmpty() && request.virtioDisks;
-    request.throughRosetta = SysInfo().isRunningThroughRosetta();
-    request.firmwareDirPath = m_firmwareDirPath;
-    request.showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
-    if (!chooseHostSetup(accelerator, &request))
-        return QEMUMachine::StartFailed;
-
-    if (request.sdCardInserted) {
-        const QFileInfo sdCard(device, getSDCardDiskName());
-        if (!sdCard.exists() || !sdCard.isReadable() || !sdCard.isWritable()) {
-            qCritical() << "[VMTools]" << "Failed to mount SdCard disk" << sdCard.absoluteFilePath()
-                        << ", disk is either missing or doesn't have RW permission.";
-            return QEMUMachine::StartFailed;
-        }
-    }
 
     // The ports are probed free, then released for the emulator to bind: a
     // program outside the port lock can take one in between. The emulator
@@ -188,10 +144,64 @@ int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotNa
             dropLockOfEndedEmulator(qemuMachine);
         if (result != QEMUMachine::PortUsed)
             break;
-        qWarning() << "[VMTools]" << "A port of offset" << request.portOffset
+        qCWarning(hvQemuLog) << "[VMTools]" << "A port of offset" << request.portOffset
                    << "was taken before the emulator bound it";
     }
     return result;
+}
+
+bool QEMUEngine::canStart(const VMToolsMachine *machine)
+{
+    const SystemInfo host = SystemInfo::getSystemInfo();
+    if (host.osImageArchitectures.contains(machine->getOsImageArch(), Qt::CaseSensitive))
+        return true;
+    qCWarning(hvQemuLog).noquote() << "[VMTools]"
+                         << QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
+                                .arg(host.osImageArchitectures.join(QLatin1String(", ")), machine->getOsImageArch());
+    return false;
+}
+
+bool QEMUEngine::composeRequest(QEMUMachine *machine, const QString &snapshotName, QEMULaunch::Request *request) const
+{
+    const QDir device(machine->getPath());
+    machine->loadCapabilities();
+    request->devicePath = device.absolutePath();
+    request->virtioDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) != 0;
+    request->sdCardInserted = machine->isSdCardInserted();
+    request->ramMiB = machine->getRamSize();
+    request->cpuCount = machine->getCpuCount();
+    request->snapshotName = snapshotName;
+    request->qmpSocketPath = machine->files().qmpSocket();
+    if (QFile::encodeName(request->qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
+        // The emulator could not bind it, and a shortened path might name
+        // another socket. The path does not depend on the device's name.
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
+                    << request->qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
+                    << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
+        return false;
+    }
+    // A snapshot start of a virtio device brings the read-only view of the
+    // shared folder: it takes the place of the writable virtio drive that a
+    // cold boot had (detached, not removed, before the save), so the resumed
+    // device has the topology it was saved with. An IDE device resumes
+    // without a shared folder: its detached drive left an empty IDE unit.
+    request->readOnlySharedDrive = !snapshotName.isEmpty() && request->virtioDisks;
+    request->throughRosetta = SysInfo().isRunningThroughRosetta();
+    request->firmwareDirPath = m_firmwareDirPath;
+    request->showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    return true;
+}
+
+bool QEMUEngine::checkSdCard(const QEMULaunch::Request &request) const
+{
+    if (!request.sdCardInserted)
+        return true;
+    const QFileInfo sdCard(QDir(request.devicePath), getSDCardDiskName());
+    if (sdCard.exists() && sdCard.isReadable() && sdCard.isWritable())
+        return true;
+    qCCritical(hvQemuLog) << "[VMTools]" << "Failed to mount SdCard disk" << sdCard.absoluteFilePath()
+                << ", disk is either missing or doesn't have RW permission.";
+    return false;
 }
 
 int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const
@@ -205,20 +215,20 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &re
     portLock.setStaleLockTime(0);
     if (!LockFiles::acquire(portLock, getPortOffsetLockPath(), kPortOffsetLockTimeoutMs)) {
         if (portLock.error() == QLockFile::LockFailedError)
-            qCritical().noquote() << "[VMTools]"
+            qCCritical(hvQemuLog).noquote() << "[VMTools]"
                                   << QStringLiteral("Gave up after %1 s waiting for other starts to choose their "
                                                     "port offsets (lock '%2')")
                                          .arg(kPortOffsetLockTimeoutMs / 1000)
                                          .arg(getPortOffsetLockPath());
         else
-            qCritical() << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << getPortOffsetLockPath() << "error" << portLock.error();
         return QEMUMachine::StartFailed;
     }
     QElapsedTimer held;
     held.start();
     const int offset = computePortOffset(*tried);
     if (offset < 0) {
-        qCritical() << "[VMTools]" << "Failed to determine a port offset";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to determine a port offset";
         return QEMUMachine::StartFailed;
     }
     tried->insert(offset);
@@ -227,7 +237,7 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &re
     QEMUOptionSet options = QEMULaunch::composeOptions(request);
     options.applyStartArgsVariable();
     const QStringList arguments = options.render();
-    qDebug().noquote() << "[VMTools]" << "Start command:"
+    qCDebug(hvQemuLog).noquote() << "[VMTools]" << "Start command:"
                        << QEMULaunch::formatCommand(m_qemuSystemBinaryPath, arguments);
 
     int result = machine->launch(m_qemuSystemBinaryPath, arguments, static_cast<unsigned short>(offset));
@@ -235,7 +245,7 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &re
         result = machine->waitForPorts(forwardedPorts(offset));
     if (result == QEMUMachine::Started)
         recordPortOffset(machine, offset);
-    qDebug() << "[VMTools]" << "Held the port offset lock for" << held.elapsed() << "ms";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Held the port offset lock for" << held.elapsed() << "ms";
     return result;
 }
 
@@ -269,7 +279,7 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
         qemuMachine->waitForFinished();
         return true;
     }
-    qWarning() << "[VMTools]" << "Failed to quit VM gracefully";
+    qCWarning(hvQemuLog) << "[VMTools]" << "Failed to quit VM gracefully";
     return qemuMachine->forceStop();
 }
 
@@ -295,7 +305,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool
     // leaves a lock file that says detached, and the client takes a drive
     // that is already gone as detached, so the next save goes through.
     if (unplugShared && !qemuMachine->setWritableSharedDrive(false)) {
-        qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save snapshot" << name;
         return false;
     }
 
@@ -304,7 +314,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool
     const bool endsSession = name == latestSnapshotName();
     QEMUClient client(qemuMachine->getQmpSocketPath());
     if (!client.execSaveSnapshot(name, unplugShared, endsSession)) {
-        qCritical() << "[VMTools]" << "Failed to save snapshot" << name;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save snapshot" << name;
         // Whether the drive went before the failure is unknown; asking to
         // detach it again next time is harmless either way.
         if (unplugShared)

@@ -6,6 +6,7 @@
 
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMULogging_p.h"
 #include "VMToolsCommon.h"
 
 #include <QDebug>
@@ -87,19 +88,19 @@ bool QEMUEngine::reclaimLeftover(const Leftover &leftover) const
     // Looked at again: the process may have been started since the list.
     const Leftover now = parseLeftover(QFileInfo(leftover.path));
     if (now.pid < 0 || QFileInfo(now.path).absolutePath() != m_devicesDirectory.absolutePath()) {
-        qWarning() << "[VMTools]" << "Not reclaiming" << leftover.path << ": it is no leftover of this devices directory";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Not reclaiming" << leftover.path << ": it is no leftover of this devices directory";
         return false;
     }
     if (now.inProgress) {
-        qWarning() << "[VMTools]" << "Not reclaiming" << leftover.path << ": process" << now.pid << "still makes it";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Not reclaiming" << leftover.path << ": process" << now.pid << "still makes it";
         return false;
     }
     // Another cleanup may be removing it at the same moment.
     if (!QDir(now.path).removeRecursively() && QFileInfo::exists(now.path)) {
-        qCritical() << "[VMTools]" << "Failed to remove" << now.path;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << now.path;
         return false;
     }
-    qInfo() << "[VMTools]" << "Reclaimed" << now.path;
+    qCInfo(hvQemuLog) << "[VMTools]" << "Reclaimed" << now.path;
     return true;
 }
 

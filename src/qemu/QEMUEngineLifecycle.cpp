@@ -11,6 +11,7 @@
 #include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngineDirectoryCleaner.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 #include "VMToolsCommon.h"
 
@@ -67,13 +68,13 @@ bool isValidDeviceName(const QString &name)
 bool isFreeDeviceName(const QEMUEngine &engine, const QString &name, const char *refusal)
 {
     if (!isValidDeviceName(name)) {
-        qWarning() << "[VMTools]" << "Invalid device name" << name;
+        qCWarning(hvQemuLog) << "[VMTools]" << "Invalid device name" << name;
         return false;
     }
     // A directory that holds no loadable device still holds someone's
     // data: it is never cleaned to make room for a new device.
     if (engine.doesMachineExist(name) || QFileInfo::exists(engine.getDevicesDirectory().absoluteFilePath(name))) {
-        qWarning() << "[VMTools]" << refusal << name;
+        qCWarning(hvQemuLog) << "[VMTools]" << refusal << name;
         return false;
     }
     return true;
@@ -85,7 +86,7 @@ bool isLinkedDeviceDirectory(const QString &path)
 {
     if (!QFileInfo(path).isSymLink())
         return false;
-    qWarning() << "[VMTools]" << "Refusing device directory" << path << ": it is a symbolic link to"
+    qCWarning(hvQemuLog) << "[VMTools]" << "Refusing device directory" << path << ": it is a symbolic link to"
                << QFileInfo(path).symLinkTarget();
     return true;
 }
@@ -103,7 +104,7 @@ QString makeHiddenDirectory(const QDir &devices, const QString &name, const QStr
     QByteArray pattern = QFile::encodeName(devices.absoluteFilePath(
         QStringLiteral(".%1.%2-%3-%4-XXXXXX").arg(name, purpose).arg(pid).arg(VMToolsCommon::processStartTime(pid))));
     if (!FileUtils::makeDirectory(devices.absolutePath()) || !::mkdtemp(pattern.data())) {
-        qCritical() << "[VMTools]" << "Failed to create a directory to" << purpose << name << "in"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create a directory to" << purpose << name << "in"
                     << devices.absolutePath() << ":" << std::strerror(errno);
         return QString();
     }
@@ -180,7 +181,7 @@ int QEMUEngine::moveIntoPlace(const QString &buildPath, const QString &target)
     if (renamed == 0)
         return 0;
     const int error = errno;
-    qCritical() << "[VMTools]" << "Failed to rename" << buildPath << "to" << target << ":" << std::strerror(error);
+    qCCritical(hvQemuLog) << "[VMTools]" << "Failed to rename" << buildPath << "to" << target << ":" << std::strerror(error);
     return error;
 }
 
@@ -207,7 +208,7 @@ int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, 
                              long long sdCardSize, const std::function<bool()> &cancelled) const
 {
     if (prepareReferenceDisks(ovaPath, referencePath).isEmpty()) {
-        qCritical() << "[VMTools]" << "Failed to extract OVA" << ovaPath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return 1;
     }
     if (cancelled && cancelled())
@@ -217,15 +218,15 @@ int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, 
     const QFileInfo referenceData(reference, kDataDisk);
     const QDir device(devicePath);
     if (!createDisk(referenceSystem, QFileInfo(device, kSystemDisk))) {
-        qCritical() << "[VMTools]" << "Failed to create disks" << devicePath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create disks" << devicePath;
         return 2;
     }
     if (!copyDisk(referenceData.absoluteFilePath(), device.absoluteFilePath(kDataDisk))) {
-        qCritical() << "[VMTools]" << "Failed to copy reference data disk to local one" << devicePath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to copy reference data disk to local one" << devicePath;
         return 2;
     }
     if (sdCardSize != 0 && !createSDCard(devicePath, sdCardSize)) {
-        qCritical() << "[VMTools]" << "Failed to create sdcard disk" << devicePath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create sdcard disk" << devicePath;
         return 2;
     }
     return 0;
@@ -250,14 +251,14 @@ int QEMUEngine::createFromImage(const QString &name, const OsImage &image, const
             ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize, cancelled)
             : 1;
         if (code != 0) {
-            qCritical() << "[VMTools]" << "Failed to create device" << name;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create device" << name;
             return code;
         }
         // setProperties also records the profile's CPU, RAM and SD card
         // values in the device's configuration, then saves device.json.
         QEMUMachine machine(const_cast<QEMUEngine *>(this), devicePath, image, profile);
         if (!machine.setProperties(profile, image)) {
-            qCritical() << "[VMTools]" << "Failed to save device" << name;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save device" << name;
             return 1;
         }
         return cancelled() ? 1 : 0;
@@ -272,7 +273,7 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName)
 int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName, bool crashConsistent)
 {
     if (!source) {
-        qCritical() << "[VMTools]" << "Cannot clone null machine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot clone null machine";
         return 1;
     }
     if (isLinkedDeviceDirectory(source->getPath()))
@@ -293,11 +294,11 @@ int QEMUEngine::cloneMachine(VMToolsMachine *source, const QString &newName, boo
         return 1;
     QEMUMachine clone(const_cast<QEMUEngine *>(this), buildPath);
     if (!clone.load()) {
-        qCritical() << "[VMTools]" << "Failed to retrieve cloned device" << newName;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to retrieve cloned device" << newName;
         return 1;
     }
     if (!clone.changeUuid()) {
-        qCritical() << "[VMTools]" << "Failed to update UUID of cloned device" << newName;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to update UUID of cloned device" << newName;
         return 1;
     }
     const int moved = moveIntoPlace(buildPath, targetPath);
@@ -313,7 +314,7 @@ bool QEMUEngine::copyDevice(VMToolsMachine *source, const QString &buildPath, bo
     if (running && !running->isQEMURunning())
         running = nullptr;
     if (running && !crashConsistent) {
-        qWarning() << "[VMTools]" << "Cannot clone" << source->getName()
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot clone" << source->getName()
                    << "while it runs: its disks change under the copy; stop it first";
         return false;
     }
@@ -326,14 +327,14 @@ bool QEMUEngine::copyDevice(VMToolsMachine *source, const QString &buildPath, bo
                            QEMUClient::ResponseRequired);
     };
     if (running && !(client.init() && pause("stop"))) {
-        qCritical() << "[VMTools]" << "Failed to pause" << source->getName() << "for a crash-consistent copy";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to pause" << source->getName() << "for a crash-consistent copy";
         return false;
     }
     const bool copied = FileUtils::copyDirectory(source->getPath(), buildPath);
     if (running && !pause("cont"))
-        qCritical() << "[VMTools]" << "Failed to let" << source->getName() << "go on after copying it";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to let" << source->getName() << "go on after copying it";
     if (!copied) {
-        qCritical() << "[VMTools]" << "Failed to copy" << source->getPath() << "to" << buildPath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to copy" << source->getPath() << "to" << buildPath;
         return false;
     }
     // The source's lock files and log describe the source's emulator and
@@ -348,14 +349,14 @@ bool QEMUEngine::copyDevice(VMToolsMachine *source, const QString &buildPath, bo
 bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
 {
     if (!machine) {
-        qCritical() << "[VMTools]" << "Cannot delete null machine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot delete null machine";
         return false;
     }
-    qDebug() << "[VMTools]" << "deleteMachine() with path" << machine->getPath();
+    qCDebug(hvQemuLog) << "[VMTools]" << "deleteMachine() with path" << machine->getPath();
     if (isLinkedDeviceDirectory(machine->getPath()))
         return false;
     if (!isDeviceDirectory(machine->getPath(), true)) {
-        qWarning() << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
         return false;
     }
     // The directory leaves the devices in one rename, under a hidden name,
@@ -367,12 +368,12 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
     if (trash.isEmpty())
         return false;
     if (std::rename(QFile::encodeName(path.absolutePath()).constData(), QFile::encodeName(trash).constData()) != 0) {
-        qCritical() << "[VMTools]" << "Failed to remove" << path.absolutePath() << ":" << std::strerror(errno);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << path.absolutePath() << ":" << std::strerror(errno);
         QDir().rmdir(trash);
         return false;
     }
     if (!QDir(trash).removeRecursively())
-        qCritical() << "[VMTools]" << "Removed device" << path.dirName() << "but not all of its files: they are left in"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Removed device" << path.dirName() << "but not all of its files: they are left in"
                     << trash;
     return true;
 }
@@ -385,7 +386,7 @@ bool QEMUEngine::resetFactory(const VMToolsMachine *machine) const
 QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) const
 {
     if (!machine) {
-        qCritical() << "[VMTools]" << "Cannot factory reset null machine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot factory reset null machine";
         return ResetResult::Unchanged;
     }
     if (isLinkedDeviceDirectory(machine->getPath()))
@@ -393,7 +394,7 @@ QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) c
     migrateDevice(machine);
     const QDir reference(getDeviceReference(machine));
     if (!isReferenceComplete(reference.absolutePath())) {
-        qCritical() << "[VMTools]" << "Reference disks don't exist" << reference.absolutePath();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Reference disks don't exist" << reference.absolutePath();
         return ResetResult::Unchanged;
     }
     // The new disks are made under temporary names inside the device
@@ -415,18 +416,18 @@ bool QEMUEngine::makeResetDisks(const QDir &reference, const QEMUDeviceFiles &fi
     const QString newSystem = files.systemDisk() + kResetSuffix;
     const QString newData = files.dataDisk() + kResetSuffix;
     if (!discardResetDisks(files)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << files.directory();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to clean" << files.directory();
         return false;
     }
     const QFileInfo referenceData(reference, kDataDisk);
     bool made = createDisk(QFileInfo(reference, kSystemDisk), QFileInfo(newSystem));
     if (!made)
-        qCritical() << "[VMTools]" << "Failed to create system disk" << files.directory();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create system disk" << files.directory();
     else if (!(made = copyDisk(referenceData.absoluteFilePath(), newData) && QFileInfo(newData).size() == referenceData.size()))
-        qCritical() << "[VMTools]" << "Failed to copy data disk" << files.directory();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to copy data disk" << files.directory();
     for (const QString &path : {newSystem, newData, files.directory()}) {
         if (made && !(made = FileUtils::flushToDisk(path)))
-            qCritical() << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(errno);
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(errno);
     }
     if (!made)
         discardResetDisks(files);
@@ -446,23 +447,23 @@ bool QEMUEngine::completeReset(const QEMUDeviceFiles &files) const
         const QByteArray fresh = QFile::encodeName(disk + kResetSuffix);
         if (QFile::exists(QFile::decodeName(fresh))
             && std::rename(fresh.constData(), QFile::encodeName(disk).constData()) != 0) {
-            qCritical() << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
             return false;
         }
     }
     if (!FileUtils::flushToDisk(files.directory())) {
-        qCritical() << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
         return false;
     }
     // The records of the states saved in the old disks describe none now.
     for (const QString &record : {files.savedStates(), files.resetMarker()}) {
         if (QFile::exists(record) && !QFile::remove(record)) {
-            qCritical() << "[VMTools]" << "Failed to remove" << record;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << record;
             return false;
         }
     }
     if (!FileUtils::flushToDisk(files.directory()))
-        qWarning() << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
+        qCWarning(hvQemuLog) << "[VMTools]" << "Failed to flush" << files.directory() << ":" << std::strerror(errno);
     return true;
 }
 
@@ -470,14 +471,14 @@ bool QEMUEngine::finishInterruptedReset(const QString &devicePath) const
 {
     const QEMUDeviceFiles files(devicePath);
     if (QFileInfo::exists(files.resetMarker())) {
-        qInfo() << "[VMTools]" << "Finishing the factory reset of" << QDir(devicePath).dirName()
+        qCInfo(hvQemuLog) << "[VMTools]" << "Finishing the factory reset of" << QDir(devicePath).dirName()
                 << "that was interrupted after its new disks were complete";
         return completeReset(files);
     }
     // Without the marker the new disks may be incomplete: the old ones are
     // the device's, and what there is of the new ones goes.
     if (QFileInfo::exists(files.systemDisk() + kResetSuffix) || QFileInfo::exists(files.dataDisk() + kResetSuffix)) {
-        qInfo() << "[VMTools]" << "Removing the unfinished disks of an interrupted factory reset of"
+        qCInfo(hvQemuLog) << "[VMTools]" << "Removing the unfinished disks of an interrupted factory reset of"
                 << QDir(devicePath).dirName();
         return discardResetDisks(files);
     }
@@ -524,7 +525,7 @@ void QEMUEngine::adoptDirectory(const QString &path)
     // A device an earlier version made: it gets the marker it would have
     // had, so that it stays the system's even once its record breaks.
     if (FileUtils::saveFile(QEMUDeviceFiles(path).marker(), kMarkerText))
-        qInfo() << "[VMTools]" << "Adopted the device directory" << path << "made by an earlier version";
+        qCInfo(hvQemuLog) << "[VMTools]" << "Adopted the device directory" << path << "made by an earlier version";
 }
 
 QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir)
@@ -558,7 +559,7 @@ QList<QEMUMachine *> QEMUEngine::loadMachines(const std::function<bool()> &cance
     const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
     for (const QString &name : names) {
         if (cancel && cancel()) {
-            qDebug() << "[VMTools]" << "Listing devices cancelled";
+            qCDebug(hvQemuLog) << "[VMTools]" << "Listing devices cancelled";
             break;
         }
         if (QEMUMachine *machine = loadMachine(m_devicesDirectory.absoluteFilePath(name)))
@@ -629,17 +630,17 @@ QList<QPair<QString, QString>> QEMUEngine::getBrokenMachines() const
 bool QEMUEngine::deleteBrokenMachine(const QString &name) const
 {
     if (!isValidDeviceName(name) || !QFileInfo(m_devicesDirectory.absoluteFilePath(name)).isDir()) {
-        qWarning() << "[VMTools]" << "No device directory" << name;
+        qCWarning(hvQemuLog) << "[VMTools]" << "No device directory" << name;
         return false;
     }
     if (!isBrokenDevice(m_devicesDirectory.absoluteFilePath(name))) {
-        qWarning() << "[VMTools]" << "Refusing to delete" << m_devicesDirectory.absoluteFilePath(name)
+        qCWarning(hvQemuLog) << "[VMTools]" << "Refusing to delete" << m_devicesDirectory.absoluteFilePath(name)
                    << ": the system did not make it";
         return false;
     }
     const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));
     if (record.isQEMURunning()) {
-        qWarning() << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
         return false;
     }
     return deleteMachine(&record);

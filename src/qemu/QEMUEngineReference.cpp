@@ -10,6 +10,7 @@
 #include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "QEMULogging_p.h"
 #include "QEMUSnapshotTable.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
@@ -72,7 +73,7 @@ bool syncFile(const QString &path)
     if (fd >= 0)
         ::close(fd);
     if (!synced)
-        qCritical() << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(error);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to flush" << path << ":" << std::strerror(error);
     return synced;
 }
 
@@ -83,7 +84,7 @@ bool lockReference(QLockFile &lock, const QString &directory)
     const QString path = directory + kLockSuffix;
     lock.setStaleLockTime(0);
     if (!LockFiles::acquire(lock, path, kReferenceLockTimeoutMs)) {
-        qCritical() << "[VMTools]" << "Failed to lock" << path << "error" << lock.error();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << path << "error" << lock.error();
         return false;
     }
     return true;
@@ -100,7 +101,7 @@ bool startPartial(const QString &directory)
 {
     const QString partial = directory + kPartialSuffix;
     if (!QEMUEngine::cleanDirectory(directory) || !QEMUEngine::cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
-        qCritical() << "[VMTools]" << "Failed to clean" << directory;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to clean" << directory;
         return false;
     }
     return true;
@@ -111,7 +112,7 @@ bool publishPartial(const QString &directory)
 {
     const QString partial = directory + kPartialSuffix;
     if (std::rename(QFile::encodeName(partial).constData(), QFile::encodeName(directory).constData()) != 0) {
-        qCritical() << "[VMTools]" << "Failed to rename" << partial << "to" << directory << ":"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to rename" << partial << "to" << directory << ":"
                     << std::strerror(errno);
         return false;
     }
@@ -123,7 +124,7 @@ bool makeParent(const QString &directory)
 {
     const QString parent = QFileInfo(directory).absolutePath();
     if (directory.isEmpty() || !FileUtils::makeDirectory(parent)) {
-        qCritical() << "[VMTools]" << "Failed to create directory" << parent;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create directory" << parent;
         return false;
     }
     return true;
@@ -160,7 +161,7 @@ bool QEMUEngine::isReferenceComplete(const QString &directory)
 bool QEMUEngine::validateReferenceDisk(const QString &path) const
 {
     if (!QFileInfo(path).isFile()) {
-        qCritical() << "[VMTools]" << "The OVA holds no disk" << QFileInfo(path).fileName();
+        qCCritical(hvQemuLog) << "[VMTools]" << "The OVA holds no disk" << QFileInfo(path).fileName();
         return false;
     }
     return true;
@@ -169,7 +170,7 @@ bool QEMUEngine::validateReferenceDisk(const QString &path) const
 QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString &directory) const
 {
     if (directory.isEmpty()) {
-        qCritical() << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
         return QString();
     }
     if (isReferenceComplete(directory))
@@ -191,7 +192,7 @@ QString QEMUEngine::prepareLockedReference(const QString &ovaPath, const QString
     QString error;
     const QString checksum = OsImageChecksum::compute(ovaPath, {}, &error);
     if (checksum != QFileInfo(directory).fileName()) {
-        qCritical() << "[VMTools]" << "The OVA" << ovaPath << "has sha-256"
+        qCCritical(hvQemuLog) << "[VMTools]" << "The OVA" << ovaPath << "has sha-256"
                     << (checksum.isEmpty() ? error : checksum) << "not" << QFileInfo(directory).fileName();
         return QString();
     }
@@ -207,7 +208,7 @@ QString QEMUEngine::prepareLockedReference(const QString &ovaPath, const QString
 bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &partial) const
 {
     if (!Archive::isOk(Archive::untar(ovaPath, partial))) {
-        qCritical() << "[VMTools]" << "Failed to extract OVA" << ovaPath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return false;
     }
     for (const char *name : kDiskNames) {
@@ -217,7 +218,7 @@ bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &parti
         if (!validateReferenceDisk(vmdk))
             return false;
         if (!convertDisk(QFileInfo(vmdk), QFileInfo(diskPath(partial, name, ".qcow2")))) {
-            qCritical() << "[VMTools]" << "Failed to get" << name << "disk info" << ovaPath;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get" << name << "disk info" << ovaPath;
             return false;
         }
     }
@@ -237,7 +238,7 @@ std::unique_ptr<LockFiles::SharedLock> QEMUEngine::useReference(const QString &o
     // lists the image's users: a removal either sees this creation or
     // finishes before it begins.
     if (directory.isEmpty()) {
-        qCritical() << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
         return nullptr;
     }
     QLockFile lock(directory + kLockSuffix);
@@ -245,7 +246,7 @@ std::unique_ptr<LockFiles::SharedLock> QEMUEngine::useReference(const QString &o
         return nullptr;
     auto use = std::make_unique<LockFiles::SharedLock>(directory + kUsersSuffix);
     if (!use->lockShared()) {
-        qCritical() << "[VMTools]" << "Failed to lock" << directory + kUsersSuffix << ":" << use->errorString();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << directory + kUsersSuffix << ":" << use->errorString();
         return nullptr;
     }
     return use;
@@ -316,17 +317,17 @@ bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users, 
     LockFiles::SharedLock use(directory + kUsersSuffix);
     if (made && !use.tryLockExclusive()) {
         *creating = use.error() == EWOULDBLOCK;
-        qWarning() << "[VMTools]" << "Cannot remove the reference disks" << directory << ":" << use.errorString();
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot remove the reference disks" << directory << ":" << use.errorString();
         return false;
     }
     *users = getMachinesUsingImage(image);
     if (!users->isEmpty()) {
-        qWarning() << "[VMTools]" << "Cannot remove the reference disks" << directory << "used by"
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot remove the reference disks" << directory << "used by"
                    << users->join(QStringLiteral(", "));
         return false;
     }
     if (made && (!cleanDirectory(directory + kPartialSuffix) || !cleanDirectory(directory))) {
-        qCritical() << "[VMTools]" << "Failed to remove" << directory;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << directory;
         return false;
     }
     QFile::remove(directory + kUsersSuffix);
@@ -348,7 +349,7 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
     const QString directory = getReferenceDirectory(image);
     QLockFile lock(directory + kLockSuffix);
     if (directory.isEmpty() || !lockReference(lock, directory)) {
-        qWarning() << "[VMTools]" << "Cannot move" << machine->getName() << "off" << oldDirectory
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot move" << machine->getName() << "off" << oldDirectory
                    << ": the checksum of its OVA is unknown";
         return false;
     }
@@ -363,7 +364,7 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
     // used by no device, so a kill at any point leaves a usable device.
     if (!rebaseDisk(disk, diskPath(directory, "system", ".qcow2")) || !syncFile(disk))
         return false;
-    qInfo() << "[VMTools]" << "Moved" << machine->getName() << "from" << oldDirectory << "to" << directory;
+    qCInfo(hvQemuLog) << "[VMTools]" << "Moved" << machine->getName() << "from" << oldDirectory << "to" << directory;
     reclaimOldReference(oldDirectory);
     return true;
 }
@@ -384,7 +385,7 @@ bool QEMUEngine::adoptOldReference(const QString &oldDirectory, const QString &d
         if ((::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0
              && !FileUtils::copyFile(from, to))
             || !syncFile(to)) {
-            qCritical() << "[VMTools]" << "Failed to move" << from << "to" << to;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to move" << from << "to" << to;
             cleanDirectory(partial);
             return false;
         }
@@ -413,7 +414,7 @@ void QEMUEngine::reclaimOldReference(const QString &oldDirectory) const
         for (const char *suffix : {".qcow2", ".vmdk"})
             QFile::remove(diskPath(oldDirectory, name, suffix));
     }
-    qInfo() << "[VMTools]" << "Removed the reference disks no device uses from" << oldDirectory;
+    qCInfo(hvQemuLog) << "[VMTools]" << "Removed the reference disks no device uses from" << oldDirectory;
 }
 
 QString QEMUEngine::checkReferenceDisks(const VMToolsMachine *machine) const

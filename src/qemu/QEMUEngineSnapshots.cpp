@@ -8,6 +8,7 @@
 #include "OsImage.h"
 #include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 #include "QEMUSnapshotTable.h"
 
@@ -76,9 +77,9 @@ bool QEMUEngine::recordSavedState(VMToolsMachine *machine, const QString &name) 
     if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
         // The old record of that name would describe a state that is gone:
         // no record at all is the truth (removing takes no room on a full disk).
-        qCritical() << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to record what snapshot" << name << "was saved with";
         if (!QFile::remove(path))
-            qCritical() << "[VMTools]" << "Failed to remove the stale records" << path;
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove the stale records" << path;
         return false;
     }
     return true;
@@ -98,7 +99,7 @@ bool QEMUEngine::discardQuickBootState(VMToolsMachine *machine) const
 {
     const QString name = latestSnapshotName();
     if (!deleteSnapshot(machine, name)) {
-        qCritical() << "[VMTools]" << "Failed to discard the quick-boot state of" << machine->getName();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to discard the quick-boot state of" << machine->getName();
         return false;
     }
     const QString path = QEMUDeviceFiles(machine->getPath()).savedStates();
@@ -107,7 +108,7 @@ bool QEMUEngine::discardQuickBootState(VMToolsMachine *machine) const
         return true;
     records.remove(name);
     if (!FileUtils::saveFile(path, QJsonDocument(records).toJson())) {
-        qCritical() << "[VMTools]" << "Failed to forget what the quick-boot state of" << machine->getName()
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to forget what the quick-boot state of" << machine->getName()
                     << "was saved with";
         return false;
     }
@@ -119,7 +120,7 @@ bool QEMUEngine::recordSessionEnd(const VMToolsMachine *machine, bool endedWithS
     const QString path = QEMUDeviceFiles(machine->getPath()).sessionRecord();
     if (FileUtils::saveFile(path, QJsonDocument(QJsonObject{{kEndedWithSaveKey, endedWithSave}}).toJson()))
         return true;
-    qCritical() << "[VMTools]" << "Failed to record how the session of" << machine->getName() << "ends";
+    qCCritical(hvQemuLog) << "[VMTools]" << "Failed to record how the session of" << machine->getName() << "ends";
     return false;
 }
 
@@ -194,7 +195,7 @@ QList<QEMUSnapshotInfo> QEMUEngine::fetchSnapshots(const VMToolsMachine *machine
     const QString disk = QEMUDeviceFiles(machine->getPath()).systemDisk();
     QString error;
     if (!QEMUSnapshotTable::read(disk, &snapshots, &error))
-        qCritical() << "[VMTools]" << "Failed to list snapshots of" << disk << ":" << error;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to list snapshots of" << disk << ":" << error;
     return snapshots;
 }
 
@@ -202,7 +203,7 @@ bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) cons
 {
     auto *qemuMachine = dynamic_cast<QEMUMachine *>(machine);
     if (!qemuMachine || !qemuMachine->isQEMURunning()) {
-        qWarning() << "[VMTools]" << "Cannot load snapshot" << name << "of a device that does not run";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot load snapshot" << name << "of a device that does not run";
         return false;
     }
     qemuMachine->refreshPortOffset();
@@ -215,7 +216,7 @@ bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) cons
     if (unplugShared && client.hasDetachedSharedDrive())
         qemuMachine->setWritableSharedDrive(false);
     if (!loaded) {
-        qCritical() << "[VMTools]" << "Failed to load snapshot" << name;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to load snapshot" << name;
         return false;
     }
     return true;

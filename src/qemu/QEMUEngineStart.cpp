@@ -4,7 +4,6 @@
 #include "QEMUEngine.h"
 
 #include "QEMUAudio.h"
-#include "QEMUErrorDiagnosis.h"
 #include "QEMUMachine.h"
 #include "Settings.h"
 
@@ -110,7 +109,7 @@ QString QEMUEngine::startFailureText(const QEMUMachine &machine, int result, con
 
 QString QEMUEngine::startDiagnosis(const QEMUMachine &machine, int result) const
 {
-    const QString cause = QEMUErrorDiagnosis::causeLine(machine.getLogFilePath());
+    const QString cause = machine.getStartCause();
     switch (result) {
     case QEMUMachine::KvmFailed:
         return QStringLiteral("KVM cannot run guests on this host (QEMU: \"%1\"); run devices under TCG: %2")

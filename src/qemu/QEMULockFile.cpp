@@ -1,6 +1,7 @@
 #include "QEMULockFile_p.h"
 
 #include "FileUtils.h"
+#include "QEMULogging_p.h"
 
 #include <QDebug>
 #include <QFile>
@@ -45,7 +46,7 @@ bool read(const QString &path, QEMULockRecord *record)
     if (!file.open(QIODevice::ReadOnly))
         return false;
     if (file.size() > kMaxLockFileSize) {
-        qWarning() << "[VMTools]" << "Ignoring oversized lock file" << path << file.size();
+        qCWarning(hvQemuLog) << "[VMTools]" << "Ignoring oversized lock file" << path << file.size();
         return true;
     }
     // INI text, as QSettings writes it: a "[General]" line, then key=value.
@@ -58,7 +59,7 @@ bool read(const QString &path, QEMULockRecord *record)
             continue;
         const int equals = line.indexOf('=');
         if (equals <= 0 || line.contains('\0')) {
-            qWarning() << "[VMTools]" << "Ignoring malformed lock file" << path;
+            qCWarning(hvQemuLog) << "[VMTools]" << "Ignoring malformed lock file" << path;
             return true;
         }
         const QByteArray key = line.left(equals).trimmed();
@@ -106,7 +107,7 @@ bool write(const QString &path, const QEMULockRecord &record)
     // Replaced whole, private to its owner: a full disk or a crash never
     // leaves a half-written record of the emulator.
     if (!FileUtils::saveFile(path, text)) {
-        qCritical() << "[VMTools]" << "Failed to write PID file to disk" << path;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to write PID file to disk" << path;
         return false;
     }
     return true;

@@ -5,6 +5,7 @@
 #include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
+#include "QEMULogging_p.h"
 #include "QEMUPortTable_p.h"
 #include "QEMUSnapshotTable.h"
 #include "EnvVars.h"
@@ -36,7 +37,6 @@ const char kVirtualizerKey[] = "virtualizer";
 const char kVirtualizer[] = "QEMU";
 const char kLocalAddress[] = "127.0.0.1";
 
-const int kQmpBasePort = 23555;
 // The guest's ADB daemon listens on 5555; the host side sits 1000 above it.
 const int kAdbHostShift = 1000;
 
@@ -82,7 +82,7 @@ QEMUMachine::~QEMUMachine() = default;
 bool QEMUMachine::save() const
 {
     if (isQEMURunning())
-        qWarning() << "[VMTools]" << "Writing in shared folder while QEMU is running is not recommended";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Writing in shared folder while QEMU is running is not recommended";
     return VMToolsMachine::save();
 }
 
@@ -92,12 +92,12 @@ bool QEMUMachine::load()
         return false;
     const QString virtualizer = getExtraKey(QLatin1String(kVirtualizerKey)).toString();
     if (virtualizer != QLatin1String(kVirtualizer)) {
-        qWarning() << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
+        qCWarning(hvQemuLog) << "[VMTools]" << "Not a QEMU device:" << getName() << "virtualizer" << virtualizer;
         return false;
     }
     const QString problem = recordProblem();
     if (!problem.isEmpty()) {
-        qWarning().noquote() << "[VMTools]"
+        qCWarning(hvQemuLog).noquote() << "[VMTools]"
                              << QStringLiteral("Refusing the record of device \"%1\": %2").arg(getName(), problem);
         return false;
     }
@@ -177,17 +177,17 @@ bool QEMUMachine::setName(const QString &name)
     const QString oldName = getName();
     if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String("..")
         || name.contains(QLatin1Char('/'))) {
-        qWarning() << "[VMTools]" << "Invalid device name" << name;
+        qCWarning(hvQemuLog) << "[VMTools]" << "Invalid device name" << name;
         return false;
     }
     QDir parent(getPath());
     parent.cdUp();
     if (parent.exists(name)) {
-        qWarning() << "[VMTools]" << "Cannot rename" << oldName << "to" << name << ": the name is taken";
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot rename" << oldName << "to" << name << ": the name is taken";
         return false;
     }
     if (!parent.rename(oldName, name)) {
-        qCritical() << "[VMTools]" << "Failed to rename" << getPath() << "to" << parent.filePath(name);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to rename" << getPath() << "to" << parent.filePath(name);
         return false;
     }
     setPath(parent.filePath(name));
@@ -274,7 +274,7 @@ VMToolsMachine::AdapterType QEMUMachine::getAdapterType(unsigned int) const
 
 bool QEMUMachine::setAdapterType(unsigned int, AdapterType, const QString &)
 {
-    qDebug() << "[VMTools]" << "Network adapters of a QEMU device cannot be changed";
+    qCDebug(hvQemuLog) << "[VMTools]" << "Network adapters of a QEMU device cannot be changed";
     return false;
 }
 
@@ -288,7 +288,7 @@ bool QEMUMachine::createFactoryBackup()
 bool QEMUMachine::resetFactory()
 {
     if (!m_engine) {
-        qCritical() << "[VMTools]" << "Cannot factory reset" << getName() << "without its engine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot factory reset" << getName() << "without its engine";
         return false;
     }
     return m_engine->resetFactory(this);
@@ -312,14 +312,14 @@ bool QEMUMachine::setConnectionInfo(const ConnectionInfo &)
 bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
 {
     if (!m_engine) {
-        qCritical() << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "without an engine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot upgrade the system disk of" << getName() << "without an engine";
         return false;
     }
     const QString reference =
         m_engine->prepareReferenceDisks(image.getLocalPath(), QEMUEngine::getReferenceDirectory(image));
     const QFileInfo referenceDisk(reference, QEMUDeviceFiles::systemDiskName());
     if (reference.isEmpty()) {
-        qCritical() << "[VMTools]" << "Failed to get system disk info" << image.getLocalPath();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get system disk info" << image.getLocalPath();
         return false;
     }
     // The new overlay is built beside the old disk and replaces it in one
@@ -327,11 +327,11 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
     const QString disk = files().systemDisk();
     const QString upgraded = disk + QStringLiteral(".upgrade");
     if (!m_engine->deleteDisk(upgraded) || !m_engine->createDisk(referenceDisk, QFileInfo(upgraded))) {
-        qCritical() << "[VMTools]" << "Failed to upgrade the system disk of" << getName();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to upgrade the system disk of" << getName();
         return false;
     }
     if (std::rename(QFile::encodeName(upgraded).constData(), QFile::encodeName(disk).constData()) != 0) {
-        qCritical() << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to replace" << disk << ":" << std::strerror(errno);
         m_engine->deleteDisk(upgraded);
         return false;
     }
@@ -349,7 +349,7 @@ bool QEMUMachine::setSdCardInserted(bool inserted)
     // mount.
     if (inserted && !QFile::exists(getSdCardPath())
         && (!m_engine || !m_engine->createSDCard(getPath(), getSdCardSize()))) {
-        qCritical() << "[VMTools]" << "Cannot insert the SD card of" << getName() << ": no image at"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot insert the SD card of" << getName() << ": no image at"
                     << getSdCardPath();
         return false;
     }
@@ -360,7 +360,7 @@ bool QEMUMachine::setSdCardSize(long long size)
 {
     const QString card = getSdCardPath();
     if (QFile::exists(card) && (!m_engine || !m_engine->resizeDisk(card, size))) {
-        qCritical() << "[VMTools]" << "Failed to resize the SD card of" << getName() << "to" << size << "MB";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to resize the SD card of" << getName() << "to" << size << "MB";
         return false;
     }
     return VMToolsMachine::setSdCardSize(size);
@@ -406,11 +406,6 @@ int QEMUMachine::getRenderMainPort() const
 int QEMUMachine::getRenderDataPort() const
 {
     return shifted(VMToolsMachine::getRenderDataPort(), m_portOffset);
-}
-
-unsigned short QEMUMachine::getQmpPort() const
-{
-    return shifted(kQmpBasePort, m_portOffset);
 }
 
 QString QEMUMachine::getQmpSocketPath() const
@@ -459,7 +454,7 @@ bool QEMUMachine::createLockFile(unsigned short offset, long long pid, int writa
                                  const QString &accelerator, const QString &cpuModel) const
 {
     if (isQEMURunning()) {
-        qWarning() << "[VMTools]" << "The lock file already exists and QEMU seems to run.";
+        qCWarning(hvQemuLog) << "[VMTools]" << "The lock file already exists and QEMU seems to run.";
         return false;
     }
     QEMULockRecord lock;
@@ -537,7 +532,7 @@ bool QEMUMachine::isRecordedEmulator(const QEMULockRecord &lock)
     if (lock.pid == 0)
         return false;
     if (!VMToolsCommon::isSameProcess(lock.pid, lock.startTime)) {
-        qDebug() << "[VMTools]" << "See no QEMU process with PID" << lock.pid;
+        qCDebug(hvQemuLog) << "[VMTools]" << "See no QEMU process with PID" << lock.pid;
         return false;
     }
     return isEmulatorProcess(lock.pid);
@@ -560,7 +555,7 @@ bool QEMUMachine::isQEMURunning() const
 int QEMUMachine::start(const QString &program, const QStringList &arguments, unsigned short offset)
 {
     if (isQEMURunning()) {
-        qWarning() << "[VMTools]" << "QEMU process is already running.";
+        qCWarning(hvQemuLog) << "[VMTools]" << "QEMU process is already running.";
         return Started;
     }
     const int launched = launch(program, arguments, offset);
@@ -574,12 +569,13 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
 {
     m_launchedPid = 0;
     m_startFailure.clear();
+    m_startCause.clear();
     if (!m_engine) {
-        qCritical() << "[VMTools]" << "Cannot start" << getName() << "without an engine";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot start" << getName() << "without an engine";
         return StartFailed;
     }
     if (!m_engine->isAccelerationSupported()) {
-        qCritical() << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
         return AccelerationNotSupported;
     }
     // The control socket's own directory, the owner's only, before the
@@ -588,7 +584,7 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
         return StartFailed;
 
     if (!QFileInfo(program).isExecutable()) {
-        qCritical() << "[VMTools]" << "There is no emulator program at" << program;
+        qCCritical(hvQemuLog) << "[VMTools]" << "There is no emulator program at" << program;
         return EmulatorMissing;
     }
     const QString log = getLogFilePath();
@@ -596,7 +592,7 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
     // The emulator outlives us: it must not hold our terminal or our output.
     qint64 pid = 0;
     if (!VMToolsCommon::startDetached(program, arguments, log, &pid)) {
-        qCritical() << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to start QEMU process with cmd:" << program << "args:"
                     << arguments.join(QLatin1String(", "));
         return StartFailed;
     }
@@ -608,7 +604,7 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
     });
     if (!createLockFile(offset, pid, writableShared ? 1 : 0, optionValue(arguments, QStringLiteral("-accel")),
                         optionValue(arguments, QStringLiteral("-cpu")))) {
-        qCritical() << "[VMTools]" << "Failed create lock file.";
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed create lock file.";
         // The lock file may not name the process just started; stop that one
         // directly so that it does not run on unrecorded.
         VMToolsCommon::destroyProcess(pid);
@@ -663,7 +659,8 @@ int QEMUMachine::waitUntilReady(const QString &snapshotName)
                                                 .arg(probe.lastError()));
     case QEMUClient::Readiness::InternalError:
         // KVM stopped the guest: the engine decides whether to go on under TCG.
-        qCritical().noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << kvmFailure();
+        m_startCause = kvmFailure();
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << m_startCause;
         stopLaunched();
         return KvmFailed;
     case QEMUClient::Readiness::TimedOut:
@@ -684,7 +681,7 @@ int QEMUMachine::waitUntilReady(const QString &snapshotName)
 int QEMUMachine::abandonLaunch(int result, const QString &failure)
 {
     m_startFailure = failure;
-    qCritical().noquote() << "[VMTools]" << failure;
+    qCCritical(hvQemuLog).noquote() << "[VMTools]" << failure;
     stopLaunched();
     return result;
 }
@@ -698,24 +695,29 @@ void QEMUMachine::stopLaunched()
 
 int QEMUMachine::diagnoseEnd()
 {
-    // The emulator ended on its own: its error output says why.
-    const QString log = getLogFilePath();
-    if (QEMUErrorDiagnosis::isResourceBusy(log))
+    // The emulator ended on its own: its error output, read once, says why.
+    using Code = QEMUErrorDiagnosis::Code;
+    switch (QEMUErrorDiagnosis::classify(getLogFilePath(), &m_startCause)) {
+    case Code::ResourceBusy:
         return ResourceBusy;
-    if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
+    case Code::SystemFileLocked:
         return SystemFileUsed;
-    if (QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log))
+    case Code::PortTaken:
         return PortUsed;
-    if (!QEMUErrorDiagnosis::isMemorySupported(log))
+    case Code::MemoryNotSupported:
         return MemoryNotSupported;
-    if (QEMUErrorDiagnosis::isStateNotLoadable(log))
+    case Code::StateNotLoadable:
         return StateNotLoaded;
-    const QEMUErrorDiagnosis::Code code = QEMUErrorDiagnosis::classify(log);
-    if (code == QEMUErrorDiagnosis::Code::KvmFailure)
+    case Code::KvmFailure:
         return KvmFailed;
-    if (code == QEMUErrorDiagnosis::Code::AudioUnavailable)
+    case Code::AudioUnavailable:
         return AudioUnavailable;
-    qCritical() << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
+    case Code::None:
+    case Code::Unreadable:
+    case Code::AcceleratorError:
+        break;
+    }
+    qCCritical(hvQemuLog) << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
 }
 
@@ -777,7 +779,7 @@ bool QEMUMachine::forceStop()
     const QEMULockRecord lock = readLock();
     const long long pid = lock.pid;
     if (pid == 0) {
-        qDebug() << "[VMTools]" << "Cannot stop QEMU because no PID was found";
+        qCDebug(hvQemuLog) << "[VMTools]" << "Cannot stop QEMU because no PID was found";
         m_portOffset = -1;
         return false;
     }
@@ -786,7 +788,7 @@ bool QEMUMachine::forceStop()
             return false;
         return removeLockFile();
     }
-    qDebug() << "[VMTools]" << "We have a stall lock file: let's remove it.";
+    qCDebug(hvQemuLog) << "[VMTools]" << "We have a stall lock file: let's remove it.";
     removeLockFile();
     return false;
 }
@@ -795,7 +797,7 @@ bool QEMUMachine::waitForFinished()
 {
     const QEMULockRecord lock = readLock();
     if (lock.pid == 0) {
-        qDebug() << "[VMTools]" << "Failed to load QEMU pid";
+        qCDebug(hvQemuLog) << "[VMTools]" << "Failed to load QEMU pid";
         return false;
     }
     if (!VMToolsCommon::waitForFinished(lock.pid, 1000, lock.startTime))

@@ -1,6 +1,7 @@
 #include "QEMUOptionSet.h"
 
 #include "EnvVars.h"
+#include "QEMULogging_p.h"
 
 #include <QDebug>
 #include <QRegularExpression>
@@ -60,7 +61,7 @@ void QEMUOptionSet::applyOverrides(const QStringList &items)
     for (const QString &item : items) {
         const QRegularExpressionMatch match = pattern.match(item);
         if (!match.hasMatch()) {
-            qWarning() << "[VMTools]" << "Ignoring start argument" << item << "not of the form -name[index]=value";
+            qCWarning(hvQemuLog) << "[VMTools]" << "Ignoring start argument" << item << "not of the form -name[index]=value";
             continue;
         }
         const QString key = match.captured(QStringLiteral("key"));
@@ -87,7 +88,7 @@ void QEMUOptionSet::applyOverrides(const QStringList &items)
         } else if (index >= 0 && index < values.size()) {
             values[index] = value;
         } else {
-            qWarning() << "[VMTools]" << "Ignoring start argument" << item << "index out of range";
+            qCWarning(hvQemuLog) << "[VMTools]" << "Ignoring start argument" << item << "index out of range";
         }
     }
 }

@@ -2,6 +2,7 @@
 
 #include "FileUtils.h"
 #include "QEMULockFile_p.h"
+#include "QEMULogging_p.h"
 #include "QEMUMachine.h"
 
 #include <QDebug>
@@ -84,7 +85,7 @@ bool write(const QString &path, const QVector<QEMUPortEntry> &entries)
                                  {QLatin1String(kRamKey), double(entry.ramMiB)},
                                  {QLatin1String(kDeviceKey), entry.device}});
     if (!FileUtils::saveFile(path, QJsonDocument(array).toJson(QJsonDocument::Compact))) {
-        qCritical() << "[VMTools]" << "Failed to write the port offset table" << path;
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to write the port offset table" << path;
         return false;
     }
     return true;

@@ -2,6 +2,7 @@
 
 #include "HalvistromAppUtils.h"
 #include "JsonSettings.h"
+#include "Logging_p.h"
 #include "MultiSettings.h"
 #include "Paths.h"
 #include "PlayerFeaturesConfig.h"
@@ -48,7 +49,7 @@ ApplicationConfig::ApplicationConfig()
     // A user file that does not parse still holds the user's settings; the
     // machine defaults must not be written over it behind their back.
     if (user->hasUnreadableContent()) {
-        qWarning() << "Settings file is not a JSON object, leaving it as it is until the next change:"
+        qCWarning(hvSettingsLog) << "Settings file is not a JSON object, leaving it as it is until the next change:"
                    << user->getFilePath();
         return;
     }

@@ -3,6 +3,7 @@
 #include "FileUtils.h"
 #include "JsonReader.h"
 #include "LockFiles.h"
+#include "Logging_p.h"
 
 #include <QDebug>
 #include <QFile>
@@ -88,12 +89,12 @@ QJsonObject JsonSettings::getRootObject() const
     if (!info.exists())
         return QJsonObject();
     if (info.size() > kMaxFileSize) {
-        qWarning() << "Settings file is too large, ignoring it:" << m_filePath << info.size();
+        qCWarning(hvSettingsLog) << "Settings file is too large, ignoring it:" << m_filePath << info.size();
         return QJsonObject();
     }
     const QJsonDocument document = FileUtils::loadJson(m_filePath);
     if (!document.isNull() && !document.isObject())
-        qWarning() << "Settings file does not hold a JSON object, ignoring it:" << m_filePath;
+        qCWarning(hvSettingsLog) << "Settings file does not hold a JSON object, ignoring it:" << m_filePath;
     return document.object();
 }
 
@@ -230,7 +231,7 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
     // Without its directory the file cannot be written; say so the same way
     // a failed save would, rather than as a lock problem.
     if (!QFileInfo(QFileInfo(m_filePath).absolutePath()).isDir()) {
-        qCritical() << "Failed to open file for writing:" << m_filePath;
+        qCCritical(hvSettingsLog) << "Failed to open file for writing:" << m_filePath;
         return false;
     }
 
@@ -241,12 +242,12 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
     lock.setStaleLockTime(m_staleLockMs);
     if (!LockFiles::acquire(lock, lockPath, m_lockWaitMs)) {
         if (lock.error() != QLockFile::LockFailedError)
-            qCritical() << "Failed to create lock file" << lockPath << "to change" << what << "in" << m_filePath << ":"
+            qCCritical(hvSettingsLog) << "Failed to create lock file" << lockPath << "to change" << what << "in" << m_filePath << ":"
                         << qPrintable(FileUtils::whyCannotWrite(QFileInfo(m_filePath).absolutePath()));
         else if (what.isEmpty())
-            qCritical() << "Failed to lock settings file" << m_filePath << "in time to replace its content";
+            qCCritical(hvSettingsLog) << "Failed to lock settings file" << m_filePath << "in time to replace its content";
         else
-            qCritical() << "Failed to lock settings file" << m_filePath << "in time to change" << what;
+            qCCritical(hvSettingsLog) << "Failed to lock settings file" << m_filePath << "in time to change" << what;
         return false;
     }
 
@@ -260,9 +261,9 @@ bool JsonSettings::modify(const QString &what, const std::function<bool(QJsonObj
         const QString backup = m_filePath + QStringLiteral(".bad");
         QFile::remove(backup);
         if (FileUtils::copyFile(m_filePath, backup))
-            qWarning() << "Kept the unreadable settings file" << m_filePath << "as" << backup;
+            qCWarning(hvSettingsLog) << "Kept the unreadable settings file" << m_filePath << "as" << backup;
         else
-            qWarning() << "Failed to keep the unreadable settings file" << m_filePath << "as" << backup;
+            qCWarning(hvSettingsLog) << "Failed to keep the unreadable settings file" << m_filePath << "as" << backup;
     }
     return writeRoot(root);
 }

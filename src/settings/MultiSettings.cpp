@@ -1,5 +1,7 @@
 #include "MultiSettings.h"
 
+#include "Logging_p.h"
+
 #include <QDebug>
 #include <QJsonObject>
 
@@ -22,7 +24,7 @@ MultiSettings::MultiSettings(const QSharedPointer<JsonSettings> &defaults, const
 {
     m_install->sync();
     if (m_install->status() != QSettings::NoError) {
-        qWarning().noquote() << QStringLiteral("Cannot init install path settings (status=%1) %2")
+        qCWarning(hvSettingsLog).noquote() << QStringLiteral("Cannot init install path settings (status=%1) %2")
                                     .arg(static_cast<int>(m_install->status()))
                                     .arg(m_install->fileName());
     }
@@ -61,7 +63,7 @@ void MultiSettings::set(const QString &key, const QVariant &value)
         m_install->remove(key);
     m_install->sync();
     if (m_install->status() != QSettings::NoError)
-        qCritical() << "Failed to write" << key << "to" << m_install->fileName();
+        qCCritical(hvSettingsLog) << "Failed to write" << key << "to" << m_install->fileName();
 }
 
 void MultiSettings::removeKey(const QString &key)

@@ -1,6 +1,7 @@
 #include "Settings.h"
 
 #include "ApplicationConfig.h"
+#include "Logging_p.h"
 #include "MultiSettings.h"
 
 #include <QDebug>
@@ -32,7 +33,7 @@ void Settings::set(const QString &key, const QVariant &value)
     // happens to run.
     if (key == QLatin1String("virtual_devices.directory")
         && (value.userType() != QMetaType::QString || !QDir::isAbsolutePath(value.toString()))) {
-        qWarning() << "Refusing the setting" << key << "=" << value.toString() << ": it must be an absolute path";
+        qCWarning(hvSettingsLog) << "Refusing the setting" << key << "=" << value.toString() << ": it must be an absolute path";
         return;
     }
     config().getMultiSettings()->set(key, value);

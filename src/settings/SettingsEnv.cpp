@@ -1,6 +1,7 @@
 #include "Settings.h"
 
 #include "HalvistromAppUtils.h"
+#include "Logging_p.h"
 
 #include <QDebug>
 #include <QFile>
@@ -16,7 +17,7 @@ void Settings::applyHalvistromEnv()
     if (!QFile::exists(path))
         return;
 
-    qDebug() << "Loading environment variables from" << path;
+    qCDebug(hvSettingsLog) << "Loading environment variables from" << path;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         qFatal("Failed to open %s", qPrintable(path));
@@ -32,13 +33,13 @@ void Settings::applyHalvistromEnv()
         const QByteArray name = it.key().toUtf8();
         // The real environment always wins over the file.
         if (qEnvironmentVariableIsSet(name.constData())) {
-            qDebug() << "Not setting" << it.key() << "since it is already set.";
+            qCDebug(hvSettingsLog) << "Not setting" << it.key() << "since it is already set.";
             continue;
         }
         if (!it.value().isString())
             qFatal("value of key %s is not a string", name.constData());
         const QString value = it.value().toString();
-        qDebug() << "Setting environment variable" << it.key() << "to" << value;
+        qCDebug(hvSettingsLog) << "Setting environment variable" << it.key() << "to" << value;
         qputenv(name.constData(), value.toUtf8());
     }
 }

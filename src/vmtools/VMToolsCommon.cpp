@@ -1,6 +1,7 @@
 #include "VMToolsCommon.h"
 
 #include "EnvVars.h"
+#include "Logging_p.h"
 #include "Paths.h"
 #include "TriggerError.h"
 
@@ -146,7 +147,7 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
     const bool logged = !options.testFlag(NoLog);
     PrivateFilesProcess process;
     if (logged)
-        qDebug() << "[VMTools]" << "Call:" << arguments;
+        qCDebug(hvProcessLog) << "[VMTools]" << "Call:" << arguments;
     process.start(program, arguments, QIODevice::ReadWrite);
 
     const WaitOutcome outcome = waitWithCancel(process, timeoutFor(options), cancel);
@@ -159,7 +160,7 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
             process.waitForFinished(kCancelGraceMs);
         }
         killAndReap(process);
-        qWarning() << "[VMTools]" << -1 << QStringLiteral("canceled") << QString();
+        qCWarning(hvProcessLog) << "[VMTools]" << -1 << QStringLiteral("canceled") << QString();
         CallResult result;
         result.returnCode = -1;
         result.error = QStringLiteral("canceled");
@@ -177,20 +178,20 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
 
     if (result.finished && result.returnCode == 0) {
         if (logged)
-            qDebug() << "[VMTools]" << "Return code:" << 0;
+            qCDebug(hvProcessLog) << "[VMTools]" << "Return code:" << 0;
         return result;
     }
     if (logged) {
         if (result.finished) {
-            qCritical() << "[VMTools]" << "Return code:" << result.returnCode;
+            qCCritical(hvProcessLog) << "[VMTools]" << "Return code:" << result.returnCode;
             const QString trimmedError = result.error.trimmed();
             if (!trimmedError.isEmpty())
-                qCritical() << "[VMTools]" << "Output command:" << trimmedError;
+                qCCritical(hvProcessLog) << "[VMTools]" << "Output command:" << trimmedError;
         } else {
-            qCritical() << "[VMTools]" << "Can't run" << program;
+            qCCritical(hvProcessLog) << "[VMTools]" << "Can't run" << program;
         }
     }
-    qWarning() << "[VMTools]" << result.returnCode << result.error << result.output;
+    qCWarning(hvProcessLog) << "[VMTools]" << result.returnCode << result.error << result.output;
     return result;
 }
 
@@ -366,7 +367,7 @@ bool startDetached(const QString &program, const QStringList &arguments, const Q
     start.error = ::open(QFile::encodeName(errorFile).constData(),
                          O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (start.error < 0 || ::fchmod(start.error, S_IRUSR | S_IWUSR) != 0) {
-        qCritical() << "[VMTools]" << "Cannot run" << program << ": cannot write" << errorFile << ":"
+        qCCritical(hvProcessLog) << "[VMTools]" << "Cannot run" << program << ": cannot write" << errorFile << ":"
                     << std::strerror(errno);
         return false;
     }
@@ -378,7 +379,7 @@ bool startDetached(const QString &program, const QStringList &arguments, const Q
     const int error = forked ? execError : errno;
     if (error == 0)
         return true;
-    qCritical() << "[VMTools]" << "Cannot run" << program << ":" << std::strerror(error);
+    qCCritical(hvProcessLog) << "[VMTools]" << "Cannot run" << program << ":" << std::strerror(error);
     return false;
 }
 
@@ -408,7 +409,7 @@ bool isSameProcess(qint64 pid, qint64 startTime)
 bool destroyProcess(qint64 pid)
 {
     if (::kill(static_cast<pid_t>(pid), SIGKILL) != 0) {
-        qCritical() << "[VMTools]" << "Failed to kill process with id=" << pid;
+        qCCritical(hvProcessLog) << "[VMTools]" << "Failed to kill process with id=" << pid;
         return false;
     }
 
@@ -423,13 +424,13 @@ bool destroyProcess(qint64 pid)
 
     if (reaped == -1) {
         if (errno == ECHILD)
-            qDebug() << "[VMTools]" << "No child to wait for Pid=" << pid;
+            qCDebug(hvProcessLog) << "[VMTools]" << "No child to wait for Pid=" << pid;
         else
-            qCritical() << "[VMTools]" << "Error waiting for Pid =" << pid << ", error=" << ::strerror(errno);
+            qCCritical(hvProcessLog) << "[VMTools]" << "Error waiting for Pid =" << pid << ", error=" << ::strerror(errno);
     } else if (!WIFEXITED(status) && !WIFSIGNALED(status)) {
         return false;
     }
-    qDebug() << "[VMTools]" << "destroyProcess(" << pid << ") -> true";
+    qCDebug(hvProcessLog) << "[VMTools]" << "destroyProcess(" << pid << ") -> true";
     return true;
 }
 
@@ -450,7 +451,7 @@ bool waitForFinished(qint64 pid, int timeoutMs, qint64 startTime)
         if (!isSameProcess(pid, startTime))
             return true;
     }
-    qWarning() << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;
+    qCWarning(hvProcessLog) << "[VMTools]" << "Timeout waiting for process end Pid =" << pid;
     return false;
 }
 
@@ -458,7 +459,7 @@ QString findVBoxManage()
 {
     const QString fromEnv = EnvVars::getString("HV_VBOXMANAGE");
     if (!fromEnv.isEmpty()) {
-        qDebug() << "[VMTools]" << QStringLiteral("Using '%1' for VBoxManage").arg(fromEnv);
+        qCDebug(hvProcessLog) << "[VMTools]" << QStringLiteral("Using '%1' for VBoxManage").arg(fromEnv);
         return fromEnv;
     }
     return Paths::findExecutableInPath(QStringLiteral("VBoxManage"));

@@ -4,6 +4,8 @@
 // decisions take the CPUID instruction as a function so that they can be
 // checked against the register values of processors we do not run on.
 
+#include "Logging_p.h"
+
 #include <QDebug>
 #include <QString>
 #include <QtGlobal>
@@ -59,11 +61,11 @@ inline bool virtualizationAvailable(const QString &vendorText, const CpuidFuncti
 {
     if (vendorText == QLatin1String("GenuineIntel")) {
         const quint32 ecx = cpuidFn(0).eax != 0 ? cpuidFn(1).ecx : 0;
-        qDebug() << "[VMTools]" << "CPUID 0x1 (Intel): ECX=" << QString::number(ecx, 16);
+        qCDebug(hvEngineLog) << "[VMTools]" << "CPUID 0x1 (Intel): ECX=" << QString::number(ecx, 16);
         return ecx & kVmxBit;
     }
     const quint32 ecx = cpuidFn(0x80000000).eax > 0x80000000 ? cpuidFn(0x80000001).ecx : 0;
-    qDebug() << "[VMTools]" << "CPUID 0x80000001 (AMD): ECX=" << QString::number(ecx, 16);
+    qCDebug(hvEngineLog) << "[VMTools]" << "CPUID 0x80000001 (AMD): ECX=" << QString::number(ecx, 16);
     return ecx & kSvmBit;
 }
 

@@ -1,6 +1,7 @@
 #include "VMToolsEngine.h"
 
 #include "FileUtils.h"
+#include "Logging_p.h"
 #include "Paths.h"
 #include "Settings.h"
 #include "SysInfo.h"
@@ -32,7 +33,7 @@ const QFileDevice::Permissions kOthersAndGroup = QFileDevice::ReadGroup | QFileD
 VMToolsEngine::VMToolsEngine()
 {
     m_cpuVendor = VMToolsCpu::vendor(VMToolsCpu::cpuid);
-    qDebug() << "[VMTools]" << "Chipset:" << m_cpuVendor;
+    qCDebug(hvEngineLog) << "[VMTools]" << "Chipset:" << m_cpuVendor;
     updateCPUVirtualizationAvailability();
     m_devicesDirectory = QDir(getDevicesDirectorySetting());
     closeOpenDevices();
@@ -68,7 +69,7 @@ QString VMToolsEngine::getDevicesDirectorySetting()
     const QString value = Settings::get(key, Paths::getDeployedPath()).toString();
     // A relative value would put devices wherever the program happens to run.
     if (!QDir::isAbsolutePath(value)) {
-        qWarning() << "[VMTools]" << "Ignoring the setting" << key << "=" << value
+        qCWarning(hvEngineLog) << "[VMTools]" << "Ignoring the setting" << key << "=" << value
                    << ": not an absolute path; using" << Paths::getDeployedPath();
         return Paths::getDeployedPath();
     }
@@ -126,41 +127,41 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMod
     } else if (name == kVirtualBoxEngine) {
         baseName = QStringLiteral("vboxmanage");
     } else {
-        qCritical() << "[VMTools]" << "Tried to load unknown virtual engine" << name;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Tried to load unknown virtual engine" << name;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Loading" << name << "plugin";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Loading" << name << "plugin";
     const QString path = QCoreApplication::applicationDirPath() + QStringLiteral("/plugins/") + baseName;
     // The library object goes away on return without unloading: the engine's
     // code must stay mapped for as long as the engine lives.
     QLibrary library(path);
     const auto factory = reinterpret_cast<EngineFactory>(library.resolve("getVMToolsEngine"));
     if (!factory) {
-        qCritical() << "[VMTools]"
+        qCCritical(hvEngineLog) << "[VMTools]"
                     << QStringLiteral("Fail to load %1 plugin from %2: %3").arg(name, path, library.errorString());
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Constructing engine";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Constructing engine";
     VMToolsEngine *engine = factory();
     if (!engine) {
-        qCritical() << "[VMTools]" << "Unable to execute getVMToolsEngine from" << path;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to execute getVMToolsEngine from" << path;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "Initializing engine";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Initializing engine";
     const InitResult init = engine->initialize(mode);
     result.status = init.first;
     result.message = init.second;
     if (result.status != 0) {
-        qCritical() << "[VMTools]" << "Unable to initialize engine from" << path;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to initialize engine from" << path;
         delete engine;
         return result;
     }
 
-    qDebug() << "[VMTools]" << "VMX/SVM CPU availability:" << engine->isCPUVirtualizationAvailable();
-    qDebug() << "[VMTools]" << "VM engine version:" << engine->versionString();
+    qCDebug(hvEngineLog) << "[VMTools]" << "VMX/SVM CPU availability:" << engine->isCPUVirtualizationAvailable();
+    qCDebug(hvEngineLog) << "[VMTools]" << "VM engine version:" << engine->versionString();
     result.engine = engine;
     return result;
 }

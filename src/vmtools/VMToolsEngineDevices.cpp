@@ -3,6 +3,7 @@
 // would, so an engine overrides what it can do.
 #include "VMToolsEngine.h"
 
+#include "Logging_p.h"
 #include "VMToolsMachine.h"
 
 #include <QDebug>
@@ -19,7 +20,7 @@ QString VMToolsEngine::brokenMachineReason(const QString &) const
 
 bool VMToolsEngine::deleteBrokenMachine(const QString &name) const
 {
-    qWarning() << "[VMTools]" << "The engine cannot delete the broken device" << name;
+    qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot delete the broken device" << name;
     return false;
 }
 
@@ -31,7 +32,7 @@ QString VMToolsEngine::foreignEntryReason(const QString &) const
 LockFiles::CommandLock::Result VMToolsEngine::lockMachine(const QString &name, const QString &,
                                                           LockFiles::CommandLock *) const
 {
-    qWarning() << "[VMTools]" << "The engine cannot lock the device" << name;
+    qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot lock the device" << name;
     return LockFiles::CommandLock::Failed;
 }
 
@@ -42,7 +43,7 @@ QList<MachineLeftover> VMToolsEngine::getLeftovers() const
 
 bool VMToolsEngine::reclaimLeftover(const MachineLeftover &leftover) const
 {
-    qWarning() << "[VMTools]" << "The engine cannot reclaim" << leftover.path;
+    qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot reclaim" << leftover.path;
     return false;
 }
 
@@ -56,7 +57,7 @@ QList<SnapshotInfo> VMToolsEngine::fetchSnapshots(const VMToolsMachine *machine)
 
 bool VMToolsEngine::loadSnapshot(VMToolsMachine *, const QString &name) const
 {
-    qWarning() << "[VMTools]" << "The engine cannot load the snapshot" << name << "of a running device";
+    qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot load the snapshot" << name << "of a running device";
     return false;
 }
 
@@ -70,7 +71,7 @@ bool VMToolsEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, b
 int VMToolsEngine::cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent)
 {
     if (crashConsistent && machine && machine->getStatus() == VMToolsMachine::On) {
-        qWarning() << "[VMTools]" << "The engine cannot copy a running device";
+        qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot copy a running device";
         return 1;
     }
     return cloneMachine(machine, newName);
@@ -78,7 +79,7 @@ int VMToolsEngine::cloneMachine(VMToolsMachine *machine, const QString &newName,
 
 VMToolsEngine::ResetResult VMToolsEngine::resetDevice(const VMToolsMachine *) const
 {
-    qWarning() << "[VMTools]" << "The engine cannot reset a device to its factory state";
+    qCWarning(hvEngineLog) << "[VMTools]" << "The engine cannot reset a device to its factory state";
     return ResetResult::Unchanged;
 }
 

@@ -5,6 +5,7 @@
 
 #include "Archive.h"
 #include "FileUtils.h"
+#include "Logging_p.h"
 #include "OsImage.h"
 #include "Paths.h"
 #include "VMToolsMachine.h"
@@ -27,26 +28,26 @@ int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *machine, bool *quickB
     if (!quickBoot || !*quickBoot)
         return bootCold();
     if (!isSnapshotSupported()) {
-        qDebug() << "[VMTools]" << "Snapshot not supported, fallback on cold boot";
+        qCDebug(hvEngineLog) << "[VMTools]" << "Snapshot not supported, fallback on cold boot";
         return bootCold();
     }
     // Resuming a state older than the disks would silently take back what
     // the last session wrote.
     const QString unsaved = unsavedSessionReason(machine);
     if (!unsaved.isEmpty()) {
-        qInfo().noquote() << "[VMTools]" << QStringLiteral("%1: booting cold, keeping its disk writes").arg(unsaved);
+        qCInfo(hvEngineLog).noquote() << "[VMTools]" << QStringLiteral("%1: booting cold, keeping its disk writes").arg(unsaved);
         return bootCold();
     }
     // Looked up here rather than trusted from the caller: a program that
     // never asked would otherwise boot cold every time.
     checkLatestSnapshotExists(machine);
     if (!machine || !machine->isLatestSnapshotExist()) {
-        qDebug() << "[VMTools]" << "No snapshot found, fallback on cold boot";
+        qCDebug(hvEngineLog) << "[VMTools]" << "No snapshot found, fallback on cold boot";
         return bootCold();
     }
     const QString mismatch = savedStateMismatch(machine, latestSnapshotName());
     if (!mismatch.isEmpty()) {
-        qInfo().noquote() << "[VMTools]" << QStringLiteral("quick-boot state %1: booting cold").arg(mismatch);
+        qCInfo(hvEngineLog).noquote() << "[VMTools]" << QStringLiteral("quick-boot state %1: booting cold").arg(mismatch);
         return bootCold();
     }
     *quickBoot = true;
@@ -56,7 +57,7 @@ int VMToolsEngine::startFromLatestSnapshot(VMToolsMachine *machine, bool *quickB
     // The emulator could not read the state it saved (an upgrade, a change
     // made behind the device's back): boot cold, once. The next save
     // replaces the state.
-    qWarning() << "[VMTools]" << "The quick-boot state could not be loaded: booting cold";
+    qCWarning(hvEngineLog) << "[VMTools]" << "The quick-boot state could not be loaded: booting cold";
     return bootCold();
 }
 
@@ -91,7 +92,7 @@ bool VMToolsEngine::extractOva(const QString &ovaPath, const VersionNumber &imag
     if (directory.exists(QStringLiteral("system.vmdk")) && directory.exists(QStringLiteral("data.vmdk")))
         return true;
     if (!FileUtils::makeDirectory(directory.path())) {
-        qCritical() << "[VMTools]" << "Failed to create directory" << directory.absolutePath();
+        qCCritical(hvEngineLog) << "[VMTools]" << "Failed to create directory" << directory.absolutePath();
         return false;
     }
     return Archive::isOk(Archive::untar(ovaPath, directory.absolutePath()));

@@ -2,6 +2,7 @@
 
 #include "FileUtils.h"
 #include "HwProfileIO.h"
+#include "Logging_p.h"
 #include "OsImageIO.h"
 
 #include <QDebug>
@@ -94,16 +95,16 @@ bool VMToolsMachine::load()
     const QString path = getConfigFilePath();
     const QFileInfo info(path);
     if (!info.exists()) {
-        qWarning() << "[VMTools]" << "Missing device configuration file" << path;
+        qCWarning(hvEngineLog) << "[VMTools]" << "Missing device configuration file" << path;
         return false;
     }
     if (info.size() > kMaxConfigFileSize) {
-        qWarning() << "[VMTools]" << "Device configuration file is too large:" << path << info.size();
+        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration file is too large:" << path << info.size();
         return false;
     }
     const QJsonDocument document = FileUtils::loadJson(path);
     if (!document.isObject()) {
-        qWarning() << "[VMTools]" << "Device configuration file does not hold a JSON object:" << path;
+        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration file does not hold a JSON object:" << path;
         return false;
     }
     QJsonObject top = document.object();
@@ -111,7 +112,7 @@ bool VMToolsMachine::load()
     // record as it was.
     const QJsonValue configurationValue = top.value(QLatin1String(kConfigurationKey));
     if (!configurationValue.isUndefined() && !configurationValue.isObject()) {
-        qWarning() << "[VMTools]" << "Device configuration entry is not an object:" << path;
+        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration entry is not an object:" << path;
         return false;
     }
 
@@ -121,7 +122,7 @@ bool VMToolsMachine::load()
     // A record that reloads a broken file keeps what it had: the next setter
     // would otherwise save the broken values over the good ones.
     if (!profile.isValid()) {
-        qWarning() << "[VMTools]" << "Failed to load hwProfile" << getName() << ", skip device";
+        qCWarning(hvEngineLog) << "[VMTools]" << "Failed to load hwProfile" << getName() << ", skip device";
         return false;
     }
     setOsImage(image);
@@ -145,7 +146,7 @@ bool VMToolsMachine::save() const
         return true;
     const QDir dir(m_path + QLatin1String(kConfigDir));
     if (!FileUtils::makeDirectory(dir.path())) {
-        qCritical() << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
+        qCCritical(hvEngineLog) << "[VMTools]" << "Failed to create directory:" << dir.absolutePath();
         return false;
     }
     // "root" is rebuilt from scratch: only "active" is ours to keep.
@@ -159,7 +160,7 @@ bool VMToolsMachine::save() const
 
     // A crash or a full disk never leaves a half-written device.json behind.
     if (!FileUtils::saveFile(dir.filePath(QLatin1String(kConfigFileName)), QJsonDocument(top).toJson())) {
-        qCritical() << "[VMTools]" << "Failed to save device" << getName();
+        qCCritical(hvEngineLog) << "[VMTools]" << "Failed to save device" << getName();
         return false;
     }
     return true;
@@ -831,7 +832,7 @@ void VMToolsMachine::deleteOpenglSnapshot() const
 {
     for (const QString &file : {snapshotFilename(), textureFilename()}) {
         if (QFile::exists(file) && !QFile::remove(file))
-            qWarning() << "[VMTools]" << "Cannot remove file" << file;
+            qCWarning(hvEngineLog) << "[VMTools]" << "Cannot remove file" << file;
     }
 }
 
@@ -845,17 +846,17 @@ bool VMToolsMachine::setUpgrading(bool upgrading)
     const QString file = getUpgradingFlagPath();
     if (!upgrading) {
         if (!QFile::remove(file)) {
-            qWarning() << "[VMTools]" << "Cannot remove file" << file;
+            qCWarning(hvEngineLog) << "[VMTools]" << "Cannot remove file" << file;
             return false;
         }
-        qDebug() << "[VMTools]" << "Removed" << file << "flag";
+        qCDebug(hvEngineLog) << "[VMTools]" << "Removed" << file << "flag";
         return true;
     }
     if (!FileUtils::saveFile(file, QByteArrayLiteral("[General]\nupgrading=true\n"))) {
-        qCritical() << "[VMTools]" << "Failed to write file:" << file;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Failed to write file:" << file;
         return false;
     }
-    qDebug() << "[VMTools]" << "Created" << file << "flag";
+    qCDebug(hvEngineLog) << "[VMTools]" << "Created" << file << "flag";
     return true;
 }
 

@@ -68,6 +68,10 @@ TEST_P(QEMUClientExchange, givesResultAndLogLine)
     EXPECT_EQ(c.action(*std::make_unique<QEMUClient>(server.path())), c.result);
     for (const LogLine &expected : c.lines)
         EXPECT_TRUE(capture.has(expected.type, expected.text));
+    // An exchange that succeeds is nothing to warn about.
+    if (c.result) {
+        EXPECT_TRUE(capture.noneAtOrAbove(QtWarningMsg));
+    }
     EXPECT_THAT(server.finish(), ::testing::IsEmpty());
 }
 
