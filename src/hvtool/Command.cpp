@@ -389,7 +389,8 @@ int runCommand(const Command &command, const QString &program, const GlobalOptio
                           commandHelp(command));
     Context context(positional, parser, options.format, options.verbose);
     context.setCommand(command.path);
-    const int opened = openTarget(command, context);
+    const int invalid = command.checkArguments ? command.checkArguments(context) : Success;
+    const int opened = invalid == Success ? openTarget(command, context) : invalid;
     return opened == Success ? command.run(context) : opened;
 }
 

@@ -110,7 +110,8 @@ private:
 struct Command {
     Command(QStringList path, QString arguments, QString summary, QList<QCommandLineOption> options, int minArgs,
             int maxArgs, std::function<int(Context &)> run, DeviceUse device = DeviceUse::None,
-            DeviceState state = DeviceState::Any, QString refusal = QString())
+            DeviceState state = DeviceState::Any, QString refusal = QString(),
+            std::function<int(Context &)> checkArguments = {})
         : path(std::move(path))
         , arguments(std::move(arguments))
         , summary(std::move(summary))
@@ -121,6 +122,7 @@ struct Command {
         , device(device)
         , state(state)
         , refusal(std::move(refusal))
+        , checkArguments(std::move(checkArguments))
     {
     }
 
@@ -139,6 +141,9 @@ struct Command {
     /// The refusal, when not the state's own ("device '%1' is running; stop
     /// it first"): %1 the device, %2 the command's second argument.
     QString refusal;
+    /// Refuses arguments the command cannot take (exit 2) before the device
+    /// is looked at; none when empty.
+    std::function<int(Context &)> checkArguments;
 };
 
 /// Every command of the tool; each noun's file adds its own.

@@ -401,6 +401,13 @@ int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
     return Success;
 }
 
+int checkStartArguments(Context &ctx)
+{
+    StartRequest request;
+    int waitSeconds = 0;
+    return readStartRequest(ctx, &request, &waitSeconds);
+}
+
 /// Reports a start that did not bring the device up, with the exit code its
 /// cause calls for.
 int reportStartFailure(Context &ctx, const VMToolsMachine &machine, const StartOutcome &outcome)
@@ -462,10 +469,11 @@ int start(Context &ctx)
 {
     StartRequest request;
     int waitSeconds = 0;
-    int code = readStartRequest(ctx, &request, &waitSeconds);
+    readStartRequest(ctx, &request, &waitSeconds);
     VMToolsEngine *e = ctx.engine();
     VMToolsMachine &machine = *ctx.device();
-    if (code != Success || (code = checkBacking(ctx, e, machine)) != Success)
+    int code = checkBacking(ctx, e, machine);
+    if (code != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -602,7 +610,8 @@ int snapshotLoad(Context &ctx)
     return showSnapshotDone(ctx, QStringLiteral("loaded"), timer.elapsed());
 }
 
-int snapshotSave(Context &ctx)
+/// Refuses a name a snapshot cannot be saved under.
+int checkSnapshotName(Context &ctx)
 {
     static const QRegularExpression valid(QStringLiteral("^\\w{1,64}$"));
     if (!valid.match(ctx.arg(1)).hasMatch())
@@ -613,6 +622,11 @@ int snapshotSave(Context &ctx)
         return ctx.fail(Usage, QStringLiteral("'%1' is the quick-boot state, saved by 'hvtool device stop'; choose "
                                               "another name")
                                    .arg(kLatest));
+    return Success;
+}
+
+int snapshotSave(Context &ctx)
+{
     QElapsedTimer timer;
     timer.start();
     const int code = saveState(ctx, *ctx.device(), ctx.arg(1), QString());
@@ -910,9 +924,11 @@ int set(Context &ctx)
 Command deviceCommand(const QStringList &verb, const QString &arguments, const QString &summary,
                       const QList<QCommandLineOption> &options, int minArgs, int maxArgs,
                       const std::function<int(Context &)> &run, DeviceUse use = DeviceUse::Read,
-                      DeviceState state = DeviceState::Any, const QString &refusal = QString())
+                      DeviceState state = DeviceState::Any, const QString &refusal = QString(),
+                      const std::function<int(Context &)> &checkArguments = {})
 {
-    return Command{QStringList{"device"} + verb, arguments, summary, options, minArgs, maxArgs, run, use, state, refusal};
+    return Command{QStringList{"device"} + verb, arguments, summary, options, minArgs, maxArgs, run, use, state, refusal,
+                   checkArguments};
 }
 
 void addSnapshotCommands()
@@ -921,7 +937,7 @@ void addSnapshotCommands()
         << deviceCommand({"snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList)
         << deviceCommand({"snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
                          snapshotSave, DeviceUse::Change, DeviceState::Running,
-                         "device '%1' is not running; start it to save its state")
+                         "device '%1' is not running; start it to save its state", checkSnapshotName)
         << deviceCommand({"snapshot", "load"}, "NAME SNAPSHOT", "Return the running device to a saved snapshot.", {},
                          2, 2, snapshotLoad, DeviceUse::Change, DeviceState::Running,
                          "device '%1' is not running; start it with --snapshot %2 instead")
@@ -944,7 +960,8 @@ void addRunCommands()
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
                           {"force", "Start even when the host seems short of memory for it."}},
-                         1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running")
+                         1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
+                         checkStartArguments)
         << deviceCommand({"resume"}, "NAME",
                          "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.",
                          {}, 1, 1, resume, DeviceUse::Change, DeviceState::Paused)
