@@ -1,13 +1,13 @@
 #pragma once
 
 #include "LockFiles.h"
+#include "VMToolsEngine.h"
+#include "VMToolsMachine.h"
 
 #include <QString>
 
 class QEMUEngine;
 class QEMUMachine;
-class VMToolsEngine;
-class VMToolsMachine;
 
 namespace hvtool {
 

@@ -402,14 +402,7 @@ bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared, bool l
         qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to pause the guest before saving";
         return false;
     }
-    bool ok = !unplugShared || unplugSharedDrive();
-    if (ok) {
-        qCDebug(hvQmpLog) << Tag << "QEMUClient: saving snapshot";
-        ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
-                  SaveSnapshotTimeoutMs, ResponseRequired);
-        if (!ok)
-            qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to save snapshot";
-    }
+    const bool ok = runSnapshotCommand(true, name, unplugShared);
     if (!ok && leavePaused)
         exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
     return ok;
@@ -448,15 +441,20 @@ bool QEMUClient::unplugSharedDrive()
 
 bool QEMUClient::execLoadSnapshot(const QString &name, bool unplugShared)
 {
-    if (!init())
-        return false;
+    return init() && runSnapshotCommand(false, name, unplugShared);
+}
+
+bool QEMUClient::runSnapshotCommand(bool save, const QString &name, bool unplugShared)
+{
     if (unplugShared && !unplugSharedDrive())
         return false;
-    qCDebug(hvQmpLog) << Tag << "QEMUClient: loading snapshot";
-    // Loading reads the whole saved guest memory back, as saving wrote it.
-    const bool ok = exec(humanMonitorCommand(QStringLiteral("loadvm %1").arg(name)), emptyMonitorAnswer(),
-                         SaveSnapshotTimeoutMs, ResponseRequired);
+    qCDebug(hvQmpLog) << Tag << (save ? "QEMUClient: saving snapshot" : "QEMUClient: loading snapshot");
+    // Saving writes the whole guest memory into the system disk; loading
+    // reads it back.
+    const QString command = save ? QStringLiteral("savevm %1") : QStringLiteral("loadvm %1");
+    const bool ok = exec(humanMonitorCommand(command.arg(name)), emptyMonitorAnswer(), SaveSnapshotTimeoutMs,
+                         ResponseRequired);
     if (!ok)
-        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to load snapshot";
+        qCWarning(hvQmpLog) << Tag << (save ? "QEMUClient: failed to save snapshot" : "QEMUClient: failed to load snapshot");
     return ok;
 }

@@ -117,6 +117,9 @@ private:
     bool probeOnce(Probe *probe, Readiness *outcome);
     /// Reads and checks the greeting; greeted tells whether it was complete.
     bool readGreeting(int timeoutMs, bool *greeted);
+    /// Saves (or loads) the internal snapshot name through the monitor,
+    /// detaching the shared-folder drive first when unplugShared.
+    bool runSnapshotCommand(bool save, const QString &name, bool unplugShared);
     /// Detaches the shared-folder drive; false, logged, on failure.
     bool unplugSharedDrive();
 

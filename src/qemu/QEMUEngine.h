@@ -22,13 +22,11 @@ class QEMUMachine;
 namespace QEMULaunch {
 struct Request;
 }
-namespace LockFiles {
-class SharedLock;
-}
 
 /// The engine that runs devices with the QEMU emulator. It finds
-/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
-/// directory beside the application, and accepts QEMU 6.2 and later.
+/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" when it is set,
+/// else in the bundled directory beside the application, on PATH or in
+/// /usr/bin, and accepts QEMU 6.2 and later.
 class QEMUEngine : public VMToolsEngine
 {
 public:
@@ -61,8 +59,8 @@ public:
     /// True unless the "hypervhaxmerror" trigger is active; the host is not probed.
     bool isAccelerationSupported() const override;
     bool isSnapshotSupported() const override;
-    /// The snapshots of the device's system disk whose names are made of
-    /// letters, digits and underscores; empty when they cannot be listed.
+    /// The names of the snapshots of the device's system disk, read from the
+    /// image itself; empty when they cannot be listed.
     QStringList fetchSnapshotNames(const VMToolsMachine *machine) const override;
     /// Deletes the snapshot from the device's system disk and, only when that
     /// worked, from its data disk and SD card. True when there is no such snapshot.

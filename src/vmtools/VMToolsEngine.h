@@ -3,11 +3,14 @@
 #include "BrokenMachine.h"
 #include "CreateProgress.h"
 #include "GuestWait.h"
+#include "HwProfile.h"
 #include "LockFiles.h"
 #include "MachineLeftover.h"
+#include "OsImage.h"
 #include "SnapshotInfo.h"
 #include "StartOutcome.h"
 #include "StartRequest.h"
+#include "VMToolsMachine.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
 
@@ -22,10 +25,7 @@
 #include <functional>
 
 class AbstractHwProfileListController;
-class HwProfile;
-class OsImage;
 class QFile;
-class VMToolsMachine;
 
 /// The virtual-machine engine: the one object through which the application
 /// creates, starts, stops, clones and deletes virtual devices, manages their
