@@ -1,6 +1,7 @@
 #pragma once
 
 #include "LockFiles.h"
+#include "VMToolsEngine.h"
 #include "VMToolsMachine.h"
 
 #include <QCommandLineOption>
@@ -13,7 +14,6 @@
 #include <memory>
 
 class QCommandLineParser;
-class VMToolsEngine;
 
 namespace hvtool {
 
