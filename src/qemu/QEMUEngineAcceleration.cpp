@@ -60,8 +60,10 @@ bool QEMUEngine::chooseHostSetup(const QString &accelerator, QEMULaunch::Request
     }
     if (!processor.note.isEmpty() && !m_startNotes.contains(processor.note))
         m_startNotes << processor.note;
+    // A silent guest under "auto" is the normal case on a host without a
+    // sound server: worth a line when debugging, not on every start.
     if (!audio.note.isEmpty())
-        qCInfo(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
+        qCDebug(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
     request->accelerator = processor.accelerator;
     request->cpuModel = processor.cpuModel;
     request->audioBackend = audio.backend;
