@@ -2,8 +2,6 @@
 
 #include "Command.h"
 
-#include "QEMUEngine.h"
-#include "QEMUMachine.h"
 #include "VMToolsEngine.h"
 #include "VMToolsMachine.h"
 
@@ -137,16 +135,6 @@ int openTarget(const Command &command, Context &ctx)
         return code;
     ctx.setTarget(e, std::move(machine), std::move(lock));
     return Success;
-}
-
-QEMUEngine *qemu(VMToolsEngine *engine)
-{
-    return static_cast<QEMUEngine *>(engine);
-}
-
-QEMUMachine *qemu(VMToolsMachine *machine)
-{
-    return static_cast<QEMUMachine *>(machine);
 }
 
 } // namespace hvtool

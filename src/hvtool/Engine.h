@@ -6,9 +6,6 @@
 
 #include <QString>
 
-class QEMUEngine;
-class QEMUMachine;
-
 namespace hvtool {
 
 class Context;
@@ -35,10 +32,5 @@ int lockDevice(Context &ctx, VMToolsEngine *engine, const QString &name, LockFil
 /// when the command changes it and read afresh under the lock, in the state
 /// the command needs: Success, or the exit code that reports why not.
 int openTarget(const Command &command, Context &ctx);
-
-/// The QEMU classes behind the interface, for the commands that still call
-/// them directly. It goes once every command works through the interface.
-QEMUEngine *qemu(VMToolsEngine *engine);
-QEMUMachine *qemu(VMToolsMachine *machine);
 
 } // namespace hvtool
