@@ -60,8 +60,10 @@ bool QEMUEngine::chooseHostSetup(const QString &accelerator, QEMULaunch::Request
     }
     if (!processor.note.isEmpty() && !m_startNotes.contains(processor.note))
         m_startNotes << processor.note;
+    // "auto" on a host without a sound backend: the device runs silent, as
+    // doctor tells; nothing is wrong with this start.
     if (!audio.note.isEmpty())
-        qCInfo(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
+        qCDebug(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
     request->accelerator = processor.accelerator;
     request->cpuModel = processor.cpuModel;
     request->audioBackend = audio.backend;
