@@ -348,6 +348,13 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
         qCWarning(hvQemuLog) << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
         return false;
     }
+    // A running emulator would go on with its disks unlinked, holding the
+    // device's ports, with no lock file left to stop it by.
+    const auto *running = dynamic_cast<const QEMUMachine *>(machine);
+    if (running && running->isQEMURunning()) {
+        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete" << machine->getName() << "while its emulator runs";
+        return false;
+    }
     // The directory leaves the devices in one rename, under a hidden name,
     // and is removed there: a removal that fails half-way leaves no
     // half-device behind, only files that no listing takes for one.
@@ -623,10 +630,6 @@ bool QEMUEngine::deleteBrokenMachine(const QString &name) const
         return false;
     }
     const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));
-    if (record.isQEMURunning()) {
-        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
-        return false;
-    }
     return deleteMachine(&record);
 }
 
