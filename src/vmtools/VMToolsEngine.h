@@ -126,7 +126,9 @@ public:
     virtual int startMachine(VMToolsMachine *machine, const QString &snapshotName) = 0;
     /// Asks the emulator to quit and waits for it to end: about 5 s to reach
     /// its monitor, up to 15 s for it to write its disks back and end; one it
-    /// cannot reach is killed. True when the emulator is gone.
+    /// cannot reach is killed. True once the emulator has taken the request
+    /// or was killed; getStatus() tells whether it has ended (it has, unless
+    /// writing its disks back took longer than those 15 s).
     ///
     /// Does not save the quick-boot state: a device stopped this way boots
     /// cold on its next startFromLatestSnapshot(), keeping what its disks

@@ -153,6 +153,7 @@ TEST_F(EmulatorTest, coldStartSaveStopAndResume)
         EXPECT_TRUE(machine->isQEMURunning());
         // The running emulator uses the device's files: they stay.
         EXPECT_FALSE(m_engine->deleteMachine(machine));
+        EXPECT_FALSE(machine->resetFactory());
         EXPECT_TRUE(QFileInfo::exists(machine->getConfigFilePath()));
         // A resumed device has no writable shared folder: saving again works
         // without detaching anything.
