@@ -465,6 +465,137 @@ int applyPaxSparse(mtar_t *tar, const PaxMap &pax, const PaxRecords &memberRecor
     return MTAR_ESUCCESS;
 }
 
+// What the extended header records before a member say about it.
+struct Chain {
+    PaxMap pax;
+    PaxRecords memberRecords; // sparse records in order, repeated ones kept (format 0.0)
+    uint64_t extendedBytes = 0; // all extended records of this member, capped
+    std::string longName, longLink;
+    bool haveLongName = false, haveLongLink = false;
+};
+
+bool isExtendedType(unsigned char type)
+{
+    return type == 'x' || type == 'X' || type == 'g' || type == 'L' || type == 'K';
+}
+
+// Reads one header record at the current position and checks its checksum;
+// *size gets its size field.
+int readRecord(mtar_t *tar, uint64_t start, unsigned char *record, uint64_t *size)
+{
+    const uint64_t at = tar->offset;
+    const int err = tread(tar, record, kRecordSize);
+    if (err == MTAR_ETRUNCATED && at == start && tar->error_offset == start)
+        return MTAR_ENULLRECORD; // the file ends between members
+    if (err)
+        return err;
+    tar->error_offset = at;
+    // Also after extended header records: an archive of only a global
+    // record is an empty archive to GNU tar.
+    if (isZeroRecord(record))
+        return MTAR_ENULLRECORD;
+    uint64_t sum = 0;
+    if (!parseNumber(record, kChecksum, &sum) || (sum != checksum(record) && sum != checksum(record, true)))
+        return MTAR_EBADCHKSUM;
+    return parseNumber(record, kSize, size) ? MTAR_ESUCCESS : MTAR_EBADHEADER;
+}
+
+// Takes in an extended header record of type with its data of size bytes.
+int readExtended(mtar_t *tar, State &state, unsigned char type, uint64_t size, Chain *chain)
+{
+    const uint64_t at = tar->error_offset;
+    if (size > kMaxExtendedHeader || (chain->extendedBytes += size) > kMaxExtendedHeader)
+        return type == 'L' || type == 'K' ? MTAR_ENAMETOOLONG : MTAR_EBADHEADER;
+    std::string data;
+    if (const int err = readRecordData(tar, size, &data))
+        return err;
+    if (type == 'L' || type == 'K') {
+        data.resize(strnlen(data.c_str(), data.size()));
+        if (data.size() > MTAR_NAME_MAX) {
+            tar->error_offset = at;
+            return MTAR_ENAMETOOLONG;
+        }
+        (type == 'L' ? chain->longName : chain->longLink) = data;
+        (type == 'L' ? chain->haveLongName : chain->haveLongLink) = true;
+        return MTAR_ESUCCESS;
+    }
+    PaxRecords records;
+    if (!parsePax(data, &records)) {
+        tar->error_offset = at;
+        return MTAR_EBADHEADER;
+    }
+    if (type == 'g')
+        applyPax(records, &state.globals);
+    applyPax(records, &chain->pax);
+    if (type != 'g')
+        std::copy_if(records.begin(), records.end(), std::back_inserter(chain->memberRecords),
+                     [](const auto &r) { return isSparseKeyword(r.first); });
+    return MTAR_ESUCCESS;
+}
+
+// Fills h from the member's own header record and what the chain says.
+int readMemberHeader(mtar_t *tar, const unsigned char *record, uint64_t size, const Chain &chain, mtar_header_t *h)
+{
+    const unsigned char type = record[kTypeOffset];
+    std::memset(h, 0, sizeof *h);
+    h->mode = uint32_t(lenientNumber(record, kMode));
+    h->owner = uint32_t(lenientNumber(record, kOwner));
+    h->mtime = int64_t(lenientNumber(record, kMtime));
+    h->type = type;
+    // Links have no data, whatever their size field says (old writers put
+    // the target's size there).
+    h->size = (type == MTAR_TLNK || type == MTAR_TSYM) ? 0 : size;
+
+    std::string name = fieldText(record, kName);
+    if (std::memcmp(record + kMagic.offset, kUstarMagic, 6) == 0 && record[kPrefix.offset] != '\0')
+        name = fieldText(record, kPrefix) + "/" + name;
+    if (chain.haveLongName)
+        name = chain.longName;
+    if (const std::string *path = paxValue(chain.pax, "path"))
+        name = *path;
+    std::string link = chain.haveLongLink ? chain.longLink : fieldText(record, kLinkname);
+    if (const std::string *path = paxValue(chain.pax, "linkpath"))
+        link = *path;
+    if (name.size() > MTAR_NAME_MAX || link.size() > MTAR_NAME_MAX)
+        return MTAR_ENAMETOOLONG;
+    copyName(h->name, name);
+    copyName(h->linkname, link);
+    if (const std::string *text = paxValue(chain.pax, "size")) {
+        if (!parseDecimal(*text, &h->size))
+            return MTAR_EBADHEADER;
+    }
+    h->data_offset = tar->offset;
+    h->real_size = h->size;
+    return MTAR_ESUCCESS;
+}
+
+// Reads the sparse map of a sparse member (GNU or pax) into the state and
+// makes h describe the file it extracts to.
+int readSparseMember(mtar_t *tar, State &state, const unsigned char *record, const Chain &chain, mtar_header_t *h)
+{
+    const uint64_t at = tar->error_offset;
+    int err = MTAR_ESUCCESS;
+    if (h->type == MTAR_TGNU_SPARSE) {
+        if (!parseNumber(record, kGnuRealSize, &h->real_size))
+            return MTAR_EBADHEADER;
+        if ((err = readGnuSparseMap(tar, record, &state.sparse)))
+            return err;
+        h->data_offset = tar->offset;
+        h->type = MTAR_TREG;
+    } else if ((err = applyPaxSparse(tar, chain.pax, chain.memberRecords, h, &state.sparse))) {
+        return err;
+    }
+    if (!validSparseMap(state.sparse, h->real_size, h->size)) {
+        tar->error_offset = at;
+        return MTAR_EBADHEADER;
+    }
+    // The file ends where its last stretch ends (a file that ends in a hole
+    // has a last stretch of no data there), as GNU tar extracts it.
+    h->real_size = state.sparse.empty() ? 0 : state.sparse.back().offset + state.sparse.back().size;
+    h->sparse_count = state.sparse.size();
+    return MTAR_ESUCCESS;
+}
+
 // Reads the member header at the current position and the extended header
 // records that precede it; the stream ends up after the last record read.
 int readHeaderChain(mtar_t *tar, mtar_header_t *h)
@@ -472,123 +603,25 @@ int readHeaderChain(mtar_t *tar, mtar_header_t *h)
     State &state = stateOf(tar);
     state.sparse.clear();
     const uint64_t start = tar->offset;
-    PaxMap pax = state.globals;
-    PaxRecords memberRecords; // sparse records in order, repeated ones kept (format 0.0)
-    uint64_t extendedBytes = 0; // all extended records of this member, capped
-    std::string longName, longLink;
-    bool haveLongName = false, haveLongLink = false;
+    Chain chain;
+    chain.pax = state.globals;
     unsigned char record[kRecordSize];
-
     for (;;) {
-        const uint64_t at = tar->offset;
-        int err = tread(tar, record, kRecordSize);
-        if (err == MTAR_ETRUNCATED && at == start && tar->error_offset == start)
-            return MTAR_ENULLRECORD; // the file ends between members
+        uint64_t size = 0;
+        int err = readRecord(tar, start, record, &size);
         if (err)
             return err;
-        tar->error_offset = at;
-        // Also after extended header records: an archive of only a global
-        // record is an empty archive to GNU tar.
-        if (isZeroRecord(record))
-            return MTAR_ENULLRECORD;
-        uint64_t sum = 0;
-        if (!parseNumber(record, kChecksum, &sum)
-            || (sum != checksum(record) && sum != checksum(record, true)))
-            return MTAR_EBADCHKSUM;
-        uint64_t size = 0;
-        if (!parseNumber(record, kSize, &size))
-            return MTAR_EBADHEADER;
-
         const unsigned char type = record[kTypeOffset];
-        const bool extended = type == 'x' || type == 'X' || type == 'g' || type == 'L' || type == 'K';
-        if (extended && (size > kMaxExtendedHeader || (extendedBytes += size) > kMaxExtendedHeader))
-            return type == 'L' || type == 'K' ? MTAR_ENAMETOOLONG : MTAR_EBADHEADER;
-        if (type == 'x' || type == 'X' || type == 'g') {
-            std::string data;
-            PaxRecords records;
-            if ((err = readRecordData(tar, size, &data)))
+        if (isExtendedType(type)) {
+            if ((err = readExtended(tar, state, type, size, &chain)))
                 return err;
-            if (!parsePax(data, &records)) {
-                tar->error_offset = at;
-                return MTAR_EBADHEADER;
-            }
-            if (type == 'g') {
-                applyPax(records, &state.globals);
-                applyPax(records, &pax);
-            } else {
-                applyPax(records, &pax);
-                std::copy_if(records.begin(), records.end(), std::back_inserter(memberRecords),
-                             [](const auto &r) { return isSparseKeyword(r.first); });
-            }
             continue;
         }
-        if (type == 'L' || type == 'K') {
-            std::string data;
-            if ((err = readRecordData(tar, size, &data)))
-                return err;
-            data.resize(strnlen(data.c_str(), data.size()));
-            if (data.size() > MTAR_NAME_MAX) {
-                tar->error_offset = at;
-                return MTAR_ENAMETOOLONG;
-            }
-            (type == 'L' ? longName : longLink) = data;
-            (type == 'L' ? haveLongName : haveLongLink) = true;
-            continue;
-        }
-
-        // The member's own header.
-        std::memset(h, 0, sizeof *h);
-        h->mode = uint32_t(lenientNumber(record, kMode));
-        h->owner = uint32_t(lenientNumber(record, kOwner));
-        h->mtime = int64_t(lenientNumber(record, kMtime));
-        h->type = type;
-        // Links have no data, whatever their size field says (old writers
-        // put the target's size there).
-        h->size = (type == MTAR_TLNK || type == MTAR_TSYM) ? 0 : size;
-
-        std::string name = fieldText(record, kName);
-        if (std::memcmp(record + kMagic.offset, kUstarMagic, 6) == 0 && record[kPrefix.offset] != '\0')
-            name = fieldText(record, kPrefix) + "/" + name;
-        if (haveLongName)
-            name = longName;
-        if (const std::string *path = paxValue(pax, "path"))
-            name = *path;
-        std::string link = haveLongLink ? longLink : fieldText(record, kLinkname);
-        if (const std::string *path = paxValue(pax, "linkpath"))
-            link = *path;
-        if (name.size() > MTAR_NAME_MAX || link.size() > MTAR_NAME_MAX)
-            return MTAR_ENAMETOOLONG;
-        copyName(h->name, name);
-        copyName(h->linkname, link);
-        if (const std::string *text = paxValue(pax, "size")) {
-            if (!parseDecimal(*text, &h->size))
-                return MTAR_EBADHEADER;
-        }
-        h->data_offset = tar->offset;
-        h->real_size = h->size;
-
-        if (type == MTAR_TGNU_SPARSE) {
-            if (!parseNumber(record, kGnuRealSize, &h->real_size))
-                return MTAR_EBADHEADER;
-            if ((err = readGnuSparseMap(tar, record, &state.sparse)))
-                return err;
-            h->data_offset = tar->offset;
-            h->type = MTAR_TREG;
-        } else if (hasSparseRecords(pax) && (type == MTAR_TREG || type == '\0')) {
-            if ((err = applyPaxSparse(tar, pax, memberRecords, h, &state.sparse)))
-                return err;
-        } else {
-            return MTAR_ESUCCESS;
-        }
-        if (!validSparseMap(state.sparse, h->real_size, h->size)) {
-            tar->error_offset = at;
-            return MTAR_EBADHEADER;
-        }
-        // The file ends where its last stretch ends (a file that ends in a
-        // hole has a last stretch of no data there), as GNU tar extracts it.
-        h->real_size = state.sparse.empty() ? 0 : state.sparse.back().offset + state.sparse.back().size;
-        h->sparse_count = state.sparse.size();
-        return MTAR_ESUCCESS;
+        if ((err = readMemberHeader(tar, record, size, chain, h)))
+            return err;
+        const bool sparse =
+            type == MTAR_TGNU_SPARSE || (hasSparseRecords(chain.pax) && (type == MTAR_TREG || type == '\0'));
+        return sparse ? readSparseMember(tar, state, record, chain, h) : MTAR_ESUCCESS;
     }
 }
 

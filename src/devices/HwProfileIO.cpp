@@ -72,6 +72,34 @@ HwProfile::DeviceProperties readDeviceProperties(const JsonReader &reader, QStri
     return properties;
 }
 
+void readDisplaySettings(const JsonReader &reader, QStringList *errors, HwProfile::DisplaySettings *settings)
+{
+    settings->displays.clear();
+    settings->hwNavigationKeys = reader.readBool(QStringLiteral("hw_navigation_keys"));
+    settings->displayMode = readEnum<HwProfile::DisplayMode>(reader, QStringLiteral("display_mode"));
+    // "display_list" is the older name of the array and wins when present.
+    const QString displaysKey =
+        reader.contains(QStringLiteral("display_list")) ? QStringLiteral("display_list") : QStringLiteral("displays");
+    for (const JsonReader &display : reader.readArray(displaysKey))
+        settings->displays.append(readDisplay(display, errors));
+}
+
+// Whether a foldable has its two screens and a multi-display profile at
+// least two; logged when not.
+bool hasScreensOfItsMode(const HwProfile::DisplaySettings &settings)
+{
+    const int displayCount = settings.displays.size();
+    if (settings.displayMode == HwProfile::DisplayMode::FOLDABLE && displayCount != 2) {
+        qCWarning(hvDevicesLog) << "Foldable phones must have exactly 2 screens, found" << displayCount;
+        return false;
+    }
+    if (settings.displayMode == HwProfile::DisplayMode::MULTI_DISPLAY && displayCount < 2) {
+        qCWarning(hvDevicesLog) << "Multi-screen phones must have at least 2 screens, found" << displayCount;
+        return false;
+    }
+    return true;
+}
+
 QJsonObject displayToJson(const HwProfile::Display &display)
 {
     QJsonObject object;
@@ -147,8 +175,6 @@ QJsonObject HwProfileIO::toJsonObject(const HwProfile &profile)
 HwProfile HwProfileIO::load(const QJsonObject &object)
 {
     HwProfile profile;
-    profile.displaySettings.displays.clear();
-
     // The loader holds the error list itself, so that its own range checks
     // land in it in reading order, among the reader's errors.
     const auto errorList = std::make_shared<QStringList>();
@@ -170,18 +196,7 @@ HwProfile HwProfileIO::load(const QJsonObject &object)
     profile.sdCardSize = readWholeInt(reader, QStringLiteral("sd_card_size"), errors);
     profile.hasSdCard = profile.sdCardSize > 0;
 
-    const JsonReader displaySettings = reader.readObject(QStringLiteral("display_settings"));
-    profile.displaySettings.hwNavigationKeys = displaySettings.readBool(QStringLiteral("hw_navigation_keys"));
-    profile.displaySettings.displayMode =
-        readEnum<HwProfile::DisplayMode>(displaySettings, QStringLiteral("display_mode"));
-    // "display_list" is the older name of the array and wins when present.
-    const QString displaysKey = displaySettings.contains(QStringLiteral("display_list"))
-        ? QStringLiteral("display_list")
-        : QStringLiteral("displays");
-    const QList<JsonReader> displays = displaySettings.readArray(displaysKey);
-    for (const JsonReader &display : displays)
-        profile.displaySettings.displays.append(readDisplay(display, errors));
-
+    readDisplaySettings(reader.readObject(QStringLiteral("display_settings")), errors, &profile.displaySettings);
     profile.deviceProperties = readDeviceProperties(reader.readObject(QStringLiteral("device_properties")), errors);
     if (reader.contains(QStringLiteral("skin")))
         profile.skin = reader.readString(QStringLiteral("skin"));
@@ -192,15 +207,8 @@ HwProfile HwProfileIO::load(const QJsonObject &object)
         return HwProfile();
     }
 
-    const int displayCount = profile.displaySettings.displays.size();
-    if (profile.displaySettings.displayMode == HwProfile::DisplayMode::FOLDABLE && displayCount != 2) {
-        qCWarning(hvDevicesLog) << "Foldable phones must have exactly 2 screens, found" << displayCount;
+    if (!hasScreensOfItsMode(profile.displaySettings))
         return HwProfile();
-    }
-    if (profile.displaySettings.displayMode == HwProfile::DisplayMode::MULTI_DISPLAY && displayCount < 2) {
-        qCWarning(hvDevicesLog) << "Multi-screen phones must have at least 2 screens, found" << displayCount;
-        return HwProfile();
-    }
     return profile;
 }
 

@@ -61,6 +61,44 @@ QJsonObject osVersionToJson(const OsImage &image)
     return object;
 }
 
+QSet<HwProfile::FormFactor> readFormFactors(const JsonReader &reader)
+{
+    QSet<HwProfile::FormFactor> formFactors;
+    for (const QString &name : reader.readStringList(QStringLiteral("supported_form_factors"))) {
+        // Form factors this program does not know are skipped silently.
+        const auto formFactor = enumFromKey<HwProfile::FormFactor>(name);
+        if (int(formFactor) != HwProfile::UnknownEnumValue)
+            formFactors.insert(formFactor);
+    }
+    return formFactors;
+}
+
+// Read as a 64-bit count: real images are larger than 2 GiB. 0 when absent
+// or not a whole number of bytes (with a warning).
+qint64 readImageSize(const JsonReader &reader, const QString &uuid)
+{
+    const QJsonValue size = reader.getValue(QStringLiteral("image_size_bytes"), QJsonValue::Double);
+    if (size.isUndefined())
+        return 0;
+    if (isByteCount(size.toDouble()))
+        return qint64(size.toDouble());
+    qCWarning(hvDevicesLog) << "Invalid image_size_bytes of os image" << uuid << ":" << size.toDouble()
+                            << "is not a whole number of bytes";
+    return 0;
+}
+
+// Vendor records may name only the OVA file; it lives under the vendor
+// download address, in the folder of its Android release.
+void completeVendorUri(OsImage *image)
+{
+    if (image->source != HwProfile::Source::VENDOR || image->imageUri.startsWith(QLatin1String("{{VENDOR}}"))
+        || DeviceJson::isAcceptedScheme(QUrl(image->imageUri).scheme()))
+        return;
+    const QString osVersionText =
+        image->osVersion >= VersionNumber(8, 0, 0) ? image->osVersion.toMajorMinorString() : image->osVersion.toString();
+    image->imageUri = QStringLiteral("{{%1}}/dists/%2/ova/%3").arg(enumKey(image->source), osVersionText, image->imageUri);
+}
+
 } // namespace
 
 const VersionNumber &OsImageIO::currentVersion()
@@ -113,13 +151,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
     image.uuid = reader.readString(QStringLiteral("uuid"));
     image.buildDate = reader.readDateTime(QStringLiteral("build_date"));
     image.source = readEnum<HwProfile::Source>(reader, QStringLiteral("source"));
-    const QStringList formFactorNames = reader.readStringList(QStringLiteral("supported_form_factors"));
-    for (const QString &formFactorName : formFactorNames) {
-        // Form factors this program does not know are skipped silently.
-        const auto formFactor = enumFromKey<HwProfile::FormFactor>(formFactorName);
-        if (int(formFactor) != HwProfile::UnknownEnumValue)
-            image.supportedFormFactors.insert(formFactor);
-    }
+    image.supportedFormFactors = readFormFactors(reader);
     const JsonReader osVersion = reader.readObject(QStringLiteral("os_version"));
     image.osVersion = VersionNumber::fromString(osVersion.readString(QStringLiteral("os_version")));
     image.sdkVersion = DeviceJson::readWholeInt(osVersion, QStringLiteral("sdk_version"), errorList.get());
@@ -127,15 +159,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
     if (version >= ArchRequiredSince || reader.contains(QStringLiteral("arch")))
         image.arch = reader.readString(QStringLiteral("arch"));
     image.imageUri = reader.readString(QStringLiteral("image_uri"));
-    // Read as a 64-bit count: real images are larger than 2 GiB.
-    const QJsonValue size = reader.getValue(QStringLiteral("image_size_bytes"), QJsonValue::Double);
-    if (!size.isUndefined()) {
-        if (isByteCount(size.toDouble()))
-            image.imageSizeBytes = qint64(size.toDouble());
-        else
-            qCWarning(hvDevicesLog) << "Invalid image_size_bytes of os image" << image.uuid << ":" << size.toDouble()
-                       << "is not a whole number of bytes";
-    }
+    image.imageSizeBytes = readImageSize(reader, image.uuid);
     image.imageHash = reader.readString(QStringLiteral("image_hash"));
     if (reader.contains(QStringLiteral("is_beta")))
         image.beta = reader.readBool(QStringLiteral("is_beta"));
@@ -147,14 +171,7 @@ OsImage OsImageIO::load(const QJsonObject &object)
         return OsImage();
     }
 
-    // Vendor records may name only the OVA file; it lives under the vendor
-    // download address, in the folder of its Android release.
-    if (image.source == HwProfile::Source::VENDOR && !image.imageUri.startsWith(QLatin1String("{{VENDOR}}"))
-        && !DeviceJson::isAcceptedScheme(QUrl(image.imageUri).scheme())) {
-        const QString osVersionText =
-            image.osVersion >= VersionNumber(8, 0, 0) ? image.osVersion.toMajorMinorString() : image.osVersion.toString();
-        image.imageUri = QStringLiteral("{{%1}}/dists/%2/ova/%3").arg(enumKey(image.source), osVersionText, image.imageUri);
-    }
+    completeVendorUri(&image);
     return image;
 }
 

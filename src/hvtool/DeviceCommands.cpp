@@ -13,7 +13,6 @@
 #include "QEMUAudio.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngine.h"
-#include "QEMUErrorDiagnosis.h"
 #include "QEMUMachine.h"
 #include "VMToolsCommon.h"
 
@@ -490,7 +489,7 @@ int show(Context &ctx)
 /// result code and the emulator's own words in its log.
 QString startDiagnosis(QEMUEngine *e, const QEMUMachine &machine, int result)
 {
-    const QString cause = QEMUErrorDiagnosis::causeLine(machine.getLogFilePath());
+    const QString cause = machine.getStartCause();
     switch (result) {
     case QEMUMachine::KvmFailed:
         return QStringLiteral("KVM cannot run guests on this host (QEMU: \"%1\"); run devices under TCG: %2")

@@ -1,11 +1,12 @@
 #pragma once
 
+#include "VMToolsEngine.h"
+#include "VMToolsMachine.h"
+
 #include <QString>
 
 class QEMUEngine;
 class QEMUMachine;
-class VMToolsEngine;
-class VMToolsMachine;
 
 namespace hvtool {
 

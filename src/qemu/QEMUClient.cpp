@@ -203,7 +203,11 @@ bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, 
         return false;
     }
     m_socket->flush();
+    return readReply(timeoutMs, policy, reply, silent);
+}
 
+bool QEMUClient::readReply(int timeoutMs, ResponsePolicy policy, QJsonObject *reply, bool *silent)
+{
     for (;;) {
         QByteArray line;
         const QmpLineFramer::Status status = m_framer->takeLine(&line);
@@ -212,9 +216,8 @@ bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, 
                 if (policy == ResponseOptional) {
                     qCDebug(hvQmpLog) << Tag << "QEMUClient: did not received response from QMP but it's expected.";
                     *silent = true;
-                    return true;
                 }
-                // Nothing usable came: the empty reply fails in the caller.
+                // Otherwise nothing usable came: the empty reply fails in the caller.
                 return true;
             }
             drainSocket();
@@ -273,68 +276,64 @@ QEMUClient::Readiness QEMUClient::waitUntilRunning(const std::function<bool()> &
     // A refused or dropped connection is the normal state of an emulator
     // that has not opened its monitor yet.
     m_quiet = true;
-    bool greeted = false;
-    bool capable = false;
+    Probe probe;
     Readiness outcome = Readiness::TimedOut;
     for (;;) {
         if (!alive()) {
             outcome = Readiness::ProcessEnded;
             break;
         }
-        if (deadline.hasExpired())
+        if (deadline.hasExpired() || probeOnce(&probe, &outcome))
             break;
-        if (m_socket->state() != QLocalSocket::ConnectedState) {
-            m_socket->abort();
-            m_framer.reset(new QmpLineFramer);
-            greeted = capable = false;
-            // Until the emulator has bound its socket the path is missing
-            // (or names the socket of an emulator that ended): retry.
-            m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
-            if (!m_socket->waitForConnected(ProbeSliceMs)) {
-                m_socket->abort();
-                QThread::msleep(ProbeRetryMs);
-            }
-            continue;
-        }
-        if (!greeted) {
-            // The emulator accepts connections before it serves them (while
-            // it loads a snapshot, say): wait in slices, asking alive between.
-            if (!readGreeting(ProbeSliceMs, &greeted)) {
-                outcome = Readiness::NotQmp;
-                break;
-            }
-            continue;
-        }
-        if (!capable) {
-            if (!exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
-                      ResponseRequired)) {
-                m_socket->abort();
-                continue;
-            }
-            capable = true;
-        }
-        QJsonObject reply;
-        bool silent = false;
-        if (!request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
-                     &silent)) {
-            m_socket->abort();
-            continue;
-        }
-        const QJsonObject status = reply.value(QLatin1String("return")).toObject();
-        if (status.value(QLatin1String("running")).toBool()) {
-            outcome = Readiness::Running;
-            break;
-        }
-        // KVM stopped the guest for good: asking again would only wait for
-        // the time-out.
-        if (status.value(QLatin1String("status")).toString() == QLatin1String("internal-error")) {
-            outcome = Readiness::InternalError;
-            break;
-        }
-        QThread::msleep(ProbeRetryMs);
     }
     m_quiet = false;
     return outcome;
+}
+
+bool QEMUClient::probeOnce(Probe *probe, Readiness *outcome)
+{
+    if (m_socket->state() != QLocalSocket::ConnectedState) {
+        m_socket->abort();
+        m_framer.reset(new QmpLineFramer);
+        *probe = Probe();
+        // Until the emulator has bound its socket the path is missing (or
+        // names the socket of an emulator that ended): retry.
+        m_socket->connectToServer(m_socketPath, QIODevice::ReadWrite);
+        if (!m_socket->waitForConnected(ProbeSliceMs)) {
+            m_socket->abort();
+            QThread::msleep(ProbeRetryMs);
+        }
+        return false;
+    }
+    if (!probe->greeted) {
+        // The emulator accepts connections before it serves them (while it
+        // loads a snapshot, say): wait in slices, asking alive between.
+        if (readGreeting(ProbeSliceMs, &probe->greeted))
+            return false;
+        *outcome = Readiness::NotQmp;
+        return true;
+    }
+    if (!probe->capable)
+        probe->capable = exec(plainCommand(QStringLiteral("qmp_capabilities")), QVariant(), CapabilitiesTimeoutMs,
+                              ResponseRequired);
+    QJsonObject reply;
+    bool silent = false;
+    if (!probe->capable
+        || !request(plainCommand(QStringLiteral("query-status")), CapabilitiesTimeoutMs, ResponseRequired, &reply,
+                    &silent)) {
+        m_socket->abort();
+        return false;
+    }
+    const QJsonObject status = reply.value(QLatin1String("return")).toObject();
+    // KVM stopped the guest for good: asking again would only wait for the
+    // time-out.
+    if (status.value(QLatin1String("running")).toBool())
+        *outcome = Readiness::Running;
+    else if (status.value(QLatin1String("status")).toString() == QLatin1String("internal-error"))
+        *outcome = Readiness::InternalError;
+    else
+        QThread::msleep(ProbeRetryMs);
+    return *outcome != Readiness::TimedOut;
 }
 
 QString QEMUClient::queryRunState()
@@ -403,14 +402,7 @@ bool QEMUClient::execSaveSnapshot(const QString &name, bool unplugShared, bool l
         qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to pause the guest before saving";
         return false;
     }
-    bool ok = !unplugShared || unplugSharedDrive();
-    if (ok) {
-        qCDebug(hvQmpLog) << Tag << "QEMUClient: saving snapshot";
-        ok = exec(humanMonitorCommand(QStringLiteral("savevm %1").arg(name)), emptyMonitorAnswer(),
-                  SaveSnapshotTimeoutMs, ResponseRequired);
-        if (!ok)
-            qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to save snapshot";
-    }
+    const bool ok = runSnapshotCommand(true, name, unplugShared);
     if (!ok && leavePaused)
         exec(plainCommand(QStringLiteral("cont")), QVariant(), PauseTimeoutMs, ResponseRequired);
     return ok;
@@ -449,15 +441,20 @@ bool QEMUClient::unplugSharedDrive()
 
 bool QEMUClient::execLoadSnapshot(const QString &name, bool unplugShared)
 {
-    if (!init())
-        return false;
+    return init() && runSnapshotCommand(false, name, unplugShared);
+}
+
+bool QEMUClient::runSnapshotCommand(bool save, const QString &name, bool unplugShared)
+{
     if (unplugShared && !unplugSharedDrive())
         return false;
-    qCDebug(hvQmpLog) << Tag << "QEMUClient: loading snapshot";
-    // Loading reads the whole saved guest memory back, as saving wrote it.
-    const bool ok = exec(humanMonitorCommand(QStringLiteral("loadvm %1").arg(name)), emptyMonitorAnswer(),
-                         SaveSnapshotTimeoutMs, ResponseRequired);
+    qCDebug(hvQmpLog) << Tag << (save ? "QEMUClient: saving snapshot" : "QEMUClient: loading snapshot");
+    // Saving writes the whole guest memory into the system disk; loading
+    // reads it back.
+    const QString command = save ? QStringLiteral("savevm %1") : QStringLiteral("loadvm %1");
+    const bool ok = exec(humanMonitorCommand(command.arg(name)), emptyMonitorAnswer(), SaveSnapshotTimeoutMs,
+                         ResponseRequired);
     if (!ok)
-        qCWarning(hvQmpLog) << Tag << "QEMUClient: failed to load snapshot";
+        qCWarning(hvQmpLog) << Tag << (save ? "QEMUClient: failed to save snapshot" : "QEMUClient: failed to load snapshot");
     return ok;
 }

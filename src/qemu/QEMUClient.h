@@ -104,8 +104,22 @@ private:
     /// False, logged, when nothing usable came back.
     bool request(const QMap<QString, QVariant> &command, int timeoutMs, ResponsePolicy policy,
                  QJsonObject *reply, bool *silent);
+    /// Reads the answer to a command sent, skipping events.
+    bool readReply(int timeoutMs, ResponsePolicy policy, QJsonObject *reply, bool *silent);
+    /// How far a readiness probe got on its current connection.
+    struct Probe {
+        bool greeted = false;
+        bool capable = false;
+    };
+    /// One step of waitUntilRunning(): connect, read the greeting, enable
+    /// the capabilities or ask the run state. True with *outcome set when
+    /// the wait is over.
+    bool probeOnce(Probe *probe, Readiness *outcome);
     /// Reads and checks the greeting; greeted tells whether it was complete.
     bool readGreeting(int timeoutMs, bool *greeted);
+    /// Saves (or loads) the internal snapshot name through the monitor,
+    /// detaching the shared-folder drive first when unplugShared.
+    bool runSnapshotCommand(bool save, const QString &name, bool unplugShared);
     /// Detaches the shared-folder drive; false, logged, on failure.
     bool unplugSharedDrive();
 

@@ -3,14 +3,13 @@
 #include "EnvVars.h"
 #include "FileUtils.h"
 #include "QEMUDeviceFiles.h"
+#include "QEMUErrorDiagnosis.h"
 #include "QEMUHostCache_p.h"
 #include "Paths.h"
 #include "QEMULogging_p.h"
 #include "TriggerError.h"
-#include "Urls.h"
 #include "VMToolsCommon.h"
 
-#include <QCoreApplication>
 #include <QDebug>
 #include <QDir>
 #include <QFile>
@@ -52,21 +51,63 @@ void storeVersion(const QString &binary, const QJsonObject &identity, const QStr
                          QJsonObject{{QStringLiteral("identity"), identity}, {QStringLiteral("version"), version}});
 }
 
+// Where the QEMU programs are looked for, in order: only the directory that
+// "HV_QEMU_BIN_DIR" names when it is set; otherwise the bundled directory
+// beside the application, then PATH, then Debian's own directory for them.
+QStringList qemuDirectories()
+{
+    // Decoded up to the first zero byte, as the variable reaches us.
+    const QString override = QString::fromLatin1(EnvVars::getByteArray("HV_QEMU_BIN_DIR").constData());
+    if (!override.isEmpty())
+        return {override};
+    QStringList directories{Paths::getQEmuBinDirPath()};
+    directories += QString::fromLocal8Bit(qgetenv("PATH")).split(QLatin1Char(':'), Qt::SkipEmptyParts);
+    directories << QStringLiteral("/usr/bin");
+    return directories;
+}
+
+// The first program of that name in those directories; when there is none,
+// where it would be in the first of them.
+QString findQemuProgram(const QString &name)
+{
+    const QStringList directories = qemuDirectories();
+    for (const QString &directory : directories) {
+        const QFileInfo program(QDir(directory), name);
+        if (program.isFile() && program.isExecutable())
+            return program.absoluteFilePath();
+    }
+    return QFileInfo(QDir(directories.first()), name).absoluteFilePath();
+}
+
+// What a person reads when a QEMU program is missing: the program, where it
+// was looked for and the Debian package that provides it.
+QString missingProgramMessage(const QString &name, const QString &package)
+{
+    const QStringList directories = qemuDirectories();
+    const QString places = directories.size() == 1
+        ? directories.first() + QStringLiteral(" (HV_QEMU_BIN_DIR)")
+        : directories.first() + QStringLiteral(", the directories on PATH and /usr/bin");
+    return QStringLiteral("QEMU's %1 was not found in %2: install the Debian package %3").arg(name, places, package);
+}
+
+// Each question about an emulator's error output is logged, then answered
+// from the whole file.
+QEMUErrorDiagnosis::Code classifyFor(const QString &logPath, const char *question)
+{
+    qCDebug(hvQemuLog).noquote() << "[VMTools]" << QStringLiteral("Checking if %1...").arg(QLatin1String(question));
+    return QEMUErrorDiagnosis::classify(logPath);
+}
+
 } // namespace
 
 QEMUEngine::QEMUEngine()
 {
-    // Decoded up to the first zero byte, as the variable reaches us.
-    QString binDir = QString::fromLatin1(EnvVars::getByteArray("HV_QEMU_BIN_DIR").constData());
-    if (binDir.isEmpty())
-        binDir = Paths::getQEmuBinDirPath();
-    const QDir dir(binDir);
-    m_qemuSystemBinaryPath = QFileInfo(dir, getQemuSystemBinaryName()).absoluteFilePath();
-    m_qemuImgBinaryPath = QFileInfo(dir, getQemuImgBinaryName()).absoluteFilePath();
+    m_qemuSystemBinaryPath = findQemuProgram(getQemuSystemBinaryName());
+    m_qemuImgBinaryPath = findQemuProgram(getQemuImgBinaryName());
 
     // A missing level leaves the directory where it was; the firmware is only
     // needed on hosts that ship it.
-    QDir firmware(binDir);
+    QDir firmware = QFileInfo(m_qemuSystemBinaryPath).absoluteDir();
     firmware.cdUp();
     firmware.cd(QStringLiteral("share"));
     firmware.cd(QStringLiteral("qemu"));
@@ -171,16 +212,19 @@ VMToolsEngine::InitResult QEMUEngine::initialize(InitMode mode)
     initVersionString();
 
     QString missing;
-    if (TriggerError::qemuNotInstalled() || !QFile::exists(m_qemuImgBinaryPath))
+    QString message;
+    if (TriggerError::qemuNotInstalled() || !QFile::exists(m_qemuImgBinaryPath)) {
         missing = m_qemuImgBinaryPath;
-    else if (!QFile::exists(m_qemuSystemBinaryPath))
+        message = missingProgramMessage(getQemuImgBinaryName(), QStringLiteral("qemu-utils"));
+    } else if (!QFile::exists(m_qemuSystemBinaryPath)) {
         missing = m_qemuSystemBinaryPath;
+        message = missingProgramMessage(getQemuSystemBinaryName(), QStringLiteral("qemu-system-x86"));
+    }
     if (missing.isEmpty())
         return InitResult(0, QString());
 
     qCWarning(hvQemuLog) << "[VMTools]" << "Could not find" << missing;
-    const QString link = Urls::getLinkForUrl(Urls::getDownloadUrl(), QString());
-    return InitResult(1, QCoreApplication::translate("QEMUEngine", "install.error.%1.%2").arg(missing, link));
+    return InitResult(1, message);
 }
 
 QString QEMUEngine::getQemuSystemBinaryName()
@@ -241,4 +285,26 @@ QString QEMUEngine::getQemuImgBinaryPath() const
 QString QEMUEngine::getFirmwareDirPath() const
 {
     return m_firmwareDirPath;
+}
+
+bool QEMUEngine::isResourceBusy(const QString &logPath) const
+{
+    return classifyFor(logPath, "device or resource is busy") == QEMUErrorDiagnosis::Code::ResourceBusy;
+}
+
+bool QEMUEngine::isSystemFileUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using a system file of QEMU")
+        == QEMUErrorDiagnosis::Code::SystemFileLocked;
+}
+
+bool QEMUEngine::isPortUsedByAnotherProcess(const QString &logPath) const
+{
+    return classifyFor(logPath, "another process is using the port of QEMU") == QEMUErrorDiagnosis::Code::PortTaken;
+}
+
+bool QEMUEngine::isMemorySupported(const QString &logPath) const
+{
+    return classifyFor(logPath, "memory size not supported on machine")
+        != QEMUErrorDiagnosis::Code::MemoryNotSupported;
 }

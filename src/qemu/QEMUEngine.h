@@ -21,13 +21,11 @@ class QEMUMachine;
 namespace QEMULaunch {
 struct Request;
 }
-namespace LockFiles {
-class SharedLock;
-}
 
 /// The engine that runs devices with the QEMU emulator. It finds
-/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" or in the bundled
-/// directory beside the application, and accepts QEMU 6.2 and later.
+/// qemu-system-x86_64 and qemu-img in "HV_QEMU_BIN_DIR" when it is set,
+/// else in the bundled directory beside the application, on PATH or in
+/// /usr/bin, and accepts QEMU 6.2 and later.
 class QEMUEngine : public VMToolsEngine
 {
 public:
@@ -60,8 +58,8 @@ public:
     /// True unless the "hypervhaxmerror" trigger is active; the host is not probed.
     bool isAccelerationSupported() const override;
     bool isSnapshotSupported() const override;
-    /// The snapshots of the device's system disk whose names are made of
-    /// letters, digits and underscores; empty when they cannot be listed.
+    /// The names of the snapshots of the device's system disk, read from the
+    /// image itself; empty when they cannot be listed.
     QStringList fetchSnapshotNames(const VMToolsMachine *machine) const override;
     /// Deletes the snapshot from the device's system disk and, only when that
     /// worked, from its data disk and SD card. True when there is no such snapshot.
@@ -316,6 +314,18 @@ public:
     /// The start's result; 0 when there was no such failure to recover from.
     int restartAfterKvmFailure(VMToolsMachine *machine);
 
+    /// Questions about an emulator's error output at logPath (its
+    /// "qemu.log"), each answered from a fresh reading of the whole file
+    /// (QEMUErrorDiagnosis). A start reads it once and asks none of them.
+    bool isResourceBusy(const QString &logPath) const;
+    /// Whether another process holds the write lock of one of its disks.
+    bool isSystemFileUsedByAnotherProcess(const QString &logPath) const;
+    /// Whether another process uses one of the device's ports.
+    bool isPortUsedByAnotherProcess(const QString &logPath) const;
+    /// False only when QEMU reported a memory size the host cannot address
+    /// (or the memory error trigger is active); an unreadable file answers true.
+    bool isMemorySupported(const QString &logPath) const;
+
     QString getQemuSystemBinaryPath() const;
     QString getQemuImgBinaryPath() const;
     /// "share/qemu" beside the binaries' directory.
@@ -339,6 +349,13 @@ private:
     /// One start of the device under the configured accelerator ("auto",
     /// "kvm", "tcg"); the machine's start codes.
     int launchMachine(VMToolsMachine *machine, const QString &snapshotName, const QString &accelerator);
+    /// Whether the host runs the device's OS image architecture; logged when not.
+    static bool canStart(const VMToolsMachine *machine);
+    /// Fills in what the start takes from the device record; false, logged,
+    /// when its control socket path is too long to bind.
+    bool composeRequest(QEMUMachine *machine, const QString &snapshotName, QEMULaunch::Request *request) const;
+    /// Whether the SD card the request attaches can be read and written; logged when not.
+    bool checkSdCard(const QEMULaunch::Request &request) const;
     /// Fills in the accelerator, CPU model and audio backend of a start;
     /// false, logged, when a setting holds a value that is not known.
     bool chooseHostSetup(const QString &accelerator, QEMULaunch::Request *request);

@@ -16,7 +16,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 
 namespace {
 
@@ -204,40 +203,11 @@ bool QEMUEngine::deleteDisk(const QString &path) const
 
 QStringList QEMUEngine::fetchSnapshotNames(const VMToolsMachine *machine) const
 {
+    // Every name the system disk holds, whatever its characters: what is
+    // listed can be deleted (the name is one argument of the image tool).
     QStringList names;
-    if (!machine)
-        return names;
-    const QString disk = diskInDirectory(machine->getPath(), kSystemDiskName);
-    // The table read straight from the image works while the emulator runs
-    // and holds the image's lock; the image tool is asked only when the file
-    // cannot be read that way, and then without taking the lock.
-    QString error;
-    QStringList fromTable;
-    if (QEMUSnapshotTable::readNames(disk, &fromTable, &error)) {
-        static const QRegularExpression word(QStringLiteral("^\\w+$"));
-        for (const QString &name : fromTable) {
-            if (word.match(name).hasMatch())
-                names.append(name);
-        }
-        return names;
-    }
-    const VMToolsCommon::CallResult result = VMToolsCommon::call(
-        m_qemuImgBinaryPath, {QStringLiteral("snapshot"), QStringLiteral("-l"), QStringLiteral("-U"), disk});
-    if (!succeeded(result)) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to list snapshots of" << disk;
-        return names;
-    }
-    // One snapshot per line, its number first; the header lines start with
-    // words and never match. A name with other characters than \w is left out
-    // rather than passed on to a command line that might misread it.
-    static const QRegularExpression line(QStringLiteral("^\\d+\\s+(?<name>\\w+)\\s+\\N+$"),
-                                         QRegularExpression::MultilineOption);
-    QRegularExpressionMatchIterator it = line.globalMatch(result.output);
-    while (it.hasNext()) {
-        const QString name = it.next().captured(QStringLiteral("name"));
-        qCDebug(hvQemuLog) << "[VMTools]" << "found snapshot" << name;
-        names.append(name);
-    }
+    for (const QEMUSnapshotInfo &snapshot : fetchSnapshots(machine))
+        names.append(snapshot.name);
     return names;
 }
 

@@ -115,17 +115,8 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip) const
 int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotName, const QString &accelerator)
 {
     QEMUMachine *qemuMachine = asQemuMachine(machine);
-    if (!qemuMachine)
+    if (!qemuMachine || !canStart(machine))
         return QEMUMachine::StartFailed;
-
-    const SystemInfo host = SystemInfo::getSystemInfo();
-    if (!host.osImageArchitectures.contains(machine->getOsImageArch(), Qt::CaseSensitive)) {
-        qCWarning(hvQemuLog).noquote() << "[VMTools]"
-                             << QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
-                                    .arg(host.osImageArchitectures.join(QLatin1String(", ")),
-                                         machine->getOsImageArch());
-        return QEMUMachine::StartFailed;
-    }
     if (machine->getStatus() == VMToolsMachine::On) {
         qCInfo(hvQemuLog) << "[VMTools]" << "Virtual Machine status: on. Nothing to do.";
         return QEMUMachine::Started;
@@ -134,46 +125,10 @@ int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotNa
     // keeps working once the old reference disks are gone.
     migrateDevice(machine);
 
-    if (!openSession(machine, snapshotName))
-        return QEMUMachine::StartFailed;
-    const QDir device(machine->getPath());
-    machine->loadCapabilities();
     QEMULaunch::Request request;
-    request.devicePath = device.absolutePath();
-    request.virtioDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) != 0;
-    request.sdCardInserted = machine->isSdCardInserted();
-    request.ramMiB = machine->getRamSize();
-    request.cpuCount = machine->getCpuCount();
-    request.snapshotName = snapshotName;
-    request.qmpSocketPath = qemuMachine->files().qmpSocket();
-    if (QFile::encodeName(request.qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
-        // The emulator could not bind it, and a shortened path might name
-        // another socket. The path does not depend on the device's name.
-        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
-                    << request.qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
-                    << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
+    if (!openSession(machine, snapshotName) || !composeRequest(qemuMachine, snapshotName, &request)
+        || !chooseHostSetup(accelerator, &request) || !checkSdCard(request))
         return QEMUMachine::StartFailed;
-    }
-    // A snapshot start of a virtio device brings the read-only view of the
-    // shared folder: it takes the place of the writable virtio drive that a
-    // cold boot had (detached, not removed, before the save), so the resumed
-    // device has the topology it was saved with. An IDE device resumes
-    // without a shared folder: its detached drive left an empty IDE unit.
-    request.readOnlySharedDrive = !snapshotName.isEmpty() && request.virtioDisks;
-    request.throughRosetta = SysInfo().isRunningThroughRosetta();
-    request.firmwareDirPath = m_firmwareDirPath;
-    request.showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
-    if (!chooseHostSetup(accelerator, &request))
-        return QEMUMachine::StartFailed;
-
-    if (request.sdCardInserted) {
-        const QFileInfo sdCard(device, getSDCardDiskName());
-        if (!sdCard.exists() || !sdCard.isReadable() || !sdCard.isWritable()) {
-            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to mount SdCard disk" << sdCard.absoluteFilePath()
-                        << ", disk is either missing or doesn't have RW permission.";
-            return QEMUMachine::StartFailed;
-        }
-    }
 
     // The ports are probed free, then released for the emulator to bind: a
     // program outside the port lock can take one in between. The emulator
@@ -193,6 +148,60 @@ int QEMUEngine::launchMachine(VMToolsMachine *machine, const QString &snapshotNa
                    << "was taken before the emulator bound it";
     }
     return result;
+}
+
+bool QEMUEngine::canStart(const VMToolsMachine *machine)
+{
+    const SystemInfo host = SystemInfo::getSystemInfo();
+    if (host.osImageArchitectures.contains(machine->getOsImageArch(), Qt::CaseSensitive))
+        return true;
+    qCWarning(hvQemuLog).noquote() << "[VMTools]"
+                         << QStringLiteral("Incompatible OsImage arch (expected: %1, actual: %2)")
+                                .arg(host.osImageArchitectures.join(QLatin1String(", ")), machine->getOsImageArch());
+    return false;
+}
+
+bool QEMUEngine::composeRequest(QEMUMachine *machine, const QString &snapshotName, QEMULaunch::Request *request) const
+{
+    const QDir device(machine->getPath());
+    machine->loadCapabilities();
+    request->devicePath = device.absolutePath();
+    request->virtioDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) != 0;
+    request->sdCardInserted = machine->isSdCardInserted();
+    request->ramMiB = machine->getRamSize();
+    request->cpuCount = machine->getCpuCount();
+    request->snapshotName = snapshotName;
+    request->qmpSocketPath = machine->files().qmpSocket();
+    if (QFile::encodeName(request->qmpSocketPath).size() > QEMULaunch::kMaxSocketPathBytes) {
+        // The emulator could not bind it, and a shortened path might name
+        // another socket. The path does not depend on the device's name.
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot start" << machine->getName() << ": the control socket path"
+                    << request->qmpSocketPath << "is longer than" << QEMULaunch::kMaxSocketPathBytes
+                    << "bytes; set XDG_RUNTIME_DIR to a shorter directory";
+        return false;
+    }
+    // A snapshot start of a virtio device brings the read-only view of the
+    // shared folder: it takes the place of the writable virtio drive that a
+    // cold boot had (detached, not removed, before the save), so the resumed
+    // device has the topology it was saved with. An IDE device resumes
+    // without a shared folder: its detached drive left an empty IDE unit.
+    request->readOnlySharedDrive = !snapshotName.isEmpty() && request->virtioDisks;
+    request->throughRosetta = SysInfo().isRunningThroughRosetta();
+    request->firmwareDirPath = m_firmwareDirPath;
+    request->showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    return true;
+}
+
+bool QEMUEngine::checkSdCard(const QEMULaunch::Request &request) const
+{
+    if (!request.sdCardInserted)
+        return true;
+    const QFileInfo sdCard(QDir(request.devicePath), getSDCardDiskName());
+    if (sdCard.exists() && sdCard.isReadable() && sdCard.isWritable())
+        return true;
+    qCCritical(hvQemuLog) << "[VMTools]" << "Failed to mount SdCard disk" << sdCard.absoluteFilePath()
+                << ", disk is either missing or doesn't have RW permission.";
+    return false;
 }
 
 int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &request, QSet<int> *tried) const

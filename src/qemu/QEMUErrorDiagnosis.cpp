@@ -1,6 +1,5 @@
 #include "QEMUErrorDiagnosis.h"
 
-#include "FileUtils.h"
 #include "QEMULogging_p.h"
 #include "TriggerError.h"
 
@@ -61,61 +60,60 @@ QString textOf(const QByteArray &content)
     return QString::fromLatin1(nul < 0 ? content : content.left(nul));
 }
 
-} // namespace
-
-QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath)
+// What keeps the emulator from setting up the machine, in the order of the
+// checks; true with *code set when one decided (an accelerator it fell back
+// from decides too: nothing went wrong).
+bool setupFailure(const QString &text, QEMUErrorDiagnosis::Code *code)
 {
-    const QByteArray content = FileUtils::loadFile(logPath);
-    if (content.isEmpty()) {
-        // loadFile cannot tell an empty file from an unreadable one; an empty
-        // error output is a normal start, an unreadable one is not.
-        QFile file(logPath);
-        if (!file.open(QIODevice::ReadOnly)) {
-            qCCritical(hvQemuLog) << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
-            return Code::Unreadable;
-        }
-    }
-    return classifyText(content);
-}
-
-QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &content)
-{
-    const QString text = textOf(content);
-
+    using Code = QEMUErrorDiagnosis::Code;
     if (text.contains(QLatin1String(kResourceBusy))) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Device or resource busy";
-        return Code::ResourceBusy;
+        *code = Code::ResourceBusy;
+        return true;
     }
     if (text.contains(QLatin1String(kWriteLock))) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using a system file";
-        return Code::SystemFileLocked;
+        *code = Code::SystemFileLocked;
+        return true;
     }
     for (const char *phrase : kPortPhrases) {
         if (text.contains(QLatin1String(phrase), Qt::CaseInsensitive)) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Another process is using the same port";
-            return Code::PortTaken;
+            *code = Code::PortTaken;
+            return true;
         }
     }
-    if (text.contains(QLatin1String(kAddressingLimited)) || TriggerError::memoryNotSupportedError())
-        return Code::MemoryNotSupported;
+    if (text.contains(QLatin1String(kAddressingLimited)) || TriggerError::memoryNotSupportedError()) {
+        *code = Code::MemoryNotSupported;
+        return true;
+    }
     for (const char *phrase : kAcceleratorPhrases) {
         if (!text.contains(QLatin1String(phrase)))
             continue;
-        if (text.contains(QLatin1String(kFallingBack))) {
+        const bool fellBack = text.contains(QLatin1String(kFallingBack));
+        if (fellBack)
             qCInfo(hvQemuLog) << "[VMTools]" << "QEMU succeed to switch on another accelerator" << text;
-            return Code::None;
-        }
-        qCCritical(hvQemuLog) << "[VMTools]" << "QEMU error found in logs" << text;
-        return Code::AcceleratorError;
+        else
+            qCCritical(hvQemuLog) << "[VMTools]" << "QEMU error found in logs" << text;
+        *code = fellBack ? Code::None : Code::AcceleratorError;
+        return true;
     }
-    const QString kvm = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
-    if (!kvm.isEmpty()) {
-        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "KVM cannot run the guest:" << kvm;
+    return false;
+}
+
+// What stops the guest once the machine is set up; *line gets the line of
+// the output a KVM or audio failure rests on.
+QEMUErrorDiagnosis::Code runFailure(const QString &text, QString *line)
+{
+    using Code = QEMUErrorDiagnosis::Code;
+    *line = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
+    if (!line->isEmpty()) {
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "KVM cannot run the guest:" << *line;
         return Code::KvmFailure;
     }
-    const QString audio = lineWith(text, kAudioPhrases, std::size(kAudioPhrases));
-    if (!audio.isEmpty()) {
-        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The audio backend is not available:" << audio;
+    *line = lineWith(text, kAudioPhrases, std::size(kAudioPhrases));
+    if (!line->isEmpty()) {
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The audio backend is not available:" << *line;
         return Code::AudioUnavailable;
     }
     for (const char *phrase : kStatePhrases) {
@@ -127,44 +125,33 @@ QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &cont
     return Code::None;
 }
 
+} // namespace
+
+QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classify(const QString &logPath, QString *cause)
+{
+    if (cause)
+        cause->clear();
+    QFile file(logPath);
+    if (!file.open(QIODevice::ReadOnly)) {
+        qCCritical(hvQemuLog) << "[VMTools]" << "Cannot open QEMU stderr, assuming an error";
+        return Code::Unreadable;
+    }
+    return classifyText(file.readAll(), cause);
+}
+
+QEMUErrorDiagnosis::Code QEMUErrorDiagnosis::classifyText(const QByteArray &content, QString *cause)
+{
+    const QString text = textOf(content);
+    Code code = Code::None;
+    QString line;
+    if (!setupFailure(text, &code))
+        code = runFailure(text, &line);
+    if (cause)
+        *cause = line;
+    return code;
+}
+
 QString QEMUErrorDiagnosis::kvmFailureLine(const QByteArray &text)
 {
     return lineWith(textOf(text), kKvmPhrases, std::size(kKvmPhrases));
-}
-
-QString QEMUErrorDiagnosis::causeLine(const QString &logPath)
-{
-    const QString text = textOf(FileUtils::loadFile(logPath));
-    const QString kvm = lineWith(text, kKvmPhrases, std::size(kKvmPhrases));
-    return kvm.isEmpty() ? lineWith(text, kAudioPhrases, std::size(kAudioPhrases)) : kvm;
-}
-
-bool QEMUErrorDiagnosis::isResourceBusy(const QString &logPath)
-{
-    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if device or resource is busy...";
-    return classify(logPath) == Code::ResourceBusy;
-}
-
-bool QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(const QString &logPath)
-{
-    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if another process is using a system file of QEMU...";
-    return classify(logPath) == Code::SystemFileLocked;
-}
-
-bool QEMUErrorDiagnosis::isPortUsedByAnotherProcess(const QString &logPath)
-{
-    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if another process is using the port of QEMU...";
-    return classify(logPath) == Code::PortTaken;
-}
-
-bool QEMUErrorDiagnosis::isMemorySupported(const QString &logPath)
-{
-    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if memory size not supported on machine...";
-    return classify(logPath) != Code::MemoryNotSupported;
-}
-
-bool QEMUErrorDiagnosis::isStateNotLoadable(const QString &logPath)
-{
-    qCDebug(hvQemuLog) << "[VMTools]" << "Checking if QEMU could not load the saved state...";
-    return classify(logPath) == Code::StateNotLoadable;
 }

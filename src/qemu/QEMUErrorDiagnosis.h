@@ -4,8 +4,8 @@
 #include <QString>
 
 /// Reads what a QEMU process wrote to its error output ("qemu.log" in the
-/// device directory) and tells why it stopped. Every question reads the file
-/// afresh, so it can be asked while QEMU is still writing.
+/// device directory) and tells why it stopped. The engine's yes/no questions
+/// (QEMUEngine::isResourceBusy() and the others) are answered from it.
 class QEMUErrorDiagnosis
 {
 public:
@@ -36,29 +36,16 @@ public:
         AudioUnavailable = 9,
     };
 
-    /// Classifies the error output in the file at logPath. Logs the reason it
-    /// found; never fails (an unreadable file is itself an answer).
-    static Code classify(const QString &logPath);
+    /// Classifies the error output in the file at logPath, read once. Logs
+    /// the reason it found; never fails (an unreadable file is itself an
+    /// answer). For KVM and audio failures, cause (when given) gets the line
+    /// of the output the diagnosis rests on; it is emptied otherwise.
+    static Code classify(const QString &logPath, QString *cause = nullptr);
 
     /// Classifies the text itself (bytes up to the first NUL).
-    static Code classifyText(const QByteArray &content);
+    static Code classifyText(const QByteArray &content, QString *cause = nullptr);
 
     /// The first line of text that shows KVM cannot run the guest here (as
     /// QEMU words it), or an empty string.
     static QString kvmFailureLine(const QByteArray &text);
-    /// The line of the error output at logPath that the diagnosis rests on,
-    /// for KVM and audio failures; an empty string otherwise.
-    static QString causeLine(const QString &logPath);
-
-    /// Whether QEMU reported a device or resource as busy.
-    static bool isResourceBusy(const QString &logPath);
-    /// Whether another process holds the write lock of a disk image.
-    static bool isSystemFileUsedByAnotherProcess(const QString &logPath);
-    /// Whether another process uses one of the device's ports.
-    static bool isPortUsedByAnotherProcess(const QString &logPath);
-    /// False only when QEMU reported a memory size the host cannot address
-    /// (or the memory error trigger is active).
-    static bool isMemorySupported(const QString &logPath);
-    /// Whether QEMU failed to load the saved machine state it was given.
-    static bool isStateNotLoadable(const QString &logPath);
 };

@@ -43,6 +43,19 @@ QString sharedDriveValue(const QString &devicePath, bool writable, bool virtio)
     return QStringLiteral("format=vvfat,label=shared,file=fat:ro:%1,if=virtio").arg(shared);
 }
 
+// The guest's first network, with the device's host ports forwarded into it.
+static QString forwardingNetworkValue(int portOffset)
+{
+    QString net0 = QStringLiteral("user,id=net0,model=virtio-net-pci,net=10.0.2.0/24");
+    for (const PortForward &forward : portForwards()) {
+        net0 += QStringLiteral(",hostfwd=tcp:%1:%2-:%3")
+                    .arg(QStringLiteral("127.0.0.1"))
+                    .arg(forward.hostBase + portOffset)
+                    .arg(forward.guestPort);
+    }
+    return net0;
+}
+
 QEMUOptionSet composeOptions(const Request &request)
 {
     const QEMUDeviceFiles device(request.devicePath);
@@ -65,14 +78,7 @@ QEMUOptionSet composeOptions(const Request &request)
     if (request.throughRosetta)
         options.add(QStringLiteral("-M"), QStringLiteral("virt"));
 
-    QString net0 = QStringLiteral("user,id=net0,model=virtio-net-pci,net=10.0.2.0/24");
-    for (const PortForward &forward : portForwards()) {
-        net0 += QStringLiteral(",hostfwd=tcp:%1:%2-:%3")
-                    .arg(QStringLiteral("127.0.0.1"))
-                    .arg(forward.hostBase + request.portOffset)
-                    .arg(forward.guestPort);
-    }
-    options.add(QStringLiteral("-nic"), net0);
+    options.add(QStringLiteral("-nic"), forwardingNetworkValue(request.portOffset));
     options.add(QStringLiteral("-nic"), QStringLiteral("user,id=net1,model=virtio-net-pci,net=10.0.3.0/24"));
 
     if (request.snapshotName.isEmpty()) {

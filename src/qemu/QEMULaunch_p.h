@@ -23,7 +23,6 @@ const QVector<PortForward> &portForwards();
 constexpr int kPortOffsetStep = 7;
 /// The last candidate offset.
 constexpr int kMaxPortOffset = 693;
-constexpr int kQmpBasePort = 23555;
 /// The longest path a unix socket address holds (without its final NUL).
 constexpr int kMaxSocketPathBytes = 107;
 

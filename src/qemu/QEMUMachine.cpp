@@ -37,7 +37,6 @@ const char kVirtualizerKey[] = "virtualizer";
 const char kVirtualizer[] = "QEMU";
 const char kLocalAddress[] = "127.0.0.1";
 
-const int kQmpBasePort = 23555;
 // The guest's ADB daemon listens on 5555; the host side sits 1000 above it.
 const int kAdbHostShift = 1000;
 
@@ -409,11 +408,6 @@ int QEMUMachine::getRenderDataPort() const
     return shifted(VMToolsMachine::getRenderDataPort(), m_portOffset);
 }
 
-unsigned short QEMUMachine::getQmpPort() const
-{
-    return shifted(kQmpBasePort, m_portOffset);
-}
-
 QString QEMUMachine::getQmpSocketPath() const
 {
     // An emulator started by an earlier version listens where that version
@@ -575,6 +569,7 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
 {
     m_launchedPid = 0;
     m_startFailure.clear();
+    m_startCause.clear();
     if (!m_engine) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Cannot start" << getName() << "without an engine";
         return StartFailed;
@@ -664,7 +659,8 @@ int QEMUMachine::waitUntilReady(const QString &snapshotName)
                                                 .arg(probe.lastError()));
     case QEMUClient::Readiness::InternalError:
         // KVM stopped the guest: the engine decides whether to go on under TCG.
-        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << kvmFailure();
+        m_startCause = kvmFailure();
+        qCCritical(hvQemuLog).noquote() << "[VMTools]" << "The emulator stopped the guest on an internal error:" << m_startCause;
         stopLaunched();
         return KvmFailed;
     case QEMUClient::Readiness::TimedOut:
@@ -699,23 +695,28 @@ void QEMUMachine::stopLaunched()
 
 int QEMUMachine::diagnoseEnd()
 {
-    // The emulator ended on its own: its error output says why.
-    const QString log = getLogFilePath();
-    if (QEMUErrorDiagnosis::isResourceBusy(log))
+    // The emulator ended on its own: its error output, read once, says why.
+    using Code = QEMUErrorDiagnosis::Code;
+    switch (QEMUErrorDiagnosis::classify(getLogFilePath(), &m_startCause)) {
+    case Code::ResourceBusy:
         return ResourceBusy;
-    if (QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log))
+    case Code::SystemFileLocked:
         return SystemFileUsed;
-    if (QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log))
+    case Code::PortTaken:
         return PortUsed;
-    if (!QEMUErrorDiagnosis::isMemorySupported(log))
+    case Code::MemoryNotSupported:
         return MemoryNotSupported;
-    if (QEMUErrorDiagnosis::isStateNotLoadable(log))
+    case Code::StateNotLoadable:
         return StateNotLoaded;
-    const QEMUErrorDiagnosis::Code code = QEMUErrorDiagnosis::classify(log);
-    if (code == QEMUErrorDiagnosis::Code::KvmFailure)
+    case Code::KvmFailure:
         return KvmFailed;
-    if (code == QEMUErrorDiagnosis::Code::AudioUnavailable)
+    case Code::AudioUnavailable:
         return AudioUnavailable;
+    case Code::None:
+    case Code::Unreadable:
+    case Code::AcceleratorError:
+        break;
+    }
     qCCritical(hvQemuLog) << "[VMTools]" << "QEMU process has stopped too early. Check qemu.log for more details";
     return StartFailed;
 }

@@ -121,10 +121,6 @@ public:
     int getRedisPort() const override;
     int getRenderMainPort() const override;
     int getRenderDataPort() const override;
-    /// Kept for callers of the port numbers: the emulator no longer opens a
-    /// QMP port (anyone on the host could connect to one); its control
-    /// channel is getQmpSocketPath(). The number still follows the offset.
-    unsigned short getQmpPort() const;
     /// The emulator's QMP socket: the one the lock file records while a lock
     /// file exists, else where the next start puts it (QEMUDeviceFiles).
     QString getQmpSocketPath() const;
@@ -190,6 +186,10 @@ public:
     /// What went wrong in the last start, when the emulator was stopped (a
     /// time-out, a protocol error), in words; empty otherwise.
     QString getStartFailure() const { return m_startFailure; }
+    /// The line of the emulator's error output that the last start's KVM or
+    /// audio failure rests on, as its one reading of "qemu.log" found it;
+    /// empty for other outcomes.
+    QString getStartCause() const { return m_startCause; }
     /// Why the last load of a saved state by this record was stopped; kept
     /// across later starts, so that a quick boot that fell back on a cold
     /// boot tells why.
@@ -242,5 +242,6 @@ private:
     long long m_launchedStartTime = 0;
     unsigned short m_launchedOffset = 0;
     QString m_startFailure;
+    QString m_startCause;
     QString m_stateLoadFailure;
 };

@@ -1,5 +1,5 @@
-// The plug-in's one entry point. The loader looks it up by its plain C name,
-// so it is neither mangled nor hidden.
+// The plug-in's entry points. The loader looks them up by their plain C
+// names, so they are neither mangled nor hidden.
 #include "QEMUEngine.h"
 
 #include <QtGlobal>
@@ -7,4 +7,11 @@
 extern "C" Q_DECL_EXPORT VMToolsEngine *getVMToolsEngine()
 {
     return new QEMUEngine();
+}
+
+// The version of the library this plug-in was built with: the loader takes
+// the plug-in only with the library of that version.
+extern "C" Q_DECL_EXPORT const char *getVMToolsEngineVersion()
+{
+    return HV_PRODUCT_VERSION;
 }

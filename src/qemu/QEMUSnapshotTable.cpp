@@ -17,6 +17,49 @@ constexpr quint32 kMaxBackingName = 1023;
 
 } // namespace
 
+namespace {
+
+// Reads the table entry at the file's position into info and moves past it.
+bool readEntry(QFile &file, QEMUSnapshotInfo *info, QString *error)
+{
+    const qint64 start = file.pos();
+    const QByteArray fixed = file.read(kEntryFixedSize);
+    if (fixed.size() < int(kEntryFixedSize)) {
+        *error = QStringLiteral("truncated snapshot table");
+        return false;
+    }
+    const auto *e = reinterpret_cast<const uchar *>(fixed.constData());
+    const quint16 idSize = qFromBigEndian<quint16>(e + 12);
+    const quint16 nameSize = qFromBigEndian<quint16>(e + 14);
+    const quint32 extraSize = qFromBigEndian<quint32>(e + 36);
+    if (extraSize > kMaxExtraData) {
+        *error = QStringLiteral("damaged snapshot table");
+        return false;
+    }
+    const QByteArray rest = file.read(qint64(extraSize) + idSize + nameSize);
+    if (rest.size() != int(extraSize + idSize + nameSize)) {
+        *error = QStringLiteral("truncated snapshot table");
+        return false;
+    }
+    info->name = QString::fromUtf8(rest.mid(int(extraSize + idSize), nameSize));
+    info->date = QDateTime::fromSecsSinceEpoch(qFromBigEndian<quint32>(e + 16));
+    info->guestClockNs = qint64(qFromBigEndian<quint64>(e + 24) & 0x7fffffffffffffffULL);
+    info->vmStateSize = qFromBigEndian<quint32>(e + 32);
+    // Version 3 images keep the full 64-bit state size in the extra data.
+    if (extraSize >= 8)
+        info->vmStateSize =
+            qint64(qFromBigEndian<quint64>(reinterpret_cast<const uchar *>(rest.constData())) & 0x7fffffffffffffffULL);
+    // Entries are padded to a multiple of eight bytes.
+    const qint64 length = file.pos() - start;
+    if (!file.seek(start + ((length + 7) & ~qint64(7)))) {
+        *error = QStringLiteral("truncated snapshot table");
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool QEMUSnapshotTable::read(const QString &path, QList<QEMUSnapshotInfo> *snapshots, QString *error)
 {
     snapshots->clear();
@@ -41,38 +84,10 @@ bool QEMUSnapshotTable::read(const QString &path, QList<QEMUSnapshotInfo> *snaps
         return false;
     }
     for (quint32 i = 0; i < count; ++i) {
-        const qint64 start = file.pos();
-        const QByteArray fixed = file.read(kEntryFixedSize);
-        if (fixed.size() < int(kEntryFixedSize)) {
-            *error = QStringLiteral("truncated snapshot table");
-            return false;
-        }
-        const auto *e = reinterpret_cast<const uchar *>(fixed.constData());
-        const quint16 idSize = qFromBigEndian<quint16>(e + 12);
-        const quint16 nameSize = qFromBigEndian<quint16>(e + 14);
-        const quint32 extraSize = qFromBigEndian<quint32>(e + 36);
-        if (extraSize > kMaxExtraData) {
-            *error = QStringLiteral("damaged snapshot table");
-            return false;
-        }
-        const QByteArray rest = file.read(qint64(extraSize) + idSize + nameSize);
-        if (rest.size() != int(extraSize + idSize + nameSize)) {
-            *error = QStringLiteral("truncated snapshot table");
-            return false;
-        }
         QEMUSnapshotInfo info;
-        info.name = QString::fromUtf8(rest.mid(int(extraSize + idSize), nameSize));
-        info.date = QDateTime::fromSecsSinceEpoch(qFromBigEndian<quint32>(e + 16));
-        info.guestClockNs = qint64(qFromBigEndian<quint64>(e + 24) & 0x7fffffffffffffffULL);
-        info.vmStateSize = qFromBigEndian<quint32>(e + 32);
-        // Version 3 images keep the full 64-bit state size in the extra data.
-        if (extraSize >= 8)
-            info.vmStateSize =
-                qint64(qFromBigEndian<quint64>(reinterpret_cast<const uchar *>(rest.constData())) & 0x7fffffffffffffffULL);
+        if (!readEntry(file, &info, error))
+            return false;
         found.append(info);
-        // Entries are padded to a multiple of eight bytes.
-        const qint64 length = file.pos() - start;
-        file.seek(start + ((length + 7) & ~qint64(7)));
     }
     *snapshots = found;
     return true;

@@ -1,15 +1,14 @@
 #pragma once
 
+#include "JsonSettings.h"
+#include "MultiSettings.h"
+#include "PlayerFeaturesConfig.h"
+#include "PlayerShortcutConfig.h"
 #include "halvistromcore_export.h"
 
 #include <QSharedPointer>
 
 #include <memory>
-
-class JsonSettings;
-class MultiSettings;
-class PlayerFeaturesConfig;
-class PlayerShortcutConfig;
 
 /// The settings stack of one program: the compiled-in defaults, the user's
 /// settings file in the product directory and the installation's INI file

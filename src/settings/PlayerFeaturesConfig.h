@@ -1,13 +1,12 @@
 #pragma once
 
+#include "MultiSettings.h"
 #include "halvistromcore_export.h"
 
 #include <QList>
 #include <QObject>
 #include <QString>
 #include <QStringList>
-
-class MultiSettings;
 
 /// The player's tool bar (which actions, in which order) and its optional
 /// features. The tool bar is stored under "player" / "toolbar" as an array

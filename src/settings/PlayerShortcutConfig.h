@@ -1,11 +1,10 @@
 #pragma once
 
+#include "MultiSettings.h"
 #include "PlayerFeaturesConfig.h"
 #include "halvistromcore_export.h"
 
 #include <QString>
-
-class MultiSettings;
 
 /// The player's keyboard shortcut of each action, stored under "player" /
 /// "shortcuts" / the action's name. The user's shortcut wins over the

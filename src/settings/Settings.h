@@ -1,15 +1,14 @@
 #pragma once
 
+#include "JsonSettings.h"
+#include "PlayerFeaturesConfig.h"
+#include "PlayerShortcutConfig.h"
 #include "halvistromcore_export.h"
 
 #include <QSharedPointer>
 #include <QString>
 #include <QVariant>
 #include <QVariantMap>
-
-class JsonSettings;
-class PlayerFeaturesConfig;
-class PlayerShortcutConfig;
 
 /// The static settings facade every program reads and writes its settings
 /// through. The settings stack behind it is built on first use, once per

@@ -137,6 +137,35 @@ WaitOutcome waitWithCancel(QProcess &process, int timeoutMs, const std::function
     }
 }
 
+// Asks a canceled program to stop, then kills it.
+CallResult cancelCall(QProcess &process)
+{
+    const qint64 pid = process.processId();
+    // Guard the pid: kill(0, ...) would signal our whole process group.
+    if (pid > 0) {
+        ::kill(static_cast<pid_t>(pid), SIGINT);
+        process.waitForFinished(kCancelGraceMs);
+    }
+    killAndReap(process);
+    qCWarning(hvProcessLog) << "[VMTools]" << -1 << QStringLiteral("canceled") << QString();
+    CallResult result;
+    result.returnCode = -1;
+    result.error = QStringLiteral("canceled");
+    return result;
+}
+
+void logFailedCall(const QString &program, const CallResult &result)
+{
+    if (!result.finished) {
+        qCCritical(hvProcessLog) << "[VMTools]" << "Can't run" << program;
+        return;
+    }
+    qCCritical(hvProcessLog) << "[VMTools]" << "Return code:" << result.returnCode;
+    const QString trimmedError = result.error.trimmed();
+    if (!trimmedError.isEmpty())
+        qCCritical(hvProcessLog) << "[VMTools]" << "Output command:" << trimmedError;
+}
+
 } // namespace
 
 CallResult call(const QString &program, const QStringList &arguments, Options options,
@@ -152,20 +181,8 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
 
     const WaitOutcome outcome = waitWithCancel(process, timeoutFor(options), cancel);
 
-    if (outcome == WaitOutcome::Canceled) {
-        const qint64 pid = process.processId();
-        // Guard the pid: kill(0, ...) would signal our whole process group.
-        if (pid > 0) {
-            ::kill(static_cast<pid_t>(pid), SIGINT);
-            process.waitForFinished(kCancelGraceMs);
-        }
-        killAndReap(process);
-        qCWarning(hvProcessLog) << "[VMTools]" << -1 << QStringLiteral("canceled") << QString();
-        CallResult result;
-        result.returnCode = -1;
-        result.error = QStringLiteral("canceled");
-        return result;
-    }
+    if (outcome == WaitOutcome::Canceled)
+        return cancelCall(process);
 
     CallResult result;
     result.finished = outcome == WaitOutcome::Finished;
@@ -181,16 +198,8 @@ CallResult call(const QString &program, const QStringList &arguments, Options op
             qCDebug(hvProcessLog) << "[VMTools]" << "Return code:" << 0;
         return result;
     }
-    if (logged) {
-        if (result.finished) {
-            qCCritical(hvProcessLog) << "[VMTools]" << "Return code:" << result.returnCode;
-            const QString trimmedError = result.error.trimmed();
-            if (!trimmedError.isEmpty())
-                qCCritical(hvProcessLog) << "[VMTools]" << "Output command:" << trimmedError;
-        } else {
-            qCCritical(hvProcessLog) << "[VMTools]" << "Can't run" << program;
-        }
-    }
+    if (logged)
+        logFailedCall(program, result);
     qCWarning(hvProcessLog) << "[VMTools]" << result.returnCode << result.error << result.output;
     return result;
 }

@@ -15,6 +15,8 @@
 #include <QFileInfo>
 #include <QLibrary>
 
+#include <dlfcn.h>
+
 #include <thread>
 
 namespace {
@@ -24,6 +26,75 @@ const QString kVirtualBoxEngine = QStringLiteral("virtualbox");
 const QString kHypervisorKey = QStringLiteral("hypervisor");
 
 using EngineFactory = VMToolsEngine *(*)();
+using EngineVersion = const char *(*)();
+
+// The entry points of an engine plug-in: the factory, and the version of the
+// library the plug-in was built with. The engine's binary interface is the
+// library's classes, so a plug-in works only with the library of its own
+// version.
+const char kFactoryEntry[] = "getVMToolsEngine";
+const char kVersionEntry[] = "getVMToolsEngineVersion";
+
+// The directory of this library's own file, as the dynamic loader found it.
+QString libraryDirectory()
+{
+    Dl_info info;
+    if (!dladdr(reinterpret_cast<void *>(&libraryDirectory), &info) || !info.dli_fname)
+        return QString();
+    return QFileInfo(QFile::decodeName(info.dli_fname)).canonicalPath();
+}
+
+// Where an engine plug-in is looked for, in order: "plugins" beside the
+// application, then the library's own plug-in directory, found from where the
+// library lies now (an installed tree that was moved still finds its own).
+QStringList pluginDirectories()
+{
+    QStringList directories{QCoreApplication::applicationDirPath() + QStringLiteral("/plugins")};
+    const QString library = libraryDirectory();
+    if (!library.isEmpty())
+        directories << library + QStringLiteral("/" HV_PLUGIN_SUBDIR);
+    directories.removeDuplicates();
+    return directories;
+}
+
+// The factory of the plug-in at that path, or null with the reason in the
+// message: the file does not load, has no factory, or was built with another
+// version of the library.
+EngineFactory openPlugin(const QString &path, QString *message)
+{
+    // The library object goes away on return without unloading: the engine's
+    // code must stay mapped for as long as the engine lives.
+    QLibrary library(path);
+    const auto factory = reinterpret_cast<EngineFactory>(library.resolve(kFactoryEntry));
+    if (!factory) {
+        *message = QStringLiteral("%1 is not an engine plug-in: %2").arg(path, library.errorString());
+        return nullptr;
+    }
+    const auto version = reinterpret_cast<EngineVersion>(library.resolve(kVersionEntry));
+    const QString built = version ? QString::fromUtf8(version()) : QStringLiteral("an unknown version");
+    if (built == QLatin1String(HV_PRODUCT_VERSION))
+        return factory;
+    *message = QStringLiteral("the engine plug-in %1 was built for Halvistrom core %2, but this library is %3: "
+                              "install the plug-in of the same version")
+                   .arg(path, built, QLatin1String(HV_PRODUCT_VERSION));
+    return nullptr;
+}
+
+// The factory of the named engine's plug-in from the first place that holds
+// its file, or null with the reason in the message.
+EngineFactory findPlugin(const QString &name, const QString &baseName, QString *message)
+{
+    const QString fileName = QStringLiteral("lib%1.so").arg(baseName);
+    const QStringList directories = pluginDirectories();
+    for (const QString &directory : directories) {
+        const QString path = QDir(directory).filePath(fileName);
+        if (QFileInfo::exists(path))
+            return openPlugin(path, message);
+    }
+    *message = QStringLiteral("the %1 engine plug-in (%2) was not found in %3")
+                   .arg(name, fileName, directories.join(QStringLiteral(" or ")));
+    return nullptr;
+}
 
 const QFileDevice::Permissions kOthersAndGroup = QFileDevice::ReadGroup | QFileDevice::WriteGroup
     | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther;
@@ -132,21 +203,17 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMod
     }
 
     qCDebug(hvEngineLog) << "[VMTools]" << "Loading" << name << "plugin";
-    const QString path = QCoreApplication::applicationDirPath() + QStringLiteral("/plugins/") + baseName;
-    // The library object goes away on return without unloading: the engine's
-    // code must stay mapped for as long as the engine lives.
-    QLibrary library(path);
-    const auto factory = reinterpret_cast<EngineFactory>(library.resolve("getVMToolsEngine"));
+    const EngineFactory factory = findPlugin(name, baseName, &result.message);
     if (!factory) {
-        qCCritical(hvEngineLog) << "[VMTools]"
-                    << QStringLiteral("Fail to load %1 plugin from %2: %3").arg(name, path, library.errorString());
+        qCCritical(hvEngineLog) << "[VMTools]" << result.message;
         return result;
     }
 
     qCDebug(hvEngineLog) << "[VMTools]" << "Constructing engine";
     VMToolsEngine *engine = factory();
     if (!engine) {
-        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to execute getVMToolsEngine from" << path;
+        result.message = QStringLiteral("the %1 engine plug-in built no engine").arg(name);
+        qCCritical(hvEngineLog) << "[VMTools]" << result.message;
         return result;
     }
 
@@ -155,7 +222,7 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMod
     result.status = init.first;
     result.message = init.second;
     if (result.status != 0) {
-        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to initialize engine from" << path;
+        qCCritical(hvEngineLog) << "[VMTools]" << "Unable to initialize the" << name << "engine";
         delete engine;
         return result;
     }

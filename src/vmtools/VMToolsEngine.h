@@ -1,5 +1,8 @@
 #pragma once
 
+#include "HwProfile.h"
+#include "OsImage.h"
+#include "VMToolsMachine.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
 
@@ -14,10 +17,7 @@
 #include <functional>
 
 class AbstractHwProfileListController;
-class HwProfile;
-class OsImage;
 class QFile;
-class VMToolsMachine;
 
 /// The virtual-machine engine: the one object through which the application
 /// creates, starts, stops, clones and deletes virtual devices, manages their

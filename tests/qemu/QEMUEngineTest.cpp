@@ -9,7 +9,6 @@
 #include "ScopedEnv.h"
 #include "SystemQemu.h"
 #include "TestFiles.h"
-#include "Urls.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -100,11 +99,11 @@ TEST(QEMUEngine, initializeNamesTheMissingProgram)
     const struct {
         bool withImageTool, withEmulator;
         QByteArray trigger;
-        QString missing;
-    } rows[] = {{false, false, "", "qemu-img"},
-                {false, true, "", "qemu-img"},
-                {true, false, "", "qemu-system-x86_64"},
-                {true, true, "noip qemunotinstalled", "qemu-img"}};
+        QString missing, package;
+    } rows[] = {{false, false, "", "qemu-img", "qemu-utils"},
+                {false, true, "", "qemu-img", "qemu-utils"},
+                {true, false, "", "qemu-system-x86_64", "qemu-system-x86"},
+                {true, true, "noip qemunotinstalled", "qemu-img", "qemu-utils"}};
     for (const auto &row : rows) {
         QTemporaryDir dir;
         for (const QString program : {"qemu-img", "qemu-system-x86_64"}) {
@@ -119,8 +118,8 @@ TEST(QEMUEngine, initializeNamesTheMissingProgram)
         const VMToolsEngine::InitResult result = engine.initialize(VMToolsEngine::NoAccelerationCheck);
         const QString missing = dir.filePath(row.missing);
         EXPECT_EQ(result.first, 1);
-        EXPECT_EQ(result.second, "install.error." + missing + "." + Urls::getLinkForUrl(Urls::getDownloadUrl(), QString()));
-        EXPECT_TRUE(result.second.contains("<a href='"));
+        EXPECT_EQ(result.second, "QEMU's " + row.missing + " was not found in " + dir.path()
+                                     + " (HV_QEMU_BIN_DIR): install the Debian package " + row.package);
         EXPECT_TRUE(cap.has(QtWarningMsg, "[VMTools] Could not find \"" + missing + "\""));
         EXPECT_EQ(cap.texts(QtWarningMsg).size(), row.withEmulator ? 1 : 2); // plus the failed --version run
         if (!row.withEmulator) {

@@ -1,3 +1,4 @@
+#include "QEMUEngine.h"
 #include "QEMUErrorDiagnosis.h"
 
 #include "MessageCapture.h"
@@ -121,15 +122,16 @@ TEST_P(DiagnosisTable, classifiesTheErrorOutput)
             EXPECT_EQ(cap.lines(), QList<hvtest::LogLine>({{row.level, row.line}}));
     }
     MessageCapture cap;
-    EXPECT_EQ(QEMUErrorDiagnosis::isResourceBusy(log), row.code == Code::ResourceBusy);
-    EXPECT_EQ(QEMUErrorDiagnosis::isSystemFileUsedByAnotherProcess(log), row.code == Code::SystemFileLocked);
-    EXPECT_EQ(QEMUErrorDiagnosis::isPortUsedByAnotherProcess(log), row.code == Code::PortTaken);
-    EXPECT_EQ(QEMUErrorDiagnosis::isMemorySupported(log), row.code != Code::MemoryNotSupported);
-    EXPECT_EQ(QEMUErrorDiagnosis::isStateNotLoadable(log), row.code == Code::StateNotLoadable);
+    const QEMUEngine engine;
+    EXPECT_EQ(engine.isResourceBusy(log), row.code == Code::ResourceBusy);
+    EXPECT_EQ(engine.isSystemFileUsedByAnotherProcess(log), row.code == Code::SystemFileLocked);
+    EXPECT_EQ(engine.isPortUsedByAnotherProcess(log), row.code == Code::PortTaken);
+    EXPECT_EQ(engine.isMemorySupported(log), row.code != Code::MemoryNotSupported);
     // The line the start's message quotes is the one the diagnosis rests on.
-    if (row.code == Code::KvmFailure || row.code == Code::AudioUnavailable) {
-        EXPECT_TRUE(row.line.endsWith(": " + QEMUErrorDiagnosis::causeLine(log)));
-    }
+    QString cause;
+    QEMUErrorDiagnosis::classify(log, &cause);
+    EXPECT_EQ(cause.isEmpty(), row.code != Code::KvmFailure && row.code != Code::AudioUnavailable);
+    EXPECT_TRUE(row.line.endsWith(": " + cause) || cause.isEmpty());
     for (const char *question : {"device or resource is busy", "another process is using a system file of QEMU",
                                  "another process is using the port of QEMU", "memory size not supported on machine"})
         EXPECT_TRUE(cap.has(QtDebugMsg, QString("[VMTools] Checking if %1...").arg(question)));
@@ -144,9 +146,10 @@ TEST(Diagnosis, unreadableOutputIsAnErrorAndAnswersNoToEveryQuestion)
     MessageCapture cap;
     EXPECT_EQ(QEMUErrorDiagnosis::classify(missing), Code::Unreadable);
     EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] Cannot open QEMU stderr, assuming an error"));
-    EXPECT_FALSE(QEMUErrorDiagnosis::isResourceBusy(missing));
-    EXPECT_FALSE(QEMUErrorDiagnosis::isPortUsedByAnotherProcess(missing));
-    EXPECT_TRUE(QEMUErrorDiagnosis::isMemorySupported(missing));
+    const QEMUEngine engine;
+    EXPECT_FALSE(engine.isResourceBusy(missing));
+    EXPECT_FALSE(engine.isPortUsedByAnotherProcess(missing));
+    EXPECT_TRUE(engine.isMemorySupported(missing));
     // The memory trigger turns readable output without earlier phrases into
     // a memory error, never an unreadable one.
     hvtest::ScopedEnv trigger("HV_TRIGGER_ERROR", "memorynotsupportederror");

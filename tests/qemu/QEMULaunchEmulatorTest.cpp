@@ -114,7 +114,6 @@ TEST_F(EmulatorTest, coldStartSaveStopAndResume)
     }
     QEMUMachine *second = machines.back().get();
     EXPECT_EQ(second->getAdbPort(), 6555 + 7);
-    EXPECT_EQ(second->getQmpPort(), 23555 + 7);
     EXPECT_TRUE(QSettings(second->getLockFilePath(), QSettings::IniFormat).value("writable_shared_drive").toBool());
     {
         MessageCapture capture;

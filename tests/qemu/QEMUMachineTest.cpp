@@ -47,12 +47,12 @@ TEST_F(QEMUMachineTest, portsFollowTheOffsetInSixteenBits)
 {
     const struct {
         int offset; // -1: no lock file
-        int qmp, adb, frontCamera, backCamera, audioIn, audioOut, redis, renderMain, renderData;
-    } rows[] = {{-1, 23554, 6554, 24809, 24799, 24296, 24295, 6378, 24999, 22467},
-                {7, 23562, 6562, 24817, 24807, 24304, 24303, 6386, 25007, 22475},
+        int adb, frontCamera, backCamera, audioIn, audioOut, redis, renderMain, renderData;
+    } rows[] = {{-1, 6554, 24809, 24799, 24296, 24295, 6378, 24999, 22467},
+                {7, 6562, 24817, 24807, 24304, 24303, 6386, 25007, 22475},
                 // 40536 + 25000 = 65536: render main wraps to 0, ADB does not wrap.
-                {40536, 64091, 47091, 65346, 65336, 64833, 64832, 46915, 0, 63004},
-                {65535, 23554, 72090, 24809, 24799, 24296, 24295, 6378, 24999, 22467}};
+                {40536, 47091, 65346, 65336, 64833, 64832, 46915, 0, 63004},
+                {65535, 72090, 24809, 24799, 24296, 24295, 6378, 24999, 22467}};
     for (const auto &row : rows) {
         QEMUMachine machine(&m_engine, m_dir);
         if (row.offset >= 0) {
@@ -61,10 +61,10 @@ TEST_F(QEMUMachineTest, portsFollowTheOffsetInSixteenBits)
             machine.reloadVmInfo();
         }
         EXPECT_EQ(machine.getPortOffset(), row.offset);
-        EXPECT_EQ(QList<int>({machine.getQmpPort(), machine.getAdbPort(), machine.getFrontCameraPort(),
+        EXPECT_EQ(QList<int>({machine.getAdbPort(), machine.getFrontCameraPort(),
                               machine.getBackCameraPort(), machine.getAudioInputPort(), machine.getAudioOutputPort(),
                               machine.getRedisPort(), machine.getRenderMainPort(), machine.getRenderDataPort()}),
-                  QList<int>({row.qmp, row.adb, row.frontCamera, row.backCamera, row.audioIn, row.audioOut, row.redis,
+                  QList<int>({row.adb, row.frontCamera, row.backCamera, row.audioIn, row.audioOut, row.redis,
                               row.renderMain, row.renderData}))
             << row.offset;
         EXPECT_EQ(machine.getAdbSerial(), QString("127.0.0.1:%1").arg(row.adb));

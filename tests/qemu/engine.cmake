@@ -20,12 +20,3 @@ hv_add_test(qemu_plugin_rosetta TARGET qemu_plugin_tests
     ARGS --gtest_filter=QEMUPluginRosetta.*)
 add_dependencies(qemu_plugin_tests qemu)
 
-# The install tree carries the same bundled QEMU links and plug-in.
-add_test(NAME qemu_bundled_install
-    COMMAND ${CMAKE_COMMAND}
-        -DBUILD_DIR=${CMAKE_BINARY_DIR}
-        -DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/bundled-install
-        -DQEMU_SYSTEM=${HV_QEMU_SYSTEM_PROGRAM}
-        -DQEMU_IMG=${HV_QEMU_IMG_PROGRAM}
-        -P ${CMAKE_CURRENT_LIST_DIR}/scripts/CheckBundledInstall.cmake)
-set_tests_properties(qemu_bundled_install PROPERTIES TIMEOUT 120)

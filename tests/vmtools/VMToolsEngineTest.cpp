@@ -11,7 +11,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QLibrary>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -234,21 +233,16 @@ TEST(VMToolsEngineLoad, unknownEngineReturnsAtOnce)
 
 TEST(VMToolsEngineLoad, missingVirtualBoxPluginGivesNullEngineAndKeepsTheSetting)
 {
-    const QString path = QCoreApplication::applicationDirPath() + "/plugins/vboxmanage";
-    QLibrary probe(path);
-    ASSERT_FALSE(probe.load());
-    EXPECT_TRUE(probe.errorString().contains("vboxmanage"));
     Settings::set("hypervisor", "virtualbox");
     MessageCapture cap;
     const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::Full);
     EXPECT_EQ(result.engine, nullptr);
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.message, QString());
+    EXPECT_TRUE(result.message.startsWith("the virtualbox engine plug-in (libvboxmanage.so) was not found in "
+                                          + QCoreApplication::applicationDirPath() + "/plugins or "))
+        << result.message.toStdString();
     EXPECT_EQ(Settings::get("hypervisor", QString()).toString(), "virtualbox");
-    EXPECT_EQ(cap.lines(),
-              (QList<LogLine>{{QtDebugMsg, "[VMTools] Loading \"virtualbox\" plugin"},
-                              {QtCriticalMsg, QString("[VMTools] \"Fail to load virtualbox plugin from %1: %2\"")
-                                                  .arg(path, probe.errorString())}}));
+    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] \"" + result.message + "\""));
 }
 
 } // namespace

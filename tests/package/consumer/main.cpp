@@ -1,6 +1,6 @@
-#include <JsonReader.h>
-#include <VersionNumber.h>
-#include <VersionUtils.h>
+#include <HalvistromCore/JsonReader.h>
+#include <HalvistromCore/VersionNumber.h>
+#include <HalvistromCore/VersionUtils.h>
 
 #include <QJsonDocument>
 
