@@ -40,7 +40,7 @@ int notFound(Context &ctx, const QString &id, bool ambiguous)
 
 int list(Context &ctx)
 {
-    const auto profiles = Catalog::profiles();
+    const auto profiles = HwProfileRegistry::profiles();
     if (ctx.json()) {
         QJsonArray array;
         for (const auto &entry : profiles)
@@ -160,7 +160,7 @@ int remove(Context &ctx)
         return notFound(ctx, ctx.arg(0), ambiguous);
     // An ID may be the path of any profile file: only the user's own records
     // are deleted.
-    if (!Catalog::isDirectlyInside(found.file, Paths::getUserHwProfilePath()))
+    if (!HwProfileRegistry::isUserRecord(found))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a user profile: it is outside '%2'")
                                    .arg(found.file, QDir(Paths::getUserHwProfilePath()).absolutePath()));
     if (!QFile::remove(found.file))

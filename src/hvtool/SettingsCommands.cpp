@@ -1,11 +1,11 @@
 // hvtool settings: list, get, set and reset the user's settings.
 #include "Command.h"
 
+#include "Engine.h"
+
 #include "JsonSettings.h"
-#include "QEMUAccelerator.h"
-#include "QEMUAudio.h"
-#include "QEMUEngine.h"
 #include "Settings.h"
+#include "VMToolsEngine.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -66,31 +66,34 @@ int get(Context &ctx)
     return Success;
 }
 
-/// The values a setting with a fixed set of them allows; empty for others.
-QStringList allowedValues(const QString &key)
+/// Success when the engine takes value for key, else its refusal reported.
+/// The devices directory goes only where no one else's files are, since
+/// listing and deleting take it as the system's.
+int checkWithEngine(Context &ctx, const QString &key, const QVariant &value)
 {
-    if (key == QEMUAccelerator::settingKey())
-        return QEMUAccelerator::choices();
-    if (key == QEMUAudio::settingKey())
-        return QEMUAudio::choices();
-    return QStringList();
+    int code = Success;
+    VMToolsEngine *e = engine(ctx, &code);
+    if (!e)
+        return code;
+    const QStringList allowed = e->settingChoices(key);
+    if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
+        return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
+                                   .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
+    if (key != VMToolsEngine::devicesDirectoryKey() || !QDir::isAbsolutePath(value.toString()))
+        return Success;
+    const QString foreign = e->foreignDevicesDirectoryReason(value.toString());
+    return foreign.isEmpty()
+        ? Success
+        : ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
 }
 
 int set(Context &ctx)
 {
     const QString key = ctx.arg(0);
     const QVariant value = parseValue(ctx.arg(1));
-    const QStringList allowed = allowedValues(key);
-    if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
-        return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
-                                   .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
-    // Devices go only where no one else's files are: listing and deleting
-    // take the directory as the system's.
-    const QString foreign = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString())
-                                ? QEMUEngine::foreignDevicesDirectoryReason(value.toString())
-                                : QString();
-    if (!foreign.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
+    const int refused = checkWithEngine(ctx, key, value);
+    if (refused != Success)
+        return refused;
     Settings::set(key, value);
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)

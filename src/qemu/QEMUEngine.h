@@ -112,7 +112,7 @@ public:
     /// empty when it is a self-contained image of that format, else why it
     /// is refused, naming the disk (a backing file, an external data file,
     /// an extent in another file, another format, an unreadable image).
-    QString inspectDisk(const QString &path, const QString &format) const;
+    QString inspectDisk(const QString &path, const QString &format) const override;
     /// Creates the SD card image (getSDCardDiskName()) of sizeMiB MiB in directory.
     bool createSDCard(const QString &directory, long long sizeMiB) const;
     /// Deletes the snapshot from one image.
@@ -187,7 +187,7 @@ public:
     /// Removes an image's reference disks unless a device uses them (the
     /// devices that do are put in users) or a creation from them is under
     /// way (*creating is then set).
-    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating) override;
     /// The devices made from the image or backed by its reference disks.
     QStringList getMachinesUsingImage(const OsImage &image);
     /// The image registered under uuid among the user's OS image records
@@ -220,7 +220,13 @@ public:
     /// entries and none of them is the system's (a device directory, a
     /// leftover, the engine's own files). Empty when it may: missing, empty
     /// or already holding the system's devices.
-    static QString foreignDevicesDirectoryReason(const QString &dir);
+    QString foreignDevicesDirectoryReason(const QString &dir) const override;
+    /// QEMU's programs and version, /dev/kvm, the accelerator (probing KVM
+    /// with a tiny guest for at most QEMUAccelerator::probeTimeoutMs(), its
+    /// verdict then kept for the starts) and the audio backend.
+    QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note) override;
+    /// The choices of "emulator.accelerator" and "emulator.audio".
+    QStringList settingChoices(const QString &key) const override;
 
     /// A hidden directory of the devices directory in which a creation or a
     /// clone builds a device before it takes its name, or a deletion removes

@@ -60,8 +60,8 @@ bool QEMUEngine::chooseHostSetup(const QString &accelerator, QEMULaunch::Request
     }
     if (!processor.note.isEmpty() && !m_startNotes.contains(processor.note))
         m_startNotes << processor.note;
-    // "auto" on a host without a sound backend: the device runs silent, as
-    // doctor tells; nothing is wrong with this start.
+    // A silent guest under "auto" is the normal case on a host without a
+    // sound server: worth a line when debugging, not on every start.
     if (!audio.note.isEmpty())
         qCDebug(hvQemuLog).noquote() << "[VMTools]" << "No sound:" << audio.note;
     request->accelerator = processor.accelerator;

@@ -530,7 +530,7 @@ void QEMUEngine::adoptDirectory(const QString &path)
         qCInfo(hvQemuLog) << "[VMTools]" << "Adopted the device directory" << path << "made by an earlier version";
 }
 
-QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir)
+QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir) const
 {
     const QDir directory(dir);
     const QFileInfoList entries = directory.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System |

@@ -2,6 +2,7 @@
 
 #include "HwProfile.h"
 #include "OsImage.h"
+#include "VMToolsHostCheck.h"
 #include "VMToolsMachine.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
@@ -197,6 +198,28 @@ public:
     /// than any saved state. Empty when the last session ended with the
     /// save, or when the engine keeps no record of sessions.
     virtual QString unsavedSessionReason(const VMToolsMachine *machine) const;
+    /// Why the disk at path, of an OS image's OVA, must not become a
+    /// reference disk, naming it (it names a host file, or is not of the
+    /// format it claims); empty when it may. An engine that does not look
+    /// into disks accepts them.
+    virtual QString inspectDisk(const QString &path, const QString &format) const;
+    /// Removes an image's reference disks unless a device uses them (their
+    /// names then in users) or a creation from them is under way (*creating
+    /// then set). True, with nothing done, for an engine without reference disks.
+    virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    /// What the engine finds of the host it runs devices on: its programs and
+    /// their version, the accelerator and sound settings and what "auto"
+    /// picks for them here. It may probe the host for a few seconds (the
+    /// engine says how long at most); note is told first what is probed.
+    /// None unless the engine overrides it.
+    virtual QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note);
+    /// The values a setting of the engine's with a fixed set of them allows
+    /// ("emulator.accelerator": "auto", "kvm", "tcg"); empty for other keys.
+    virtual QStringList settingChoices(const QString &key) const;
+    /// Why dir must not become the devices directory, in words: it holds
+    /// entries and none of them is the engine's. Empty when it may; an
+    /// engine that does not override it takes any directory.
+    virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -230,6 +253,10 @@ public:
                     const VersionNumber &osVersion) const;
     /// Unpacks the image's local OVA into its system-image directory.
     bool extractOva(const OsImage &image) const;
+    /// Why the OVA at ovaPath must not become an OS image: it cannot be
+    /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
+    /// when it may; what is unpacked to look is removed again.
+    QString inspectOsImage(const QString &ovaPath) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").
     QString getCpuVendor() const;
