@@ -54,6 +54,17 @@ constexpr int kDeviceLockWaitMs = 5000;
 // Stopping a guest flushes its disks: seconds at most.
 constexpr int kGuestPauseTimeoutMs = 30000;
 
+// A running emulator would go on with the device's disks replaced or
+// unlinked under it, holding its ports: true, logged, when it runs.
+bool refusedWhileRunning(const VMToolsMachine *machine, const char *action)
+{
+    const auto *qemuMachine = dynamic_cast<const QEMUMachine *>(machine);
+    if (!qemuMachine || !qemuMachine->isQEMURunning())
+        return false;
+    qCWarning(hvQemuLog) << "[VMTools]" << "Cannot" << action << machine->getName() << "while its emulator runs";
+    return true;
+}
+
 // A device name is one directory inside the devices directory: anything that
 // could reach outside it (or be the directory itself) is refused, since a
 // failed creation removes the directory it names.
@@ -359,6 +370,8 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
         qCWarning(hvQemuLog) << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
         return false;
     }
+    if (refusedWhileRunning(machine, "delete"))
+        return false;
     // The directory leaves the devices in one rename, under a hidden name,
     // and is removed there: a removal that fails half-way leaves no
     // half-device behind, only files that no listing takes for one.
@@ -389,7 +402,7 @@ QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) c
         qCCritical(hvQemuLog) << "[VMTools]" << "Cannot factory reset null machine";
         return ResetResult::Unchanged;
     }
-    if (isLinkedDeviceDirectory(machine->getPath()))
+    if (isLinkedDeviceDirectory(machine->getPath()) || refusedWhileRunning(machine, "factory reset"))
         return ResetResult::Unchanged;
     migrateDevice(machine);
     const QDir reference(getDeviceReference(machine));
@@ -639,10 +652,6 @@ bool QEMUEngine::deleteBrokenMachine(const QString &name) const
         return false;
     }
     const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));
-    if (record.isQEMURunning()) {
-        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
-        return false;
-    }
     return deleteMachine(&record);
 }
 
