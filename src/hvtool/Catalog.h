@@ -1,8 +1,10 @@
 #pragma once
 
+#include "Command.h"
 #include "HwProfileRegistry.h"
 #include "OsImageRegistry.h"
 
+#include <QJsonArray>
 #include <QString>
 
 namespace hvtool {
@@ -21,6 +23,39 @@ bool findImage(const QString &id, Stored<OsImage> *found, bool *ambiguous = null
 
 /// The uuid without braces, as used in file names and shown to users.
 QString bareUuid(const QString &uuid);
+
+/// The one record of matches, those id names, in *found; else the failure
+/// reported through ctx and its exit code: NotFound, or Usage for a name
+/// that several records share. noun names their kind: "image", "profile".
+template<typename T>
+int findOne(Context &ctx, const QString &noun, const QString &id, const QList<Stored<T>> &matches, Stored<T> *found)
+{
+    if (matches.size() > 1)
+        return ctx.fail(Usage, QStringLiteral("%1 name '%2' is ambiguous; use its uuid").arg(noun, id));
+    if (matches.isEmpty())
+        return ctx.fail(NotFound, QStringLiteral("%1 '%2' does not exist").arg(noun, id));
+    *found = matches.first();
+    return Success;
+}
+
+/// Prints the records as a JSON array of toJson's objects, or as a table of
+/// header and a row from each.
+template<typename T, typename ToJson, typename Row>
+int printList(Context &ctx, const QList<Stored<T>> &entries, ToJson toJson, const QStringList &header, Row row)
+{
+    if (ctx.json()) {
+        QJsonArray array;
+        for (const Stored<T> &entry : entries)
+            array.append(toJson(entry.value));
+        ctx.printJson(array);
+        return Success;
+    }
+    QList<QStringList> rows;
+    for (const Stored<T> &entry : entries)
+        rows << row(entry.value);
+    ctx.printTable(header, rows);
+    return Success;
+}
 
 } // namespace Catalog
 } // namespace hvtool

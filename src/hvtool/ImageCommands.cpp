@@ -20,13 +20,6 @@
 namespace hvtool {
 namespace {
 
-int notFound(Context &ctx, const QString &id, bool ambiguous)
-{
-    if (ambiguous)
-        return ctx.fail(Usage, QStringLiteral("image name '%1' is ambiguous; use its uuid").arg(id));
-    return ctx.fail(NotFound, QStringLiteral("image '%1' does not exist").arg(id));
-}
-
 QString sizeText(qint64 bytes)
 {
     if (bytes >= (qint64(1) << 30))
@@ -36,31 +29,21 @@ QString sizeText(qint64 bytes)
 
 int list(Context &ctx)
 {
-    const auto images = OsImageRegistry::images();
-    if (ctx.json()) {
-        QJsonArray array;
-        for (const auto &entry : images)
-            array.append(OsImageIO::toJsonObject(entry.value));
-        ctx.printJson(array);
-        return Success;
-    }
-    QList<QStringList> rows;
-    for (const auto &entry : images) {
-        const OsImage &i = entry.value;
-        rows << QStringList{Catalog::bareUuid(i.uuid), i.name, i.osVersion.toString(), QString::number(i.sdkVersion),
-                            i.arch, sizeText(i.imageSizeBytes),
-                            i.isImageAvailableLocally() ? QStringLiteral("yes") : QStringLiteral("no")};
-    }
-    ctx.printTable({"UUID", "NAME", "ANDROID", "API", "ARCH", "SIZE", "LOCAL"}, rows);
-    return Success;
+    return Catalog::printList(ctx, OsImageRegistry::images(), OsImageIO::toJsonObject,
+                              {"UUID", "NAME", "ANDROID", "API", "ARCH", "SIZE", "LOCAL"}, [](const OsImage &i) {
+                                  return QStringList{Catalog::bareUuid(i.uuid), i.name, i.osVersion.toString(),
+                                                     QString::number(i.sdkVersion), i.arch, sizeText(i.imageSizeBytes),
+                                                     i.isImageAvailableLocally() ? QStringLiteral("yes")
+                                                                                 : QStringLiteral("no")};
+                              });
 }
 
 int show(Context &ctx)
 {
     Stored<OsImage> found;
-    bool ambiguous = false;
-    if (!Catalog::findImage(ctx.arg(0), &found, &ambiguous))
-        return notFound(ctx, ctx.arg(0), ambiguous);
+    int code = Catalog::findOne(ctx, "image", ctx.arg(0), OsImageRegistry::find(ctx.arg(0)), &found);
+    if (code != Success)
+        return code;
     const OsImage &i = found.value;
     if (ctx.json()) {
         ctx.printJson(OsImageIO::toJsonObject(i));
@@ -144,15 +127,14 @@ int add(Context &ctx)
 int remove(Context &ctx)
 {
     Stored<OsImage> found;
-    bool ambiguous = false;
-    if (!Catalog::findImage(ctx.arg(0), &found, &ambiguous))
-        return notFound(ctx, ctx.arg(0), ambiguous);
+    int code = Catalog::findOne(ctx, "image", ctx.arg(0), OsImageRegistry::find(ctx.arg(0)), &found);
+    if (code != Success)
+        return code;
     if (!OsImageRegistry::isUserRecord(found))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a registered image record: it is outside '%2'")
                                    .arg(found.file, QDir(Paths::getUserOsImagePath()).absolutePath()));
     // The image owns its reference disks: they go with it, but never from
     // under a device made from them.
-    int code = Success;
     VMToolsEngine *e = engine(ctx, &code);
     if (!e)
         return code;
