@@ -32,6 +32,11 @@ QString OsImage::getLocalPath() const
     return QFileInfo(Paths::getOvaPath() + QLatin1Char('/') + url.fileName()).absoluteFilePath();
 }
 
+QStringList OsImage::ovaDiskNames()
+{
+    return {QStringLiteral("system.vmdk"), QStringLiteral("data.vmdk")};
+}
+
 bool OsImage::isImageAvailableLocally() const
 {
     return QFile::exists(getLocalPath());

@@ -8,6 +8,7 @@
 #include <QMetaType>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 
 #include <iosfwd>
 
@@ -42,6 +43,9 @@ public:
     bool isRoundedCornerSupported() const;
     /// Below Android 7.3.
     bool isLegacyNetworkProfile() const;
+    /// The reference disks an image's OVA holds, by their member names:
+    /// "system.vmdk" and "data.vmdk".
+    static QStringList ovaDiskNames();
 
     QString uuid;
     QString name;

@@ -1,38 +1,25 @@
 // hvtool doctor and hvtool --version: what the set-up can do.
 #include "Command.h"
 #include "Engine.h"
-#include "FileUtils.h"
 
-#include "HalvistromAppUtils.h"
-#include "Paths.h"
-#include "QEMUAccelerator.h"
-#include "QEMUAudio.h"
-#include "QEMUEngine.h"
-#include "Settings.h"
+#include "FileUtils.h"
 #include "VMToolsEngine.h"
 
 #include <QCoreApplication>
-#include <QDir>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QStorageInfo>
 #include <QTemporaryFile>
 
 #include <cstdio>
-#include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 namespace hvtool {
 namespace {
 
-enum class Level { Ok, Warn, Fail };
-
-struct Check {
-    QString name;
-    Level level;
-    QString detail;
-};
+using Check = VMToolsHostCheck;
+using Level = VMToolsHostCheck::Level;
 
 QString levelText(Level level)
 {
@@ -44,58 +31,46 @@ QString levelText(Level level)
     return QString();
 }
 
-/// The configured accelerator and what "auto" picks here, from a fresh
-/// probe of KVM (which the engine then keeps for its starts).
-Check acceleratorCheck(const QEMUEngine &engine)
+/// Whether the plug-in loaded and its engine could start working.
+QList<Check> loadChecks(const VMToolsEngine::LoadResult &loaded)
 {
-    const QString configured = engine.configuredAccelerator();
-    const QString name = QStringLiteral("accelerator");
-    if (!QEMUAccelerator::choices().contains(configured))
-        return {name, Level::Fail, QEMUAccelerator(engine.getQemuSystemBinaryPath()).choose(configured).note};
-    if (::isatty(STDERR_FILENO))
-        std::fprintf(stderr, "probing KVM with a tiny guest (at most %d s)...\n", QEMUAccelerator::probeTimeoutMs() / 1000);
-    const QEMUAccelerator accelerator(engine.getQemuSystemBinaryPath());
-    const QEMUAccelerator::Verdict verdict = accelerator.probe();
-    accelerator.recordVerdict(verdict);
-    QString picks = QStringLiteral("auto picks KVM here");
-    if (verdict.state == QEMUAccelerator::Verdict::Fails)
-        picks = QStringLiteral("auto picks TCG here: KVM cannot run guests (%1)").arg(verdict.reason);
-    else if (verdict.state == QEMUAccelerator::Verdict::Unknown)
-        picks = QStringLiteral("auto picks TCG here: %1").arg(verdict.reason);
-    const QString detail = QStringLiteral("%1 is %2; %3").arg(QEMUAccelerator::settingKey(), configured, picks);
-    if (configured != QLatin1String("kvm") || verdict.state == QEMUAccelerator::Verdict::Runs)
-        return {name, Level::Ok, detail};
-    if (verdict.state == QEMUAccelerator::Verdict::Unknown)
-        return {name, Level::Warn, detail};
-    return {name, Level::Fail,
-            QStringLiteral("%1 is kvm, but KVM cannot run guests on this host (%2); run devices under TCG: %3")
-                .arg(QEMUAccelerator::settingKey(), verdict.reason, QEMUAccelerator::tcgAdvice())};
+    const QString cause = loaded.message.isEmpty() ? QString() : QStringLiteral(": ") + loaded.message;
+    // A status is set only by the engine's initialisation: the plug-in loaded.
+    if (!loaded.engine && loaded.status == 0)
+        return {{"plugin", Level::Fail, "the QEMU engine plug-in does not load" + cause}};
+    QList<Check> checks{{"plugin", Level::Ok, "the QEMU engine plug-in loads"}};
+    if (!loaded.engine)
+        checks.append({"qemu-installed", Level::Fail, loaded.message});
+    return checks;
 }
 
-/// The configured audio backend and what "auto" picks here.
-Check audioCheck(const QEMUEngine &engine)
+Check cpuCheck(const VMToolsEngine &engine)
 {
-    const QString configured = Settings::get(QEMUAudio::settingKey(), QStringLiteral("auto")).toString();
-    const QEMUAudio audio(engine.getQemuSystemBinaryPath());
-    const QEMUAudio::Choice automatic = audio.choose(QStringLiteral("auto"));
-    const QString picks = automatic.note.isEmpty() ? QStringLiteral("auto picks pa here")
-                                                   : QStringLiteral("auto picks none here: %1").arg(automatic.note);
-    const QString detail = QStringLiteral("%1 is %2; %3").arg(QEMUAudio::settingKey(), configured, picks);
-    if (!QEMUAudio::choices().contains(configured))
-        return {"audio", Level::Fail, audio.choose(configured).note};
-    if (configured == QLatin1String("pa") && automatic.backend != QLatin1String("pa"))
-        return {"audio", Level::Fail,
-                QStringLiteral("%1 is pa, but %2; a device cannot start: hvtool settings set %1 auto")
-                    .arg(QEMUAudio::settingKey(), automatic.note)};
-    return {"audio", Level::Ok, detail};
+    const bool offered = engine.isCPUVirtualizationAvailable();
+    return {"cpu-virtualisation", offered ? Level::Ok : Level::Warn,
+            QStringLiteral("the %1 processor %2 VMX/SVM")
+                .arg(engine.getCpuVendor(), offered ? QStringLiteral("offers") : QStringLiteral("does not offer"))};
+}
+
+Check devicesDirectoryCheck()
+{
+    const QString devices = VMToolsEngine::getDevicesDirectorySetting();
+    FileUtils::makeDirectory(devices);
+    QTemporaryFile probe(devices + QStringLiteral("/.hvtool-doctor-XXXXXX"));
+    if (!probe.open())
+        return {"devices-directory", Level::Fail, devices + " is not writable: " + probe.errorString()};
+    const qint64 free = QStorageInfo(devices).bytesAvailable();
+    const qint64 gib = qint64(1) << 30;
+    return {"devices-directory", free < 2 * gib ? Level::Warn : Level::Ok,
+            QStringLiteral("%1 is writable, %2 GiB free").arg(devices).arg(double(free) / gib, 0, 'f', 1)};
 }
 
 /// What interrupted creations and clones left in the devices directory.
-Check leftoversCheck(const QEMUEngine &engine)
+Check leftoversCheck(VMToolsEngine *engine)
 {
     QStringList names;
     qint64 bytes = 0;
-    for (const QEMUEngine::Leftover &leftover : engine.getLeftovers()) {
+    for (const MachineLeftover &leftover : engine->getLeftovers()) {
         if (leftover.inProgress)
             continue;
         names << QLatin1Char('\'') + leftover.name + QLatin1Char('\'');
@@ -110,72 +85,9 @@ Check leftoversCheck(const QEMUEngine &engine)
                 .arg(double(bytes) / (1 << 20), 0, 'f', 1)};
 }
 
-int doctor(Context &ctx)
+/// Prints the checks; Failed when one of them failed.
+int report(Context &ctx, const QList<Check> &checks)
 {
-    QList<Check> checks;
-
-    QEMUEngine engine;
-    const auto init = engine.initialize(VMToolsEngine::Full);
-    const QString emulator = QFileInfo(engine.getQemuSystemBinaryPath()).absolutePath();
-    if (init.first != 0) {
-        checks << Check{"qemu-installed", Level::Fail, init.second};
-    } else {
-        const VersionNumber version = engine.versionNumber();
-        const VersionNumber minimum = engine.minimumVersionNumber();
-        const VersionNumber maximum = engine.maximumVersionNumber();
-        const bool tooOld = version < minimum;
-        // A maximum with a negative major means no upper bound.
-        const bool tooNew = maximum.major >= 0 && version > maximum;
-        QString bounds = QStringLiteral("%1 (supported from %2").arg(version.toString(), minimum.toString());
-        bounds += maximum.major >= 0 ? QStringLiteral(" to %1)").arg(maximum.toString()) : QStringLiteral(")");
-        checks << Check{"qemu-installed", Level::Ok, QStringLiteral("QEMU programs found in ") + emulator};
-        checks << Check{"qemu-version", tooOld || tooNew ? Level::Fail : Level::Ok, bounds};
-    }
-
-    const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(QStringLiteral("qemu"),
-                                                                       VMToolsEngine::NoAccelerationCheck);
-    if (loaded.engine) {
-        checks << Check{"plugin", Level::Ok, "the QEMU engine plug-in loads"};
-        delete loaded.engine;
-    } else {
-        checks << Check{"plugin", Level::Fail,
-                        "the QEMU engine plug-in does not load from " + QCoreApplication::applicationDirPath()
-                            + "/plugins/" + (loaded.message.isEmpty() ? QString() : ": " + loaded.message)};
-    }
-
-    checks << Check{"cpu-virtualisation", engine.isCPUVirtualizationAvailable() ? Level::Ok : Level::Warn,
-                    engine.isCPUVirtualizationAvailable()
-                        ? QStringLiteral("the %1 processor offers VMX/SVM").arg(engine.getCpuVendor())
-                        : QStringLiteral("the %1 processor does not offer VMX/SVM").arg(engine.getCpuVendor())};
-
-    const int kvm = ::open("/dev/kvm", O_RDWR | O_CLOEXEC);
-    const bool kvmOpens = kvm >= 0;
-    if (kvmOpens)
-        ::close(kvm);
-    if (!QFileInfo::exists("/dev/kvm"))
-        checks << Check{"kvm-device", Level::Warn, "/dev/kvm does not exist"};
-    else
-        checks << Check{"kvm-device", kvmOpens ? Level::Ok : Level::Warn,
-                        kvmOpens ? QStringLiteral("/dev/kvm opens for reading and writing")
-                                 : QStringLiteral("/dev/kvm exists but cannot be opened: ") + qt_error_string(errno)};
-
-    if (init.first == 0)
-        checks << acceleratorCheck(engine) << audioCheck(engine);
-
-    const QString devices = VMToolsEngine::getDevicesDirectorySetting();
-    FileUtils::makeDirectory(devices);
-    QTemporaryFile probe(devices + QStringLiteral("/.hvtool-doctor-XXXXXX"));
-    if (!probe.open()) {
-        checks << Check{"devices-directory", Level::Fail, devices + " is not writable: " + probe.errorString()};
-    } else {
-        const qint64 free = QStorageInfo(devices).bytesAvailable();
-        const qint64 gib = qint64(1) << 30;
-        checks << Check{"devices-directory", free < 2 * gib ? Level::Warn : Level::Ok,
-                        QStringLiteral("%1 is writable, %2 GiB free").arg(devices).arg(double(free) / gib, 0, 'f', 1)};
-    }
-
-    checks << leftoversCheck(engine);
-
     bool failed = false;
     QJsonArray array;
     for (const Check &check : checks) {
@@ -189,11 +101,27 @@ int doctor(Context &ctx)
     return failed ? Failed : Success;
 }
 
+int doctor(Context &ctx)
+{
+    const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(VMToolsEngine::Full);
+    const std::unique_ptr<VMToolsEngine> engine(loaded.engine);
+    QList<Check> checks = loadChecks(loaded);
+    const auto noteOnTerminal = [](const QString &line) {
+        if (::isatty(STDERR_FILENO))
+            std::fprintf(stderr, "%s\n", qPrintable(line));
+    };
+    if (engine)
+        checks << engine->checkHost(noteOnTerminal) << cpuCheck(*engine);
+    checks << devicesDirectoryCheck();
+    if (engine)
+        checks << leftoversCheck(engine.get());
+    return report(ctx, checks);
+}
+
 int version(Context &ctx)
 {
-    QEMUEngine engine;
-    const auto init = engine.initialize(VMToolsEngine::NoAccelerationCheck);
-    const QString qemu = init.first == 0 ? engine.versionString() : QStringLiteral("not found");
+    const std::unique_ptr<VMToolsEngine> engine(VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck).engine);
+    const QString qemu = engine ? engine->versionString() : QStringLiteral("not found");
     if (ctx.json()) {
         ctx.printJson(QJsonObject{{"hvtool", QStringLiteral(HVTOOL_VERSION)},
                                   {"library", QCoreApplication::applicationVersion()},

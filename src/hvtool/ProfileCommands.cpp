@@ -31,39 +31,22 @@ QString displayText(const HwProfile &profile)
     return QStringLiteral("%1x%2@%3").arg(display->width).arg(display->height).arg(display->density);
 }
 
-int notFound(Context &ctx, const QString &id, bool ambiguous)
-{
-    if (ambiguous)
-        return ctx.fail(Usage, QStringLiteral("profile name '%1' is ambiguous; use its uuid").arg(id));
-    return ctx.fail(NotFound, QStringLiteral("profile '%1' does not exist").arg(id));
-}
-
 int list(Context &ctx)
 {
-    const auto profiles = Catalog::profiles();
-    if (ctx.json()) {
-        QJsonArray array;
-        for (const auto &entry : profiles)
-            array.append(HwProfileIO::toJsonObject(entry.value));
-        ctx.printJson(array);
-        return Success;
-    }
-    QList<QStringList> rows;
-    for (const auto &entry : profiles) {
-        const HwProfile &p = entry.value;
-        rows << QStringList{Catalog::bareUuid(p.uuid), p.getName(), formFactorName(p.formFactor),
-                            QString::number(p.cpuCount), QString::number(p.ramSize), displayText(p)};
-    }
-    ctx.printTable({"UUID", "NAME", "FORM", "CPUS", "RAM_MB", "DISPLAY"}, rows);
-    return Success;
+    return Catalog::printList(ctx, HwProfileRegistry::profiles(), HwProfileIO::toJsonObject,
+                              {"UUID", "NAME", "FORM", "CPUS", "RAM_MB", "DISPLAY"}, [](const HwProfile &p) {
+                                  return QStringList{Catalog::bareUuid(p.uuid), p.getName(),
+                                                     formFactorName(p.formFactor), QString::number(p.cpuCount),
+                                                     QString::number(p.ramSize), displayText(p)};
+                              });
 }
 
 int show(Context &ctx)
 {
     Stored<HwProfile> found;
-    bool ambiguous = false;
-    if (!Catalog::findProfile(ctx.arg(0), &found, &ambiguous))
-        return notFound(ctx, ctx.arg(0), ambiguous);
+    const int code = Catalog::findOne(ctx, "profile", ctx.arg(0), HwProfileRegistry::find(ctx.arg(0)), &found);
+    if (code != Success)
+        return code;
     const HwProfile &p = found.value;
     if (ctx.json()) {
         ctx.printJson(HwProfileIO::toJsonObject(p));
@@ -155,12 +138,12 @@ int create(Context &ctx)
 int remove(Context &ctx)
 {
     Stored<HwProfile> found;
-    bool ambiguous = false;
-    if (!Catalog::findProfile(ctx.arg(0), &found, &ambiguous))
-        return notFound(ctx, ctx.arg(0), ambiguous);
+    const int code = Catalog::findOne(ctx, "profile", ctx.arg(0), HwProfileRegistry::find(ctx.arg(0)), &found);
+    if (code != Success)
+        return code;
     // An ID may be the path of any profile file: only the user's own records
     // are deleted.
-    if (!Catalog::isDirectlyInside(found.file, Paths::getUserHwProfilePath()))
+    if (!HwProfileRegistry::isUserRecord(found))
         return ctx.fail(Usage, QStringLiteral("'%1' is not a user profile: it is outside '%2'")
                                    .arg(found.file, QDir(Paths::getUserHwProfilePath()).absolutePath()));
     if (!QFile::remove(found.file))

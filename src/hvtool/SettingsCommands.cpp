@@ -2,10 +2,8 @@
 #include "Command.h"
 
 #include "JsonSettings.h"
-#include "QEMUAccelerator.h"
-#include "QEMUAudio.h"
-#include "QEMUEngine.h"
 #include "Settings.h"
+#include "VMToolsEngine.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -13,6 +11,8 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QVariant>
+
+#include <memory>
 
 namespace hvtool {
 namespace {
@@ -66,31 +66,38 @@ int get(Context &ctx)
     return Success;
 }
 
-/// The values a setting with a fixed set of them allows; empty for others.
-QStringList allowedValues(const QString &key)
+/// Success when the engine takes value for key, else its refusal reported.
+/// The devices directory goes only where no one else's files are, since
+/// listing and deleting take it as the system's. Without a working engine
+/// only the devices directory is refused: the engine checks its own
+/// settings again when it uses them.
+int checkWithEngine(Context &ctx, const QString &key, const QVariant &value)
 {
-    if (key == QEMUAccelerator::settingKey())
-        return QEMUAccelerator::choices();
-    if (key == QEMUAudio::settingKey())
-        return QEMUAudio::choices();
-    return QStringList();
+    const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck);
+    const std::unique_ptr<VMToolsEngine> e(loaded.engine);
+    const bool directory = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString());
+    if (!e)
+        return directory ? ctx.fail(Failed, QStringLiteral("cannot tell whether '%1' may be the devices directory: "
+                                                           "the engine cannot be used: %2")
+                                                .arg(value.toString(), loaded.message))
+                         : Success;
+    const QStringList allowed = e->settingChoices(key);
+    if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
+        return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
+                                   .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
+    const QString foreign = directory ? e->foreignDevicesDirectoryReason(value.toString()) : QString();
+    return foreign.isEmpty()
+        ? Success
+        : ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
 }
 
 int set(Context &ctx)
 {
     const QString key = ctx.arg(0);
     const QVariant value = parseValue(ctx.arg(1));
-    const QStringList allowed = allowedValues(key);
-    if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
-        return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
-                                   .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
-    // Devices go only where no one else's files are: listing and deleting
-    // take the directory as the system's.
-    const QString foreign = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString())
-                                ? QEMUEngine::foreignDevicesDirectoryReason(value.toString())
-                                : QString();
-    if (!foreign.isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));
+    const int refused = checkWithEngine(ctx, key, value);
+    if (refused != Success)
+        return refused;
     Settings::set(key, value);
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)

@@ -173,7 +173,9 @@ void QEMUAccelerator::recordVerdict(const Verdict &verdict) const
     if (verdict.state == Verdict::Unknown)
         return;
     const bool runs = verdict.state == Verdict::Runs;
-    qCInfo(hvQemuLog).noquote() << "[VMTools]" << (runs ? QStringLiteral("KVM runs guests on this host")
+    // The choice built on the verdict tells the caller (a start's notes);
+    // the probe's own line is for whoever follows the engine's progress.
+    qCDebug(hvQemuLog).noquote() << "[VMTools]" << (runs ? QStringLiteral("KVM runs guests on this host")
                                               : QStringLiteral("KVM cannot run guests on this host: ") + verdict.reason);
     QEMUHostCache::store(QLatin1String(kCacheFile), m_emulator,
                          QJsonObject{{QStringLiteral("key"), hostKey(m_emulator)},

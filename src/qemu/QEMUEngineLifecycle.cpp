@@ -54,6 +54,17 @@ constexpr int kDeviceLockWaitMs = 5000;
 // Stopping a guest flushes its disks: seconds at most.
 constexpr int kGuestPauseTimeoutMs = 30000;
 
+// A running emulator would go on with the device's disks replaced or
+// unlinked under it, holding its ports: true, logged, when it runs.
+bool refusedWhileRunning(const VMToolsMachine *machine, const char *action)
+{
+    const auto *qemuMachine = dynamic_cast<const QEMUMachine *>(machine);
+    if (!qemuMachine || !qemuMachine->isQEMURunning())
+        return false;
+    qCWarning(hvQemuLog) << "[VMTools]" << "Cannot" << action << machine->getName() << "while its emulator runs";
+    return true;
+}
+
 // A device name is one directory inside the devices directory: anything that
 // could reach outside it (or be the directory itself) is refused, since a
 // failed creation removes the directory it names.
@@ -205,12 +216,14 @@ int QEMUEngine::buildDevice(const QString &name, const std::function<int(const Q
 }
 
 int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, const QString &referencePath,
-                             long long sdCardSize) const
+                             long long sdCardSize, const std::function<bool()> &cancelled) const
 {
     if (prepareReferenceDisks(ovaPath, referencePath).isEmpty()) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return 1;
     }
+    if (cancelled && cancelled())
+        return 1;
     const QDir reference(referencePath);
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
@@ -232,25 +245,34 @@ int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, 
 
 int QEMUEngine::createMachine(const QString &name, const OsImage &image, const HwProfile &profile)
 {
+    return createMachine(name, image, profile, std::function<bool()>(), nullptr);
+}
+
+int QEMUEngine::createFromImage(const QString &name, const OsImage &image, const HwProfile &profile,
+                                const std::function<bool()> &cancelled) const
+{
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     // A user of the image's reference disks until the device has its name.
     const QString reference = getReferenceDirectory(image);
     const auto use = useReference(image.getLocalPath(), reference);
+    // A cancel between the steps fails the build, which removes what it made.
     return buildDevice(name, [&](const QString &devicePath) {
-        const int code = use ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize) : 1;
+        const int code = use && !cancelled()
+            ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize, cancelled)
+            : 1;
         if (code != 0) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create device" << name;
             return code;
         }
         // setProperties also records the profile's CPU, RAM and SD card
         // values in the device's configuration, then saves device.json.
-        QEMUMachine machine(this, devicePath, image, profile);
+        QEMUMachine machine(const_cast<QEMUEngine *>(this), devicePath, image, profile);
         if (!machine.setProperties(profile, image)) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save device" << name;
             return 1;
         }
-        return 0;
+        return cancelled() ? 1 : 0;
     });
 }
 
@@ -348,6 +370,8 @@ bool QEMUEngine::deleteMachine(const VMToolsMachine *machine) const
         qCWarning(hvQemuLog) << "[VMTools]" << "Refusing to delete" << machine->getPath() << ": the system did not make it";
         return false;
     }
+    if (refusedWhileRunning(machine, "delete"))
+        return false;
     // The directory leaves the devices in one rename, under a hidden name,
     // and is removed there: a removal that fails half-way leaves no
     // half-device behind, only files that no listing takes for one.
@@ -378,7 +402,7 @@ QEMUEngine::ResetResult QEMUEngine::resetDevice(const VMToolsMachine *machine) c
         qCCritical(hvQemuLog) << "[VMTools]" << "Cannot factory reset null machine";
         return ResetResult::Unchanged;
     }
-    if (isLinkedDeviceDirectory(machine->getPath()))
+    if (isLinkedDeviceDirectory(machine->getPath()) || refusedWhileRunning(machine, "factory reset"))
         return ResetResult::Unchanged;
     migrateDevice(machine);
     const QDir reference(getDeviceReference(machine));
@@ -517,7 +541,7 @@ void QEMUEngine::adoptDirectory(const QString &path)
         qCInfo(hvQemuLog) << "[VMTools]" << "Adopted the device directory" << path << "made by an earlier version";
 }
 
-QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir)
+QString QEMUEngine::foreignDevicesDirectoryReason(const QString &dir) const
 {
     const QDir directory(dir);
     const QFileInfoList entries = directory.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System |
@@ -563,6 +587,11 @@ QList<VMToolsMachine *> QEMUEngine::getMachines(std::function<bool()> cancel)
     for (QEMUMachine *machine : loadMachines(cancel))
         machines.append(machine);
     return machines;
+}
+
+QString QEMUEngine::deviceEntryPath(const QString &name) const
+{
+    return isValidDeviceName(name) ? m_devicesDirectory.absoluteFilePath(name) : QString();
 }
 
 VMToolsMachine *QEMUEngine::getMachine(const QString &name)
@@ -623,10 +652,6 @@ bool QEMUEngine::deleteBrokenMachine(const QString &name) const
         return false;
     }
     const QEMUMachine record(const_cast<QEMUEngine *>(this), m_devicesDirectory.absoluteFilePath(name));
-    if (record.isQEMURunning()) {
-        qCWarning(hvQemuLog) << "[VMTools]" << "Cannot delete" << name << "while its emulator runs";
-        return false;
-    }
     return deleteMachine(&record);
 }
 

@@ -1,7 +1,16 @@
 #pragma once
 
+#include "BrokenMachine.h"
+#include "CreateProgress.h"
+#include "GuestWait.h"
 #include "HwProfile.h"
+#include "LockFiles.h"
+#include "MachineLeftover.h"
 #include "OsImage.h"
+#include "SnapshotInfo.h"
+#include "StartOutcome.h"
+#include "StartRequest.h"
+#include "VMToolsHostCheck.h"
 #include "VMToolsMachine.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
@@ -26,6 +35,27 @@ class QFile;
 ///
 /// The order of the virtual operations is the plug-in's binary interface:
 /// add new ones at the end only.
+///
+/// Threads: the library starts no threads of its own, and neither the engine
+/// nor the machines it hands out may be used from two threads at once. Load
+/// the engine, and use it and its machines, from one thread. Many operations
+/// block that thread while a host program runs or the emulator answers, for
+/// the bounds each one states (a start up to about a minute and a half, the
+/// first device of an image for minutes). Some of those waits run a nested
+/// event loop on the application's main thread, so the program's own events
+/// are delivered in the middle of an engine call; others block the thread
+/// outright. A program with a user interface therefore loads the engine on a
+/// worker thread (a QThread whose object owns the engine), sends it requests
+/// as queued calls and gets the results back as signals; the settings facade
+/// is read by the engine on that thread, so the program changes settings
+/// there too.
+///
+/// The QEMU engine's time-outs, which the bounds below are made of: a host
+/// program run for the engine (qemu-img, the emulator's --version) 30 s
+/// ("HV_CALL_TIMEOUT_MS"), a disk conversion or resize 300 s
+/// ("HV_CALL_LONG_TIMEOUT_MS"); reaching the emulator's monitor 5 s (connect
+/// 2 s, greeting 2 s, capabilities 1 s), then 1 to 2 s per command and 10 s
+/// to save or load a snapshot.
 class HALVISTROM_CORE_EXPORT VMToolsEngine
 {
 public:
@@ -69,9 +99,10 @@ public:
     virtual VersionNumber maximumVersionNumber() const = 0;
     virtual QList<VersionNumber> unsupportedVersionNumbers() const = 0;
     /// Every device; cancel is polled while they are gathered. The caller owns
-    /// the machines.
+    /// the machines. Reads each device's record: no host program, no
+    /// emulator; the time grows with the number of devices.
     virtual QList<VMToolsMachine *> getMachines(std::function<bool()> cancel) = 0;
-    /// The named device, owned by the caller, or null.
+    /// The named device, owned by the caller, or null. Reads its record.
     virtual VMToolsMachine *getMachine(const QString &name) = 0;
     /// Whether the hypervisor knows the device or its directory exists.
     virtual bool doesMachineExist(const QString &name) const;
@@ -81,25 +112,54 @@ public:
     /// The host network adapter used for host-only networking.
     virtual QString getAdapterName() const = 0;
     /// Creates a device from an OS image and a hardware profile; 0 on success.
+    /// Blocks. The first device of an image unpacks its OVA (no time bound:
+    /// the time the archive's size takes) and converts its two disks (300 s
+    /// each at most), after waiting up to 30 min for another program that
+    /// prepares the same image; every device then gets its own disks by two
+    /// qemu-img runs (30 s each). Cannot be cancelled.
     virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile) = 0;
-    /// Creates a device's disks from an OVA file; 0 on success.
+    /// Creates a device's disks from an OVA file; 0 on success. Blocks as the
+    /// other createMachine().
     virtual int createMachine(const QString &name, const QString &path, int, long long, long long sdCardSize,
                               const VersionNumber &imageVersion, const VersionNumber &osVersion) = 0;
     /// Starts a device, from the named snapshot when it is not empty. The QEMU
     /// engine answers with the machine's start codes: 1 when the device runs.
+    /// Blocks until the emulator answers with a running machine, not until
+    /// the guest has booted (its ADB port answers later): up to 60 s for
+    /// other starts to choose their ports, then up to 30 s
+    /// ("HV_QEMU_READY_TIMEOUT_MS") for the emulator, 30 s more per GiB of
+    /// saved state loaded; up to three launches when another program takes a
+    /// port meanwhile. Under the accelerator "auto" the first start on a host
+    /// probes KVM (10 s at most, remembered), and a guest that KVM stops is
+    /// started once more under TCG.
     virtual int startMachine(VMToolsMachine *machine, const QString &snapshotName) = 0;
+    /// Asks the emulator to quit and waits for it to end: about 5 s to reach
+    /// its monitor, up to 15 s for it to write its disks back and end; one it
+    /// cannot reach is killed. True once the emulator has taken the request
+    /// or was killed; getStatus() tells whether it has ended (it has, unless
+    /// writing its disks back took longer than those 15 s).
+    ///
+    /// Does not save the quick-boot state: a device stopped this way boots
+    /// cold on its next startFromLatestSnapshot(), keeping what its disks
+    /// hold. To stop with the state kept, call
+    /// saveSnapshot(machine, latestSnapshotName()) first (hvtool's stop does).
     virtual bool stopMachine(VMToolsMachine *machine) = 0;
+    /// Removes the device's directory (a rename, then the removal of its
+    /// files: no host program, no emulator). Stop the device first.
     virtual bool deleteMachine(const VMToolsMachine *machine) const = 0;
     virtual bool isAccelerationSupported() const = 0;
     virtual bool isSnapshotSupported() const = 0;
-    /// The device's snapshots; none unless the engine overrides it.
+    /// The device's snapshots; none unless the engine overrides it. The QEMU
+    /// engine lists each disk's with qemu-img (30 s each at most).
     virtual QStringList fetchSnapshotNames(const VMToolsMachine *machine) const;
     /// Starts the device, resuming its "latest" snapshot when quickBoot asks
     /// for it, the last session ended by saving it, it exists (looked up
     /// here) and it was saved with the device's present hardware, image and
     /// emulator; otherwise, and when the engine cannot load the state, the
     /// device boots cold (once, with one line saying why), keeping what its
-    /// disks hold. quickBoot tells afterwards which start it was.
+    /// disks hold. quickBoot tells afterwards which start it was. Blocks as
+    /// fetchSnapshotNames() and startMachine(), twice over when the state
+    /// cannot be loaded and the cold boot follows.
     virtual int startFromLatestSnapshot(VMToolsMachine *machine, bool *quickBoot);
     /// Why the saved state of the snapshot name cannot be resumed on the
     /// device as it is now ("saved with 512 MB of RAM, the device now has
@@ -107,13 +167,25 @@ public:
     virtual QString savedStateMismatch(const VMToolsMachine *machine, const QString &name) const;
     /// Whether a start's result says the saved state could not be loaded.
     virtual bool isStateLoadFailure(int startResult) const;
-    /// Succeeds without doing anything unless the engine overrides it.
+    /// Succeeds without doing anything unless the engine overrides it. The
+    /// QEMU engine saves the running device's state into its disks under
+    /// name. Saved as latestSnapshotName(), it is the quick-boot state that
+    /// the next startFromLatestSnapshot() resumes, and it ends the session:
+    /// the guest stays paused, so that its disks cannot move past the state,
+    /// and stopMachine() comes next. Under any other name the guest goes on.
+    /// Blocks about 5 s to reach the monitor, 2 s to pause, 1 s to detach
+    /// the shared folder, 10 s to save and 2 s to go on, at most.
     virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name) const;
-    /// Succeeds without doing anything unless the engine overrides it.
+    /// Succeeds without doing anything unless the engine overrides it. The
+    /// QEMU engine deletes it from each disk with qemu-img (30 s each).
     virtual bool deleteSnapshot(const VMToolsMachine *machine, const QString &name) const;
     virtual bool setMachineIdentifiers(VMToolsMachine *machine, const QString &first, const QString &second) = 0;
-    /// Copies a device under a new name; 0 on success.
+    /// Copies a device under a new name; 0 on success. Copies its whole
+    /// directory: no time bound but the disks' size. A running device is
+    /// refused.
     virtual int cloneMachine(VMToolsMachine *machine, const QString &newName) = 0;
+    /// A copy takes the time the file's size takes (no other bound); a resize
+    /// runs qemu-img (300 s at most); deleting removes the file.
     virtual bool copyDisk(const QString &source, const QString &destination) const = 0;
     virtual bool deleteDisk(const QString &path) const = 0;
     virtual bool resizeDisk(const QString &path, long long size) const = 0;
@@ -123,7 +195,10 @@ public:
     virtual QStringList fetchBridgeableInterfaces() = 0;
     virtual QStringList getBridgeableInterfaces() const = 0;
     virtual int getHostOnlyNetworkType() const = 0;
-    /// Makes the engine usable; called once, by loadEngine().
+    /// Makes the engine usable; called once, by loadEngine(). The QEMU engine
+    /// runs the emulator's --version (30 s at most) and, in Full mode, its
+    /// KVM probe (10 s at most, "HV_KVM_PROBE_TIMEOUT_MS", remembered per
+    /// host and emulator).
     virtual InitResult initialize(InitMode mode) = 0;
     /// Why the device's quick-boot state must not be resumed, whatever it
     /// was saved with: its last session ended without saving one (stopped
@@ -131,10 +206,104 @@ public:
     /// than any saved state. Empty when the last session ended with the
     /// save, or when the engine keeps no record of sessions.
     virtual QString unsavedSessionReason(const VMToolsMachine *machine) const;
+    /// Why the disk at path, of an OS image's OVA, must not become a
+    /// reference disk, naming it (it names a host file, or is not of the
+    /// format it claims); empty when it may. An engine that does not look
+    /// into disks accepts them.
+    virtual QString inspectDisk(const QString &path, const QString &format) const;
+    /// Removes an image's reference disks unless a device uses them (their
+    /// names then in users) or a creation from them is under way (*creating
+    /// then set). True, with nothing done, for an engine without reference disks.
+    virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
+    /// What the engine finds of the host it runs devices on: its programs and
+    /// their version, the accelerator and sound settings and what "auto"
+    /// picks for them here. It may probe the host for a few seconds (the
+    /// engine says how long at most); note is told first what is probed.
+    /// None unless the engine overrides it.
+    virtual QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note);
+    /// The values a setting of the engine's with a fixed set of them allows
+    /// ("emulator.accelerator": "auto", "kvm", "tcg"); empty for other keys.
+    virtual QStringList settingChoices(const QString &key) const;
+    /// Why dir must not become the devices directory, in words: it holds
+    /// entries and none of them is the engine's. Empty when it may; an
+    /// engine that does not override it takes any directory.
+    virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
+
+    // What a program needs to run devices without knowing the engine: each
+    // has a base that answers as an engine without that capability would.
+
+    /// Every device, owned by the caller; the directories that the system
+    /// made for a device and that hold none it can load go into broken.
+    virtual QList<VMToolsMachine *> getMachines(std::function<bool()> cancel, QList<BrokenMachine> *broken);
+    /// Why the directory of the device name holds no device that loads, in
+    /// words; empty when it loads, when there is no such directory, or when
+    /// the system did not make it.
+    virtual QString brokenMachineReason(const QString &name) const;
+    /// Removes the directory of the device name that holds no device that
+    /// loads; refused while an emulator recorded in it runs.
+    virtual bool deleteBrokenMachine(const QString &name) const;
+    /// What takes the name in the devices directory when the system did not
+    /// make it (someone's folder or file), in words; empty otherwise.
+    virtual QString foreignEntryReason(const QString &name) const;
+    /// Takes the command lock of the device name for command (the user's
+    /// words: "hvtool device start"), waiting a few seconds at most. Every
+    /// command that changes a device holds it from its first check to its
+    /// last write, so two never interleave.
+    virtual LockFiles::CommandLock::Result lockMachine(const QString &name, const QString &command,
+                                                       LockFiles::CommandLock *lock) const;
+    /// What interrupted creations, clones and deletions left in the devices
+    /// directory, by name.
+    virtual QList<MachineLeftover> getLeftovers() const;
+    /// Removes a leftover whose process no longer runs; false, logged, when
+    /// it still runs or cannot be removed.
+    virtual bool reclaimLeftover(const MachineLeftover &leftover) const;
+    /// The device's snapshots with what the engine knows of each.
+    virtual QList<SnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
+    /// Returns the running device to its snapshot name.
+    virtual bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
+    /// saveSnapshot(); recorded tells whether what the state was saved with
+    /// could be recorded beside it.
+    virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
+    /// cloneMachine(); a running source is copied only when crashConsistent,
+    /// paused for the copy.
+    virtual int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
+    /// What a factory reset did.
+    enum class ResetResult {
+        Done,
+        /// Refused, or failed before any disk was replaced: the device is as it was.
+        Unchanged,
+        /// The new disks are complete but could not all take their names:
+        /// the next command on the device finishes the reset.
+        Pending,
+    };
+    /// Rebuilds the device's disks from its image; the caller holds its lock.
+    virtual ResetResult resetDevice(const VMToolsMachine *machine) const;
+    /// Why the device's disks cannot be used (a system disk whose image
+    /// disks are gone), after moving them off an older layout; empty when
+    /// they can.
+    virtual QString checkReferenceDisks(const VMToolsMachine *machine) const;
+    /// Starts the device as request asks, after checking what it starts
+    /// from and that the host has room for it; the caller holds its lock.
+    /// The outcome tells how it came up and why, or why it did not.
+    virtual StartOutcome startDevice(VMToolsMachine *machine, const StartRequest &request);
+    /// Waits at most timeoutMs until the guest of the started device
+    /// answers, polling cancel; a guest the engine's accelerator cannot run
+    /// may be started again under another one on the way.
+    virtual GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    /// createMachine() that polls cancel between its steps: a creation
+    /// cancelled or refused leaves nothing behind. An image or profile
+    /// that would not load back from the device's record is refused before
+    /// any disk is made. 0 on success; on failure error says why.
+    virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
+                              const std::function<bool()> &cancel, QString *error);
+    /// How far the creation of the device name from image has come; may be
+    /// asked from another thread while it runs.
+    virtual CreateProgress creationProgress(const QString &name, const OsImage &image) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
-    /// status is 0.
+    /// status is 0. Blocks as initialize(). The thread that calls it is the
+    /// one to use the engine from.
     static LoadResult loadEngine(InitMode mode);
     /// Loads the plug-in of the named engine ("qemu" or "virtualbox") from the
     /// "plugins" directory beside the application and initialises the engine.
@@ -157,11 +326,16 @@ public:
     /// exists. Does nothing for a null machine.
     void checkLatestSnapshotExists(VMToolsMachine *machine) const;
     /// Unpacks an OVA into the system-image directory of the two versions,
-    /// unless "system.vmdk" and "data.vmdk" are both there already.
+    /// unless "system.vmdk" and "data.vmdk" are both there already. No time
+    /// bound but the archive's size.
     bool extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
                     const VersionNumber &osVersion) const;
     /// Unpacks the image's local OVA into its system-image directory.
     bool extractOva(const OsImage &image) const;
+    /// Why the OVA at ovaPath must not become an OS image: it cannot be
+    /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
+    /// when it may; what is unpacked to look is removed again.
+    QString inspectOsImage(const QString &ovaPath) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").
     QString getCpuVendor() const;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "HwProfile.h"
+#include "MachineRunInfo.h"
 #include "OsImage.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
@@ -24,6 +25,10 @@ class QFile;
 /// the last change; a setter's result is the result of that write. The
 /// engine's machine class supplies the run-time side (name, uuid, status,
 /// IP address, ports).
+///
+/// A machine belongs to the thread of the engine that handed it out (see
+/// VMToolsEngine). Its record operations read or write device.json and wait
+/// for nothing else; the operations that wait longer say so.
 class HALVISTROM_CORE_EXPORT VMToolsMachine
 {
 public:
@@ -97,14 +102,19 @@ public:
     virtual bool setName(const QString &name) = 0;
     virtual QString getUuid() const = 0;
     virtual bool setUuid(const QString &uuid) = 0;
-    /// Bytes of all files below the device directory, computed once.
+    /// Bytes of all files below the device directory, computed once: the
+    /// first call walks the directory.
     virtual long long getSizeOnDisk();
+    /// The QEMU machine answers at once with its forwarded address.
     virtual QString waitForIP(std::function<bool()> cancel) = 0;
+    /// Whether the emulator runs, from its lock file and the process table:
+    /// no wait.
     virtual int getStatus() const = 0;
     /// The state as the running machine itself tells it: Paused, with the
     /// reason, when the hypervisor holds the guest (on a disk error, say);
     /// otherwise getStatus() and an empty reason. May ask the hypervisor, so
-    /// it costs more than getStatus().
+    /// it costs more than getStatus(): on the QEMU engine about 5 s at most
+    /// to reach the emulator's monitor and 1 s per question.
     virtual int getRunState(QString *reason) const;
     virtual int getOnLoadStatus() const;
     virtual QString getOsImageArch() const;
@@ -162,11 +172,14 @@ public:
     virtual AdapterType getAdapterType(unsigned int adapter) const = 0;
     virtual bool setAdapterType(unsigned int adapter, AdapterType type, const QString &name) = 0;
     virtual bool createFactoryBackup() = 0;
+    /// Gives the stopped device fresh disks over its image's reference
+    /// disks: on the QEMU engine two qemu-img runs, 30 s each at most.
     virtual bool resetFactory() = 0;
     /// The configuration entry as text; defaultValue when absent or textless.
     virtual QVariant getData(const QString &key, const QVariant &defaultValue = QVariant()) const;
     /// Stores the configuration entry and saves.
     virtual void setData(const QString &key, const QVariant &value);
+    /// Blocks as the engine's createMachine() for an image's first device.
     virtual bool upgradeSystemDisk(const OsImage &image) const = 0;
     virtual QString getProductName() const;
     virtual bool setProductName(const QString &name);
@@ -205,6 +218,25 @@ public:
     virtual ConnectionInfo getConnectionInfo() const = 0;
     virtual bool setConnectionInfo(const ConnectionInfo &info) = 0;
 
+    // The run-time side a program shows and acts on without knowing the
+    // engine; the base answers as a machine without an emulator would.
+
+    /// The state, and while the emulator runs its process and where to
+    /// reach it. Asks the emulator like getRunState().
+    virtual MachineRunInfo getRunInfo() const;
+    /// Kills the emulator at once and clears what recorded it; false when
+    /// nothing was stopped.
+    virtual bool forceStop();
+    /// Waits at most timeoutMs for the emulator to end after a stop, then
+    /// clears what recorded it; true when it ended.
+    virtual bool waitForStop(int timeoutMs);
+    /// Lets a guest held on a disk error go on; false, with the reason, when
+    /// it cannot or is held again at once.
+    virtual bool resumeFromDiskError(QString *reason) const;
+    /// Removes the record of an emulator that no longer runs (its lock
+    /// file); true when none is left.
+    virtual bool clearDeadEmulator() const;
+
     /// The device directory.
     QString getPath() const;
     void setHwProfile(const HwProfile &profile);
@@ -229,7 +261,8 @@ public:
     QString getUpgradingFlagPath() const;
     /// Removes the quick-boot snapshot and texture files that exist.
     void deleteOpenglSnapshot() const;
-    /// Walks the device directory again and caches the byte count.
+    /// Walks the device directory again and caches the byte count: no time
+    /// bound but the number of files.
     long long computeSizeOnDisk();
 
     static long long getMinVmHeapSize();

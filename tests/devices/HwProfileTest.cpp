@@ -1,7 +1,9 @@
 #include "DeviceTestData.h"
 #include "HwProfileBuilder.h"
 #include "HwProfileIO.h"
+#include "HwProfileRegistry.h"
 #include "MessageCapture.h"
+#include "Paths.h"
 
 #include <QDir>
 #include <QFile>
@@ -327,6 +329,26 @@ TEST_F(HwProfileStore, savedFilesLoadBackUnderTheBracedUuid)
     EXPECT_TRUE(HwProfileIO::remove(profile, dir()));
     EXPECT_FALSE(QFile::exists(path));
     EXPECT_TRUE(m_capture.noneAtOrAbove(QtWarningMsg));
+}
+
+// The user's profiles are found by uuid in any spelling; a name that two
+// share finds both, so that no caller takes one for the other.
+TEST(HwProfileRegistry, findsByUuidAndNameAndEveryProfileOfASharedName)
+{
+    HwProfileBuilder first("Twin"), second("Twin");
+    for (HwProfileBuilder *profile : {&first, &second}) {
+        profile->source = HwProfile::Source::USER;
+        ASSERT_TRUE(HwProfileIO::save(*profile, Paths::getUserHwProfilePath()));
+    }
+    const QList<HwProfileRegistry::Entry> byUuid =
+        HwProfileRegistry::find(QUuid(first.uuid).toString(QUuid::WithoutBraces).toUpper());
+    ASSERT_EQ(byUuid.size(), 1);
+    EXPECT_EQ(byUuid.first().value, first);
+    EXPECT_TRUE(HwProfileRegistry::isUserRecord(byUuid.first()));
+    EXPECT_EQ(HwProfileRegistry::find(first.getName()).size(), 2);
+    EXPECT_TRUE(HwProfileRegistry::find("No such profile").isEmpty());
+    for (const HwProfileRegistry::Entry &entry : HwProfileRegistry::profiles())
+        QFile::remove(entry.file);
 }
 
 TEST_F(HwProfileStore, refusesWhatItMustNotDoWithOneWarningEach)

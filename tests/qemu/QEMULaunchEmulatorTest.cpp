@@ -150,6 +150,10 @@ TEST_F(EmulatorTest, coldStartSaveStopAndResume)
         // drive; an IDE device resumes without one.
         EXPECT_EQ(resumed.contains("fat:ro:" + deployed(devices.at(i).first) + "/shared"), devices.at(i).second);
         EXPECT_TRUE(machine->isQEMURunning());
+        // The running emulator uses the device's files: they stay.
+        EXPECT_FALSE(m_engine->deleteMachine(machine));
+        EXPECT_FALSE(machine->resetFactory());
+        EXPECT_TRUE(QFileInfo::exists(machine->getConfigFilePath()));
         // A resumed device has no writable shared folder: saving again works
         // without detaching anything.
         EXPECT_TRUE(m_engine->saveSnapshot(machine, "latest"));
