@@ -295,12 +295,8 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool
         return false;
     qemuMachine->refreshPortOffset();
     // The emulator cannot save its state while a writable shared-folder drive
-    // is attached, whatever the disk interface: detach it when the lock file
-    // says the running emulator has it. A lock file without that record (an
-    // emulator started by an older program) falls back on the disk
-    // interface: IDE devices are the ones started with it.
-    const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
-    const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
+    // is attached, whatever the disk interface.
+    const bool unplugShared = qemuMachine->hasWritableSharedDrive();
     // The record changes before the drive goes: a save killed in between
     // leaves a lock file that says detached, and the client takes a drive
     // that is already gone as detached, so the next save goes through.

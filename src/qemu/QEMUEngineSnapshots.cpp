@@ -209,8 +209,7 @@ bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) cons
     qemuMachine->refreshPortOffset();
     // A writable shared folder keeps the emulator from loading a state, as it
     // keeps it from saving one.
-    const bool ideDisks = (machine->getCapabilities() & VMToolsMachine::VirtioDisks) == 0;
-    const bool unplugShared = qemuMachine->hasWritableSharedDrive(ideDisks);
+    const bool unplugShared = qemuMachine->hasWritableSharedDrive();
     QEMUClient client(qemuMachine->getQmpSocketPath());
     const bool loaded = client.execLoadSnapshot(name, unplugShared);
     if (unplugShared && client.hasDetachedSharedDrive())

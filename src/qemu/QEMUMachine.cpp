@@ -513,10 +513,10 @@ QString QEMUMachine::kvmFailure() const
     return QEMUErrorDiagnosis::kvmFailureLine(FileUtils::loadFile(getLogFilePath()));
 }
 
-bool QEMUMachine::hasWritableSharedDrive(bool fallback) const
+bool QEMUMachine::hasWritableSharedDrive() const
 {
     const int recorded = readLock().writableSharedDrive;
-    return recorded < 0 ? fallback : recorded == 1;
+    return recorded < 0 ? (getCapabilities() & VMToolsMachine::VirtioDisks) == 0 : recorded == 1;
 }
 
 bool QEMUMachine::setWritableSharedDrive(bool attached) const

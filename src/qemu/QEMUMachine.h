@@ -151,8 +151,10 @@ public:
     QString kvmFailure() const;
     bool removeLockFile() const;
     /// Whether the running emulator has the writable shared-folder drive, as
-    /// its lock file records; fallback when the file does not say.
-    bool hasWritableSharedDrive(bool fallback) const;
+    /// its lock file records. A lock file without that record (an emulator
+    /// started by an older program) falls back on the disk interface: IDE
+    /// devices are the ones started with it.
+    bool hasWritableSharedDrive() const;
     /// Records in the lock file that the drive is attached or detached. False
     /// when there is no lock file or it cannot be written.
     bool setWritableSharedDrive(bool attached) const;
