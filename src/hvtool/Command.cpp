@@ -1,5 +1,7 @@
 #include "Command.h"
 
+#include "Engine.h"
+
 #include <QCommandLineParser>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -260,105 +262,156 @@ bool Context::confirm(const QString &question) const
     return answer == QLatin1String("y") || answer == QLatin1String("yes");
 }
 
-int runCommandLine(const QStringList &arguments)
+void Context::setTarget(VMToolsEngine *engine, std::unique_ptr<VMToolsMachine> device,
+                        std::unique_ptr<LockFiles::CommandLock> lock)
 {
-    // Global options may stand anywhere; take them out first.
+    m_engine = engine;
+    m_device = std::move(device);
+    m_lock = std::move(lock);
+}
+
+void Context::releaseDevice()
+{
+    if (m_lock)
+        m_lock->release();
+}
+
+int Context::show(const Output &output) const
+{
+    if (json()) {
+        printJson(output.json);
+        return Success;
+    }
+    if (!output.header.isEmpty())
+        printTable(output.header, output.rows);
+    for (const QString &line : output.lines)
+        print(line);
+    return Success;
+}
+
+namespace {
+
+/// The command line without the options every command takes, which may
+/// stand anywhere, and what they ask.
+struct GlobalOptions {
     QStringList rest;
     Format format = Format::Text;
     bool verbose = false;
     bool help = false;
     bool version = false;
+};
+
+/// Takes the global options out of arguments; Success, or the usage error.
+int readGlobalOptions(const QStringList &arguments, GlobalOptions *options)
+{
     for (int i = 1; i < arguments.size(); ++i) {
         const QString &a = arguments.at(i);
         if (a == QLatin1String("-v") || a == QLatin1String("--verbose")) {
-            verbose = true;
+            options->verbose = true;
         } else if (a == QLatin1String("-h") || a == QLatin1String("--help")) {
-            help = true;
+            options->help = true;
         } else if (a == QLatin1String("--version")) {
-            version = true;
+            options->version = true;
         } else if (a == QLatin1String("--format") || a.startsWith(QLatin1String("--format="))) {
-            QString value;
-            if (a == QLatin1String("--format")) {
-                if (i + 1 >= arguments.size())
-                    return usageError(QStringLiteral("--format needs a value: text or json"), levelHelp({}));
-                value = arguments.at(++i);
-            } else {
-                value = a.mid(9);
-            }
-            if (value == QLatin1String("json"))
-                format = Format::Json;
-            else if (value != QLatin1String("text"))
+            if (a == QLatin1String("--format") && i + 1 >= arguments.size())
+                return usageError(QStringLiteral("--format needs a value: text or json"), levelHelp({}));
+            const QString value = a == QLatin1String("--format") ? arguments.at(++i) : a.mid(9);
+            if (value != QLatin1String("json") && value != QLatin1String("text"))
                 return usageError(QStringLiteral("unknown format '%1': use text or json").arg(value), levelHelp({}));
+            options->format = value == QLatin1String("json") ? Format::Json : Format::Text;
         } else {
-            rest << a;
+            options->rest << a;
         }
     }
-    installLogHandler(verbose);
+    return Success;
+}
 
-    // The longest command path that the leading words name.
+/// The longest command path that the leading words name; null when none.
+const Command *findCommand(const QStringList &words)
+{
     const Command *found = nullptr;
     for (const Command &command : commands()) {
-        if (startsWith(rest, command.path) && (!found || command.path.size() > found->path.size()))
+        if (startsWith(words, command.path) && (!found || command.path.size() > found->path.size()))
             found = &command;
     }
+    return found;
+}
 
-    if (!found) {
-        if (version && rest.isEmpty()) {
+/// Answers words that name no command: "--version" alone, the help of the
+/// level (noun) they name, or the usage error.
+int answerLevel(const GlobalOptions &options)
+{
+    if (options.version && options.rest.isEmpty()) {
+        if (const Command *version = findCommand({QStringLiteral("version")})) {
             QCommandLineParser none;
-            Context context({}, none, format, verbose);
-            for (const Command &command : commands()) {
-                if (command.path == QStringList{QStringLiteral("version")})
-                    return command.run(context);
-            }
+            Context context({}, none, options.format, options.verbose);
+            return version->run(context);
         }
-        // The words so far name a level (a noun), or nothing at all.
-        QStringList prefix;
-        for (const QString &word : rest) {
-            QStringList candidate = prefix;
-            candidate << word;
-            bool known = false;
-            for (const Command &command : commands())
-                known = known || startsWith(command.path, candidate);
-            if (!known)
-                break;
-            prefix = candidate;
-        }
-        const QString text = levelHelp(prefix);
-        if (help && prefix.size() == rest.size()) {
-            out() << text;
-            out().flush();
-            return Success;
-        }
-        if (rest.size() > prefix.size())
-            return usageError(QStringLiteral("unknown command '%1'").arg(rest.mid(0, prefix.size() + 1).join(' ')), text);
-        return usageError(QStringLiteral("missing command"), text);
     }
+    QStringList prefix;
+    for (const QString &word : options.rest) {
+        QStringList candidate = prefix;
+        candidate << word;
+        bool known = false;
+        for (const Command &command : commands())
+            known = known || startsWith(command.path, candidate);
+        if (!known)
+            break;
+        prefix = candidate;
+    }
+    const QString text = levelHelp(prefix);
+    if (options.help && prefix.size() == options.rest.size()) {
+        out() << text;
+        out().flush();
+        return Success;
+    }
+    if (options.rest.size() > prefix.size())
+        return usageError(QStringLiteral("unknown command '%1'").arg(options.rest.mid(0, prefix.size() + 1).join(' ')),
+                          text);
+    return usageError(QStringLiteral("missing command"), text);
+}
 
-    if (help) {
+/// Parses the command's own options and arguments, opens the device it
+/// names and runs it.
+int runCommand(const Command &command, const QString &program, const GlobalOptions &options)
+{
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
+    parser.addOptions(command.options);
+    if (!parser.parse(QStringList{program} + options.rest.mid(command.path.size())))
+        return usageError(parser.errorText(), commandHelp(command));
+    const QStringList positional = parser.positionalArguments();
+    if (positional.size() < command.minArgs)
+        return usageError(QStringLiteral("missing argument: %1").arg(command.arguments), commandHelp(command));
+    if (command.maxArgs >= 0 && positional.size() > command.maxArgs)
+        return usageError(QStringLiteral("unexpected argument '%1'").arg(positional.at(command.maxArgs)),
+                          commandHelp(command));
+    Context context(positional, parser, options.format, options.verbose);
+    context.setCommand(command.path);
+    const int invalid = command.checkArguments ? command.checkArguments(context) : Success;
+    const int opened = invalid == Success ? openTarget(command, context) : invalid;
+    return opened == Success ? command.run(context) : opened;
+}
+
+} // namespace
+
+int runCommandLine(const QStringList &arguments)
+{
+    GlobalOptions options;
+    const int invalid = readGlobalOptions(arguments, &options);
+    if (invalid != Success)
+        return invalid;
+    installLogHandler(options.verbose);
+    const Command *found = findCommand(options.rest);
+    if (!found)
+        return answerLevel(options);
+    if (options.help) {
         out() << commandHelp(*found);
         out().flush();
         return Success;
     }
-
-    QCommandLineParser parser;
-    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
-    parser.addOptions(found->options);
-    QStringList toParse{arguments.value(0)};
-    toParse << rest.mid(found->path.size());
-    if (!parser.parse(toParse))
-        return usageError(parser.errorText(), commandHelp(*found));
-
-    const QStringList positional = parser.positionalArguments();
-    if (positional.size() < found->minArgs)
-        return usageError(QStringLiteral("missing argument: %1").arg(found->arguments), commandHelp(*found));
-    if (found->maxArgs >= 0 && positional.size() > found->maxArgs)
-        return usageError(QStringLiteral("unexpected argument '%1'").arg(positional.at(found->maxArgs)),
-                          commandHelp(*found));
-
-    Context context(positional, parser, format, verbose);
-    context.setCommand(found->path);
-    return found->run(context);
+    return runCommand(*found, arguments.value(0), options);
 }
 
 } // namespace hvtool

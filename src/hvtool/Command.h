@@ -1,5 +1,9 @@
 #pragma once
 
+#include "LockFiles.h"
+#include "VMToolsEngine.h"
+#include "VMToolsMachine.h"
+
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
@@ -7,6 +11,7 @@
 #include <QStringList>
 
 #include <functional>
+#include <memory>
 
 class QCommandLineParser;
 
@@ -22,6 +27,25 @@ enum ExitCode {
 };
 
 enum class Format { Text, Json };
+
+/// What a command shows when it succeeds: the JSON value with --format json;
+/// otherwise the table (when it has a header), then the lines.
+struct Output {
+    QJsonValue json;
+    QStringList header;
+    QList<QStringList> rows;
+    QStringList lines;
+};
+
+/// What a command does with the device its first argument names.
+enum class DeviceUse {
+    None,   ///< it names no device, or looks it up itself
+    Read,   ///< it reads the device
+    Change, ///< it changes the device: the device is locked until it ends
+};
+
+/// The state the named device must be in for the command.
+enum class DeviceState { Any, Running, Stopped, Paused };
 
 /// What a command handler gets: its arguments and options, and the ways to
 /// answer (data to stdout, diagnostics to stderr).
@@ -56,6 +80,19 @@ public:
     /// Whether destructive verbs may go ahead: --yes, or a "y" typed on a
     /// terminal. Never prompts when stdin is not a terminal.
     bool confirm(const QString &question) const;
+    /// Shows a command's result, as text or as JSON; returns Success.
+    int show(const Output &output) const;
+
+    /// The engine and the device the command names, when its table entry
+    /// names one; the device is locked until the command ends when the
+    /// command changes it.
+    VMToolsEngine *engine() const { return m_engine; }
+    VMToolsMachine *device() const { return m_device.get(); }
+    void setTarget(VMToolsEngine *engine, std::unique_ptr<VMToolsMachine> device,
+                   std::unique_ptr<LockFiles::CommandLock> lock);
+    /// Lets other commands at the device before this one ends (a start
+    /// whose device runs, waiting for its guest).
+    void releaseDevice();
 
 private:
     QStringList m_args;
@@ -63,17 +100,50 @@ private:
     Format m_format;
     bool m_verbose;
     QString m_command;
+    VMToolsEngine *m_engine = nullptr;
+    std::unique_ptr<LockFiles::CommandLock> m_lock;
+    std::unique_ptr<VMToolsMachine> m_device;
 };
 
-/// One verb of a noun: an option table and a handler.
+/// One verb of a noun: an option table and a handler, and what the handler
+/// needs of the device the command names.
 struct Command {
+    Command(QStringList path, QString arguments, QString summary, QList<QCommandLineOption> options, int minArgs,
+            int maxArgs, std::function<int(Context &)> run, DeviceUse device = DeviceUse::None,
+            DeviceState state = DeviceState::Any, QString refusal = QString(),
+            std::function<int(Context &)> checkArguments = {})
+        : path(std::move(path))
+        , arguments(std::move(arguments))
+        , summary(std::move(summary))
+        , options(std::move(options))
+        , minArgs(minArgs)
+        , maxArgs(maxArgs)
+        , run(std::move(run))
+        , device(device)
+        , state(state)
+        , refusal(std::move(refusal))
+        , checkArguments(std::move(checkArguments))
+    {
+    }
+
     QStringList path;       ///< e.g. {"device", "snapshot", "save"}
     QString arguments;      ///< e.g. "NAME SNAPSHOT"
     QString summary;
     QList<QCommandLineOption> options;
-    int minArgs = 0;
-    int maxArgs = 0;        ///< -1: any number
+    int minArgs;
+    int maxArgs;            ///< -1: any number
     std::function<int(Context &)> run;
+    /// Found (exit 3 when it does not exist, 4 when it is broken) and, when
+    /// the command changes it, locked before run.
+    DeviceUse device;
+    /// Refused with exit 4 when the device is not in it.
+    DeviceState state;
+    /// The refusal, when not the state's own ("device '%1' is running; stop
+    /// it first"): %1 the device, %2 the command's second argument.
+    QString refusal;
+    /// Refuses arguments the command cannot take (exit 2) before the device
+    /// is looked at; none when empty.
+    std::function<int(Context &)> checkArguments;
 };
 
 /// Every command of the tool; each noun's file adds its own.

@@ -3,7 +3,6 @@
 #include "Engine.h"
 
 #include "FileUtils.h"
-#include "QEMUEngine.h" // for the leftovers, until the interface tells them
 #include "VMToolsEngine.h"
 
 #include <QCoreApplication>
@@ -71,7 +70,7 @@ Check leftoversCheck(VMToolsEngine *engine)
 {
     QStringList names;
     qint64 bytes = 0;
-    for (const QEMUEngine::Leftover &leftover : qemu(engine)->getLeftovers()) {
+    for (const MachineLeftover &leftover : engine->getLeftovers()) {
         if (leftover.inProgress)
             continue;
         names << QLatin1Char('\'') + leftover.name + QLatin1Char('\'');

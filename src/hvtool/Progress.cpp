@@ -31,21 +31,29 @@ void Progress::update(qint64 done) const
         return;
     m_sinceDraw.restart();
     const int percent = m_total > 0 ? int(qBound<qint64>(0, done * 100 / m_total, 100)) : -1;
+    const QString label = m_step.isEmpty() ? m_label : m_label + QStringLiteral(", ") + m_step;
     if (m_terminal && percent < 0) {
-        std::fprintf(stderr, "\r%s: %.1f MiB written, %lld s", qPrintable(m_label), done / 1048576.0,
+        std::fprintf(stderr, "\r%s: %.1f MiB written, %lld s", qPrintable(label), done / 1048576.0,
                      m_started.elapsed() / 1000);
     } else if (m_terminal) {
         const int width = 30;
         const int filled = percent < 0 ? 0 : percent * width / 100;
-        std::fprintf(stderr, "\r%s [%s%s] %3d%%", qPrintable(m_label), QByteArray(filled, '#').constData(),
+        std::fprintf(stderr, "\r%s [%s%s] %3d%%", qPrintable(label), QByteArray(filled, '#').constData(),
                      QByteArray(width - filled, '.').constData(), qMax(percent, 0));
     } else if (percent >= 0) {
-        std::fprintf(stderr, "%s: %d%%\n", qPrintable(m_label), percent);
+        std::fprintf(stderr, "%s: %d%%\n", qPrintable(label), percent);
     } else {
-        std::fprintf(stderr, "%s: %.1f MiB written, %lld s\n", qPrintable(m_label), done / 1048576.0,
+        std::fprintf(stderr, "%s: %.1f MiB written, %lld s\n", qPrintable(label), done / 1048576.0,
                      m_started.elapsed() / 1000);
     }
     std::fflush(stderr);
+}
+
+void Progress::update(qint64 done, qint64 total, const QString &step)
+{
+    m_total = total;
+    m_step = step;
+    update(done);
 }
 
 void Progress::finish()

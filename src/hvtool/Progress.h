@@ -14,10 +14,14 @@ public:
     Progress(const QString &label, qint64 total);
     ~Progress();
     void update(qint64 done) const;
+    /// The same for a step of the work (shown after the label) whose amount
+    /// is total (0 when unknown).
+    void update(qint64 done, qint64 total, const QString &step);
     void finish();
 
 private:
     QString m_label;
+    QString m_step;
     qint64 m_total;
     bool m_terminal;
     bool m_finished = false;

@@ -1,8 +1,6 @@
 // hvtool settings: list, get, set and reset the user's settings.
 #include "Command.h"
 
-#include "Engine.h"
-
 #include "JsonSettings.h"
 #include "Settings.h"
 #include "VMToolsEngine.h"
@@ -13,6 +11,8 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QVariant>
+
+#include <memory>
 
 namespace hvtool {
 namespace {
@@ -68,20 +68,24 @@ int get(Context &ctx)
 
 /// Success when the engine takes value for key, else its refusal reported.
 /// The devices directory goes only where no one else's files are, since
-/// listing and deleting take it as the system's.
+/// listing and deleting take it as the system's. Without a working engine
+/// only the devices directory is refused: the engine checks its own
+/// settings again when it uses them.
 int checkWithEngine(Context &ctx, const QString &key, const QVariant &value)
 {
-    int code = Success;
-    VMToolsEngine *e = engine(ctx, &code);
+    const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck);
+    const std::unique_ptr<VMToolsEngine> e(loaded.engine);
+    const bool directory = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString());
     if (!e)
-        return code;
+        return directory ? ctx.fail(Failed, QStringLiteral("cannot tell whether '%1' may be the devices directory: "
+                                                           "the engine cannot be used: %2")
+                                                .arg(value.toString(), loaded.message))
+                         : Success;
     const QStringList allowed = e->settingChoices(key);
     if (!allowed.isEmpty() && !allowed.contains(ctx.arg(1)))
         return ctx.fail(Usage, QStringLiteral("setting '%1' takes one of %2, not '%3'")
                                    .arg(key, allowed.join(QLatin1String(", ")), ctx.arg(1)));
-    if (key != VMToolsEngine::devicesDirectoryKey() || !QDir::isAbsolutePath(value.toString()))
-        return Success;
-    const QString foreign = e->foreignDevicesDirectoryReason(value.toString());
+    const QString foreign = directory ? e->foreignDevicesDirectoryReason(value.toString()) : QString();
     return foreign.isEmpty()
         ? Success
         : ctx.fail(Conflict, QStringLiteral("not using it as the devices directory: %1").arg(foreign));

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 
+class QDateTime;
 class QEMUDeviceFiles;
 class QEMUMachine;
 namespace QEMULaunch {
@@ -71,7 +72,7 @@ public:
     /// refused unless crashConsistent: its guest is then paused (its disks
     /// flushed) for the copy and goes on after it, so the clone has the disks
     /// a power cut at that moment would have left.
-    int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
+    int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent) override;
     /// Copies an image; an existing destination is never overwritten.
     bool copyDisk(const QString &source, const QString &destination) const override;
     /// Removes an image; true when none is left at the path.
@@ -86,6 +87,25 @@ public:
     /// Reads QEMU's version and checks that both programs exist: status 1
     /// with a message naming the missing one (qemu-img first) otherwise.
     InitResult initialize(InitMode mode) override;
+    QList<VMToolsMachine *> getMachines(std::function<bool()> cancel, QList<BrokenMachine> *broken) override;
+    QString brokenMachineReason(const QString &name) const override;
+    /// "'PATH' was not made by hvtool (it has no 'MARKER' marker)".
+    QString foreignEntryReason(const QString &name) const override;
+    /// lockDevice() on the device's directory; Gone when there is none.
+    LockFiles::CommandLock::Result lockMachine(const QString &name, const QString &command,
+                                               LockFiles::CommandLock *lock) const override;
+    StartOutcome startDevice(VMToolsMachine *machine, const StartRequest &request) override;
+    /// Speaks first on the guest's forwarded ADB port, the way a debugger
+    /// does, until the guest answers: the user-mode network takes every
+    /// connection while the guest still boots, so a connection alone proves
+    /// nothing. A guest that KVM stops under "auto" is started again cold
+    /// under TCG (under its command lock) and waited for again.
+    GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel) override;
+    int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
+                      const std::function<bool()> &cancel, QString *error) override;
+    /// Bytes in the image's unfinished reference directory (the OVA's size
+    /// the total), then in the device's build directory.
+    CreateProgress creationProgress(const QString &name, const OsImage &image) const override;
 
     static QString getQemuSystemBinaryName();
     static QString getQemuImgBinaryName();
@@ -125,22 +145,13 @@ public:
     /// when the disk work failed; nothing is left behind on failure.
     int createMachine(const QString &name, const QString &ovaPath, long long sdCardSize,
                       const VersionNumber &imageVersion, const VersionNumber &osVersion) const;
-    /// What a factory reset did.
-    enum class ResetResult {
-        Done,
-        /// Refused, or failed before any disk was replaced: the device is as it was.
-        Unchanged,
-        /// The new disks are complete but could not all take their names:
-        /// the next command on the device finishes the reset.
-        Pending,
-    };
     /// Rebuilds the device's system and data disks from the reference disks
     /// and drops the records of its saved states; the caller holds the
     /// device's lock. The new disks are made beside the old ones, flushed to
     /// disk, marked complete ("reset.pending") and only then renamed over
     /// them: a kill at any step leaves the old device or one that the next
     /// command finishes resetting (finishInterruptedReset()).
-    ResetResult resetDevice(const VMToolsMachine *machine) const;
+    ResetResult resetDevice(const VMToolsMachine *machine) const override;
     /// resetDevice() is Done.
     bool resetFactory(const VMToolsMachine *machine) const;
     /// Finishes a factory reset of the device that a killed command left
@@ -181,7 +192,7 @@ public:
     bool migrateDevice(const VMToolsMachine *machine) const;
     /// Moves the device off the previous layout when it is on it; then
     /// empty when its system disk's backing file exists, else why not.
-    QString checkReferenceDisks(const VMToolsMachine *machine) const;
+    QString checkReferenceDisks(const VMToolsMachine *machine) const override;
     /// Whether the directory holds reference disks that were completed.
     static bool isReferenceComplete(const QString &directory);
     /// Removes an image's reference disks unless a device uses them (the
@@ -208,7 +219,7 @@ public:
     QString brokenReason(const QString &path) const;
     /// Removes a device directory whose device cannot be loaded; refused
     /// while an emulator recorded in it runs.
-    bool deleteBrokenMachine(const QString &name) const;
+    bool deleteBrokenMachine(const QString &name) const override;
     /// Removes the directory recursively; true when it does not exist.
     static bool cleanDirectory(const QString &path);
     /// Whether the system made the directory at path for a device: it
@@ -228,23 +239,13 @@ public:
     /// The choices of "emulator.accelerator" and "emulator.audio".
     QStringList settingChoices(const QString &key) const override;
 
-    /// A hidden directory of the devices directory in which a creation or a
-    /// clone builds a device before it takes its name, or a deletion removes
-    /// one; left behind when the process that made it was killed.
-    struct Leftover {
-        QString name;           ///< the hidden directory's name
-        QString path;           ///< its absolute path
-        QString device;         ///< the device it was to become
-        QString operation;      ///< "creation", "clone" or "deletion"
-        long long pid = 0;      ///< the process that made it; 0 when an earlier version did
-        bool inProgress = false; ///< that process still runs
-        qint64 bytes = 0;       ///< what its files take
-    };
+    /// A hidden directory in which a device is built or removed.
+    using Leftover = MachineLeftover;
     /// The build directories of the devices directory, sorted by name.
-    QList<Leftover> getLeftovers() const;
+    QList<Leftover> getLeftovers() const override;
     /// Removes a leftover whose process no longer runs; false, logged, when
     /// it still runs or cannot be removed.
-    bool reclaimLeftover(const Leftover &leftover) const;
+    bool reclaimLeftover(const Leftover &leftover) const override;
     /// The build directories of the named device, being made now or left over.
     QStringList buildDirectories(const QString &name) const;
     /// How long a command on a device waits for another one on it to end
@@ -280,12 +281,12 @@ public:
     /// The same; recorded (when given) tells whether what the state was saved
     /// with could be recorded. When not, no record of it is left: a start
     /// then tries it, and the emulator refuses a state that does not fit.
-    bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
+    bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const override;
     /// Returns the running device to its internal snapshot name, over QMP.
-    bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
+    bool loadSnapshot(VMToolsMachine *machine, const QString &name) const override;
     /// The snapshots of the device's system disk with their dates, sizes and
     /// guest clocks, read from the image itself (also while it runs).
-    QList<QEMUSnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
+    QList<QEMUSnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const override;
     /// Records beside the device's disks what the state saved as name
     /// depends on: RAM, CPUs, disk interface, OS image and emulator version.
     /// When that cannot be written, the records are removed rather than left
@@ -401,7 +402,37 @@ private:
     /// directory (prepared first when needed); the codes of the disk-level
     /// createMachine.
     int createDevice(const QString &devicePath, const QString &ovaPath, const QString &reference,
-                     long long sdCardSize) const;
+                     long long sdCardSize, const std::function<bool()> &cancelled = {}) const;
+    /// The creation from an OS image, polling cancelled between its steps.
+    int createFromImage(const QString &name, const OsImage &image, const HwProfile &profile,
+                        const std::function<bool()> &cancelled) const;
+    /// Why a device record of image and profile would not load back; empty
+    /// when it would.
+    QString recordRefusal(const OsImage &image, const HwProfile &profile) const;
+    /// Why a start of the device would be refused before it is tried: an
+    /// accelerator that is not known, a setting holding a value that is
+    /// not, a host short of memory. An outcome without failure when none.
+    StartOutcome refuseStart(const VMToolsMachine *machine, const StartRequest &request) const;
+    /// Whether the device has the snapshot and can load it as it is now;
+    /// when not, outcome says why.
+    bool checkNamedSnapshot(const VMToolsMachine *machine, const QString &snapshot, StartOutcome *outcome) const;
+    /// Whether a start asking for the quick-boot state is expected to
+    /// resume it; when not, notes says why, unless there is none.
+    bool expectQuickBoot(const VMToolsMachine *machine, bool oneOffAccelerator, QStringList *notes) const;
+    /// Why the start of machine that gave result failed, in one line a
+    /// person can act on, pointing at the error output it wrote.
+    QString startFailureText(const QEMUMachine &machine, int result, const QDateTime &startedAt) const;
+    QString startDiagnosis(const QEMUMachine &machine, int result) const;
+    /// After KVM stopped the guest: starts the device again under TCG,
+    /// under its command lock, and waits for the guest again.
+    GuestWait restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    /// The path of the device name when it names one entry of the devices
+    /// directory, which may not exist; else empty.
+    QString deviceEntryPath(const QString &name) const;
+    /// The same when that entry is a directory; else empty.
+    QString existingDevicePath(const QString &name) const;
+    /// Where the reference disks of directory are made before they take its name.
+    static QString referencePartialDirectory(const QString &directory);
     /// Builds the device name in a build directory that carries the marker
     /// first, then renames it into place whole, never over an existing name.
     /// build's code on its failure, 1 when the directory cannot be made or

@@ -216,12 +216,14 @@ int QEMUEngine::buildDevice(const QString &name, const std::function<int(const Q
 }
 
 int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, const QString &referencePath,
-                             long long sdCardSize) const
+                             long long sdCardSize, const std::function<bool()> &cancelled) const
 {
     if (prepareReferenceDisks(ovaPath, referencePath).isEmpty()) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
         return 1;
     }
+    if (cancelled && cancelled())
+        return 1;
     const QDir reference(referencePath);
     const QFileInfo referenceSystem(reference, kSystemDisk);
     const QFileInfo referenceData(reference, kDataDisk);
@@ -243,25 +245,34 @@ int QEMUEngine::createDevice(const QString &devicePath, const QString &ovaPath, 
 
 int QEMUEngine::createMachine(const QString &name, const OsImage &image, const HwProfile &profile)
 {
+    return createMachine(name, image, profile, std::function<bool()>(), nullptr);
+}
+
+int QEMUEngine::createFromImage(const QString &name, const OsImage &image, const HwProfile &profile,
+                                const std::function<bool()> &cancelled) const
+{
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
     // A user of the image's reference disks until the device has its name.
     const QString reference = getReferenceDirectory(image);
     const auto use = useReference(image.getLocalPath(), reference);
+    // A cancel between the steps fails the build, which removes what it made.
     return buildDevice(name, [&](const QString &devicePath) {
-        const int code = use ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize) : 1;
+        const int code = use && !cancelled()
+            ? createDevice(devicePath, image.getLocalPath(), reference, profile.sdCardSize, cancelled)
+            : 1;
         if (code != 0) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create device" << name;
             return code;
         }
         // setProperties also records the profile's CPU, RAM and SD card
         // values in the device's configuration, then saves device.json.
-        QEMUMachine machine(this, devicePath, image, profile);
+        QEMUMachine machine(const_cast<QEMUEngine *>(this), devicePath, image, profile);
         if (!machine.setProperties(profile, image)) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save device" << name;
             return 1;
         }
-        return 0;
+        return cancelled() ? 1 : 0;
     });
 }
 
@@ -576,6 +587,11 @@ QList<VMToolsMachine *> QEMUEngine::getMachines(std::function<bool()> cancel)
     for (QEMUMachine *machine : loadMachines(cancel))
         machines.append(machine);
     return machines;
+}
+
+QString QEMUEngine::deviceEntryPath(const QString &name) const
+{
+    return isValidDeviceName(name) ? m_devicesDirectory.absoluteFilePath(name) : QString();
 }
 
 VMToolsMachine *QEMUEngine::getMachine(const QString &name)

@@ -132,6 +132,11 @@ bool makeParent(const QString &directory)
 
 } // namespace
 
+QString QEMUEngine::referencePartialDirectory(const QString &directory)
+{
+    return directory + kPartialSuffix;
+}
+
 QString QEMUEngine::getReferenceDirectory(const OsImage &image)
 {
     // The OVA may be gone since its disks were made; its checksum is not.

@@ -89,7 +89,7 @@ public:
     int getRunState(QString *reason) const override;
     /// Lets a guest held on a disk error go on; false, with the reason, when
     /// the emulator cannot be asked or holds it again at once.
-    bool resumeFromDiskError(QString *reason) const;
+    bool resumeFromDiskError(QString *reason) const override;
     QString getIPAddress() const override;
     /// The address at once: the guest is reached through forwarded ports.
     QString waitForIP(std::function<bool()> cancel) override;
@@ -203,10 +203,13 @@ public:
     /// Kills and reaps the recorded emulator and removes the lock file. A lock
     /// file naming any other process is removed without touching that process
     /// (and the result is false: nothing was stopped).
-    bool forceStop();
+    bool forceStop() override;
     /// Waits up to a second for the recorded emulator to end; when it has, the
     /// lock file is removed. True when it ended.
     bool waitForFinished();
+    MachineRunInfo getRunInfo() const override;
+    bool waitForStop(int timeoutMs) override;
+    bool clearDeadEmulator() const override;
 
     /// Whether the lock names a live process of the emulator binary, started
     /// at the recorded time.

@@ -1,20 +1,13 @@
 #pragma once
 
+#include "SnapshotInfo.h"
+
 #include <QDateTime>
 #include <QList>
 #include <QString>
 
 /// One internal snapshot of a qcow2 image, as its snapshot table records it.
-struct QEMUSnapshotInfo {
-    QString name;
-    /// When it was taken.
-    QDateTime date;
-    /// Bytes of saved machine state (guest memory and devices); 0 for a
-    /// snapshot of the disk alone.
-    qint64 vmStateSize = 0;
-    /// The guest's clock when it was taken, in nanoseconds since it booted.
-    qint64 guestClockNs = 0;
-};
+using QEMUSnapshotInfo = SnapshotInfo;
 
 /// Reads the internal snapshot table straight from a qcow2 image. Listing many
 /// devices this way costs a file read each instead of a process each, and it

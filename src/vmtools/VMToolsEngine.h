@@ -1,7 +1,15 @@
 #pragma once
 
+#include "BrokenMachine.h"
+#include "CreateProgress.h"
+#include "GuestWait.h"
 #include "HwProfile.h"
+#include "LockFiles.h"
+#include "MachineLeftover.h"
 #include "OsImage.h"
+#include "SnapshotInfo.h"
+#include "StartOutcome.h"
+#include "StartRequest.h"
 #include "VMToolsHostCheck.h"
 #include "VMToolsMachine.h"
 #include "VersionNumber.h"
@@ -222,6 +230,77 @@ public:
     /// entries and none of them is the engine's. Empty when it may; an
     /// engine that does not override it takes any directory. Lists dir.
     virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
+
+    // What a program needs to run devices without knowing the engine: each
+    // has a base that answers as an engine without that capability would.
+
+    /// Every device, owned by the caller; the directories that the system
+    /// made for a device and that hold none it can load go into broken.
+    virtual QList<VMToolsMachine *> getMachines(std::function<bool()> cancel, QList<BrokenMachine> *broken);
+    /// Why the directory of the device name holds no device that loads, in
+    /// words; empty when it loads, when there is no such directory, or when
+    /// the system did not make it.
+    virtual QString brokenMachineReason(const QString &name) const;
+    /// Removes the directory of the device name that holds no device that
+    /// loads; refused while an emulator recorded in it runs.
+    virtual bool deleteBrokenMachine(const QString &name) const;
+    /// What takes the name in the devices directory when the system did not
+    /// make it (someone's folder or file), in words; empty otherwise.
+    virtual QString foreignEntryReason(const QString &name) const;
+    /// Takes the command lock of the device name for command (the user's
+    /// words: "hvtool device start"), waiting a few seconds at most. Every
+    /// command that changes a device holds it from its first check to its
+    /// last write, so two never interleave.
+    virtual LockFiles::CommandLock::Result lockMachine(const QString &name, const QString &command,
+                                                       LockFiles::CommandLock *lock) const;
+    /// What interrupted creations, clones and deletions left in the devices
+    /// directory, by name.
+    virtual QList<MachineLeftover> getLeftovers() const;
+    /// Removes a leftover whose process no longer runs; false, logged, when
+    /// it still runs or cannot be removed.
+    virtual bool reclaimLeftover(const MachineLeftover &leftover) const;
+    /// The device's snapshots with what the engine knows of each.
+    virtual QList<SnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
+    /// Returns the running device to its snapshot name.
+    virtual bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
+    /// saveSnapshot(); recorded tells whether what the state was saved with
+    /// could be recorded beside it.
+    virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
+    /// cloneMachine(); a running source is copied only when crashConsistent,
+    /// paused for the copy.
+    virtual int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
+    /// What a factory reset did.
+    enum class ResetResult {
+        Done,
+        /// Refused, or failed before any disk was replaced: the device is as it was.
+        Unchanged,
+        /// The new disks are complete but could not all take their names:
+        /// the next command on the device finishes the reset.
+        Pending,
+    };
+    /// Rebuilds the device's disks from its image; the caller holds its lock.
+    virtual ResetResult resetDevice(const VMToolsMachine *machine) const;
+    /// Why the device's disks cannot be used (a system disk whose image
+    /// disks are gone), after moving them off an older layout; empty when
+    /// they can.
+    virtual QString checkReferenceDisks(const VMToolsMachine *machine) const;
+    /// Starts the device as request asks, after checking what it starts
+    /// from and that the host has room for it; the caller holds its lock.
+    /// The outcome tells how it came up and why, or why it did not.
+    virtual StartOutcome startDevice(VMToolsMachine *machine, const StartRequest &request);
+    /// Waits at most timeoutMs until the guest of the started device
+    /// answers, polling cancel; a guest the engine's accelerator cannot run
+    /// may be started again under another one on the way.
+    virtual GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    /// createMachine() that polls cancel between its steps: a creation
+    /// cancelled or refused leaves nothing behind. An image or profile
+    /// that would not load back from the device's record is refused before
+    /// any disk is made. 0 on success; on failure error says why.
+    virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
+                              const std::function<bool()> &cancel, QString *error);
+    /// How far the creation of the device name from image has come; may be
+    /// asked from another thread while it runs.
+    virtual CreateProgress creationProgress(const QString &name, const OsImage &image) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose

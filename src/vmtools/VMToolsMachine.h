@@ -1,6 +1,7 @@
 #pragma once
 
 #include "HwProfile.h"
+#include "MachineRunInfo.h"
 #include "OsImage.h"
 #include "VersionNumber.h"
 #include "halvistromcore_export.h"
@@ -216,6 +217,25 @@ public:
     virtual ConnectionInfo fetchConnectionInfo() = 0;
     virtual ConnectionInfo getConnectionInfo() const = 0;
     virtual bool setConnectionInfo(const ConnectionInfo &info) = 0;
+
+    // The run-time side a program shows and acts on without knowing the
+    // engine; the base answers as a machine without an emulator would.
+
+    /// The state, and while the emulator runs its process and where to
+    /// reach it. Asks the emulator like getRunState().
+    virtual MachineRunInfo getRunInfo() const;
+    /// Kills the emulator at once and clears what recorded it; false when
+    /// nothing was stopped.
+    virtual bool forceStop();
+    /// Waits at most timeoutMs for the emulator to end after a stop, then
+    /// clears what recorded it; true when it ended.
+    virtual bool waitForStop(int timeoutMs);
+    /// Lets a guest held on a disk error go on; false, with the reason, when
+    /// it cannot or is held again at once.
+    virtual bool resumeFromDiskError(QString *reason) const;
+    /// Removes the record of an emulator that no longer runs (its lock
+    /// file); true when none is left.
+    virtual bool clearDeadEmulator() const;
 
     /// The device directory.
     QString getPath() const;

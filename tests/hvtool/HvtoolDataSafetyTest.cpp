@@ -153,23 +153,26 @@ int countRuns(const QString &log, const QString &verb)
 // too (a stand-in tool left sleeping would go on writing).
 QList<qint64> childrenOf(qint64 pid)
 {
+    // Each thread's children are its own: the tool may run from a worker.
     QList<qint64> children;
-    const QByteArray text = hvtest::readFile(QString("/proc/%1/task/%1/children").arg(pid));
-    for (const QByteArray &item : text.split(' ')) {
-        if (!item.trimmed().isEmpty())
-            children << item.trimmed().toLongLong();
+    for (const QString &task : QDir(QString("/proc/%1/task").arg(pid)).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QByteArray text = hvtest::readFile(QString("/proc/%1/task/%2/children").arg(pid).arg(task));
+        for (const QByteArray &item : text.split(' ')) {
+            if (!item.trimmed().isEmpty())
+                children << item.trimmed().toLongLong();
+        }
     }
     return children;
 }
 
-void killTree(qint64 pid)
+void killTree(qint64 pid, int signal = SIGKILL)
 {
     const QList<qint64> children = childrenOf(pid);
-    ::kill(pid_t(pid), SIGKILL);
+    ::kill(pid_t(pid), signal);
     for (qint64 child : children) {
         for (qint64 grandchild : childrenOf(child))
-            ::kill(pid_t(grandchild), SIGKILL);
-        ::kill(pid_t(child), SIGKILL);
+            ::kill(pid_t(grandchild), signal);
+        ::kill(pid_t(child), signal);
     }
 }
 
@@ -353,6 +356,28 @@ TEST_F(HvtoolReferenceDisks, aKilledPreparationIsNeverUsed)
             << reclaimed.out.toStdString();
         EXPECT_FALSE(hvtool({"device", "list", "--all"}).out.contains(QString(".%1.create-").arg(row.name)));
     }
+}
+
+// Ctrl-C in the middle of a creation (the terminal interrupts hvtool and the
+// image tool it runs) cancels it: nothing of the device is left, not even a
+// leftover for 'device cleanup'.
+TEST_F(HvtoolReferenceDisks, anInterruptedCreationIsTakenBack)
+{
+    const QString image = registerImage(makeOva("Interrupted.ova"));
+    const QString log = hvtest::testRoot() + "/interrupted-runs.log";
+    QProcess creation;
+    creation.setProcessEnvironment(hvtest::environmentWith(
+        {{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_LOG", log}, {"HV_FAKE_QEMU_IMG_DELAY", "30"}}));
+    creation.start(hvtest::helperPath("hvtool"), {"device", "create", "Interrupted", "--image", image, "--profile", profile()});
+    ASSERT_TRUE(waitFor([&] { return countRuns(log, "info") == 1; }));
+    killTree(creation.processId(), SIGINT);
+    ASSERT_TRUE(creation.waitForFinished(20000));
+    EXPECT_EQ(creation.exitCode(), 1);
+    const QString err = QString::fromUtf8(creation.readAllStandardError());
+    EXPECT_TRUE(err.contains("could not create device 'Interrupted': the creation was cancelled; nothing is left of it"))
+        << err.toStdString();
+    EXPECT_FALSE(QFileInfo::exists(deviceDir("Interrupted")));
+    EXPECT_FALSE(hvtool({"device", "list", "--all"}).out.contains("Interrupted"));
 }
 
 // Two creations from one new image at the same moment: one makes the

@@ -132,6 +132,33 @@ TEST_F(QEMULifecycle, failedCreationLeavesNoDeviceDirectory)
     }
 }
 
+// What would not load back from the device's record is refused before
+// anything is made (such a device would never start), and a creation
+// cancelled between its steps takes back what it made.
+TEST_F(QEMULifecycle, aCreationRefusedOrCancelledLeavesNothing)
+{
+    OsImage undated = makeImage(sharedOva(), "11.0.0", "5.4.0");
+    undated.buildDate = QDateTime();
+    QString error;
+    EXPECT_EQ(m_engine->createMachine("Undated", undated, makeProfile(), {}, &error), 1);
+    EXPECT_EQ(error, QString("the OS image '%1' does not load back from a device record (a field it lacks or holds "
+                             "in a form its reader refuses)")
+                         .arg(undated.name));
+    EXPECT_FALSE(QFileInfo::exists(referenceDir(undated)));
+
+    const OsImage image = makeImage(sharedOva(), "11.0.0", "5.5.0");
+    for (const int cancelAt : {1, 2, 3}) {
+        int polls = 0;
+        const QString name = QString("Cancelled-%1").arg(cancelAt);
+        EXPECT_EQ(m_engine->createMachine(name, image, makeProfile(), [&] { return ++polls >= cancelAt; }, &error), 1);
+        EXPECT_EQ(error, "the creation was cancelled; nothing is left of it");
+        EXPECT_FALSE(QFileInfo::exists(deployed(name)));
+        EXPECT_TRUE(m_engine->getLeftovers().isEmpty());
+    }
+    EXPECT_EQ(m_engine->createMachine("Made", image, makeProfile(), [] { return false; }, &error), 0);
+    EXPECT_TRUE(QFileInfo::exists(deployed("Made/system.qcow2")));
+}
+
 // A clone has its own identity and disks, never the source's lock file;
 // deleting it removes its directory.
 TEST_F(QEMULifecycle, cloneAndDelete)
