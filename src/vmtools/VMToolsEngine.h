@@ -301,6 +301,11 @@ public:
     /// How far the creation of the device name from image has come; may be
     /// asked from another thread while it runs.
     virtual CreateProgress creationProgress(const QString &name, const OsImage &image) const;
+    /// Makes the reference disks of the OVA in directory (the image's
+    /// ReferenceDisks directory), once and whole; the directory, or an empty
+    /// string on failure. Blocks for the extraction (and conversion), waiting for
+    /// another program's preparation of the same disks. The default extracts the OVA's disks as they are.
+    virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -327,12 +332,13 @@ public:
     /// Sets the machine's flag that tells whether its snapshot "latest"
     /// exists. Does nothing for a null machine.
     void checkLatestSnapshotExists(VMToolsMachine *machine) const;
-    /// Unpacks an OVA into the system-image directory of the two versions,
-    /// unless "system.vmdk" and "data.vmdk" are both there already. No time
-    /// bound but the archive's size.
+    /// Makes the reference disks of the OVA of those versions in their own
+    /// directory (ReferenceDisks), unless they are complete there already:
+    /// extracted beside it, never in place, and named only when whole. No
+    /// time bound but the archive's size.
     bool extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
                     const VersionNumber &osVersion) const;
-    /// Unpacks the image's local OVA into its system-image directory.
+    /// The same for the image's local OVA.
     bool extractOva(const OsImage &image) const;
     /// Why the OVA at ovaPath must not become an OS image: it cannot be
     /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
