@@ -43,7 +43,8 @@ file(COPY_FILE ${build}/libotherengine.so ${build}/plugins/libqemu.so)
 run(1 "^no engine: the engine plug-in ${build}/plugins/libqemu.so was built for Halvistrom core 2.0.0, but this library is [0-9.]+: install the plug-in of the same version\n$"
     env HV_HOME=${home} ${build}/consumer)
 file(REMOVE_RECURSE ${build}/plugins)
-file(CREATE_LINK /usr/bin/qemu-img ${WORK_DIR}/no-emulator/qemu-img SYMBOLIC)
+find_program(qemu_img qemu-img REQUIRED)
+file(CREATE_LINK ${qemu_img} ${WORK_DIR}/no-emulator/qemu-img SYMBOLIC)
 run(1 "^no engine: QEMU's qemu-system-x86_64 was not found in ${WORK_DIR}/no-emulator \\(HV_QEMU_BIN_DIR\\): install the Debian package qemu-system-x86\n$"
     env HV_HOME=${home} HV_QEMU_BIN_DIR=${WORK_DIR}/no-emulator ${build}/consumer)
 

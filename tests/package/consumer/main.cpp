@@ -17,17 +17,10 @@
 #include <cstdio>
 #include <memory>
 
-class Settings
-{
-public:
-    static QVariant get(const QString &, const QVariant &def)
-    {
-        ++calls;
-        return def;
-    }
-    static int calls;
+struct Settings {
+    static inline int calls = 0;
+    static QVariant get(const QString &, const QVariant &def) { ++calls; return def; }
 };
-int Settings::calls = 0;
 
 namespace {
 
