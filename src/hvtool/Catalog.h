@@ -43,18 +43,14 @@ int findOne(Context &ctx, const QString &noun, const QString &id, const QList<St
 template<typename T, typename ToJson, typename Row>
 int printList(Context &ctx, const QList<Stored<T>> &entries, ToJson toJson, const QStringList &header, Row row)
 {
-    if (ctx.json()) {
-        QJsonArray array;
-        for (const Stored<T> &entry : entries)
-            array.append(toJson(entry.value));
-        ctx.printJson(array);
-        return Success;
+    Output output{QJsonValue(), header, {}, {}};
+    QJsonArray array;
+    for (const Stored<T> &entry : entries) {
+        array.append(toJson(entry.value));
+        output.rows << row(entry.value);
     }
-    QList<QStringList> rows;
-    for (const Stored<T> &entry : entries)
-        rows << row(entry.value);
-    ctx.printTable(header, rows);
-    return Success;
+    output.json = array;
+    return ctx.show(output);
 }
 
 } // namespace Catalog

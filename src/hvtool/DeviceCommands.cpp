@@ -180,17 +180,11 @@ int findRecords(Context &ctx, Stored<OsImage> *image, Stored<HwProfile> *profile
     const QString profileId = ctx.value(QStringLiteral("profile"));
     if (imageId.isEmpty() || profileId.isEmpty())
         return ctx.fail(Usage, QStringLiteral("device create needs --image ID and --profile ID"));
-    bool ambiguous = false;
-    const auto missing = [&](const QString &what, const QString &id) {
-        return ctx.fail(ambiguous ? Usage : NotFound,
-                        QStringLiteral("%1 '%2' %3")
-                            .arg(what, id,
-                                 ambiguous ? QStringLiteral("is ambiguous; use its uuid") : QStringLiteral("does not exist")));
-    };
-    if (!Catalog::findImage(imageId, image, &ambiguous))
-        return missing(QStringLiteral("image"), imageId);
-    if (!Catalog::findProfile(profileId, profile, &ambiguous))
-        return missing(QStringLiteral("profile"), profileId);
+    int code = Catalog::findOne(ctx, QStringLiteral("image"), imageId, OsImageRegistry::find(imageId), image);
+    if (code == Success)
+        code = Catalog::findOne(ctx, QStringLiteral("profile"), profileId, HwProfileRegistry::find(profileId), profile);
+    if (code != Success)
+        return code;
     if (!image->value.isImageAvailableLocally())
         return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
                                       .arg(image->value.name, image->value.getLocalPath()));

@@ -45,21 +45,16 @@ int show(Context &ctx)
     if (code != Success)
         return code;
     const OsImage &i = found.value;
-    if (ctx.json()) {
-        ctx.printJson(OsImageIO::toJsonObject(i));
-        return Success;
-    }
-    ctx.print(QStringLiteral("uuid:     %1").arg(Catalog::bareUuid(i.uuid)));
-    ctx.print(QStringLiteral("name:     %1").arg(i.name));
-    ctx.print(QStringLiteral("android:  %1 (API %2)").arg(i.osVersion.toString()).arg(i.sdkVersion));
-    ctx.print(QStringLiteral("arch:     %1").arg(i.arch));
-    ctx.print(QStringLiteral("image:    %1").arg(i.imageVersion.toString()));
-    ctx.print(QStringLiteral("size:     %1 (%2 bytes)").arg(sizeText(i.imageSizeBytes)).arg(i.imageSizeBytes));
-    ctx.print(QStringLiteral("sha256:   %1").arg(i.imageHash));
-    ctx.print(QStringLiteral("uri:      %1").arg(i.getFormatedUri()));
-    ctx.print(QStringLiteral("local:    %1").arg(i.getLocalPath()));
-    ctx.print(QStringLiteral("record:   %1").arg(found.file));
-    return Success;
+    return ctx.show(
+        {OsImageIO::toJsonObject(i),
+         {},
+         {},
+         {QStringLiteral("uuid:     %1").arg(Catalog::bareUuid(i.uuid)), QStringLiteral("name:     %1").arg(i.name),
+          QStringLiteral("android:  %1 (API %2)").arg(i.osVersion.toString()).arg(i.sdkVersion),
+          QStringLiteral("arch:     %1").arg(i.arch), QStringLiteral("image:    %1").arg(i.imageVersion.toString()),
+          QStringLiteral("size:     %1 (%2 bytes)").arg(sizeText(i.imageSizeBytes)).arg(i.imageSizeBytes),
+          QStringLiteral("sha256:   %1").arg(i.imageHash), QStringLiteral("uri:      %1").arg(i.getFormatedUri()),
+          QStringLiteral("local:    %1").arg(i.getLocalPath()), QStringLiteral("record:   %1").arg(found.file)}});
 }
 
 /// Draws the hashing of an OVA once it has begun.
@@ -81,11 +76,7 @@ int report(Context &ctx, const OsImageRegistry::Registration &registration)
     if (registration.outcome != Outcome::Registered)
         return ctx.fail(registration.outcome == Outcome::AlreadyRegistered ? Conflict : Failed, registration.reason);
     const OsImage &image = registration.entry.value;
-    if (ctx.json())
-        ctx.printJson(OsImageIO::toJsonObject(image));
-    else
-        ctx.print(Catalog::bareUuid(image.uuid));
-    return Success;
+    return ctx.show({OsImageIO::toJsonObject(image), {}, {}, {Catalog::bareUuid(image.uuid)}});
 }
 
 /// The image an OVA is, as the options describe it.
@@ -153,8 +144,10 @@ int remove(Context &ctx)
     }
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
-    ctx.print(QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name));
-    return Success;
+    return ctx.show({QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"removed", true}},
+                     {},
+                     {},
+                     {QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name)}});
 }
 
 } // namespace

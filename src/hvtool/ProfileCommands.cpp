@@ -48,20 +48,18 @@ int show(Context &ctx)
     if (code != Success)
         return code;
     const HwProfile &p = found.value;
-    if (ctx.json()) {
-        ctx.printJson(HwProfileIO::toJsonObject(p));
-        return Success;
-    }
-    ctx.print(QStringLiteral("uuid:        %1").arg(Catalog::bareUuid(p.uuid)));
-    ctx.print(QStringLiteral("name:        %1").arg(p.getName()));
-    ctx.print(QStringLiteral("form factor: %1").arg(formFactorName(p.formFactor)));
-    ctx.print(QStringLiteral("cpus:        %1").arg(p.cpuCount));
-    ctx.print(QStringLiteral("ram:         %1 MB").arg(p.ramSize));
-    ctx.print(QStringLiteral("data disk:   %1 MB").arg(p.dataDiskSize));
-    ctx.print(QStringLiteral("sd card:     %1 MB").arg(p.sdCardSize));
-    ctx.print(QStringLiteral("display:     %1").arg(displayText(p)));
-    ctx.print(QStringLiteral("file:        %1").arg(found.file));
-    return Success;
+    return ctx.show({HwProfileIO::toJsonObject(p),
+                     {},
+                     {},
+                     {QStringLiteral("uuid:        %1").arg(Catalog::bareUuid(p.uuid)),
+                      QStringLiteral("name:        %1").arg(p.getName()),
+                      QStringLiteral("form factor: %1").arg(formFactorName(p.formFactor)),
+                      QStringLiteral("cpus:        %1").arg(p.cpuCount),
+                      QStringLiteral("ram:         %1 MB").arg(p.ramSize),
+                      QStringLiteral("data disk:   %1 MB").arg(p.dataDiskSize),
+                      QStringLiteral("sd card:     %1 MB").arg(p.sdCardSize),
+                      QStringLiteral("display:     %1").arg(displayText(p)),
+                      QStringLiteral("file:        %1").arg(found.file)}});
 }
 
 constexpr qint64 kMaxSize = std::numeric_limits<int>::max();
@@ -128,11 +126,7 @@ int create(Context &ctx)
     if (!HwProfileIO::save(profile, Paths::getUserHwProfilePath()))
         return ctx.fail(Failed, QStringLiteral("could not save profile '%1'").arg(profile.getName()));
 
-    if (ctx.json())
-        ctx.printJson(HwProfileIO::toJsonObject(profile));
-    else
-        ctx.print(Catalog::bareUuid(profile.uuid));
-    return Success;
+    return ctx.show({HwProfileIO::toJsonObject(profile), {}, {}, {Catalog::bareUuid(profile.uuid)}});
 }
 
 int remove(Context &ctx)

@@ -44,13 +44,10 @@ QVariant parseValue(const QString &text)
 int list(Context &ctx)
 {
     const QVariantMap all = Settings::getAll();
-    if (ctx.json()) {
-        ctx.printJson(QJsonObject::fromVariantMap(all));
-        return Success;
-    }
+    Output output{QJsonObject::fromVariantMap(all), {}, {}, {}};
     for (auto it = all.cbegin(); it != all.cend(); ++it)
-        ctx.print(it.key() + QStringLiteral(" = ") + render(it.value()));
-    return Success;
+        output.lines << it.key() + QStringLiteral(" = ") + render(it.value());
+    return ctx.show(output);
 }
 
 int get(Context &ctx)
@@ -59,11 +56,7 @@ int get(Context &ctx)
     const QVariant value = Settings::get(key);
     if (!value.isValid())
         return ctx.fail(NotFound, QStringLiteral("setting '%1' is not set and has no default").arg(key));
-    if (ctx.json())
-        ctx.printJson(QJsonObject{{key, QJsonValue::fromVariant(value)}});
-    else
-        ctx.print(render(value));
-    return Success;
+    return ctx.show({QJsonObject{{key, QJsonValue::fromVariant(value)}}, {}, {}, {render(value)}});
 }
 
 /// Success when the engine takes value for key, else its refusal reported.
@@ -102,9 +95,7 @@ int set(Context &ctx)
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)
         return ctx.fail(Failed, QStringLiteral("could not store setting '%1'").arg(key));
-    if (ctx.json())
-        ctx.printJson(QJsonObject{{key, QJsonValue::fromVariant(value)}});
-    return Success;
+    return ctx.show({QJsonObject{{key, QJsonValue::fromVariant(value)}}, {}, {}, {}});
 }
 
 int reset(Context &ctx)

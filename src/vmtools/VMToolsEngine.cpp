@@ -71,12 +71,14 @@ EngineFactory openPlugin(const QString &path, QString *message)
         return nullptr;
     }
     const auto version = reinterpret_cast<EngineVersion>(library.resolve(kVersionEntry));
-    const QString built = version ? QString::fromUtf8(version()) : QStringLiteral("an unknown version");
-    if (built == QLatin1String(HV_PRODUCT_VERSION))
+    const QString own = QStringLiteral("Halvistrom core " HV_PRODUCT_VERSION);
+    const QString built = version ? QStringLiteral("Halvistrom core ") + QString::fromUtf8(version())
+                                  : QStringLiteral("an unknown version of Halvistrom core");
+    if (built == own)
         return factory;
-    *message = QStringLiteral("the engine plug-in %1 was built for Halvistrom core %2, but this library is %3: "
-                              "install the plug-in of the same version")
-                   .arg(path, built, QLatin1String(HV_PRODUCT_VERSION));
+    *message = QStringLiteral("the engine plug-in %1 was built for %2, but this library is %3: install the plug-in "
+                              "of the same version")
+                   .arg(path, built, own);
     return nullptr;
 }
 

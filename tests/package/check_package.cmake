@@ -40,7 +40,7 @@ file(WRITE ${build}/plugins/libqemu.so "not a library\n")
 run(1 "^no engine: ${build}/plugins/libqemu.so is not an engine plug-in: Cannot load library "
     env HV_HOME=${home} ${build}/consumer)
 file(COPY_FILE ${build}/libotherengine.so ${build}/plugins/libqemu.so)
-run(1 "^no engine: the engine plug-in ${build}/plugins/libqemu.so was built for Halvistrom core 2.0.0, but this library is [0-9.]+: install the plug-in of the same version\n$"
+run(1 "^no engine: the engine plug-in ${build}/plugins/libqemu.so was built for Halvistrom core 2.0.0, but this library is Halvistrom core [0-9.]+: install the plug-in of the same version\n$"
     env HV_HOME=${home} ${build}/consumer)
 file(REMOVE_RECURSE ${build}/plugins)
 find_program(qemu_img qemu-img REQUIRED)
