@@ -160,22 +160,12 @@ public:
     /// False, logged, when a step failed.
     bool finishInterruptedReset(const QString &devicePath) const;
 
-    /// The directory of an image's reference disks: its image and Android
-    /// versions and the sha-256 of its OVA as computed here (the last one
-    /// computed when the OVA is gone), never the one its record declares, so
-    /// that two OVAs never share disks. Empty when the checksum is unknown.
+    /// The directory of an image's reference disks (ReferenceDisks).
     static QString getReferenceDirectory(const OsImage &image);
-    /// The same for an OVA known only by its path and versions.
-    static QString getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
-                                         const VersionNumber &osVersion);
-    /// Makes the image's reference disks once and whole: under a lock that
-    /// every program shares, the OVA is extracted and converted in a
-    /// temporary directory beside the final one, which gets its name, with a
-    /// completion marker inside, only when everything worked. A directory
-    /// without the marker is never used: it is made again. The OVA's content
-    /// must have the checksum the directory is named after. The directory,
-    /// or an empty string on failure.
-    QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// Makes the image's reference disks once and whole (ReferenceDisks):
+    /// the OVA's disks are extracted and converted to qcow2 in the partial
+    /// directory. The directory, or an empty string on failure.
+    QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const override;
     /// Registers a creation from the OVA as a user of the reference
     /// directory, under the image's lock; it stays one until the result is
     /// destroyed. Null, logged, when the locks cannot be taken.
@@ -386,14 +376,9 @@ private:
     bool discardQuickBootState(VMToolsMachine *machine) const;
     /// Records whether the device's session ended with the quick-boot save.
     bool recordSessionEnd(const VMToolsMachine *machine, bool endedWithSave) const;
-    /// Checks an extracted reference disk before it is converted; false,
-    /// logged, when it must not become a reference disk.
-    bool validateReferenceDisk(const QString &path) const;
-    /// Extracts the OVA into the partial directory, converts its disks and
-    /// writes the completion marker last.
-    bool makeReferenceDisks(const QString &ovaPath, const QString &partial) const;
-    /// prepareReferenceDisks() with the image's lock held.
-    QString prepareLockedReference(const QString &ovaPath, const QString &directory) const;
+    /// Converts the OVA's disks extracted in partial into the reference
+    /// disks; false, logged, on failure.
+    bool convertOva(const QString &ovaPath, const QString &partial) const;
     /// Makes the checksum-named directory from the previous layout's disks.
     bool adoptOldReference(const QString &oldDirectory, const QString &directory) const;
     /// Removes the previous layout's disks once no disk uses them.
@@ -431,8 +416,6 @@ private:
     QString deviceEntryPath(const QString &name) const;
     /// The same when that entry is a directory; else empty.
     QString existingDevicePath(const QString &name) const;
-    /// Where the reference disks of directory are made before they take its name.
-    static QString referencePartialDirectory(const QString &directory);
     /// Builds the device name in a build directory that carries the marker
     /// first, then renames it into place whole, never over an existing name.
     /// build's code on its failure, 1 when the directory cannot be made or

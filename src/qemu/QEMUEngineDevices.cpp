@@ -11,6 +11,7 @@
 #include "QEMUDeviceFiles.h"
 #include "QEMULogging_p.h"
 #include "QEMUMachine.h"
+#include "ReferenceDisks.h"
 
 #include <QDebug>
 #include <QDir>
@@ -142,7 +143,7 @@ CreateProgress QEMUEngine::creationProgress(const QString &name, const OsImage &
         return progress;
     const QString reference = getReferenceDirectory(image);
     if (building.isEmpty() || !isReferenceComplete(reference)) {
-        const QString partial = referencePartialDirectory(reference);
+        const QString partial = ReferenceDisks::partialPath(reference);
         if (!QFileInfo(partial).isDir())
             return progress;
         progress.phase = CreateProgress::PreparingImage;

@@ -13,6 +13,7 @@
 #include "QEMUEngineDirectoryCleaner.h"
 #include "QEMULogging_p.h"
 #include "QEMUMachine.h"
+#include "ReferenceDisks.h"
 #include "VMToolsCommon.h"
 
 #include <QDebug>
@@ -170,7 +171,7 @@ int QEMUEngine::createMachine(const QString &name, const QString &ovaPath, long 
 {
     if (!isFreeDeviceName(*this, name, "Can't create already existing device"))
         return 1;
-    const QString reference = getReferenceDirectory(ovaPath, imageVersion, osVersion);
+    const QString reference = ReferenceDisks::directoryOf(ovaPath, imageVersion, osVersion);
     // A user of the image's reference disks until the device has its name.
     const auto use = useReference(ovaPath, reference);
     return buildDevice(name, [&](const QString &path) {

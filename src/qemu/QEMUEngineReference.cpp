@@ -3,13 +3,13 @@
 // removed with the image when no device uses them.
 #include "QEMUEngine.h"
 
-#include "Archive.h"
 #include "FileUtils.h"
 #include "OsImage.h"
 #include "LockFiles.h"
 #include "OsImageChecksum.h"
 #include "OsImageIO.h"
 #include "Paths.h"
+#include "ReferenceDisks.h"
 #include "QEMULogging_p.h"
 #include "QEMUSnapshotTable.h"
 #include "QEMUDeviceFiles.h"
@@ -31,38 +31,16 @@
 
 namespace {
 
-// Written last into a reference directory: without it the directory is an
-// interrupted or failed preparation and is made again.
-const QString kCompleteMarker = QStringLiteral(".complete");
-const QString kPartialSuffix = QStringLiteral(".partial");
-const QString kLockSuffix = QStringLiteral(".lock");
-// Shared by every creation under way from the image, taken alone by its
-// removal.
-const QString kUsersSuffix = QStringLiteral(".users");
-const char *const kDiskNames[] = {"system", "data"};
-// A large image takes minutes to extract and convert; a program that waits
-// for another one to finish it waits that long, but not forever.
-constexpr int kReferenceLockTimeoutMs = 30 * 60 * 1000;
-
-// The directory is named after the OVA's checksum as this engine computed
-// it: a record's text never reaches the path.
-QString referenceDirectory(const VersionNumber &imageVersion, const VersionNumber &osVersion,
-                           const QString &checksum)
+// The disks of a reference directory: the OVA's members converted, the
+// system disk first, named as a device names its own.
+QStringList referenceDiskNames()
 {
-    if (!OsImageChecksum::isChecksum(checksum))
-        return QString();
-    return QDir(Paths::getSystemImagePath(imageVersion, osVersion)).absoluteFilePath(checksum);
+    return {QEMUDeviceFiles::systemDiskName(), QEMUDeviceFiles::dataDiskName()};
 }
 
-// The rename of a directory lives in its parent; flushed so that a power cut
-// cannot undo it while the devices made from it survive.
-void syncDirectory(const QString &path)
+QString systemDiskIn(const QString &directory)
 {
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    ::fsync(fd);
-    ::close(fd);
+    return QDir(directory).absoluteFilePath(QEMUDeviceFiles::systemDiskName());
 }
 
 bool syncFile(const QString &path)
@@ -77,158 +55,37 @@ bool syncFile(const QString &path)
     return synced;
 }
 
-// One program works on an image's reference disks at a time. A holder that
-// died is known by its pid, or by a lock file that never got one.
-bool lockReference(QLockFile &lock, const QString &directory)
-{
-    const QString path = directory + kLockSuffix;
-    lock.setStaleLockTime(0);
-    if (!LockFiles::acquire(lock, path, kReferenceLockTimeoutMs)) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << path << "error" << lock.error();
-        return false;
-    }
-    return true;
-}
-
-QString diskPath(const QString &directory, const char *name, const char *suffix)
-{
-    return QDir(directory).absoluteFilePath(QLatin1String(name) + QLatin1String(suffix));
-}
-
-// Whatever is in the directory or its partial twin now was left by a
-// preparation that did not finish.
-bool startPartial(const QString &directory)
-{
-    const QString partial = directory + kPartialSuffix;
-    if (!QEMUEngine::cleanDirectory(directory) || !QEMUEngine::cleanDirectory(partial) || !FileUtils::makeDirectory(partial)) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to clean" << directory;
-        return false;
-    }
-    return true;
-}
-
-// The completed partial directory takes its name in one rename.
-bool publishPartial(const QString &directory)
-{
-    const QString partial = directory + kPartialSuffix;
-    if (std::rename(QFile::encodeName(partial).constData(), QFile::encodeName(directory).constData()) != 0) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to rename" << partial << "to" << directory << ":"
-                    << std::strerror(errno);
-        return false;
-    }
-    syncDirectory(QFileInfo(directory).absolutePath());
-    return true;
-}
-
-bool makeParent(const QString &directory)
-{
-    const QString parent = QFileInfo(directory).absolutePath();
-    if (directory.isEmpty() || !FileUtils::makeDirectory(parent)) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to create directory" << parent;
-        return false;
-    }
-    return true;
-}
-
 } // namespace
-
-QString QEMUEngine::referencePartialDirectory(const QString &directory)
-{
-    return directory + kPartialSuffix;
-}
 
 QString QEMUEngine::getReferenceDirectory(const OsImage &image)
 {
-    // The OVA may be gone since its disks were made; its checksum is not.
-    const QString ova = image.getLocalPath();
-    const QString checksum = QFileInfo::exists(ova) ? OsImageChecksum::get(ova) : OsImageChecksum::lastKnown(ova);
-    return referenceDirectory(image.imageVersion, image.osVersion, checksum);
-}
-
-QString QEMUEngine::getReferenceDirectory(const QString &ovaPath, const VersionNumber &imageVersion,
-                                          const VersionNumber &osVersion)
-{
-    return referenceDirectory(imageVersion, osVersion, OsImageChecksum::get(ovaPath));
+    return ReferenceDisks::directoryOf(image);
 }
 
 bool QEMUEngine::isReferenceComplete(const QString &directory)
 {
-    const QDir dir(directory);
-    return !directory.isEmpty() && dir.exists(kCompleteMarker) && dir.exists(QEMUDeviceFiles::systemDiskName())
-        && dir.exists(QEMUDeviceFiles::dataDiskName());
-}
-
-bool QEMUEngine::validateReferenceDisk(const QString &path) const
-{
-    if (!QFileInfo(path).isFile()) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "The OVA holds no disk" << QFileInfo(path).fileName();
-        return false;
-    }
-    return true;
+    return ReferenceDisks::isComplete(directory, referenceDiskNames());
 }
 
 QString QEMUEngine::prepareReferenceDisks(const QString &ovaPath, const QString &directory) const
 {
-    if (directory.isEmpty()) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
-        return QString();
-    }
-    if (isReferenceComplete(directory))
-        return directory;
-    // One program prepares an image at a time; the others wait for it and
-    // then find the directory complete.
-    QLockFile lock(directory + kLockSuffix);
-    if (!makeParent(directory) || !lockReference(lock, directory))
-        return QString();
-    return prepareLockedReference(ovaPath, directory);
+    return ReferenceDisks::prepare(ovaPath, directory, referenceDiskNames(),
+                                   [this, &ovaPath](const QString &partial) { return convertOva(ovaPath, partial); });
 }
 
-QString QEMUEngine::prepareLockedReference(const QString &ovaPath, const QString &directory) const
+bool QEMUEngine::convertOva(const QString &ovaPath, const QString &partial) const
 {
-    if (isReferenceComplete(directory))
-        return directory;
-    // The name may come from a checksum kept from an earlier read of the
-    // file: the disks are made only from content that has that checksum.
-    QString error;
-    const QString checksum = OsImageChecksum::compute(ovaPath, {}, &error);
-    if (checksum != QFileInfo(directory).fileName()) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "The OVA" << ovaPath << "has sha-256"
-                    << (checksum.isEmpty() ? error : checksum) << "not" << QFileInfo(directory).fileName();
-        return QString();
-    }
-    if (!startPartial(directory))
-        return QString();
-    if (!makeReferenceDisks(ovaPath, directory + kPartialSuffix) || !publishPartial(directory)) {
-        cleanDirectory(directory + kPartialSuffix);
-        return QString();
-    }
-    return directory;
-}
-
-bool QEMUEngine::makeReferenceDisks(const QString &ovaPath, const QString &partial) const
-{
-    if (!Archive::isOk(Archive::untar(ovaPath, partial))) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to extract OVA" << ovaPath;
-        return false;
-    }
-    for (const char *name : kDiskNames) {
-        const QString vmdk = diskPath(partial, name, ".vmdk");
-        // Checked before conversion: a disk the image tool would read must
-        // be one we accept as a device's base.
-        if (!validateReferenceDisk(vmdk))
-            return false;
-        if (!convertDisk(QFileInfo(vmdk), QFileInfo(diskPath(partial, name, ".qcow2")))) {
-            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get" << name << "disk info" << ovaPath;
+    const QStringList members = OsImage::ovaDiskNames();
+    const QStringList disks = referenceDiskNames();
+    for (int i = 0; i < members.size(); ++i) {
+        const QFileInfo vmdk(QDir(partial).absoluteFilePath(members.at(i)));
+        if (!convertDisk(vmdk, QFileInfo(QDir(partial).absoluteFilePath(disks.at(i))))) {
+            qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get" << qUtf8Printable(QFileInfo(members.at(i)).baseName())
+                                  << "disk info" << ovaPath;
             return false;
         }
     }
-    // The marker is the last thing written: its presence means every disk
-    // above is complete, on disk and not only in the page cache.
-    for (const char *name : kDiskNames) {
-        if (!syncFile(diskPath(partial, name, ".qcow2")))
-            return false;
-    }
-    return FileUtils::saveFile(QDir(partial).absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"));
+    return true;
 }
 
 std::unique_ptr<LockFiles::SharedLock> QEMUEngine::useReference(const QString &ovaPath,
@@ -241,12 +98,13 @@ std::unique_ptr<LockFiles::SharedLock> QEMUEngine::useReference(const QString &o
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to read the checksum of" << ovaPath;
         return nullptr;
     }
-    QLockFile lock(directory + kLockSuffix);
-    if (!makeParent(directory) || !lockReference(lock, directory))
+    QLockFile lock(ReferenceDisks::lockPath(directory));
+    if (!ReferenceDisks::lock(lock, directory))
         return nullptr;
-    auto use = std::make_unique<LockFiles::SharedLock>(directory + kUsersSuffix);
+    auto use = std::make_unique<LockFiles::SharedLock>(ReferenceDisks::usersPath(directory));
     if (!use->lockShared()) {
-        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << directory + kUsersSuffix << ":" << use->errorString();
+        qCCritical(hvQemuLog) << "[VMTools]" << "Failed to lock" << ReferenceDisks::usersPath(directory) << ":"
+                              << use->errorString();
         return nullptr;
     }
     return use;
@@ -256,11 +114,10 @@ QString QEMUEngine::getDeviceReference(const VMToolsMachine *machine) const
 {
     const OsImage image = machine->getOsImage();
     const QString backing = QEMUSnapshotTable::backingFile(QEMUDeviceFiles(machine->getPath()).systemDisk());
-    const QFileInfo directory(QFileInfo(backing).absolutePath());
+    const QString directory = QFileInfo(backing).absolutePath();
     // Only a reference directory of the device's own image versions counts.
-    if (!backing.isEmpty() && OsImageChecksum::isChecksum(directory.fileName())
-        && directory.absolutePath() == QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion)))
-        return directory.absoluteFilePath();
+    if (!backing.isEmpty() && ReferenceDisks::isReferenceDirectory(directory, image.imageVersion, image.osVersion))
+        return directory;
     return getReferenceDirectory(image);
 }
 
@@ -305,16 +162,16 @@ bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users, 
     // A creation under way is seen at once, not after waiting for the
     // preparation it may be in the middle of.
     if (made) {
-        LockFiles::SharedLock probe(directory + kUsersSuffix);
+        LockFiles::SharedLock probe(ReferenceDisks::usersPath(directory));
         if (!probe.tryLockExclusive() && probe.error() == EWOULDBLOCK) {
             *creating = true;
             return false;
         }
     }
-    QLockFile lock(directory + kLockSuffix);
-    if (made && !lockReference(lock, directory))
+    QLockFile lock(ReferenceDisks::lockPath(directory));
+    if (made && !ReferenceDisks::lock(lock, directory))
         return false;
-    LockFiles::SharedLock use(directory + kUsersSuffix);
+    LockFiles::SharedLock use(ReferenceDisks::usersPath(directory));
     if (made && !use.tryLockExclusive()) {
         *creating = use.error() == EWOULDBLOCK;
         qCWarning(hvQemuLog) << "[VMTools]" << "Cannot remove the reference disks" << directory << ":" << use.errorString();
@@ -326,11 +183,11 @@ bool QEMUEngine::removeReferenceDisks(const OsImage &image, QStringList *users, 
                    << users->join(QStringLiteral(", "));
         return false;
     }
-    if (made && (!cleanDirectory(directory + kPartialSuffix) || !cleanDirectory(directory))) {
+    if (made && (!cleanDirectory(ReferenceDisks::partialPath(directory)) || !cleanDirectory(directory))) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to remove" << directory;
         return false;
     }
-    QFile::remove(directory + kUsersSuffix);
+    QFile::remove(ReferenceDisks::usersPath(directory));
     return true;
 }
 
@@ -338,7 +195,7 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
 {
     const OsImage image = machine->getOsImage();
     const QString oldDirectory = QDir::cleanPath(Paths::getSystemImagePath(image.imageVersion, image.osVersion));
-    const QString oldSystem = diskPath(oldDirectory, "system", ".qcow2");
+    const QString oldSystem = systemDiskIn(oldDirectory);
     const QString disk = QEMUDeviceFiles(machine->getPath()).systemDisk();
     if (QEMUSnapshotTable::backingFile(disk) != oldSystem) {
         // A move cut off before it removed the old disks left them behind.
@@ -347,8 +204,8 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
         return true;
     }
     const QString directory = getReferenceDirectory(image);
-    QLockFile lock(directory + kLockSuffix);
-    if (directory.isEmpty() || !lockReference(lock, directory)) {
+    QLockFile lock(ReferenceDisks::lockPath(directory));
+    if (directory.isEmpty() || !ReferenceDisks::lock(lock, directory)) {
         qCWarning(hvQemuLog) << "[VMTools]" << "Cannot move" << machine->getName() << "off" << oldDirectory
                    << ": the checksum of its OVA is unknown";
         return false;
@@ -357,12 +214,16 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
     if (QEMUSnapshotTable::backingFile(disk) != oldSystem)
         return true;
     if (!isReferenceComplete(directory) && !adoptOldReference(oldDirectory, directory)
-        && prepareLockedReference(image.getLocalPath(), directory).isEmpty())
+        && ReferenceDisks::prepareLocked(image.getLocalPath(), directory, referenceDiskNames(),
+                                         [this, &image](const QString &partial) {
+                                             return convertOva(image.getLocalPath(), partial);
+                                         })
+               .isEmpty())
         return false;
     // The overlay's header names its backing file; the new one holds the
     // same data, so only the name changes. Both exist until the old one is
     // used by no device, so a kill at any point leaves a usable device.
-    if (!rebaseDisk(disk, diskPath(directory, "system", ".qcow2")) || !syncFile(disk))
+    if (!rebaseDisk(disk, systemDiskIn(directory)) || !syncFile(disk))
         return false;
     qCInfo(hvQemuLog) << "[VMTools]" << "Moved" << machine->getName() << "from" << oldDirectory << "to" << directory;
     reclaimOldReference(oldDirectory);
@@ -371,27 +232,26 @@ bool QEMUEngine::migrateDevice(const VMToolsMachine *machine) const
 
 bool QEMUEngine::adoptOldReference(const QString &oldDirectory, const QString &directory) const
 {
-    for (const char *name : kDiskNames) {
-        if (!QFileInfo::exists(diskPath(oldDirectory, name, ".qcow2")))
+    const QStringList disks = referenceDiskNames();
+    for (const QString &name : disks) {
+        if (!QFileInfo::exists(QDir(oldDirectory).absoluteFilePath(name)))
             return false;
     }
-    if (!startPartial(directory))
+    if (!ReferenceDisks::startPartial(directory))
         return false;
     // Linked, not moved: the devices not moved yet go on using the old names.
-    const QString partial = directory + kPartialSuffix;
-    for (const char *name : kDiskNames) {
-        const QString from = diskPath(oldDirectory, name, ".qcow2");
-        const QString to = diskPath(partial, name, ".qcow2");
-        if ((::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0
-             && !FileUtils::copyFile(from, to))
-            || !syncFile(to)) {
+    const QString partial = ReferenceDisks::partialPath(directory);
+    for (const QString &name : disks) {
+        const QString from = QDir(oldDirectory).absoluteFilePath(name);
+        const QString to = QDir(partial).absoluteFilePath(name);
+        if (::link(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0
+            && !FileUtils::copyFile(from, to)) {
             qCCritical(hvQemuLog) << "[VMTools]" << "Failed to move" << from << "to" << to;
             cleanDirectory(partial);
             return false;
         }
     }
-    if (!FileUtils::saveFile(QDir(partial).absoluteFilePath(kCompleteMarker), QByteArrayLiteral("complete\n"))
-        || !publishPartial(directory)) {
+    if (!ReferenceDisks::completePartial(directory, disks)) {
         cleanDirectory(partial);
         return false;
     }
@@ -400,7 +260,7 @@ bool QEMUEngine::adoptOldReference(const QString &oldDirectory, const QString &d
 
 void QEMUEngine::reclaimOldReference(const QString &oldDirectory) const
 {
-    const QString oldSystem = diskPath(oldDirectory, "system", ".qcow2");
+    const QString oldSystem = systemDiskIn(oldDirectory);
     // Every disk of every directory here, half-made and hidden ones too.
     const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
     for (const QString &name : names) {
@@ -410,10 +270,8 @@ void QEMUEngine::reclaimOldReference(const QString &oldDirectory) const
                 return;
         }
     }
-    for (const char *name : kDiskNames) {
-        for (const char *suffix : {".qcow2", ".vmdk"})
-            QFile::remove(diskPath(oldDirectory, name, suffix));
-    }
+    for (const QString &name : referenceDiskNames() + OsImage::ovaDiskNames())
+        QFile::remove(QDir(oldDirectory).absoluteFilePath(name));
     qCInfo(hvQemuLog) << "[VMTools]" << "Removed the reference disks no device uses from" << oldDirectory;
 }
 

@@ -3,6 +3,7 @@
 #include "QEMUClient.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngine.h"
+#include "ReferenceDisks.h"
 #include "QEMUErrorDiagnosis.h"
 #include "QEMULockFile_p.h"
 #include "QEMULogging_p.h"
@@ -316,7 +317,7 @@ bool QEMUMachine::upgradeSystemDisk(const OsImage &image) const
         return false;
     }
     const QString reference =
-        m_engine->prepareReferenceDisks(image.getLocalPath(), QEMUEngine::getReferenceDirectory(image));
+        m_engine->prepareReferenceDisks(image.getLocalPath(), ReferenceDisks::directoryOf(image));
     const QFileInfo referenceDisk(reference, QEMUDeviceFiles::systemDiskName());
     if (reference.isEmpty()) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to get system disk info" << image.getLocalPath();

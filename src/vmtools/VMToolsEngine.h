@@ -209,24 +209,26 @@ public:
     /// Why the disk at path, of an OS image's OVA, must not become a
     /// reference disk, naming it (it names a host file, or is not of the
     /// format it claims); empty when it may. An engine that does not look
-    /// into disks accepts them.
+    /// into disks accepts them. The QEMU engine runs qemu-img (300 s at most).
     virtual QString inspectDisk(const QString &path, const QString &format) const;
     /// Removes an image's reference disks unless a device uses them (their
     /// names then in users) or a creation from them is under way (*creating
     /// then set). True, with nothing done, for an engine without reference disks.
+    /// Waits up to 30 min for a program that is preparing the same disks.
     virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
     /// What the engine finds of the host it runs devices on: its programs and
     /// their version, the accelerator and sound settings and what "auto"
     /// picks for them here. It may probe the host for a few seconds (the
     /// engine says how long at most); note is told first what is probed.
-    /// None unless the engine overrides it.
+    /// None unless the engine overrides it. The QEMU engine runs its
+    /// programs (30 s each at most) and its KVM probe (10 s at most).
     virtual QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note);
     /// The values a setting of the engine's with a fixed set of them allows
     /// ("emulator.accelerator": "auto", "kvm", "tcg"); empty for other keys.
     virtual QStringList settingChoices(const QString &key) const;
     /// Why dir must not become the devices directory, in words: it holds
     /// entries and none of them is the engine's. Empty when it may; an
-    /// engine that does not override it takes any directory.
+    /// engine that does not override it takes any directory. Lists dir.
     virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
 
     // What a program needs to run devices without knowing the engine: each
@@ -299,6 +301,11 @@ public:
     /// How far the creation of the device name from image has come; may be
     /// asked from another thread while it runs.
     virtual CreateProgress creationProgress(const QString &name, const OsImage &image) const;
+    /// Makes the reference disks of the OVA in directory (the image's
+    /// ReferenceDisks directory), once and whole; the directory, or an empty
+    /// string on failure. Blocks for the extraction (and conversion), waiting for
+    /// another program's preparation of the same disks. The default extracts the OVA's disks as they are.
+    virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose
@@ -325,16 +332,18 @@ public:
     /// Sets the machine's flag that tells whether its snapshot "latest"
     /// exists. Does nothing for a null machine.
     void checkLatestSnapshotExists(VMToolsMachine *machine) const;
-    /// Unpacks an OVA into the system-image directory of the two versions,
-    /// unless "system.vmdk" and "data.vmdk" are both there already. No time
-    /// bound but the archive's size.
+    /// Makes the reference disks of the OVA of those versions in their own
+    /// directory (ReferenceDisks), unless they are complete there already:
+    /// extracted beside it, never in place, and named only when whole. No
+    /// time bound but the archive's size.
     bool extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
                     const VersionNumber &osVersion) const;
-    /// Unpacks the image's local OVA into its system-image directory.
+    /// The same for the image's local OVA.
     bool extractOva(const OsImage &image) const;
     /// Why the OVA at ovaPath must not become an OS image: it cannot be
     /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
-    /// when it may; what is unpacked to look is removed again.
+    /// when it may; what is unpacked to look is removed again. No time bound
+    /// but the archive's size, then inspectDisk() for each disk.
     QString inspectOsImage(const QString &ovaPath) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").

@@ -3,11 +3,10 @@
 // through its virtual operations.
 #include "VMToolsEngine.h"
 
-#include "Archive.h"
 #include "FileUtils.h"
 #include "Logging_p.h"
 #include "OsImage.h"
-#include "Paths.h"
+#include "ReferenceDisks.h"
 #include "VMToolsMachine.h"
 
 #include <QDebug>
@@ -87,18 +86,15 @@ void VMToolsEngine::checkLatestSnapshotExists(VMToolsMachine *machine) const
 bool VMToolsEngine::extractOva(const QString &ovaPath, const VersionNumber &imageVersion,
                                const VersionNumber &osVersion) const
 {
-    QDir directory(Paths::getSystemImagePath(imageVersion, osVersion));
-    // An image is extracted once and shared by every device made from it.
-    if (directory.exists(QStringLiteral("system.vmdk")) && directory.exists(QStringLiteral("data.vmdk")))
-        return true;
-    if (!FileUtils::makeDirectory(directory.path())) {
-        qCCritical(hvEngineLog) << "[VMTools]" << "Failed to create directory" << directory.absolutePath();
-        return false;
-    }
-    return Archive::isOk(Archive::untar(ovaPath, directory.absolutePath()));
+    return !prepareReferenceDisks(ovaPath, ReferenceDisks::directoryOf(ovaPath, imageVersion, osVersion)).isEmpty();
 }
 
 bool VMToolsEngine::extractOva(const OsImage &image) const
 {
-    return extractOva(image.getLocalPath(), image.imageVersion, image.osVersion);
+    return !prepareReferenceDisks(image.getLocalPath(), ReferenceDisks::directoryOf(image)).isEmpty();
+}
+
+QString VMToolsEngine::prepareReferenceDisks(const QString &ovaPath, const QString &directory) const
+{
+    return ReferenceDisks::prepare(ovaPath, directory, OsImage::ovaDiskNames(), {});
 }

@@ -8,10 +8,15 @@
 #include "Paths.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
+#include "ReferenceDisks.h"
 #include "TestEnvironment.h"
 #include "TestFiles.h"
 
 #include <QDir>
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -267,23 +272,44 @@ TEST_F(QEMULifecycle, factoryReset)
     EXPECT_TRUE(QFile::exists(deployed("Reset/shared/config/device.json")));
 }
 
-TEST_F(QEMULifecycle, extractOvaSkipsAnImageAlreadyExtracted)
+// The public extraction makes the same reference disks as a creation, in
+// their own directory and only whole: a hostile OVA leaves nothing anywhere,
+// a killed extraction leaves nothing that counts, and the next one finishes.
+TEST_F(QEMULifecycle, extractOvaMakesTheReferenceDisksWholeOrNothing)
 {
     const VersionNumber imageVersion = VersionNumber::fromString("8.8.0");
     const VersionNumber osVersion = VersionNumber::fromString("11.0.0");
-    const QString missing = hvtest::testRoot() + "/nowhere.ova";
-    EXPECT_FALSE(m_engine->extractOva(missing, imageVersion, osVersion));
+    const QDir versions(Paths::getSystemImagePath(imageVersion, osVersion));
+    const QString dir = QFileInfo(sharedOva()).path();
+    ASSERT_TRUE(QFile::link("/etc/hostname", dir + "/link.vmdk") && QDir(dir).mkdir("sub"));
+    ASSERT_TRUE(run("tar", {"--format=ustar", "-C", dir, "-cf", dir + "/link.ova", "--transform=s/link/system/",
+                            "link.vmdk", "data.vmdk"}));
+    ASSERT_TRUE(run("tar", {"--format=ustar", "-P", "-C", dir + "/sub", "-cf", dir + "/escape.ova", "../system.vmdk",
+                            "../data.vmdk"}));
+    for (const char *hostile : {"link.ova", "escape.ova"}) {
+        EXPECT_FALSE(m_engine->extractOva(dir + "/" + hostile, imageVersion, osVersion)) << hostile;
+        EXPECT_EQ(versions.entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList()) << hostile;
+    }
 
+    const QString reference = ReferenceDisks::directoryOf(sharedOva(), imageVersion, osVersion);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ReferenceDisks::prepare(sharedOva(), reference, OsImage::ovaDiskNames(),
+                                [](const QString &) { return ::raise(SIGKILL) == 0; });
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(QFileInfo::exists(ReferenceDisks::partialPath(reference)));
+    EXPECT_FALSE(QEMUEngine::isReferenceComplete(reference));
     ASSERT_TRUE(m_engine->extractOva(sharedOva(), imageVersion, osVersion));
-    const QDir dir(Paths::getSystemImagePath(imageVersion, osVersion));
-    EXPECT_EQ(dir.entryList(QDir::Files, QDir::Name), QStringList({"data.vmdk", "system.vmdk"}));
-    EXPECT_TRUE(m_engine->extractOva(missing, imageVersion, osVersion));
-
-    // Only one disk left: the archive is extracted again.
-    QFile::remove(dir.absoluteFilePath("data.vmdk"));
-    EXPECT_FALSE(m_engine->extractOva(missing, imageVersion, osVersion));
+    EXPECT_TRUE(QEMUEngine::isReferenceComplete(reference));
+    EXPECT_EQ(versions.entryList(QDir::Dirs | QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{QFileInfo(reference).fileName()});
+    EXPECT_EQ(QDir(reference).entryList(QDir::Files, QDir::Name), (QStringList{"data.qcow2", "system.qcow2"}));
+    // Made once: an image whose OVA is gone is still extracted.
     EXPECT_TRUE(m_engine->extractOva(makeImage(sharedOva(), "11.0.0", "8.8.0")));
-    EXPECT_TRUE(dir.exists("data.vmdk"));
 }
 
 // A record whose file broke under it keeps what it had: the next change
