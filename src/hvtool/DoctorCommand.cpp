@@ -1,6 +1,5 @@
 // hvtool doctor and hvtool --version: what the set-up can do.
 #include "Command.h"
-#include "Engine.h"
 
 #include "FileUtils.h"
 #include "VMToolsEngine.h"

@@ -208,11 +208,14 @@ bool QEMUClient::request(const QMap<QString, QVariant> &command, int timeoutMs, 
 
 bool QEMUClient::readReply(int timeoutMs, ResponsePolicy policy, QJsonObject *reply, bool *silent)
 {
+    // One deadline for the answer: events the emulator sends meanwhile (a
+    // guest can make it send them) do not stretch the wait.
+    const QDeadlineTimer deadline(timeoutMs);
     for (;;) {
         QByteArray line;
         const QmpLineFramer::Status status = m_framer->takeLine(&line);
         if (status == QmpLineFramer::Status::Incomplete) {
-            if (!m_socket->waitForReadyRead(timeoutMs)) {
+            if (deadline.hasExpired() || !m_socket->waitForReadyRead(int(deadline.remainingTime()))) {
                 if (policy == ResponseOptional) {
                     qCDebug(hvQmpLog) << Tag << "QEMUClient: did not received response from QMP but it's expected.";
                     *silent = true;

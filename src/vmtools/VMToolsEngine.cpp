@@ -206,8 +206,9 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(const QString &name, InitMod
 
     qCDebug(hvEngineLog) << "[VMTools]" << "Loading" << name << "plugin";
     const EngineFactory factory = findPlugin(name, baseName, &result.message);
+    // The caller shows the message; the log keeps it for a debugging session.
     if (!factory) {
-        qCCritical(hvEngineLog) << "[VMTools]" << result.message;
+        qCDebug(hvEngineLog) << "[VMTools]" << result.message;
         return result;
     }
 

@@ -209,24 +209,26 @@ public:
     /// Why the disk at path, of an OS image's OVA, must not become a
     /// reference disk, naming it (it names a host file, or is not of the
     /// format it claims); empty when it may. An engine that does not look
-    /// into disks accepts them.
+    /// into disks accepts them. The QEMU engine runs qemu-img (300 s at most).
     virtual QString inspectDisk(const QString &path, const QString &format) const;
     /// Removes an image's reference disks unless a device uses them (their
     /// names then in users) or a creation from them is under way (*creating
     /// then set). True, with nothing done, for an engine without reference disks.
+    /// Waits up to 30 min for a program that is preparing the same disks.
     virtual bool removeReferenceDisks(const OsImage &image, QStringList *users, bool *creating);
     /// What the engine finds of the host it runs devices on: its programs and
     /// their version, the accelerator and sound settings and what "auto"
     /// picks for them here. It may probe the host for a few seconds (the
     /// engine says how long at most); note is told first what is probed.
-    /// None unless the engine overrides it.
+    /// None unless the engine overrides it. The QEMU engine runs its
+    /// programs (30 s each at most) and its KVM probe (10 s at most).
     virtual QList<VMToolsHostCheck> checkHost(const std::function<void(const QString &)> &note);
     /// The values a setting of the engine's with a fixed set of them allows
     /// ("emulator.accelerator": "auto", "kvm", "tcg"); empty for other keys.
     virtual QStringList settingChoices(const QString &key) const;
     /// Why dir must not become the devices directory, in words: it holds
     /// entries and none of them is the engine's. Empty when it may; an
-    /// engine that does not override it takes any directory.
+    /// engine that does not override it takes any directory. Lists dir.
     virtual QString foreignDevicesDirectoryReason(const QString &dir) const;
 
     // What a program needs to run devices without knowing the engine: each
@@ -340,7 +342,8 @@ public:
     bool extractOva(const OsImage &image) const;
     /// Why the OVA at ovaPath must not become an OS image: it cannot be
     /// unpacked, or inspectDisk() refuses one of its reference disks. Empty
-    /// when it may; what is unpacked to look is removed again.
+    /// when it may; what is unpacked to look is removed again. No time bound
+    /// but the archive's size, then inspectDisk() for each disk.
     QString inspectOsImage(const QString &ovaPath) const;
 
     /// The 12-character CPUID vendor identification ("GenuineIntel").

@@ -108,7 +108,9 @@ INSTANTIATE_TEST_SUITE_P(
                 "--data-disk needs a whole number from 64 to 2147483647"},
         CliCase{"missingImageFile", {"image", "add", "/nonexistent.ova"}, 3, "",
                 "file '/nonexistent.ova' does not exist"},
-        CliCase{"versionFlag", {"--version"}, 0, "libhalvistrom-core 3.8.0", ""}),
+        CliCase{"versionFlag", {"--version"}, 0, "libhalvistrom-core 3.8.0", ""},
+        // The library's progress is at debug level, which only --verbose turns on.
+        CliCase{"verboseShowsTheLibrarysProgress", {"-v", "device", "list"}, 0, "NAME", "[debug] "}),
     [](const ::testing::TestParamInfo<CliCase> &info) { return std::string(info.param.name); });
 
 TEST(HvtoolSettings, setGetResetRoundTrip)

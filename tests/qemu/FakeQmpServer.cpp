@@ -4,6 +4,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QMutexLocker>
+#include <QThread>
 
 #include <future>
 
@@ -57,6 +58,8 @@ void FakeQmpServer::serve(QLocalSocket *socket, const QList<Step> &script)
             if (end < 0 || received.left(end) != step.data)
                 return fail("expected " + step.data + ", got " + (received.isEmpty() ? QByteArray("nothing") : received));
             received.remove(0, end + 1);
+        } else if (step.kind == Step::Kind::Pause) {
+            QThread::msleep(static_cast<unsigned long>(step.count));
         } else if (step.kind == Step::Kind::Close) {
             socket->disconnectFromServer();
             if (socket->state() != QLocalSocket::UnconnectedState)

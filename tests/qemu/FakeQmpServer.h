@@ -18,14 +18,15 @@ class FakeQmpServer
 {
 public:
     struct Step {
-        enum class Kind { Send, Expect, Close, Stream } kind;
+        enum class Kind { Send, Expect, Close, Stream, Pause } kind;
         QByteArray data;  // Send: the bytes; Expect: the line, without "\n"
-        qint64 count = 0; // Stream: how many bytes
+        qint64 count = 0; // Stream: how many bytes; Pause: milliseconds
     };
     static Step send(const QByteArray &bytes) { return {Step::Kind::Send, bytes}; }
     static Step expect(const QByteArray &line) { return {Step::Kind::Expect, line}; }
     static Step close() { return {Step::Kind::Close, {}}; }
     static Step stream(qint64 count) { return {Step::Kind::Stream, {}, count}; }
+    static Step pause(qint64 ms) { return {Step::Kind::Pause, {}, ms}; }
 
     /// The greeting as the emulator sends it.
     static QByteArray greeting();

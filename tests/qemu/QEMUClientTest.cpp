@@ -37,6 +37,15 @@ QList<Step> ready(const QList<Step> &then)
     return QList<Step>{Greeting, expect(Capabilities), send(EmptyReturn)} + then;
 }
 
+// An event every tenth of a second for two seconds, then the answer.
+QList<Step> eventsThenAnswer()
+{
+    QList<Step> steps{Greeting, expect(Capabilities)};
+    for (int i = 0; i < 20; ++i)
+        steps << FakeQmpServer::pause(100) << send(StopEvent);
+    return steps << send(EmptyReturn);
+}
+
 QString line(const QString &text)
 {
     return "[VMTools] QEMUClient: " + text;
@@ -100,6 +109,9 @@ const ExchangeCase exchangeCases[] = {
     {"noAnswerWithinTimeout", {Greeting, expect(Capabilities)}, doInit, false,
      {{QtDebugMsg, line("error returned from QMP QJsonValue(undefined)")},
       {QtWarningMsg, line("failed to enable QMP capabilities")}}},
+    // The capabilities' one second holds however many events come.
+    {"eventsDoNotStretchTheWait", eventsThenAnswer(), doInit, false,
+     {{QtWarningMsg, line("failed to enable QMP capabilities")}}},
     {"answerNotJson", {Greeting, expect(Capabilities), send("return ok\r\n")}, doInit, false,
      {{QtCriticalMsg, line(R"(failed to parse response as JSON "illegal value")")}}},
     {"quitClosedWithoutAnswer", ready({expect(Quit), FakeQmpServer::close()}), doQuit, true,

@@ -234,7 +234,6 @@ TEST(VMToolsEngineLoad, unknownEngineReturnsAtOnce)
 TEST(VMToolsEngineLoad, missingVirtualBoxPluginGivesNullEngineAndKeepsTheSetting)
 {
     Settings::set("hypervisor", "virtualbox");
-    MessageCapture cap;
     const VMToolsEngine::LoadResult result = VMToolsEngine::loadEngine(VMToolsEngine::Full);
     EXPECT_EQ(result.engine, nullptr);
     EXPECT_EQ(result.status, 0);
@@ -242,7 +241,6 @@ TEST(VMToolsEngineLoad, missingVirtualBoxPluginGivesNullEngineAndKeepsTheSetting
                                           + QCoreApplication::applicationDirPath() + "/plugins or "))
         << result.message.toStdString();
     EXPECT_EQ(Settings::get("hypervisor", QString()).toString(), "virtualbox");
-    EXPECT_TRUE(cap.has(QtCriticalMsg, "[VMTools] \"" + result.message + "\""));
 }
 
 } // namespace
