@@ -164,6 +164,11 @@ def steps(env, image_dir):
     names = [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]]
     check("latest" not in names, f"the next start discards the quick-boot state, as set said: {names}")
     run(env, "device", "stop", "phone")
+    # A snapshot the image tool made under a name of its own is listed and deleted.
+    subprocess.run(["qemu-img", "snapshot", "-c", "my-snap.1", os.path.join(path, "system.qcow2")], check=True)
+    check("my-snap.1" in [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]], "listed")
+    run(env, "device", "snapshot", "delete", "phone", "my-snap.1")
+    check("my-snap.1" not in [s["name"] for s in run(env, "device", "snapshot", "list", "phone")[0]], "deleted")
     print("snapshots: 4 refusals keep every snapshot; set names those it makes unloadable")
 
     # 5. A reset names the snapshots it deletes before it asks.
