@@ -38,7 +38,8 @@ class QFile;
 ///
 /// Threads: the library starts no threads of its own, and neither the engine
 /// nor the machines it hands out may be used from two threads at once. Load
-/// the engine, and use it and its machines, from one thread. Many operations
+/// the engine, and use it and its machines, from one thread (only
+/// creationProgress() may be asked from another while a creation runs). Many operations
 /// block that thread while a host program runs or the emulator answers, for
 /// the bounds each one states (a start up to about a minute and a half, the
 /// first device of an image for minutes). Some of those waits run a nested
@@ -115,8 +116,10 @@ public:
     /// Blocks. The first device of an image unpacks its OVA (no time bound:
     /// the time the archive's size takes) and converts its two disks (300 s
     /// each at most), after waiting up to 30 min for another program that
-    /// prepares the same image; every device then gets its own disks by two
-    /// qemu-img runs (30 s each). Cannot be cancelled.
+    /// prepares the same image; every device then gets its own disks: a
+    /// qemu-img run for the system disk and one for an SD card (30 s each at
+    /// most), and a copy of the data disk (no time bound but its size).
+    /// Cannot be cancelled.
     virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile) = 0;
     /// Creates a device's disks from an OVA file; 0 on success. Blocks as the
     /// other createMachine().
@@ -236,38 +239,43 @@ public:
 
     /// Every device, owned by the caller; the directories that the system
     /// made for a device and that hold none it can load go into broken.
+    /// Reads the records, as getMachines() does.
     virtual QList<VMToolsMachine *> getMachines(std::function<bool()> cancel, QList<BrokenMachine> *broken);
     /// Why the directory of the device name holds no device that loads, in
     /// words; empty when it loads, when there is no such directory, or when
-    /// the system did not make it.
+    /// the system did not make it. Reads its record.
     virtual QString brokenMachineReason(const QString &name) const;
     /// Removes the directory of the device name that holds no device that
-    /// loads; refused while an emulator recorded in it runs.
+    /// loads; refused while an emulator recorded in it runs. Blocks as
+    /// deleteMachine().
     virtual bool deleteBrokenMachine(const QString &name) const;
     /// What takes the name in the devices directory when the system did not
     /// make it (someone's folder or file), in words; empty otherwise.
     virtual QString foreignEntryReason(const QString &name) const;
     /// Takes the command lock of the device name for command (the user's
-    /// words: "hvtool device start"), waiting a few seconds at most. Every
+    /// words: "hvtool device start"), waiting 5 s at most. Every
     /// command that changes a device holds it from its first check to its
     /// last write, so two never interleave.
     virtual LockFiles::CommandLock::Result lockMachine(const QString &name, const QString &command,
                                                        LockFiles::CommandLock *lock) const;
     /// What interrupted creations, clones and deletions left in the devices
-    /// directory, by name.
+    /// directory, by name. Lists the directory.
     virtual QList<MachineLeftover> getLeftovers() const;
     /// Removes a leftover whose process no longer runs; false, logged, when
-    /// it still runs or cannot be removed.
+    /// it still runs or cannot be removed. No time bound but its size.
     virtual bool reclaimLeftover(const MachineLeftover &leftover) const;
-    /// The device's snapshots with what the engine knows of each.
+    /// The device's snapshots with what the engine knows of each. The QEMU
+    /// engine reads the system disk's snapshot table: no host program.
     virtual QList<SnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
-    /// Returns the running device to its snapshot name.
+    /// Returns the running device to its snapshot name: about 5 s to reach
+    /// the emulator's monitor, 1 s to detach the shared folder, 10 s to
+    /// load, at most.
     virtual bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
-    /// saveSnapshot(); recorded tells whether what the state was saved with
-    /// could be recorded beside it.
+    /// saveSnapshot(), with its bounds; recorded tells whether what the state
+    /// was saved with could be recorded beside it.
     virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name, bool *recorded) const;
     /// cloneMachine(); a running source is copied only when crashConsistent,
-    /// paused for the copy.
+    /// paused for the copy (30 s at most each to pause it and let it go on).
     virtual int cloneMachine(VMToolsMachine *machine, const QString &newName, bool crashConsistent);
     /// What a factory reset did.
     enum class ResetResult {
@@ -279,32 +287,43 @@ public:
         Pending,
     };
     /// Rebuilds the device's disks from its image; the caller holds its lock.
+    /// Refused while its emulator runs. One qemu-img run (30 s at most) and
+    /// a copy of the image's data disk (no time bound but its size).
     virtual ResetResult resetDevice(const VMToolsMachine *machine) const;
     /// Why the device's disks cannot be used (a system disk whose image
     /// disks are gone), after moving them off an older layout; empty when
-    /// they can.
+    /// they can. A move waits up to 30 min for a program that prepares the
+    /// same image's disks.
     virtual QString checkReferenceDisks(const VMToolsMachine *machine) const;
     /// Starts the device as request asks, after checking what it starts
     /// from and that the host has room for it; the caller holds its lock.
-    /// The outcome tells how it came up and why, or why it did not.
+    /// The outcome tells how it came up and why, or why it did not. Blocks as
+    /// startFromLatestSnapshot(), or startMachine() for a named snapshot or
+    /// a cold boot.
     virtual StartOutcome startDevice(VMToolsMachine *machine, const StartRequest &request);
     /// Waits at most timeoutMs until the guest of the started device
     /// answers, polling cancel; a guest the engine's accelerator cannot run
-    /// may be started again under another one on the way.
+    /// may be started again under another one on the way (a startMachine(),
+    /// then timeoutMs more). Each probe of the guest takes up to 2 s, so the
+    /// wait may end that much after timeoutMs.
     virtual GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
     /// createMachine() that polls cancel between its steps: a creation
     /// cancelled or refused leaves nothing behind. An image or profile
     /// that would not load back from the device's record is refused before
-    /// any disk is made. 0 on success; on failure error says why.
+    /// any disk is made. 0 on success; on failure error says why. Blocks as
+    /// the other createMachine().
     virtual int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
                               const std::function<bool()> &cancel, QString *error);
     /// How far the creation of the device name from image has come; may be
-    /// asked from another thread while it runs.
+    /// asked from another thread while it runs. Reads files: no wait.
     virtual CreateProgress creationProgress(const QString &name, const OsImage &image) const;
     /// Makes the reference disks of the OVA in directory (the image's
     /// ReferenceDisks directory), once and whole; the directory, or an empty
     /// string on failure. Blocks for the extraction (and conversion), waiting for
-    /// another program's preparation of the same disks. The default extracts the OVA's disks as they are.
+    /// another program's preparation of the same disks (30 min at most); the
+    /// QEMU engine's conversions take 300 s each at most, the extraction has
+    /// no time bound but the archive's size. The default extracts the OVA's
+    /// disks as they are.
     virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names

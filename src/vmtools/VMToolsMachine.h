@@ -225,13 +225,14 @@ public:
     /// reach it. Asks the emulator like getRunState().
     virtual MachineRunInfo getRunInfo() const;
     /// Kills the emulator at once and clears what recorded it; false when
-    /// nothing was stopped.
+    /// nothing was stopped. No wait beyond the kill.
     virtual bool forceStop();
     /// Waits at most timeoutMs for the emulator to end after a stop, then
     /// clears what recorded it; true when it ended.
     virtual bool waitForStop(int timeoutMs);
     /// Lets a guest held on a disk error go on; false, with the reason, when
-    /// it cannot or is held again at once.
+    /// it cannot or is held again at once. About 5 s at most to reach the
+    /// emulator's monitor, then half a second to see whether it holds.
     virtual bool resumeFromDiskError(QString *reason) const;
     /// Removes the record of an emulator that no longer runs (its lock
     /// file); true when none is left.
