@@ -18,6 +18,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <limits>
+
 namespace {
 
 const char Tag[] = "[VMTools]";
@@ -33,8 +35,11 @@ constexpr int UnplugTimeoutMs = 1000;
 // emulator that ended within a few milliseconds.
 constexpr int ProbeSliceMs = 50;
 constexpr int ProbeRetryMs = 5;
-// Saving writes the whole guest memory into the system disk.
+// Saving writes the whole guest memory into the system disk, loading reads
+// it back: a fixed part, and time for each MiB of guest memory at a slow
+// disk's 50 MiB/s.
 constexpr int SaveSnapshotTimeoutMs = 10000;
+constexpr int SnapshotMsPerMiB = 20;
 
 // The socket hands over at most this much per read, so what it holds on top
 // of the framer's bounded line stays small too.
@@ -455,8 +460,9 @@ bool QEMUClient::runSnapshotCommand(bool save, const QString &name, bool unplugS
     // Saving writes the whole guest memory into the system disk; loading
     // reads it back.
     const QString command = save ? QStringLiteral("savevm %1") : QStringLiteral("loadvm %1");
-    const bool ok = exec(humanMonitorCommand(command.arg(name)), emptyMonitorAnswer(), SaveSnapshotTimeoutMs,
-                         ResponseRequired);
+    const qint64 timeoutMs = SaveSnapshotTimeoutMs + qMax<qint64>(0, m_guestMemoryMiB) * SnapshotMsPerMiB;
+    const bool ok = exec(humanMonitorCommand(command.arg(name)), emptyMonitorAnswer(),
+                         int(qMin<qint64>(timeoutMs, std::numeric_limits<int>::max())), ResponseRequired);
     if (!ok)
         qCWarning(hvQmpLog) << Tag << (save ? "QEMUClient: failed to save snapshot" : "QEMUClient: failed to load snapshot");
     return ok;

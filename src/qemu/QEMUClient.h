@@ -81,6 +81,10 @@ public:
     /// for a save.
     bool execLoadSnapshot(const QString &name, bool unplugShared);
 
+    /// The guest's memory, which the time a save or a load may take grows
+    /// with (10 s, and 20 ms per MiB); 0 until set.
+    void setGuestMemory(qint64 mib) { m_guestMemoryMiB = mib; }
+
     /// Why waitUntilRunning() answered NotQmp: what came instead of QMP.
     QString lastError() const { return m_lastError; }
 
@@ -132,6 +136,7 @@ private:
     bool m_quiet = false;
     QString m_lastError;
     bool m_detachedShared = false;
+    qint64 m_guestMemoryMiB = 0;
     /// What the last command returned: a human monitor command answers text.
     QJsonValue m_lastReturn;
 };

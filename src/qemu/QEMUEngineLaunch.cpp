@@ -309,6 +309,7 @@ bool QEMUEngine::saveSnapshot(VMToolsMachine *machine, const QString &name, bool
     // paused after it, so the disks cannot move on past the state.
     const bool endsSession = name == latestSnapshotName();
     QEMUClient client(qemuMachine->getQmpSocketPath());
+    client.setGuestMemory(qemuMachine->getRamSize());
     if (!client.execSaveSnapshot(name, unplugShared, endsSession)) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to save snapshot" << name;
         // Whether the drive went before the failure is unknown; asking to

@@ -211,6 +211,7 @@ bool QEMUEngine::loadSnapshot(VMToolsMachine *machine, const QString &name) cons
     // keeps it from saving one.
     const bool unplugShared = qemuMachine->hasWritableSharedDrive();
     QEMUClient client(qemuMachine->getQmpSocketPath());
+    client.setGuestMemory(qemuMachine->getRamSize());
     const bool loaded = client.execLoadSnapshot(name, unplugShared);
     if (unplugShared && client.hasDetachedSharedDrive())
         qemuMachine->setWritableSharedDrive(false);

@@ -186,7 +186,9 @@ VMToolsEngine::LoadResult VMToolsEngine::loadEngine(InitMode mode)
         name = kQemuEngine;
 
     const LoadResult result = loadEngine(name, mode);
-    if (result.status == 0)
+    // Written only when it changes: every program of the product loads the
+    // engine, and most runs would otherwise rewrite the settings file.
+    if (result.status == 0 && Settings::get(kHypervisorKey, QString()).toString() != name)
         Settings::set(kHypervisorKey, name);
     return result;
 }

@@ -55,8 +55,8 @@ class QFile;
 /// program run for the engine (qemu-img, the emulator's --version) 30 s
 /// ("HV_CALL_TIMEOUT_MS"), a disk conversion or resize 300 s
 /// ("HV_CALL_LONG_TIMEOUT_MS"); reaching the emulator's monitor 5 s (connect
-/// 2 s, greeting 2 s, capabilities 1 s), then 1 to 2 s per command and 10 s
-/// to save or load a snapshot.
+/// 2 s, greeting 2 s, capabilities 1 s), then 1 to 2 s per command and, to
+/// save or load a snapshot, 10 s and 20 ms per MiB of guest memory.
 class HALVISTROM_CORE_EXPORT VMToolsEngine
 {
 public:
@@ -177,7 +177,8 @@ public:
     /// the guest stays paused, so that its disks cannot move past the state,
     /// and stopMachine() comes next. Under any other name the guest goes on.
     /// Blocks about 5 s to reach the monitor, 2 s to pause, 1 s to detach
-    /// the shared folder, 10 s to save and 2 s to go on, at most.
+    /// the shared folder, 10 s and 20 ms per MiB of guest memory to save and 2 s
+    /// to go on, at most.
     virtual bool saveSnapshot(VMToolsMachine *machine, const QString &name) const;
     /// Succeeds without doing anything unless the engine overrides it. The
     /// QEMU engine deletes it from each disk with qemu-img (30 s each).
@@ -268,8 +269,8 @@ public:
     /// engine reads the system disk's snapshot table: no host program.
     virtual QList<SnapshotInfo> fetchSnapshots(const VMToolsMachine *machine) const;
     /// Returns the running device to its snapshot name: about 5 s to reach
-    /// the emulator's monitor, 1 s to detach the shared folder, 10 s to
-    /// load, at most.
+    /// the emulator's monitor, 1 s to detach the shared folder, 10 s and
+    /// 20 ms per MiB of guest memory to load, at most.
     virtual bool loadSnapshot(VMToolsMachine *machine, const QString &name) const;
     /// saveSnapshot(), with its bounds; recorded tells whether what the state
     /// was saved with could be recorded beside it.
