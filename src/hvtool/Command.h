@@ -65,12 +65,6 @@ public:
     QString command() const { return m_command; }
     void setCommand(const QStringList &path);
 
-    /// Writes a line of data to stdout.
-    void print(const QString &line) const;
-    /// Writes a JSON document to stdout.
-    void printJson(const QJsonValue &value) const;
-    /// Writes rows as aligned columns under a header.
-    void printTable(const QStringList &header, const QList<QStringList> &rows) const;
     /// Writes a progress or status line to stderr.
     void note(const QString &line) const;
     /// Reports a failure on stderr, with the library's recent warnings as the
@@ -95,6 +89,13 @@ public:
     void releaseDevice();
 
 private:
+    /// Writes a line of data to stdout.
+    void print(const QString &line) const;
+    /// Writes a JSON document to stdout.
+    void printJson(const QJsonValue &value) const;
+    /// Writes rows as aligned columns under a header.
+    void printTable(const QStringList &header, const QList<QStringList> &rows) const;
+
     QStringList m_args;
     const QCommandLineParser &m_parser;
     Format m_format;

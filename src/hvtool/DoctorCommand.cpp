@@ -84,19 +84,19 @@ Check leftoversCheck(VMToolsEngine *engine)
                 .arg(double(bytes) / (1 << 20), 0, 'f', 1)};
 }
 
-/// Prints the checks; Failed when one of them failed.
+/// Shows the checks; Failed when one of them failed.
 int report(Context &ctx, const QList<Check> &checks)
 {
     bool failed = false;
+    Output output;
     QJsonArray array;
     for (const Check &check : checks) {
         failed = failed || check.level == Level::Fail;
         array.append(QJsonObject{{"check", check.name}, {"result", levelText(check.level)}, {"detail", check.detail}});
-        if (!ctx.json())
-            ctx.print(QStringLiteral("%1 %2 %3").arg(levelText(check.level), -5).arg(check.name, -19).arg(check.detail));
+        output.lines << QStringLiteral("%1 %2 %3").arg(levelText(check.level), -5).arg(check.name, -19).arg(check.detail);
     }
-    if (ctx.json())
-        ctx.printJson(array);
+    output.json = array;
+    ctx.show(output);
     return failed ? Failed : Success;
 }
 
@@ -121,16 +121,14 @@ int version(Context &ctx)
 {
     const std::unique_ptr<VMToolsEngine> engine(VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck).engine);
     const QString qemu = engine ? engine->versionString() : QStringLiteral("not found");
-    if (ctx.json()) {
-        ctx.printJson(QJsonObject{{"hvtool", QStringLiteral(HVTOOL_VERSION)},
-                                  {"library", QCoreApplication::applicationVersion()},
-                                  {"qemu", qemu}});
-        return Success;
-    }
-    ctx.print(QStringLiteral("hvtool %1").arg(QStringLiteral(HVTOOL_VERSION)));
-    ctx.print(QStringLiteral("libhalvistrom-core %1").arg(QCoreApplication::applicationVersion()));
-    ctx.print(QStringLiteral("QEMU %1").arg(qemu));
-    return Success;
+    Output output;
+    output.json = QJsonObject{{"hvtool", QStringLiteral(HVTOOL_VERSION)},
+                              {"library", QCoreApplication::applicationVersion()},
+                              {"qemu", qemu}};
+    output.lines << QStringLiteral("hvtool %1").arg(QStringLiteral(HVTOOL_VERSION))
+                 << QStringLiteral("libhalvistrom-core %1").arg(QCoreApplication::applicationVersion())
+                 << QStringLiteral("QEMU %1").arg(qemu);
+    return ctx.show(output);
 }
 
 } // namespace
