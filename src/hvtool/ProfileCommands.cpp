@@ -160,9 +160,13 @@ void addProfileCommands()
         {"display", "Screen as WIDTHxHEIGHT@DPI (1280x768@120).", "WxH@DPI"},
     };
     commands() << Command{{"profile", "list"}, {}, "List the user's hardware profiles.", {}, 0, 0, list}
+                          .withExample("hvtool profile list")
                << Command{{"profile", "show"}, "ID", "Show one profile (ID: uuid, name or file).", {}, 1, 1, show}
+                          .withExample("hvtool profile show pixel")
                << Command{{"profile", "create"}, "NAME", "Create a hardware profile.", createOptions, 1, 1, create}
-               << Command{{"profile", "delete"}, "ID", "Delete a user profile.", {}, 1, 1, remove};
+                          .withExample("hvtool profile create pixel --cpus 2 --ram 2048")
+               << Command{{"profile", "delete"}, "ID", "Delete a user profile.", {}, 1, 1, remove}
+                          .withExample("hvtool profile delete pixel");
 }
 
 } // namespace hvtool
