@@ -97,10 +97,8 @@ int create(Context &ctx)
         return ctx.fail(Conflict, QStringLiteral("profile '%1' already exists").arg(ctx.arg(0)));
     if (!HwProfileIO::save(profile, Paths::getUserHwProfilePath()))
         return ctx.fail(Failed, QStringLiteral("could not save profile '%1'").arg(ctx.arg(0)));
-    return ctx.show({profileJson(profile),
-                     {},
-                     {},
-                     {QStringLiteral("created profile '%1' (%2)").arg(ctx.arg(0), Catalog::bareUuid(profile.uuid))}});
+    return ctx.done(profileJson(profile),
+                    QStringLiteral("created profile '%1' (%2)").arg(ctx.arg(0), Catalog::bareUuid(profile.uuid)));
 }
 
 /// The user's own profile ID names, for a command that changes it: exit 3
@@ -141,11 +139,8 @@ int set(Context &ctx)
     }
     if (!HwProfileIO::save(profile, QFileInfo(found.file).absolutePath()))
         return ctx.fail(Failed, QStringLiteral("could not save profile '%1'; it is unchanged").arg(ctx.arg(0)));
-    return ctx.show({profileJson(profile),
-                     {},
-                     {},
-                     {QStringLiteral("changed profile '%1': %2 (devices made from it keep their own)")
-                          .arg(ctx.arg(0), changed.join(QLatin1Char(' ')))}});
+    return ctx.done(profileJson(profile), QStringLiteral("changed profile '%1': %2 (devices made from it keep their own)")
+                                              .arg(profile.getModel(), changed.join(QLatin1Char(' '))));
 }
 
 int remove(Context &ctx)
@@ -156,10 +151,9 @@ int remove(Context &ctx)
         return code;
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
-    return ctx.show({QJsonObject{{"deleted", Catalog::bareUuid(found.value.uuid)}},
-                     {},
-                     {},
-                     {QStringLiteral("deleted profile '%1'").arg(ctx.arg(0))}});
+    return ctx.done(QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"name", found.value.getModel()},
+                                {"deleted", true}},
+                    QStringLiteral("deleted profile '%1'").arg(found.value.getModel()));
 }
 
 } // namespace
