@@ -710,7 +710,8 @@ TEST(HvtoolDevicesDirectory, createTakesTheNewestImageAndThePhoneWhereDevicesGo)
     EXPECT_EQ(none.code, 3);
     EXPECT_TRUE(none.err.contains("there is no OS image yet: add one with 'hvtool image add FILE'"));
     registerImage(makeOva("older.ova"), env, "11.0");
-    const QString newest = registerImage(makeOva("newer.ova"), env, "12.0");
+    const QString newer = makeOva("newer.ova");
+    const QString newest = registerImage(newer, env, "12.0");
     const CliResult made = hvtool({"device", "create", "first"}, env);
     ASSERT_EQ(made.code, 0) << made.err.toStdString();
     EXPECT_TRUE(made.err.contains("using image 'Android 12.0' (Android 12.0.0, ")) << made.err.toStdString();
@@ -721,7 +722,10 @@ TEST(HvtoolDevicesDirectory, createTakesTheNewestImageAndThePhoneWhereDevicesGo)
     EXPECT_EQ(sized.value("cpus").toInt(), 1);
     EXPECT_EQ(sized.value("ram_mb").toInt(), 300);
 
-    registerImage(makeOva("twin.ova"), env, "12.0");
+    // As new as can be: the same Android, built at the same moment.
+    const QString twin = makeOva("twin.ova");
+    run("touch", {"-r", newer, twin});
+    registerImage(twin, env, "12.0");
     const CliResult twins = hvtool({"device", "create", "second"}, env);
     EXPECT_EQ(twins.code, 2);
     EXPECT_TRUE(twins.err.contains("are equally new; name one with --image")) << twins.err.toStdString();
