@@ -644,7 +644,8 @@ int snapshotDelete(Context &ctx)
     if (!ctx.engine()->deleteSnapshot(&machine, ctx.arg(1)))
         return ctx.fail(Failed, QStringLiteral("could not delete snapshot '%1' of device '%2'")
                                     .arg(ctx.arg(1), machine.getName()));
-    return Success;
+    return ctx.done(QJsonObject{{"name", machine.getName()}, {"snapshot", ctx.arg(1)}, {"deleted", true}},
+                    QStringLiteral("deleted snapshot '%1' of device '%2'").arg(ctx.arg(1), machine.getName()));
 }
 
 /// Refuses a clone whose new name is taken or whose source cannot be copied
@@ -699,8 +700,10 @@ int reset(Context &ctx)
     const QStringList snapshots = ctx.engine()->fetchSnapshotNames(&machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
-    if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.")
+                                            .arg(name),
+                                        QStringLiteral("device '%1' not reset").arg(name)))
+        return refused;
     const VMToolsEngine::ResetResult result = ctx.engine()->resetDevice(&machine);
     if (result == VMToolsEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
@@ -755,8 +758,10 @@ int cleanup(Context &ctx)
 /// Deletes a device directory that holds no usable device.
 int removeBroken(Context &ctx, VMToolsEngine *e, const QString &name, const QString &reason)
 {
-    if (!ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?").arg(name, reason)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?")
+                                            .arg(name, reason),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteBrokenMachine(name))
         return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -770,8 +775,9 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
         return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
-    if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteMachine(machine.get()))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -919,7 +925,11 @@ int set(Context &ctx)
         if (!applyChange(machine, change))
             return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, machine.getName()));
     }
-    return ctx.show({describe(ctx.engine(), machine), {}, {}, {}});
+    QStringList changed;
+    for (const QString &item : ctx.args().mid(1))
+        changed << item;
+    return ctx.done(describe(ctx.engine(), machine),
+                    QStringLiteral("set %1 of device '%2'").arg(changed.join(QLatin1String(", ")), machine.getName()));
 }
 
 /// A verb of the noun "device".

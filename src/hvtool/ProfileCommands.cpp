@@ -142,7 +142,9 @@ int remove(Context &ctx)
                                    .arg(found.file, QDir(Paths::getUserHwProfilePath()).absolutePath()));
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
-    return Success;
+    return ctx.done(QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"name", found.value.getName()},
+                                {"deleted", true}},
+                    QStringLiteral("deleted profile '%1'").arg(found.value.getName()));
 }
 
 } // namespace
