@@ -332,20 +332,26 @@ QString listLeftovers(Context &ctx, VMToolsEngine *e, Output *output)
              all ? QString() : QStringLiteral("see them with 'hvtool device list --all', "));
 }
 
-/// Every device described, in the order of names, and the broken ones with
+/// Every device described, in the order of names, then the broken ones with
 /// their reasons.
-Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
+Output listDevices(VMToolsEngine *e)
 {
-    std::vector<MachinePtr> machines;
-    for (VMToolsMachine *machine : e->getMachines({}, broken))
-        machines.emplace_back(machine);
-    // Each device is described on its own: nothing is shared but the
-    // engine's read-only settings.
-    std::vector<QJsonObject> described(machines.size());
-    forEachInParallel(int(machines.size()), [&](int i) { described[size_t(i)] = describe(e, *machines[size_t(i)]); });
+    // Each device is loaded and described on its own: nothing is shared but
+    // the engine's read-only settings.
+    const QStringList names = e->getMachineNames();
+    std::vector<QJsonObject> described(size_t(names.size()));
+    std::vector<QString> broken(size_t(names.size()));
+    forEachInParallel(names.size(), [&](int i) {
+        if (MachinePtr machine{e->getMachine(names[i])})
+            described[size_t(i)] = describe(e, *machine);
+        else
+            broken[size_t(i)] = e->brokenMachineReason(names[i]);
+    });
     Output output;
     QJsonArray array;
     for (const QJsonObject &object : described) {
+        if (object.isEmpty())
+            continue;
         array.append(object);
         output.rows << QStringList{object.value("name").toString(), object.value("status").toString(),
                                    object.value("android_version").toString(), object.value("adb_serial").toString(),
@@ -357,12 +363,15 @@ Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
     }
     // A directory that holds no usable device is shown too, with the
     // reason, so that the user sees what takes its name and can remove it.
-    for (const BrokenMachine &machine : *broken) {
-        array.append(QJsonObject{{"name", machine.name}, {"status", "Broken"}, {"reason", machine.reason},
-                                 {"path", machine.path}});
-        output.rows << QStringList{machine.name, QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
+    for (int i = 0; i < names.size(); ++i) {
+        const QString &reason = broken[size_t(i)];
+        if (reason.isEmpty())
+            continue;
+        array.append(QJsonObject{{"name", names[i]}, {"status", "Broken"}, {"reason", reason},
+                                 {"path", e->getDevicesDirectory().absoluteFilePath(names[i])}});
+        output.rows << QStringList{names[i], QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
                                    QString()};
-        output.lines << brokenText(machine.name, machine.reason);
+        output.lines << brokenText(names[i], reason);
     }
     output.json = array;
     return output;
@@ -374,8 +383,7 @@ int list(Context &ctx)
     VMToolsEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    QList<BrokenMachine> broken;
-    Output output = listDevices(e, &broken);
+    Output output = listDevices(e);
     output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"};
     const QString leftovers = listLeftovers(ctx, e, &output);
     if (!leftovers.isEmpty())

@@ -475,6 +475,27 @@ TEST_F(HvtoolReferenceDisks, recordsAreCheckedAgainstTheirOva)
     EXPECT_EQ(QFileInfo(backingOf(deviceDir("Other") + "/system.qcow2")).dir().dirName(), otherHash);
 }
 
+// A listing loads the devices side by side: one whose record breaks is still
+// listed, as broken and why, beside the others.
+TEST_F(HvtoolReferenceDisks, aBrokenRecordIsListedBesideTheGoodDevices)
+{
+    const QString image = registerImage(makeOva("listed.ova"));
+    for (const QString name : {"Bad", "Good"})
+        ASSERT_EQ(hvtool({"device", "create", name, "--image", image, "--profile", profile()}).code, 0);
+    ASSERT_TRUE(hvtest::writeFile(deviceDir("Bad") + "/shared/config/device.json", "{ broken"));
+    // Devices in the order of names, then the broken ones.
+    QStringList order;
+    QString reason;
+    for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
+        const QJsonObject object = device.toObject();
+        order << object["name"].toString() + ":" + object["status"].toString();
+        reason += object["reason"].toString();
+    }
+    EXPECT_GT(order.indexOf("Bad:Broken"), order.indexOf("Good:Off")) << order.join(' ').toStdString();
+    EXPECT_GE(order.indexOf("Good:Off"), 0) << order.join(' ').toStdString();
+    EXPECT_TRUE(reason.contains("device.json")) << reason.toStdString();
+}
+
 // An image removed while a device is being created from it: the removal is
 // refused, however long the creation takes, and the device gets whole
 // disks. A lock file left empty by a killed program is not waited for.
