@@ -3,7 +3,9 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "InterruptGuard.h"
 #include "Progress.h"
+#include "PullCommands.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -19,7 +21,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <thread>
@@ -107,36 +108,6 @@ int refuseTakenName(Context &ctx, VMToolsEngine *e, const QString &name)
     return Success;
 }
 
-/// Set by the first interrupt of a creation, which then cancels it.
-std::atomic<bool> g_interrupted{false};
-
-extern "C" void interruptCreation(int)
-{
-    g_interrupted = true;
-}
-
-/// Catches the interrupts of the terminal for as long as it lives: a
-/// creation interrupted with Ctrl-C is cancelled and rolled back.
-class InterruptGuard
-{
-public:
-    InterruptGuard()
-    {
-        g_interrupted = false;
-        m_int = std::signal(SIGINT, interruptCreation);
-        m_term = std::signal(SIGTERM, interruptCreation);
-    }
-    ~InterruptGuard()
-    {
-        std::signal(SIGINT, m_int);
-        std::signal(SIGTERM, m_term);
-    }
-
-private:
-    void (*m_int)(int);
-    void (*m_term)(int);
-};
-
 QString phaseText(CreateProgress::Phase phase)
 {
     switch (phase) {
@@ -159,7 +130,7 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task(
-        [&] { return e->createMachine(name, image, profile, [] { return g_interrupted.load(); }, error); });
+        [&] { return e->createMachine(name, image, profile, [] { return InterruptGuard::interrupted(); }, error); });
     std::future<int> result = task.get_future();
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
@@ -183,12 +154,7 @@ int findRecords(Context &ctx, Stored<OsImage> *image, Stored<HwProfile> *profile
     int code = Catalog::findOne(ctx, QStringLiteral("image"), imageId, OsImageRegistry::find(imageId), image);
     if (code == Success)
         code = Catalog::findOne(ctx, QStringLiteral("profile"), profileId, HwProfileRegistry::find(profileId), profile);
-    if (code != Success)
-        return code;
-    if (!image->value.isImageAvailableLocally())
-        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
-                                      .arg(image->value.name, image->value.getLocalPath()));
-    return Success;
+    return code;
 }
 
 int create(Context &ctx)
@@ -202,7 +168,7 @@ int create(Context &ctx)
     Stored<HwProfile> profile;
     int code = findRecords(ctx, &image, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -975,7 +941,8 @@ void addDeviceCommands()
     commands()
         << deviceCommand({"create"}, "NAME", "Create a device from an OS image and a hardware profile.",
                          {{"image", "OS image (uuid, name or record file).", "ID"},
-                          {"profile", "Hardware profile (uuid, name or file).", "ID"}},
+                          {"profile", "Hardware profile (uuid, name or file).", "ID"},
+                          {"pull", "Download the image's OVA first when it is not on this machine."}},
                          1, 1, create, DeviceUse::None)
         << deviceCommand({"list"}, {}, "List the devices and their state.",
                          {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list,
