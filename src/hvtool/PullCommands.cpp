@@ -115,9 +115,9 @@ int downloadRegistered(Context &ctx, const OsImage &image)
     const int code = fetchOva(ctx, image, &result);
     if (code != Success)
         return code;
-    return ctx.show({OsImageIO::toJsonObject(image), {}, {}, {QStringLiteral("image '%1' is at '%2': %3")
-                                                                 .arg(image.name, image.getLocalPath(),
-                                                                      downloadText(result, timer.elapsed()))}});
+    return ctx.done(OsImageIO::toJsonObject(image), QStringLiteral("image '%1' is at '%2': %3")
+                                                        .arg(image.name, image.getLocalPath(),
+                                                             downloadText(result, timer.elapsed())));
 }
 
 /// Fetches a new image's OVA and registers the image, or reports why not.
@@ -143,9 +143,9 @@ int pullAndRegister(Context &ctx, const std::function<OsImageRegistry::Registrat
                                                                                                            : Failed,
                         registration.reason);
     const OsImage &image = registration.entry.value;
-    return ctx.show({OsImageIO::toJsonObject(image), {}, {}, {QStringLiteral("registered image '%1' (%2): %3")
-                                                                 .arg(image.name, Catalog::bareUuid(image.uuid),
-                                                                      downloadText(fetched, timer.elapsed()))}});
+    return ctx.done(OsImageIO::toJsonObject(image), QStringLiteral("registered image '%1' (%2): %3")
+                                                        .arg(image.name, Catalog::bareUuid(image.uuid),
+                                                             downloadText(fetched, timer.elapsed())));
 }
 
 int pullNew(Context &ctx, const OsImage &image)
