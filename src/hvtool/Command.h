@@ -208,6 +208,7 @@ QList<Command> &commands();
 void addSettingsCommands();
 void addProfileCommands();
 void addImageCommands();
+void addPullCommands();
 void addDeviceCommands();
 void addDoctorCommand();
 
