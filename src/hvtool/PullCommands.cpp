@@ -287,8 +287,14 @@ int ensureOva(Context &ctx, const OsImage &image)
 
 void addPullCommands()
 {
-    commands() << Command{{"image", "available"}, {}, "List the OS images the catalogue offers (setting images.catalogue_url).", {}, 0, 0, available}
-               << Command{{"image", "pull"}, "ID", "Download the OVA of a registered image, or register and download an image of the catalogue (ID: uuid or name).", {}, 1, 1, pull};
+    commands() << Command{{"image", "available"}, {},
+                          "List the OS images the catalogue offers (setting images.catalogue_url).", {}, 0, 0, available}
+                          .withExample("hvtool image available")
+               << Command{{"image", "pull"}, "ID",
+                          "Download the OVA of a registered image, or register and download an image of the "
+                          "catalogue (ID: uuid or name).",
+                          {}, 1, 1, pull}
+                          .withExample("hvtool image pull \"Android 11.0\"");
 }
 
 } // namespace hvtool
