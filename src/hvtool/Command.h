@@ -191,6 +191,8 @@ void addSettingsCommands();
 void addProfileCommands();
 void addImageCommands();
 void addDeviceCommands();
+/// 'device wait'.
+void addWaitCommand();
 void addDoctorCommand();
 
 /// Parses the command line, runs the command and returns the exit code.

@@ -5,6 +5,7 @@
 #include "Engine.h"
 #include "ProfileFields.h"
 #include "Progress.h"
+#include "WaitCommand.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -144,6 +145,10 @@ QString phaseText(CreateProgress::Phase phase)
     switch (phase) {
     case CreateProgress::PreparingImage:
         return QStringLiteral("unpacking the image");
+    case CreateProgress::CheckingImage:
+        return QStringLiteral("checking the image");
+    case CreateProgress::ConvertingImage:
+        return QStringLiteral("converting the image's disks");
     case CreateProgress::MakingDisks:
         return QStringLiteral("making its disks");
     case CreateProgress::Waiting:
@@ -498,22 +503,6 @@ int reportStartFailure(Context &ctx, const VMToolsMachine &machine, const StartO
     }
 }
 
-/// Waits for the guest to answer; Success, or the exit code of the failure,
-/// which is reported. A restart on the way leaves the boot cold.
-int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, StartOutcome *outcome, GuestWait *wait)
-{
-    *wait = ctx.engine()->waitForGuest(&machine, seconds * 1000, {});
-    showNotes(ctx, wait->notes);
-    if (wait->restartedCold)
-        outcome->boot = StartOutcome::Cold;
-    if (wait->ready())
-        return Success;
-    const QString name = machine.getName();
-    if (wait->end == GuestWait::RestartFailed)
-        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2").arg(name, wait->failure));
-    return ctx.fail(Failed, QStringLiteral("device '%1' started but %2").arg(name, wait->failure));
-}
-
 /// The started device: how it booted, how long it took, where to reach it.
 Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &outcome, qint64 startedMs,
                      qint64 readyMs, const GuestWait *wait)
@@ -556,8 +545,11 @@ int start(Context &ctx)
     // may come meanwhile.
     ctx.releaseDevice();
     GuestWait wait;
-    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &outcome, &wait)) != Success)
+    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &wait)) != Success)
         return code;
+    // A restart on the way leaves the boot cold.
+    if (wait.restartedCold)
+        outcome.boot = StartOutcome::Cold;
     return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
 }
 
@@ -1035,7 +1027,8 @@ void addRunCommands()
                          "discards the quick-boot state.",
                          {{"cold", "Boot cold even when a quick-boot state exists."},
                           {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
-                          {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
+                          {"wait", "Return only once the guest answers, waiting at most this long; 'hvtool device "
+                                   "wait' waits again.",
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
@@ -1051,6 +1044,7 @@ void addRunCommands()
                                       "session's disk writes. To return to a known state later, save a named snapshot "
                                       "and start with --snapshot NAME."}},
                          1, 1, stop, DeviceUse::Change, DeviceState::Running);
+    addWaitCommand();
 }
 
 /// The options of 'device create': what it is made from, and the sizes that
