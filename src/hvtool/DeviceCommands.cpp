@@ -3,8 +3,10 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "InterruptGuard.h"
 #include "ProfileFields.h"
 #include "Progress.h"
+#include "PullCommands.h"
 #include "WaitCommand.h"
 
 #include "HwProfileIO.h"
@@ -22,7 +24,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <thread>
@@ -110,36 +111,6 @@ int refuseTakenName(Context &ctx, VMToolsEngine *e, const QString &name)
     return Success;
 }
 
-/// Set by the first interrupt of a creation, which then cancels it.
-std::atomic<bool> g_interrupted{false};
-
-extern "C" void interruptCreation(int)
-{
-    g_interrupted = true;
-}
-
-/// Catches the interrupts of the terminal for as long as it lives: a
-/// creation interrupted with Ctrl-C is cancelled and rolled back.
-class InterruptGuard
-{
-public:
-    InterruptGuard()
-    {
-        g_interrupted = false;
-        m_int = std::signal(SIGINT, interruptCreation);
-        m_term = std::signal(SIGTERM, interruptCreation);
-    }
-    ~InterruptGuard()
-    {
-        std::signal(SIGINT, m_int);
-        std::signal(SIGTERM, m_term);
-    }
-
-private:
-    void (*m_int)(int);
-    void (*m_term)(int);
-};
-
 QString phaseText(CreateProgress::Phase phase)
 {
     switch (phase) {
@@ -166,7 +137,7 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task(
-        [&] { return e->createMachine(name, image, profile, [] { return g_interrupted.load(); }, error); });
+        [&] { return e->createMachine(name, image, profile, [] { return InterruptGuard::interrupted(); }, error); });
     std::future<int> result = task.get_future();
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
@@ -224,12 +195,7 @@ int chooseImage(Context &ctx, Stored<OsImage> *image)
     const int code = ctx.isSet(QStringLiteral("image")) ? Catalog::findOne(ctx, QStringLiteral("image"), id,
                                                                            OsImageRegistry::find(id), image)
                                                         : defaultImage(ctx, image);
-    if (code != Success)
-        return code;
-    if (!image->value.isImageAvailableLocally())
-        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
-                                      .arg(image->value.name, image->value.getLocalPath()));
-    return Success;
+    return code;
 }
 
 /// The profile a create uses: the one --profile names, else the built-in
@@ -275,7 +241,7 @@ int create(Context &ctx)
     if (code == Success)
         code = chooseProfile(ctx, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -1053,7 +1019,8 @@ QList<QCommandLineOption> createOptions()
 {
     QList<QCommandLineOption> options = {
         {"image", "OS image (name, uuid or record file); by default the only one, or the newest.", "ID"},
-        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"}};
+        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"},
+        {"pull", "Download the image's OVA first when it is not on this machine."}};
     for (const ProfileFields::Field &field : ProfileFields::all()) {
         if (field.device)
             options << QCommandLineOption(QString::fromLatin1(field.key),
