@@ -993,14 +993,16 @@ void addRunCommands()
                          "discards the quick-boot state.",
                          {{"cold", "Boot cold even when a quick-boot state exists."},
                           {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
-                          {"wait", "Return only once the guest answers, waiting at most this long; 'hvtool device "
-                                   "wait' waits again.",
+                          {"wait", QStringLiteral("Return only once the guest answers, waiting at most this long "
+                                                  "(%1 s when SECONDS is left out); 'hvtool device wait' waits again.")
+                                       .arg(kDefaultWaitSeconds),
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
                           {"force", "Start even when the host seems short of memory for it."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
+               .withOptionalValue("wait", QString::number(kDefaultWaitSeconds))
         << deviceCommand({"resume"}, "NAME",
                          "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.",
                          {}, 1, 1, resume, DeviceUse::Change, DeviceState::Paused)

@@ -13,7 +13,6 @@ namespace {
 /// How long one look at the guest lasts: the phase it reached is shown after
 /// each.
 constexpr int kLookMs = 10000;
-constexpr int kDefaultTimeoutSeconds = 300;
 
 QString phaseText(GuestWait::Phase phase)
 {
@@ -52,7 +51,8 @@ GuestWait waitInLooks(VMToolsEngine *e, VMToolsMachine &machine, qint64 limitMs,
         notes << wait.notes;
         restartedCold = restartedCold || wait.restartedCold;
         phase = phaseText(wait.phase);
-        redraw();
+        if (wait.end == GuestWait::TimedOut)
+            redraw();
     } while (wait.end == GuestWait::TimedOut && timer.elapsed() < limitMs);
     wait.notes = notes;
     wait.restartedCold = restartedCold;
@@ -63,7 +63,7 @@ int waitCommand(Context &ctx)
 {
     bool ok = true;
     const int seconds =
-        ctx.isSet(QStringLiteral("timeout")) ? ctx.value(QStringLiteral("timeout")).toInt(&ok) : kDefaultTimeoutSeconds;
+        ctx.isSet(QStringLiteral("timeout")) ? ctx.value(QStringLiteral("timeout")).toInt(&ok) : kDefaultWaitSeconds;
     if (!ok || seconds <= 0)
         return ctx.fail(Usage, QStringLiteral("--timeout needs a whole number of seconds, not '%1'")
                                    .arg(ctx.value(QStringLiteral("timeout"))));
@@ -115,14 +115,14 @@ void addWaitCommand()
                           "Wait until a running device's guest answers, showing how far it has come; for a start "
                           "whose --wait ran out, or one made without it.",
                           {{"timeout",
-                            QStringLiteral("Give up after this many seconds (%1).").arg(kDefaultTimeoutSeconds),
+                            QStringLiteral("Give up after this many seconds (%1).").arg(kDefaultWaitSeconds),
                             "SECONDS"}},
                           1,
                           1,
                           waitCommand,
                           DeviceUse::Read,
                           DeviceState::Running,
-                          "device '%1' is not running; start it with 'hvtool device start %1 --wait 300'"};
+                          "device '%1' is not running; start it with 'hvtool device start %1 --wait'"};
 }
 
 } // namespace hvtool

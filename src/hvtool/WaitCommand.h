@@ -6,6 +6,9 @@
 
 namespace hvtool {
 
+/// How long a wait for a guest lasts unless the user says otherwise.
+constexpr int kDefaultWaitSeconds = 300;
+
 /// Waits at most seconds until the guest of the running device answers,
 /// showing on stderr the phase it has reached and the time so far, and the
 /// notes of the engine on the way. Success, or the failure it reported
