@@ -38,6 +38,11 @@ struct Output {
     QStringList lines;
 };
 
+/// A size as every command shows it: "512.0 KiB", "12.7 MiB", "1.5 GiB".
+QString sizeText(qint64 bytes);
+/// Rows as aligned columns under a header, one line each.
+QStringList tableLines(const QStringList &header, const QList<QStringList> &rows);
+
 /// What a command does with the device its first argument names.
 enum class DeviceUse {
     None,   ///< it names no device, or looks it up itself
@@ -193,6 +198,19 @@ struct Command {
         return *this;
     }
 };
+
+/// A setting that 'hvtool settings' lists and lets the user change.
+struct SettingKey {
+    QString key;
+    /// One line: what it changes and the values it takes.
+    QString description;
+    /// Why text cannot be its value (exit 2), in words; empty when it can.
+    /// None: the engine's own choices, if any, are the only check.
+    std::function<QString(const QString &text)> refuse = {};
+};
+
+/// The settings users may change; each noun's file adds its own.
+QList<SettingKey> &settingKeys();
 
 /// Every command of the tool; each noun's file adds its own.
 QList<Command> &commands();

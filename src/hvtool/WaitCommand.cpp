@@ -122,7 +122,8 @@ void addWaitCommand()
                           waitCommand,
                           DeviceUse::Read,
                           DeviceState::Running,
-                          "device '%1' is not running; start it with 'hvtool device start %1 --wait'"};
+                          "device '%1' is not running; start it with 'hvtool device start %1 --wait'"}
+                      .withExample("hvtool device wait pixel --timeout 120");
 }
 
 } // namespace hvtool

@@ -204,11 +204,11 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
     const QString image = registerImage(makeOva("full.ova"));
     const QString hwProfile = profile();
     ASSERT_EQ(hvtool({"device", "create", "Full", "--image", image, "--profile", hwProfile}).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}).code, 0);
     const QString otherOva = makeOva("other.ova");
     const QStringList commands[] = {
-        {"settings", "set", "ui.zoom", "2"},
-        {"settings", "reset", "ui.zoom"},
+        {"settings", "set", "emulator.audio", "pa"},
+        {"settings", "reset", "emulator.audio"},
         {"device", "set", "Full", "ram=1024"},
         {"device", "set", "Full", "quickboot=false"},
         {"profile", "create", "Other"},
@@ -223,7 +223,7 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
         EXPECT_EQ(tree(hvHome()), before);
     }
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.audio"}).out, "none\n");
     EXPECT_EQ(hvtool({"device", "show", "Full", "--format", "json"}).json().object().value("ram_mb").toInt(), 256);
 }
 
@@ -239,11 +239,11 @@ TEST(HvtoolDiskFull, aFullFileSystemKeepsTheDeviceAndTheSettings)
     const QString image = registerImage(makeOva("tmpfs.ova"), env);
     const QString hwProfile = profile(env);
     ASSERT_EQ(hvtool({"device", "create", "Tight", "--image", image, "--profile", hwProfile}, env).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, env).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}, env).code, 0);
     tmpfs.fill();
     const QMap<QString, QByteArray> before = tree(home);
     for (const QStringList &command : {QStringList{"device", "set", "Tight", "ram=1024", "cpus=2"},
-                                       QStringList{"settings", "set", "ui.zoom", "2"}}) {
+                                       QStringList{"settings", "set", "emulator.audio", "pa"}}) {
         const CliResult r = hvtool(command, env);
         EXPECT_EQ(r.code, 1) << command.join(' ').toStdString();
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
