@@ -190,6 +190,7 @@ QList<Command> &commands();
 void addSettingsCommands();
 void addProfileCommands();
 void addImageCommands();
+void addPullCommands();
 void addDeviceCommands();
 void addDoctorCommand();
 void addShellCommands();

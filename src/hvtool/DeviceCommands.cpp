@@ -3,7 +3,10 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "InterruptGuard.h"
+#include "ProfileFields.h"
 #include "Progress.h"
+#include "PullCommands.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -17,9 +20,9 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <thread>
@@ -107,36 +110,6 @@ int refuseTakenName(Context &ctx, VMToolsEngine *e, const QString &name)
     return Success;
 }
 
-/// Set by the first interrupt of a creation, which then cancels it.
-std::atomic<bool> g_interrupted{false};
-
-extern "C" void interruptCreation(int)
-{
-    g_interrupted = true;
-}
-
-/// Catches the interrupts of the terminal for as long as it lives: a
-/// creation interrupted with Ctrl-C is cancelled and rolled back.
-class InterruptGuard
-{
-public:
-    InterruptGuard()
-    {
-        g_interrupted = false;
-        m_int = std::signal(SIGINT, interruptCreation);
-        m_term = std::signal(SIGTERM, interruptCreation);
-    }
-    ~InterruptGuard()
-    {
-        std::signal(SIGINT, m_int);
-        std::signal(SIGTERM, m_term);
-    }
-
-private:
-    void (*m_int)(int);
-    void (*m_term)(int);
-};
-
 QString phaseText(CreateProgress::Phase phase)
 {
     switch (phase) {
@@ -159,7 +132,7 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task(
-        [&] { return e->createMachine(name, image, profile, [] { return g_interrupted.load(); }, error); });
+        [&] { return e->createMachine(name, image, profile, [] { return InterruptGuard::interrupted(); }, error); });
     std::future<int> result = task.get_future();
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
@@ -172,22 +145,81 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     return result.get();
 }
 
-/// Finds the image and the profile that --image and --profile name;
-/// Success, or the exit code of the failure it reported.
-int findRecords(Context &ctx, Stored<OsImage> *image, Stored<HwProfile> *profile)
+/// Whether a is a newer image than b: a later Android, then a later image
+/// version, then a later build.
+bool newerImage(const OsImage &a, const OsImage &b)
 {
-    const QString imageId = ctx.value(QStringLiteral("image"));
-    const QString profileId = ctx.value(QStringLiteral("profile"));
-    if (imageId.isEmpty() || profileId.isEmpty())
-        return ctx.fail(Usage, QStringLiteral("device create needs --image ID and --profile ID"));
-    int code = Catalog::findOne(ctx, QStringLiteral("image"), imageId, OsImageRegistry::find(imageId), image);
-    if (code == Success)
-        code = Catalog::findOne(ctx, QStringLiteral("profile"), profileId, HwProfileRegistry::find(profileId), profile);
-    if (code != Success)
-        return code;
-    if (!image->value.isImageAvailableLocally())
-        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
-                                      .arg(image->value.name, image->value.getLocalPath()));
+    if (a.osVersion != b.osVersion)
+        return b.osVersion < a.osVersion;
+    if (a.imageVersion != b.imageVersion)
+        return b.imageVersion < a.imageVersion;
+    return a.buildDate > b.buildDate;
+}
+
+QString imageText(const OsImage &image)
+{
+    return QStringLiteral("'%1' (Android %2, %3)")
+        .arg(image.name, image.osVersion.toString(), Catalog::bareUuid(image.uuid));
+}
+
+/// The image a create without --image uses: the only one, else the newest,
+/// which it names; Usage when two are equally new, NotFound when none.
+int defaultImage(Context &ctx, Stored<OsImage> *image)
+{
+    QList<Stored<OsImage>> all = OsImageRegistry::images();
+    if (all.isEmpty())
+        return ctx.fail(NotFound, QStringLiteral("there is no OS image yet: add one with 'hvtool image add FILE'"));
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Stored<OsImage> &a, const Stored<OsImage> &b) { return newerImage(a.value, b.value); });
+    if (all.size() > 1 && !newerImage(all.at(0).value, all.at(1).value))
+        return ctx.fail(Usage, QStringLiteral("images %1 and %2 are equally new; name one with --image")
+                                   .arg(imageText(all.at(0).value), imageText(all.at(1).value)));
+    *image = all.first();
+    ctx.note(all.size() == 1 ? QStringLiteral("using image %1, the only one").arg(imageText(image->value))
+                             : QStringLiteral("using image %1, the newest of %2; another one with --image ID")
+                                   .arg(imageText(image->value))
+                                   .arg(all.size()));
+    return Success;
+}
+
+/// The image a create uses: the one --image names, else the default one;
+/// Success, or the exit code of the failure it reported.
+int chooseImage(Context &ctx, Stored<OsImage> *image)
+{
+    const QString id = ctx.value(QStringLiteral("image"));
+    const int code = ctx.isSet(QStringLiteral("image")) ? Catalog::findOne(ctx, QStringLiteral("image"), id,
+                                                                           OsImageRegistry::find(id), image)
+                                                        : defaultImage(ctx, image);
+    return code;
+}
+
+/// The profile a create uses: the one --profile names, else the built-in
+/// phone, which it names; with --cpus, --ram, --data-disk and --sdcard
+/// applied.
+int chooseProfile(Context &ctx, HwProfile *profile)
+{
+    if (ctx.isSet(QStringLiteral("profile"))) {
+        const QString id = ctx.value(QStringLiteral("profile"));
+        Stored<HwProfile> found;
+        const int code = Catalog::findOne(ctx, QStringLiteral("profile"), id, HwProfileRegistry::find(id), &found);
+        if (code != Success)
+            return code;
+        *profile = found.value;
+    } else {
+        *profile = HwProfileRegistry::defaultProfile();
+    }
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        const QString key = QString::fromLatin1(field.key);
+        const QString refusal = field.device && ctx.isSet(key) ? ProfileFields::apply(key, ctx.value(key), profile)
+                                                               : QString();
+        if (!refusal.isEmpty())
+            return ctx.fail(Usage, QStringLiteral("--") + refusal);
+    }
+    if (!ctx.isSet(QStringLiteral("profile")))
+        ctx.note(QStringLiteral("using profile '%1' (CPUs %2, memory %3 MB); another one with --profile ID")
+                     .arg(profile->getModel())
+                     .arg(profile->cpuCount)
+                     .arg(profile->ramSize));
     return Success;
 }
 
@@ -199,18 +231,20 @@ int create(Context &ctx)
                                               "'-' and spaces, at most 64")
                                    .arg(name));
     Stored<OsImage> image;
-    Stored<HwProfile> profile;
-    int code = findRecords(ctx, &image, &profile);
+    HwProfile profile;
+    int code = chooseImage(ctx, &image);
+    if (code == Success)
+        code = chooseProfile(ctx, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
     QString error;
-    if (createWithProgress(e, name, image.value, profile.value, &error) != 0)
+    if (createWithProgress(e, name, image.value, profile, &error) != 0)
         return ctx.fail(Failed, QStringLiteral("could not create device '%1': %2").arg(name, error));
-    return ctx.show({describeByName(e, name), {}, {}, {QStringLiteral("created device '%1' in %2 s")
-                                                          .arg(name, QString::number(timer.elapsed() / 1000.0, 'f', 2))}});
+    return ctx.done(describeByName(e, name),
+                    QStringLiteral("created device '%1' in %2 s").arg(name, secondsText(timer.elapsed())));
 }
 
 /// Calls work(i) for every i below count, spread over the host's cores when
@@ -985,16 +1019,32 @@ void addRunCommands()
                          1, 1, stop, DeviceUse::Change, DeviceState::Running);
 }
 
+/// The options of 'device create': what it is made from, and the sizes that
+/// override its profile's.
+QList<QCommandLineOption> createOptions()
+{
+    QList<QCommandLineOption> options = {
+        {"image", "OS image (name, uuid or record file); by default the only one, or the newest.", "ID"},
+        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"},
+        {"pull", "Download the image's OVA first when it is not on this machine."}};
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        if (field.device)
+            options << QCommandLineOption(QString::fromLatin1(field.key),
+                                          ProfileFields::help(field) + QStringLiteral(" Overrides the profile's."),
+                                          QString::fromLatin1(field.valueName));
+    }
+    return options;
+}
+
 } // namespace
 
 void addDeviceCommands()
 {
     const QCommandLineOption yes({"yes", "y"}, "Do not ask for confirmation.");
     commands()
-        << deviceCommand({"create"}, "NAME", "Create a device from an OS image and a hardware profile.",
-                         {{"image", "OS image (uuid, name or record file).", "ID"},
-                          {"profile", "Hardware profile (uuid, name or file).", "ID"}},
-                         1, 1, create, DeviceUse::None)
+        << deviceCommand({"create"}, "NAME",
+                         "Create a device from an OS image and a hardware profile, saying which it took by default.",
+                         createOptions(), 1, 1, create, DeviceUse::None)
         << deviceCommand({"list"}, {}, "List the devices and their state.",
                          {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list,
                          DeviceUse::None)

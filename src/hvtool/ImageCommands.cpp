@@ -3,6 +3,7 @@
 #include "Command.h"
 #include "Engine.h"
 #include "Progress.h"
+#include "PullCommands.h"
 
 #include "OsImageIO.h"
 #include "OsImageRegistry.h"
@@ -95,6 +96,8 @@ int describeOva(Context &ctx, OsImage *draft)
 
 int add(Context &ctx)
 {
+    if (isWebAddress(ctx.arg(0)))
+        return addFromUrl(ctx, describeOva);
     const QFileInfo info(ctx.arg(0));
     if (!info.isFile())
         return ctx.fail(NotFound, QStringLiteral("file '%1' does not exist").arg(ctx.arg(0)));
@@ -159,8 +162,9 @@ void addImageCommands()
         {"arch", "Architecture of an OVA: x86 or x86_64 (by Android version).", "ARCH"},
         {"name", "Display name of an OVA (\"Android <version>\").", "NAME"},
     };
-    commands() << Command{{"image", "add"}, "FILE",
-                          "Register an OS image: a record (.json) or an OVA archive (.ova, with --android).",
+    commands() << Command{{"image", "add"}, "FILE|URL",
+                          "Register an OS image: a record (.json) or an OVA archive (.ova, with --android), a file "
+                          "or at an http(s) address (its OVA is then downloaded).",
                           addOptions, 1, 1, add}
                << Command{{"image", "list"}, {}, "List the registered OS images.", {}, 0, 0, list}
                << Command{{"image", "show"}, "ID", "Show one image (ID: uuid, name or file).", {}, 1, 1, show}

@@ -108,7 +108,7 @@ public:
     /// Whether the hypervisor knows the device or its directory exists.
     virtual bool doesMachineExist(const QString &name) const;
     virtual bool doesMachineExistInHypervisor(const QString &name) const = 0;
-    /// Whether a directory of exactly that name is among the deployed devices.
+    /// Whether a directory of exactly that name is in the devices directory.
     virtual bool doesMachineExistInDir(const QString &name) const;
     /// The host network adapter used for host-only networking.
     virtual QString getAdapterName() const = 0;
