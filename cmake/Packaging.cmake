@@ -16,13 +16,31 @@ if(NOT hv_changelog_head MATCHES "^${HV_RUNTIME_PACKAGE} \\(${PROJECT_VERSION}\\
 endif()
 
 find_program(HV_GZIP gzip REQUIRED)
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/packaging/home)
 set(hv_changelog_gz ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
 add_custom_command(OUTPUT ${hv_changelog_gz}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging
     COMMAND ${HV_GZIP} -9nc ${HV_PACKAGING_DIR}/changelog > ${hv_changelog_gz}
     DEPENDS ${HV_PACKAGING_DIR}/changelog
     COMMENT "Compressing the Debian changelog")
 add_custom_target(hv-changelog ALL DEPENDS ${hv_changelog_gz})
+
+# The manual page and the bash completion are made from hvtool's command
+# table by hvtool itself, in a scratch home of the build tree; the page is
+# dated by the changelog's newest entry, so a rebuild gives the same page.
+file(STRINGS ${HV_PACKAGING_DIR}/changelog hv_changelog_trailer REGEX "^ -- " LIMIT_COUNT 1)
+string(REGEX REPLACE "^.*>  [A-Za-z]+, ([0-9]+ [A-Za-z]+ [0-9]+) .*$" "\\1" hv_manual_date "${hv_changelog_trailer}")
+set(hv_generated ${CMAKE_BINARY_DIR}/packaging)
+set(hv_tool env HV_HOME=${hv_generated}/home $<TARGET_FILE:hvtool>)
+add_custom_command(OUTPUT ${hv_generated}/hvtool.1.gz ${hv_generated}/hvtool.bash
+    COMMAND ${hv_tool} manual --date "${hv_manual_date}" > ${hv_generated}/hvtool.1
+    COMMAND ${HV_GZIP} -9nf ${hv_generated}/hvtool.1
+    COMMAND ${hv_tool} completion bash > ${hv_generated}/hvtool.bash
+    DEPENDS hvtool
+    COMMENT "Making hvtool's manual page and bash completion from its command table")
+add_custom_target(hv-manual ALL DEPENDS ${hv_generated}/hvtool.1.gz ${hv_generated}/hvtool.bash)
+install(FILES ${hv_generated}/hvtool.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+install(FILES ${hv_generated}/hvtool.bash DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
+    RENAME hvtool COMPONENT runtime)
 
 foreach(component IN ITEMS runtime development)
     if(component STREQUAL "runtime")

@@ -7,6 +7,7 @@
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
+#include <QPair>
 #include <QString>
 #include <QStringList>
 
@@ -184,6 +185,11 @@ struct Command {
         return *this;
     }
 };
+
+/// What each exit code means, as help and the manual page say it.
+const QList<QPair<int, QString>> &exitCodeMeanings();
+/// The options every command takes ("--format text|json") and what they do.
+const QList<QPair<QString, QString>> &globalOptions();
 
 /// Every command of the tool; each noun's file adds its own.
 QList<Command> &commands();

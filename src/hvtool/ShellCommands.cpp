@@ -117,6 +117,121 @@ _hvtool() {
 complete -F _hvtool hvtool
 )script";
 
+/// Text as roff shows it literally: backslashes escaped, hyphens as minus
+/// signs (options stay typeable when copied), no line taken for a request.
+QString roff(QString text)
+{
+    text.replace(QLatin1Char('\\'), QLatin1String("\\e")).replace(QLatin1Char('-'), QLatin1String("\\-"));
+    QStringList lines = text.split(QLatin1Char('\n'));
+    for (QString &line : lines) {
+        if (line.startsWith(QLatin1Char('.')) || line.startsWith(QLatin1Char('\'')))
+            line.prepend(QLatin1String("\\&"));
+    }
+    return lines.join(QLatin1Char('\n'));
+}
+
+/// The command's synopsis as a line of text: its words in bold, its
+/// arguments in italics, the options it cannot do without outside brackets.
+QString manualSynopsis(const Command &command)
+{
+    QString line = QStringLiteral("\\fBhvtool ") + roff(command.path.join(QLatin1Char(' '))) + QStringLiteral("\\fR");
+    for (const QString &argument : command.arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+        line += QStringLiteral(" \\fI") + roff(argument) + QStringLiteral("\\fR");
+    for (const QCommandLineOption &option : command.options) {
+        const QString name = option.names().constLast();
+        QString text = QStringLiteral("\\fB\\-\\-") + roff(name) + QStringLiteral("\\fR");
+        if (!option.valueName().isEmpty())
+            text += QStringLiteral(" \\fI") + roff(option.valueName()) + QStringLiteral("\\fR");
+        line += command.required.contains(name) ? QLatin1Char(' ') + text : QStringLiteral(" [") + text + QLatin1Char(']');
+    }
+    return line;
+}
+
+/// One command: its synopsis, what it does, its options and its example.
+QString manualCommand(const Command &command)
+{
+    QString page = QStringLiteral(".TP\n") + manualSynopsis(command) + QLatin1Char('\n') + roff(command.summary)
+        + QLatin1Char('\n');
+    if (!command.details.isEmpty())
+        page += QStringLiteral(".IP\n.nf\n") + roff(command.details) + QStringLiteral("\n.fi\n");
+    if (!command.options.isEmpty()) {
+        page += QStringLiteral(".RS\n");
+        for (const QCommandLineOption &option : command.options) {
+            page += QStringLiteral(".TP\n.B \\-\\-") + roff(option.names().constLast());
+            if (!option.valueName().isEmpty())
+                page += QStringLiteral(" \\fI") + roff(option.valueName()) + QStringLiteral("\\fR");
+            page += QLatin1Char('\n') + roff(option.description()) + QLatin1Char('\n');
+        }
+        page += QStringLiteral(".RE\n");
+    }
+    if (!command.example.isEmpty())
+        page += QStringLiteral(".IP\nExample:\n.RS\n.nf\n") + roff(command.example) + QStringLiteral("\n.fi\n.RE\n");
+    return page;
+}
+
+/// The variables a user may set, and what they change.
+const QList<QPair<QString, QString>> kEnvironment = {
+    {QStringLiteral("HV_HOME"), QStringLiteral("The directory that takes the place of the home directory: the data tree "
+                                               "is made in it (created when missing).")},
+    {QStringLiteral("HV_QEMU_BIN_DIR"), QStringLiteral("The directory of qemu-system-x86_64 and qemu-img, when not "
+                                                       "those on PATH.")},
+    {QStringLiteral("HV_QEMU_START_ARGS"), QStringLiteral("Changes to the emulator's command line, each \"-option=value\" "
+                                                          "(\"-option[index]=value\" for one of several), separated "
+                                                          "by colons; an empty value removes the option.")},
+    {QStringLiteral("HV_QEMU_READY_TIMEOUT_MS"), QStringLiteral("How long a start waits for the emulator to be ready, "
+                                                                "in milliseconds, before it gives up.")},
+    {QStringLiteral("HV_CALL_TIMEOUT_MS"), QStringLiteral("How long a run of a host program (qemu-img) may take, in "
+                                                          "milliseconds.")},
+    {QStringLiteral("HV_CALL_LONG_TIMEOUT_MS"), QStringLiteral("The same for the long runs (converting an image's "
+                                                               "disks).")},
+    {QStringLiteral("HV_HYPERVISOR_WINDOW"), QStringLiteral("When set, devices start with the emulator's own window.")},
+};
+
+/// A section of the page made of tagged paragraphs.
+QString manualList(const QString &section, const QList<QPair<QString, QString>> &entries)
+{
+    QString text = QStringLiteral(".SH ") + section + QLatin1Char('\n');
+    for (const auto &[tag, meaning] : entries)
+        text += QStringLiteral(".TP\n.B ") + roff(tag) + QLatin1Char('\n') + roff(meaning) + QLatin1Char('\n');
+    return text;
+}
+
+/// The whole page: what the tool is, every command, the environment, the
+/// exit codes.
+QString manualPage(const QString &date)
+{
+    QString page = QStringLiteral(".TH HVTOOL 1 \"%1\" \"hvtool %2\" \"User Commands\"\n").arg(date, QStringLiteral(HVTOOL_VERSION))
+        + QStringLiteral(".SH NAME\nhvtool \\- create and run Android virtual devices\n"
+                         ".SH SYNOPSIS\n.B hvtool\n.I noun verb\n.RI [ arguments ]\n.RI [ options ]\n"
+                         ".SH DESCRIPTION\n"
+                         "hvtool creates Android virtual devices from OS images and hardware profiles, and starts "
+                         "(cold, or quick boot from the saved state), stops, snapshots, clones, resets and deletes "
+                         "them. A device is a directory of copy\\-on\\-write disks and a record; a running device is "
+                         "a detached QEMU emulator controlled over a private socket.\n"
+                         ".SH COMMANDS\n");
+    QString noun;
+    for (const Command &command : commands()) {
+        if (command.path.first() != noun) {
+            noun = command.path.first();
+            page += QStringLiteral(".SS ") + roff(noun) + QLatin1Char('\n');
+        }
+        page += manualCommand(command);
+    }
+    QList<QPair<QString, QString>> exitCodes;
+    for (const auto &[code, meaning] : exitCodeMeanings())
+        exitCodes.append({QString::number(code), meaning});
+    return page + manualList(QStringLiteral("OPTIONS"), globalOptions())
+        + manualList(QStringLiteral("ENVIRONMENT"), kEnvironment)
+        + manualList(QStringLiteral("EXIT STATUS"), exitCodes)
+        + QStringLiteral(".SH SEE ALSO\n.BR qemu\\-system\\-x86_64 (1),\n.BR qemu\\-img (1),\n.BR adb (1)\n");
+}
+
+int manual(Context &ctx)
+{
+    const QString page = manualPage(ctx.value(QStringLiteral("date")));
+    return ctx.show({QJsonObject{{"page", page}}, {}, {}, {page.chopped(1)}});
+}
+
 int completion(Context &ctx)
 {
     if (ctx.arg(0) != QLatin1String("bash"))
@@ -132,7 +247,13 @@ int completion(Context &ctx)
 void addShellCommands()
 {
     commands() << Command({QStringLiteral("completion")}, QStringLiteral("SHELL"),
-                          QStringLiteral("Print the shell completion script (bash)."), {}, 1, 1, completion);
+                          QStringLiteral("Print the shell completion script (bash)."), {}, 1, 1, completion)
+                       .withExample(QStringLiteral("hvtool completion bash > ~/.local/share/bash-completion/completions/hvtool"))
+               << Command({QStringLiteral("manual")}, QString(),
+                          QStringLiteral("Print the manual page (roff), as it is installed as hvtool(1)."),
+                          {{QStringLiteral("date"), QStringLiteral("The date on the page's title line."), QStringLiteral("DATE")}},
+                          0, 0, manual)
+                       .withExample(QStringLiteral("hvtool manual | man -l -"));
 }
 
 } // namespace hvtool
