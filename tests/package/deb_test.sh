@@ -32,7 +32,10 @@ git reset -q --hard HEAD~1
 scripts/package --out "$out"
 ls "$out"/hvtool_*_amd64.deb "$out"/libhalvistrom-core-dev_*_amd64.deb
 [ "$(ls -A "$out" | wc -l)" -eq 2 ] || { echo "FAIL: expected two packages in $out: $(ls -A "$out")"; exit 1; }
-dpkg-deb -c "$out"/hvtool_*.deb | grep -q ' ./usr/share/doc/hvtool/copyright$'
-dpkg-deb -c "$out"/libhalvistrom-core-dev_*.deb | grep -q ' ./usr/lib/x86_64-linux-gnu/pkgconfig/halvistrom-core.pc$'
+contents=$(for deb in "$out"/*.deb; do dpkg-deb -c "$deb"; done)
+for file in usr/share/doc/hvtool/copyright usr/share/man/man1/hvtool.1.gz usr/share/bash-completion/completions/hvtool \
+            usr/lib/x86_64-linux-gnu/pkgconfig/halvistrom-core.pc usr/include/HalvistromCore/VMToolsEngine.h; do
+    grep -q " ./$file\$" <<<"$contents" || { echo "FAIL: no $file in the packages"; exit 1; }
+done
 rm -rf "$work"
 echo "package_deb: ok"
