@@ -21,13 +21,6 @@
 namespace hvtool {
 namespace {
 
-QString sizeText(qint64 bytes)
-{
-    if (bytes >= (qint64(1) << 30))
-        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral(" GiB");
-    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral(" MiB");
-}
-
 int list(Context &ctx)
 {
     return Catalog::printList(ctx, OsImageRegistry::images(), OsImageIO::toJsonObject,
@@ -77,7 +70,8 @@ int report(Context &ctx, const OsImageRegistry::Registration &registration)
     if (registration.outcome != Outcome::Registered)
         return ctx.fail(registration.outcome == Outcome::AlreadyRegistered ? Conflict : Failed, registration.reason);
     const OsImage &image = registration.entry.value;
-    return ctx.show({OsImageIO::toJsonObject(image), {}, {}, {Catalog::bareUuid(image.uuid)}});
+    return ctx.done(OsImageIO::toJsonObject(image),
+                    QStringLiteral("added image '%1' (%2)").arg(image.name, Catalog::bareUuid(image.uuid)));
 }
 
 /// The image an OVA is, as the options describe it.
@@ -147,10 +141,9 @@ int remove(Context &ctx)
     }
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
-    return ctx.show({QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"removed", true}},
-                     {},
-                     {},
-                     {QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name)}});
+    return ctx.done(QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"name", found.value.name},
+                                {"removed", true}},
+                    QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name));
 }
 
 } // namespace
@@ -166,9 +159,16 @@ void addImageCommands()
                           "Register an OS image: a record (.json) or an OVA archive (.ova, with --android), a file "
                           "or at an http(s) address (its OVA is then downloaded).",
                           addOptions, 1, 1, add}
+                          .withExample("hvtool image add android-11.ova --android 11.0")
                << Command{{"image", "list"}, {}, "List the registered OS images.", {}, 0, 0, list}
+                          .withExample("hvtool image list")
                << Command{{"image", "show"}, "ID", "Show one image (ID: uuid, name or file).", {}, 1, 1, show}
-               << Command{{"image", "remove"}, "ID", "Forget a registered image and remove its reference disks (the OVA stays); refused while devices use it.", {}, 1, 1, remove};
+                          .withExample("hvtool image show \"Android 11.0\"")
+               << Command{{"image", "remove"}, "ID",
+                          "Forget a registered image and remove its reference disks (the OVA stays); refused while "
+                          "devices use it.",
+                          {}, 1, 1, remove}
+                          .withExample("hvtool image remove \"Android 11.0\"");
 }
 
 } // namespace hvtool

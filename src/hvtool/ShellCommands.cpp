@@ -2,6 +2,8 @@
 // table, so that what completes is what the tool takes.
 #include "Command.h"
 
+#include "Paths.h"
+
 #include <QJsonObject>
 #include <QMap>
 
@@ -12,11 +14,13 @@ namespace {
 /// names are listed ("hvtool NOUN list --format json" gives each as "name").
 const QStringList kNamedNouns = {QStringLiteral("device"), QStringLiteral("image"), QStringLiteral("profile")};
 
-/// The noun whose existing names the command's first argument takes; empty
-/// when it takes a new name, a file or nothing.
+/// The noun whose existing names (for settings, keys) the command's first
+/// argument takes; empty when it takes a new name, a file or nothing.
 QString namedNoun(const Command &command)
 {
     const QString noun = command.path.value(0);
+    if (noun == QLatin1String("settings") && command.arguments.startsWith(QLatin1String("KEY")))
+        return noun;
     if (!kNamedNouns.contains(noun) || command.maxArgs == 0)
         return QString();
     // Every device verb whose first argument is a NAME names one that exists,
@@ -68,8 +72,11 @@ QString levelFunction()
     QString levels;
     for (auto it = next.cbegin(); it != next.cend(); ++it)
         levels += levelLine(it.key(), it.value(), {}, {}, QString());
+    QStringList keys;
+    for (const SettingKey &setting : settingKeys())
+        keys << setting.key;
     return QStringLiteral("_hvtool_level() {\n    case $1 in\n") + levels + leaves
-        + QStringLiteral("    esac\n}\n");
+        + QStringLiteral("    esac\n}\n\n_hvtool_setting_keys='%1'\n").arg(keys.join(QLatin1Char(' ')));
 }
 
 // The part of the script that does not depend on the table. The names come
@@ -109,6 +116,8 @@ _hvtool() {
         COMPREPLY=($(compgen -W "$opts --format --verbose --help" -- "$cur"))
     elif [[ -n $words ]]; then
         COMPREPLY=($(compgen -W "$words" -- "$cur"))
+    elif ((args == 0)) && [[ $noun == settings ]]; then
+        COMPREPLY=($(compgen -W "$_hvtool_setting_keys" -- "$cur"))
     elif ((args == 0)) && [[ -n $noun ]]; then
         _hvtool_names "$noun"
     fi
@@ -187,6 +196,29 @@ const QList<QPair<QString, QString>> kEnvironment = {
     {QStringLiteral("HV_HYPERVISOR_WINDOW"), QStringLiteral("When set, devices start with the emulator's own window.")},
 };
 
+/// Where the tool keeps things, as the user's home names them (the page is
+/// made with a scratch home).
+QList<QPair<QString, QString>> manualFiles()
+{
+    const QString home = Paths::getHomePath();
+    const auto tilde = [&](const QString &path) {
+        return QStringLiteral("~") + path.mid(home.size()) + (path.endsWith(QLatin1Char('/')) ? "" : "/");
+    };
+    return {
+        {tilde(Paths::getHalvistromPath()), QStringLiteral("The data tree, private to the user: settings.json and "
+                                                           "everything below. With HV_HOME set, it is under $HV_HOME "
+                                                           "instead of the home directory.")},
+        {tilde(Paths::getUserOsImagePath()), QStringLiteral("The records of the registered OS images.")},
+        {tilde(Paths::getOvaPath()), QStringLiteral("Downloaded OS images (OVA archives).")},
+        {tilde(Paths::getUserHwProfilePath()), QStringLiteral("The user's hardware profiles.")},
+        {tilde(Paths::getDeployedPath()), QStringLiteral("The devices, a directory each (its disks and "
+                                                         "shared/config/device.json), unless the setting "
+                                                         "virtual_devices.directory names another directory.")},
+        {QStringLiteral("$XDG_RUNTIME_DIR/halvistrom/"), QStringLiteral("The control sockets of running devices, "
+                                                                        "reachable by the user only.")},
+    };
+}
+
 /// A section of the page made of tagged paragraphs.
 QString manualList(const QString &section, const QList<QPair<QString, QString>> &entries)
 {
@@ -220,8 +252,12 @@ QString manualPage(const QString &date)
     QList<QPair<QString, QString>> exitCodes;
     for (const auto &[code, meaning] : exitCodeMeanings())
         exitCodes.append({QString::number(code), meaning});
+    QList<QPair<QString, QString>> settings;
+    for (const SettingKey &setting : settingKeys())
+        settings.append({setting.key, setting.description});
     return page + manualList(QStringLiteral("OPTIONS"), globalOptions())
-        + manualList(QStringLiteral("ENVIRONMENT"), kEnvironment)
+        + manualList(QStringLiteral("SETTINGS"), settings) + manualList(QStringLiteral("ENVIRONMENT"), kEnvironment)
+        + manualList(QStringLiteral("FILES"), manualFiles())
         + manualList(QStringLiteral("EXIT STATUS"), exitCodes)
         + QStringLiteral(".SH SEE ALSO\n.BR qemu\\-system\\-x86_64 (1),\n.BR qemu\\-img (1),\n.BR adb (1)\n");
 }
