@@ -407,7 +407,8 @@ bool Transfer::onData(const Download::Progress &progress)
         }
         QString error;
         if (!m_part->append(buffer.constData(), n, &error)) {
-            stop(End::Failed, error);
+            // A disk that filled up gets its space back at once.
+            stop(End::Refused, error);
             return false;
         }
         m_result->fetched += n;
@@ -537,6 +538,8 @@ Result complete(const Download::File &file, PartFile *part, Result result)
         return failed(result, error);
     result.size = part->size();
     result.outcome = Result::Outcome::Done;
+    qCDebug(hvFoundationLog) << "Downloaded" << file.url.toString() << "to" << file.target << "," << result.fetched
+                             << "bytes fetched, sha-256" << result.sha256;
     return result;
 }
 

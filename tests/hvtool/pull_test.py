@@ -199,7 +199,8 @@ http {{
         self.hv("profile", "create", "p", "--ram", "256")
         missing = self.hv("device", "create", "d", "--image", uuid, "--profile", "p", expect=3)
         self.assertIn("is not on this machine: '%s'; download it with --pull" % (self.ova_dir / "u.ova"), missing.stderr)
-        both = [subprocess.Popen([HVTOOL, *args], env=self.env, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        both = [subprocess.Popen([HVTOOL, *args], env=self.env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 stderr=subprocess.DEVNULL)
                 for args in (["device", "create", "d", "--image", uuid, "--profile", "p", "--pull"],
                              ["image", "pull", uuid])]
         self.assertEqual([p.wait(60) for p in both], [0, 0])
@@ -254,8 +255,15 @@ http {{
         try:
             full = self.hv("image", "pull", "Catalogued", expect=1)
             self.assertIn("not enough free space in '%s': 'c.ova' needs 8.1 MiB more" % self.ova_dir, full.stderr)
+            # A file of no declared size fills the disk: its part goes at once.
+            filled = self.hv("image", "add", "http://127.0.0.1:%d/big/o.ova" % port, "--android", "11.0", expect=1)
+            self.assertIn("No space left on device; the partial file was removed", filled.stderr)
+            self.assertEqual(sorted(p.name for p in self.ova_dir.iterdir()), ["c.ova.lock", "o.ova.lock"])
         finally:
             subprocess.run(["umount", str(self.ova_dir)], check=True)
+        self.hv("image", "add", "http://127.0.0.1:%d/ok/o.ova" % port, "--android", "11.0")
+        self.assertEqual(json.loads(self.hv("image", "list", "--format", "json").stdout)[0]["image_uri"],
+                         "http://127.0.0.1:%d/ok/o.ova" % port)
         self.hv("image", "pull", "Catalogued")
         self.assertEqual(json.loads(self.hv("image", "available", "--format", "json").stdout)[0]["registered"], True)
 
