@@ -7,6 +7,8 @@
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
+#include <QPair>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -172,6 +174,9 @@ struct Command {
     /// line shows them without brackets and a command line without them is
     /// refused with exit 2.
     QStringList required;
+    /// Options whose value may be left out (by long name), with the value
+    /// they then take: "--wait" followed by no whole number is "--wait 300".
+    QMap<QString, QString> optionalValues;
 
     Command &withExample(const QString &line)
     {
@@ -188,8 +193,17 @@ struct Command {
         required = options;
         return *this;
     }
+    Command &withOptionalValue(const QString &option, const QString &value)
+    {
+        optionalValues.insert(option, value);
+        return *this;
+    }
 };
 
+/// What each exit code means, as help and the manual page say it.
+const QList<QPair<int, QString>> &exitCodeMeanings();
+/// The options every command takes ("--format text|json") and what they do.
+const QList<QPair<QString, QString>> &globalOptions();
 /// A setting that 'hvtool settings' lists and lets the user change.
 struct SettingKey {
     QString key;
@@ -210,7 +224,10 @@ void addProfileCommands();
 void addImageCommands();
 void addPullCommands();
 void addDeviceCommands();
+/// 'device wait'.
+void addWaitCommand();
 void addDoctorCommand();
+void addShellCommands();
 
 /// Parses the command line, runs the command and returns the exit code.
 int runCommandLine(const QStringList &arguments);
