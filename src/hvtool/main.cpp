@@ -17,5 +17,6 @@ int main(int argc, char **argv)
     hvtool::addPullCommands();
     hvtool::addDeviceCommands();
     hvtool::addDoctorCommand();
+    hvtool::addShellCommands();
     return hvtool::runCommandLine(QCoreApplication::arguments());
 }

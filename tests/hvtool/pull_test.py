@@ -50,7 +50,8 @@ def record(number, url, data, **changes):
 
 
 class Faults(http.server.BaseHTTPRequestHandler):
-    """/ok, /cut (the first answer ends half-way), /stall (half, then
+    """/ok, /cut (the first answer ends half-way; /short without saying its
+    length), /stall (half, then
     nothing), /big (more bytes than the record declares), /loop (redirects
     to itself) and /doc/NAME (the documents the test put there)."""
     protocol_version = "HTTP/1.1"
@@ -67,17 +68,17 @@ class Faults(http.server.BaseHTTPRequestHandler):
             return self.end_headers()
         if kind == "doc":
             return self.send(200, self.server.docs[name], len(self.server.docs[name]))
-        if kind not in ("ok", "cut", "stall", "big"):
+        if kind not in ("ok", "cut", "short", "stall", "big"):
             return self.send_error(404)
         data = self.server.ova + (b"x" * 4096 if kind == "big" else b"")
         start = int(self.headers.get("Range", "bytes=0-")[6:].rstrip("-"))
         body = data[start:] if self.headers.get("If-Range") == '"v1"' or start == 0 else data
         if len(body) == len(data):
             start = 0
-        if kind in ("cut", "stall") and start == 0:
+        if kind in ("cut", "short", "stall") and start == 0:
             body = body[:len(data) // 2]
         self.server.served.append((kind, start, len(body)))
-        self.send(206 if start else 200, body, None if kind == "big" else len(data) - start, start, len(data))
+        self.send(206 if start else 200, body, None if kind in ("big", "short") else len(data) - start, start, len(data))
         if kind == "stall":
             time.sleep(5)
 
@@ -240,8 +241,11 @@ http {{
         self.assertEqual(self.faults.served, [("cut", 0, len(self.ova) // 2),
                                               ("cut", len(self.ova) // 2, len(self.ova) - len(self.ova) // 2)])
         self.assertEqual((self.ova_dir / "t.ova").read_bytes(), self.ova)
+        self.hv("image", "add", self.publish("short.json", record(2, url.replace("t.ova", "s.ova") % "short", self.ova)))
+        self.assertEqual(self.faults.served[2:], [("short", 0, len(self.ova) // 2),
+                                                  ("short", len(self.ova) // 2, len(self.ova) - len(self.ova) // 2)])
 
-    def test_catalogue_and_full_disk(self):
+    def test_catalogue_and_ova_address(self):
         port = self.faults.server_address[1]
         good = record(3, "http://127.0.0.1:%d/ok/c.ova" % port, self.ova, name="Catalogued")
         self.hv("settings", "set", "images.catalogue_url", self.publish("catalogue.json", [
@@ -251,16 +255,6 @@ http {{
         self.assertIn("skipped record 2 of the catalogue (Elsewhere)", listed.stderr)
         self.assertIn("skipped record 3 of the catalogue (no name)", listed.stderr)
 
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(self.ova_dir)], check=True)
-        try:
-            full = self.hv("image", "pull", "Catalogued", expect=1)
-            self.assertIn("not enough free space in '%s': 'c.ova' needs 8.1 MiB more" % self.ova_dir, full.stderr)
-            # A file of no declared size fills the disk: its part goes at once.
-            filled = self.hv("image", "add", "http://127.0.0.1:%d/big/o.ova" % port, "--android", "11.0", expect=1)
-            self.assertIn("No space left on device; the partial file was removed", filled.stderr)
-            self.assertEqual(sorted(p.name for p in self.ova_dir.iterdir()), ["c.ova.lock", "o.ova.lock"])
-        finally:
-            subprocess.run(["umount", str(self.ova_dir)], check=True)
         self.hv("image", "add", "http://127.0.0.1:%d/ok/o.ova" % port, "--android", "11.0")
         self.assertEqual(json.loads(self.hv("image", "list", "--format", "json").stdout)[0]["image_uri"],
                          "http://127.0.0.1:%d/ok/o.ova" % port)
@@ -269,6 +263,23 @@ http {{
 
         self.hv("settings", "set", "images.catalogue_url", self.publish("broken.json", b"<html>"))
         self.assertIn("is not a JSON array of image records", self.hv("image", "available", expect=1).stderr)
+
+    @unittest.skipIf(os.geteuid() != 0, "mounting a tmpfs to fill up needs root")
+    def test_full_disk(self):
+        port = self.faults.server_address[1]
+        self.hv("settings", "list")  # makes the OVA directory
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(self.ova_dir)], check=True)
+        try:
+            declared = self.publish("c.json", record(5, "http://127.0.0.1:%d/ok/c.ova" % port, self.ova))
+            full = self.hv("image", "add", declared, expect=1)
+            self.assertIn("not enough free space in '%s': 'c.ova' needs 8.1 MiB more" % self.ova_dir, full.stderr)
+            # A file of no declared size fills the disk: its part goes at once.
+            filled = self.hv("image", "add", "http://127.0.0.1:%d/big/o.ova" % port, "--android", "11.0", expect=1)
+            self.assertIn("No space left on device; the partial file was removed", filled.stderr)
+            self.assertEqual(sorted(p.name for p in self.ova_dir.iterdir()), ["c.ova.lock", "o.ova.lock"])
+        finally:
+            subprocess.run(["umount", str(self.ova_dir)], check=True)
+        self.assertEqual(json.loads(self.hv("image", "list", "--format", "json").stdout), [])
 
 
 if __name__ == "__main__":
