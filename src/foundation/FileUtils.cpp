@@ -82,6 +82,45 @@ QByteArray FileUtils::loadFile(const QString &path)
     return content;
 }
 
+QByteArray FileUtils::loadFile(const QString &path, qint64 maxSize, QString *error)
+{
+    error->clear();
+    // Not blocking: a FIFO in the file's place must not hang the reader.
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+        return QByteArray();
+    }
+    QByteArray content;
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+    } else if (!S_ISREG(st.st_mode)) {
+        *error = QStringLiteral("not a regular file");
+    } else if (st.st_size > maxSize) {
+        *error = QStringLiteral("holds %1 bytes, more than %2").arg(st.st_size).arg(maxSize);
+    } else {
+        // One byte more than it holds, to see the end in the same read.
+        content.resize(int(st.st_size) + 1);
+        qint64 done = 0;
+        ssize_t got;
+        while ((got = ::read(fd, content.data() + done, size_t(content.size() - done))) != 0) {
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got < 0 || (done += got) > maxSize) {
+                *error = got < 0 ? QString::fromLocal8Bit(std::strerror(errno))
+                                 : QStringLiteral("grew past %1 bytes").arg(maxSize);
+                break;
+            }
+            if (done == content.size())
+                content.resize(int(qMin<qint64>(done * 2, maxSize + 1)));
+        }
+        content.resize(error->isEmpty() ? int(done) : 0);
+    }
+    ::close(fd);
+    return content;
+}
+
 QJsonDocument FileUtils::loadJson(const QString &path)
 {
     QJsonParseError error;

@@ -23,6 +23,11 @@ public:
     static QByteArray loadFile(const QString &path);
     /// The parsed content; a null document on failure.
     static QJsonDocument loadJson(const QString &path);
+    /// The whole content of the regular file at path when it holds at most
+    /// maxSize bytes; otherwise empty, with *error saying why ("No such file
+    /// or directory", "holds N bytes, more than M"). Nothing is logged. One
+    /// open, one status and the reads: cheap enough for a thousand records.
+    static QByteArray loadFile(const QString &path, qint64 maxSize, QString *error);
     /// Replaces the file at path with content, all or nothing: the old file
     /// stays as it was unless the new content is complete and flushed to
     /// disk. The file is readable by its owner only. On failure one critical

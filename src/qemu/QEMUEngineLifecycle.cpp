@@ -613,7 +613,11 @@ QString QEMUEngine::brokenReason(const QString &path) const
     const QString config = record.getConfigFilePath();
     if (!QFileInfo::exists(config))
         return QStringLiteral("it has no device configuration file '%1'").arg(config);
-    if (!FileUtils::loadJson(config).isObject())
+    QString why;
+    const QByteArray content = VMToolsMachine::readConfigFile(config, &why);
+    if (!why.isEmpty())
+        return QStringLiteral("its device configuration file '%1' cannot be read: %2").arg(config, why);
+    if (!QJsonDocument::fromJson(content).isObject())
         return QStringLiteral("its device configuration file '%1' is not a JSON object").arg(config);
     const QString problem = record.VMToolsMachine::load() ? record.recordProblem() : QString();
     if (!problem.isEmpty())

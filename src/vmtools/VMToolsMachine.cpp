@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QJsonParseError>
 
 #include <cstring>
 #include <dirent.h>
@@ -87,6 +88,11 @@ QString VMToolsMachine::configFilePath(const QString &deviceDir)
     return deviceDir + QLatin1String(kConfigDir) + QLatin1Char('/') + QLatin1String(kConfigFileName);
 }
 
+QByteArray VMToolsMachine::readConfigFile(const QString &path, QString *why)
+{
+    return FileUtils::loadFile(path, kMaxConfigFileSize, why);
+}
+
 bool VMToolsMachine::hasConfigFile() const
 {
     return QFile::exists(getConfigFilePath());
@@ -95,18 +101,17 @@ bool VMToolsMachine::hasConfigFile() const
 bool VMToolsMachine::load()
 {
     const QString path = getConfigFilePath();
-    const QFileInfo info(path);
-    if (!info.exists()) {
-        qCWarning(hvEngineLog) << "[VMTools]" << "Missing device configuration file" << path;
+    QString why;
+    const QByteArray content = readConfigFile(path, &why);
+    if (!why.isEmpty()) {
+        qCWarning(hvEngineLog) << "[VMTools]" << "Cannot read the device configuration file" << path << ":" << why;
         return false;
     }
-    if (info.size() > kMaxConfigFileSize) {
-        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration file is too large:" << path << info.size();
-        return false;
-    }
-    const QJsonDocument document = FileUtils::loadJson(path);
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(content, &parseError);
     if (!document.isObject()) {
-        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration file does not hold a JSON object:" << path;
+        qCWarning(hvEngineLog) << "[VMTools]" << "Device configuration file does not hold a JSON object:" << path
+                               << (parseError.error == QJsonParseError::NoError ? QString() : parseError.errorString());
         return false;
     }
     QJsonObject top = document.object();

@@ -251,6 +251,10 @@ public:
     QString getConfigFilePath() const;
     /// Path of device.json of the device whose directory is deviceDir.
     static QString configFilePath(const QString &deviceDir);
+    /// The content of the device record at path, when it is a regular file of
+    /// a sane size (never waiting on a FIFO in its place); empty, with *why,
+    /// otherwise.
+    static QByteArray readConfigFile(const QString &path, QString *why);
     bool isUpgrading() const;
     /// Writes or removes the marker of an unfinished system upgrade.
     bool setUpgrading(bool upgrading);
