@@ -3,6 +3,7 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "ProfileFields.h"
 #include "Progress.h"
 
 #include "HwProfileIO.h"
@@ -17,6 +18,7 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -172,22 +174,86 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     return result.get();
 }
 
-/// Finds the image and the profile that --image and --profile name;
-/// Success, or the exit code of the failure it reported.
-int findRecords(Context &ctx, Stored<OsImage> *image, Stored<HwProfile> *profile)
+/// Whether a is a newer image than b: a later Android, then a later image
+/// version, then a later build.
+bool newerImage(const OsImage &a, const OsImage &b)
 {
-    const QString imageId = ctx.value(QStringLiteral("image"));
-    const QString profileId = ctx.value(QStringLiteral("profile"));
-    if (imageId.isEmpty() || profileId.isEmpty())
-        return ctx.fail(Usage, QStringLiteral("device create needs --image ID and --profile ID"));
-    int code = Catalog::findOne(ctx, QStringLiteral("image"), imageId, OsImageRegistry::find(imageId), image);
-    if (code == Success)
-        code = Catalog::findOne(ctx, QStringLiteral("profile"), profileId, HwProfileRegistry::find(profileId), profile);
+    if (a.osVersion != b.osVersion)
+        return b.osVersion < a.osVersion;
+    if (a.imageVersion != b.imageVersion)
+        return b.imageVersion < a.imageVersion;
+    return a.buildDate > b.buildDate;
+}
+
+QString imageText(const OsImage &image)
+{
+    return QStringLiteral("'%1' (Android %2, %3)")
+        .arg(image.name, image.osVersion.toString(), Catalog::bareUuid(image.uuid));
+}
+
+/// The image a create without --image uses: the only one, else the newest,
+/// which it names; Usage when two are equally new, NotFound when none.
+int defaultImage(Context &ctx, Stored<OsImage> *image)
+{
+    QList<Stored<OsImage>> all = OsImageRegistry::images();
+    if (all.isEmpty())
+        return ctx.fail(NotFound, QStringLiteral("there is no OS image yet: add one with 'hvtool image add FILE'"));
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Stored<OsImage> &a, const Stored<OsImage> &b) { return newerImage(a.value, b.value); });
+    if (all.size() > 1 && !newerImage(all.at(0).value, all.at(1).value))
+        return ctx.fail(Usage, QStringLiteral("images %1 and %2 are equally new; name one with --image")
+                                   .arg(imageText(all.at(0).value), imageText(all.at(1).value)));
+    *image = all.first();
+    ctx.note(all.size() == 1 ? QStringLiteral("using image %1, the only one").arg(imageText(image->value))
+                             : QStringLiteral("using image %1, the newest of %2; another one with --image ID")
+                                   .arg(imageText(image->value))
+                                   .arg(all.size()));
+    return Success;
+}
+
+/// The image a create uses: the one --image names, else the default one;
+/// Success, or the exit code of the failure it reported.
+int chooseImage(Context &ctx, Stored<OsImage> *image)
+{
+    const QString id = ctx.value(QStringLiteral("image"));
+    const int code = ctx.isSet(QStringLiteral("image")) ? Catalog::findOne(ctx, QStringLiteral("image"), id,
+                                                                           OsImageRegistry::find(id), image)
+                                                        : defaultImage(ctx, image);
     if (code != Success)
         return code;
     if (!image->value.isImageAvailableLocally())
         return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
                                       .arg(image->value.name, image->value.getLocalPath()));
+    return Success;
+}
+
+/// The profile a create uses: the one --profile names, else the built-in
+/// phone, which it names; with --cpus, --ram, --data-disk and --sdcard
+/// applied.
+int chooseProfile(Context &ctx, HwProfile *profile)
+{
+    if (ctx.isSet(QStringLiteral("profile"))) {
+        const QString id = ctx.value(QStringLiteral("profile"));
+        Stored<HwProfile> found;
+        const int code = Catalog::findOne(ctx, QStringLiteral("profile"), id, HwProfileRegistry::find(id), &found);
+        if (code != Success)
+            return code;
+        *profile = found.value;
+    } else {
+        *profile = HwProfileRegistry::defaultProfile();
+    }
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        const QString key = QString::fromLatin1(field.key);
+        const QString refusal = field.device && ctx.isSet(key) ? ProfileFields::apply(key, ctx.value(key), profile)
+                                                               : QString();
+        if (!refusal.isEmpty())
+            return ctx.fail(Usage, QStringLiteral("--") + refusal);
+    }
+    if (!ctx.isSet(QStringLiteral("profile")))
+        ctx.note(QStringLiteral("using profile '%1' (CPUs %2, memory %3 MB); another one with --profile ID")
+                     .arg(profile->getModel())
+                     .arg(profile->cpuCount)
+                     .arg(profile->ramSize));
     return Success;
 }
 
@@ -199,18 +265,20 @@ int create(Context &ctx)
                                               "'-' and spaces, at most 64")
                                    .arg(name));
     Stored<OsImage> image;
-    Stored<HwProfile> profile;
-    int code = findRecords(ctx, &image, &profile);
+    HwProfile profile;
+    int code = chooseImage(ctx, &image);
+    if (code == Success)
+        code = chooseProfile(ctx, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
     if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
     QString error;
-    if (createWithProgress(e, name, image.value, profile.value, &error) != 0)
+    if (createWithProgress(e, name, image.value, profile, &error) != 0)
         return ctx.fail(Failed, QStringLiteral("could not create device '%1': %2").arg(name, error));
-    return ctx.show({describeByName(e, name), {}, {}, {QStringLiteral("created device '%1' in %2 s")
-                                                          .arg(name, QString::number(timer.elapsed() / 1000.0, 'f', 2))}});
+    return ctx.done(describeByName(e, name),
+                    QStringLiteral("created device '%1' in %2 s").arg(name, secondsText(timer.elapsed())));
 }
 
 /// Calls work(i) for every i below count, spread over the host's cores when
@@ -264,20 +332,26 @@ QString listLeftovers(Context &ctx, VMToolsEngine *e, Output *output)
              all ? QString() : QStringLiteral("see them with 'hvtool device list --all', "));
 }
 
-/// Every device described, in the order of names, and the broken ones with
+/// Every device described, in the order of names, then the broken ones with
 /// their reasons.
-Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
+Output listDevices(VMToolsEngine *e)
 {
-    std::vector<MachinePtr> machines;
-    for (VMToolsMachine *machine : e->getMachines({}, broken))
-        machines.emplace_back(machine);
-    // Each device is described on its own: nothing is shared but the
-    // engine's read-only settings.
-    std::vector<QJsonObject> described(machines.size());
-    forEachInParallel(int(machines.size()), [&](int i) { described[size_t(i)] = describe(e, *machines[size_t(i)]); });
+    // Each device is loaded and described on its own: nothing is shared but
+    // the engine's read-only settings.
+    const QStringList names = e->getMachineNames();
+    std::vector<QJsonObject> described(size_t(names.size()));
+    std::vector<QString> broken(size_t(names.size()));
+    forEachInParallel(names.size(), [&](int i) {
+        if (MachinePtr machine{e->getMachine(names[i])})
+            described[size_t(i)] = describe(e, *machine);
+        else
+            broken[size_t(i)] = e->brokenMachineReason(names[i]);
+    });
     Output output;
     QJsonArray array;
     for (const QJsonObject &object : described) {
+        if (object.isEmpty())
+            continue;
         array.append(object);
         output.rows << QStringList{object.value("name").toString(), object.value("status").toString(),
                                    object.value("android_version").toString(), object.value("adb_serial").toString(),
@@ -289,12 +363,15 @@ Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
     }
     // A directory that holds no usable device is shown too, with the
     // reason, so that the user sees what takes its name and can remove it.
-    for (const BrokenMachine &machine : *broken) {
-        array.append(QJsonObject{{"name", machine.name}, {"status", "Broken"}, {"reason", machine.reason},
-                                 {"path", machine.path}});
-        output.rows << QStringList{machine.name, QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
+    for (int i = 0; i < names.size(); ++i) {
+        const QString &reason = broken[size_t(i)];
+        if (reason.isEmpty())
+            continue;
+        array.append(QJsonObject{{"name", names[i]}, {"status", "Broken"}, {"reason", reason},
+                                 {"path", e->getDevicesDirectory().absoluteFilePath(names[i])}});
+        output.rows << QStringList{names[i], QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
                                    QString()};
-        output.lines << brokenText(machine.name, machine.reason);
+        output.lines << brokenText(names[i], reason);
     }
     output.json = array;
     return output;
@@ -306,8 +383,7 @@ int list(Context &ctx)
     VMToolsEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    QList<BrokenMachine> broken;
-    Output output = listDevices(e, &broken);
+    Output output = listDevices(e);
     output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"};
     const QString leftovers = listLeftovers(ctx, e, &output);
     if (!leftovers.isEmpty())
@@ -636,7 +712,8 @@ int snapshotDelete(Context &ctx)
     if (!ctx.engine()->deleteSnapshot(&machine, ctx.arg(1)))
         return ctx.fail(Failed, QStringLiteral("could not delete snapshot '%1' of device '%2'")
                                     .arg(ctx.arg(1), machine.getName()));
-    return Success;
+    return ctx.done(QJsonObject{{"name", machine.getName()}, {"snapshot", ctx.arg(1)}, {"deleted", true}},
+                    QStringLiteral("deleted snapshot '%1' of device '%2'").arg(ctx.arg(1), machine.getName()));
 }
 
 /// Refuses a clone whose new name is taken or whose source cannot be copied
@@ -691,8 +768,10 @@ int reset(Context &ctx)
     const QStringList snapshots = ctx.engine()->fetchSnapshotNames(&machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
-    if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.")
+                                            .arg(name),
+                                        QStringLiteral("device '%1' not reset").arg(name)))
+        return refused;
     const VMToolsEngine::ResetResult result = ctx.engine()->resetDevice(&machine);
     if (result == VMToolsEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
@@ -747,8 +826,10 @@ int cleanup(Context &ctx)
 /// Deletes a device directory that holds no usable device.
 int removeBroken(Context &ctx, VMToolsEngine *e, const QString &name, const QString &reason)
 {
-    if (!ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?").arg(name, reason)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?")
+                                            .arg(name, reason),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteBrokenMachine(name))
         return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -762,8 +843,9 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
         return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
-    if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteMachine(machine.get()))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -911,7 +993,11 @@ int set(Context &ctx)
         if (!applyChange(machine, change))
             return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, machine.getName()));
     }
-    return ctx.show({describe(ctx.engine(), machine), {}, {}, {}});
+    QStringList changed;
+    for (const QString &item : ctx.args().mid(1))
+        changed << item;
+    return ctx.done(describe(ctx.engine(), machine),
+                    QStringLiteral("set %1 of device '%2'").arg(changed.join(QLatin1String(", ")), machine.getName()));
 }
 
 /// A verb of the noun "device".
@@ -967,16 +1053,31 @@ void addRunCommands()
                          1, 1, stop, DeviceUse::Change, DeviceState::Running);
 }
 
+/// The options of 'device create': what it is made from, and the sizes that
+/// override its profile's.
+QList<QCommandLineOption> createOptions()
+{
+    QList<QCommandLineOption> options = {
+        {"image", "OS image (name, uuid or record file); by default the only one, or the newest.", "ID"},
+        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"}};
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        if (field.device)
+            options << QCommandLineOption(QString::fromLatin1(field.key),
+                                          ProfileFields::help(field) + QStringLiteral(" Overrides the profile's."),
+                                          QString::fromLatin1(field.valueName));
+    }
+    return options;
+}
+
 } // namespace
 
 void addDeviceCommands()
 {
     const QCommandLineOption yes({"yes", "y"}, "Do not ask for confirmation.");
     commands()
-        << deviceCommand({"create"}, "NAME", "Create a device from an OS image and a hardware profile.",
-                         {{"image", "OS image (uuid, name or record file).", "ID"},
-                          {"profile", "Hardware profile (uuid, name or file).", "ID"}},
-                         1, 1, create, DeviceUse::None)
+        << deviceCommand({"create"}, "NAME",
+                         "Create a device from an OS image and a hardware profile, saying which it took by default.",
+                         createOptions(), 1, 1, create, DeviceUse::None)
         << deviceCommand({"list"}, {}, "List the devices and their state.",
                          {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list,
                          DeviceUse::None)

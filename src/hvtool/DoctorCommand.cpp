@@ -87,17 +87,19 @@ Check leftoversCheck(VMToolsEngine *engine)
 /// Shows the checks; Failed when one of them failed.
 int report(Context &ctx, const QList<Check> &checks)
 {
-    bool failed = false;
+    QStringList failed;
     Output output;
     QJsonArray array;
     for (const Check &check : checks) {
-        failed = failed || check.level == Level::Fail;
+        if (check.level == Level::Fail)
+            failed << check.name;
         array.append(QJsonObject{{"check", check.name}, {"result", levelText(check.level)}, {"detail", check.detail}});
         output.lines << QStringLiteral("%1 %2 %3").arg(levelText(check.level), -5).arg(check.name, -19).arg(check.detail);
     }
     output.json = array;
     ctx.show(output);
-    return failed ? Failed : Success;
+    return failed.isEmpty() ? Success
+                            : ctx.fail(Failed, QStringLiteral("%1 check(s) failed: %2").arg(failed.size()).arg(failed.join(", ")));
 }
 
 int doctor(Context &ctx)

@@ -95,7 +95,8 @@ int set(Context &ctx)
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)
         return ctx.fail(Failed, QStringLiteral("could not store setting '%1'").arg(key));
-    return ctx.show({QJsonObject{{key, QJsonValue::fromVariant(value)}}, {}, {}, {}});
+    return ctx.done(QJsonObject{{key, QJsonValue::fromVariant(value)}},
+                    QStringLiteral("%1 = %2").arg(key, render(value)));
 }
 
 int reset(Context &ctx)
@@ -104,7 +105,10 @@ int reset(Context &ctx)
     // A write that failed (a full disk) leaves the user's value in place.
     if (Settings::getUserSettings()->keyExists(ctx.arg(0)))
         return ctx.fail(Failed, QStringLiteral("could not reset setting '%1'").arg(ctx.arg(0)));
-    return Success;
+    const QVariant value = Settings::get(ctx.arg(0));
+    return ctx.done(QJsonObject{{ctx.arg(0), QJsonValue::fromVariant(value)}},
+                    value.isValid() ? QStringLiteral("reset %1 to its default, %2").arg(ctx.arg(0), render(value))
+                                    : QStringLiteral("reset %1; it has no default").arg(ctx.arg(0)));
 }
 
 } // namespace

@@ -108,7 +108,7 @@ public:
     /// Whether the hypervisor knows the device or its directory exists.
     virtual bool doesMachineExist(const QString &name) const;
     virtual bool doesMachineExistInHypervisor(const QString &name) const = 0;
-    /// Whether a directory of exactly that name is among the deployed devices.
+    /// Whether a directory of exactly that name is in the devices directory.
     virtual bool doesMachineExistInDir(const QString &name) const;
     /// The host network adapter used for host-only networking.
     virtual QString getAdapterName() const = 0;
@@ -326,6 +326,11 @@ public:
     /// no time bound but the archive's size. The default extracts the OVA's
     /// disks as they are.
     virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// The names in the devices directory that may hold a device, in order,
+    /// without reading any record. A program that lists many devices loads
+    /// them on threads of its own: getMachine() and brokenMachineReason() may
+    /// be called from several threads at once. The default loads them all.
+    virtual QStringList getMachineNames() const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QMap>
 #include <QProcess>
+#include <QThread>
 #include <QUrl>
 
 #include <functional>
@@ -88,8 +89,10 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"extraArgument", {"device", "start", "a", "b"}, 2, "", "hvtool: unexpected argument 'b'"},
         CliCase{"unknownOption", {"device", "list", "--colour"}, 2, "", "Unknown option 'colour'"},
         CliCase{"unknownDevice", {"device", "start", "nosuch"}, 3, "", "hvtool: device 'nosuch' does not exist"},
-        CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "",
+        CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "\"exit_code\": 3",
                 "device 'nosuch' does not exist"},
+        CliCase{"typoGetsASuggestion", {"device", "strat", "x"}, 2, "",
+                "hvtool: unknown command 'device strat'; did you mean 'hvtool device start'?\n"},
         CliCase{"deleteUnknown", {"device", "delete", "nosuch", "--yes"}, 3, "", "device 'nosuch' does not exist"},
         CliCase{"badDeviceName", {"device", "create", "../evil", "--image", "x", "--profile", "y"}, 2, "",
                 "'../evil' is not a valid device name"},
@@ -127,7 +130,36 @@ TEST(HvtoolSettings, setGetResetRoundTrip)
     EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).code, 3);
 }
 
-TEST(HvtoolProfiles, createListShowDelete)
+// A fresh install lists a phone held upright and a tablet, within this
+// host, and keeps them; profiles go by the name they were given.
+TEST(HvtoolProfiles, builtInProfilesAreListedCappedAndKept)
+{
+    const int hostCpus = QThread::idealThreadCount();
+    QStringList names;
+    // Other tests of this process add profiles of their own after these.
+    const QJsonArray all = hvtool({"profile", "list", "--format", "json"}).json().array();
+    for (int i = 0; i < qMin(2, all.size()); ++i) {
+        const QJsonObject profile = all.at(i).toObject();
+        names << profile.value("name").toString();
+        EXPECT_TRUE(profile.value("builtin").toBool());
+        EXPECT_LE(profile.value("cpu_count").toInt(), hostCpus);
+        EXPECT_FALSE(profile.value("uuid").toString().startsWith('{'));
+    }
+    EXPECT_EQ(names, QStringList({"phone", "tablet"}));
+    const QJsonObject phone = hvtool({"profile", "show", "phone", "--format", "json"}).json().object();
+    const QJsonObject screen = phone.value("display_settings").toObject().value("displays").toArray().at(0).toObject();
+    EXPECT_GT(screen.value("height").toInt(), screen.value("width").toInt());
+    for (const QStringList &change : {QStringList{"delete", "phone"}, QStringList{"set", "tablet", "cpus=1"}}) {
+        const CliResult refused = hvtool(QStringList{"profile"} + change);
+        EXPECT_EQ(refused.code, 4);
+        EXPECT_TRUE(refused.err.contains("is built in and cannot be")) << refused.err.toStdString();
+    }
+    const CliResult tooMany = hvtool({"profile", "create", "big", "--cpus", QString::number(hostCpus + 1)});
+    EXPECT_EQ(tooMany.code, 2);
+    EXPECT_TRUE(tooMany.err.contains("(this host's processors)")) << tooMany.err.toStdString();
+}
+
+TEST(HvtoolProfiles, createListShowSetDelete)
 {
     const CliResult created = hvtool({"profile", "create", "Pocket", "--form-factor", "tablet", "--cpus", "2", "--ram",
                                 "1024", "--display", "1080x1920@420", "--format", "json"});
@@ -143,8 +175,19 @@ TEST(HvtoolProfiles, createListShowDelete)
 
     const CliResult list = hvtool({"profile", "list"});
     EXPECT_TRUE(list.out.contains("1080x1920@420")) << list.out.toStdString();
+    EXPECT_EQ(profile.value("name").toString(), "Pocket");
     const CliResult shown = hvtool({"profile", "show", "Pocket", "--format", "json"});
     EXPECT_EQ(shown.json().object().value("uuid"), profile.value("uuid"));
+
+    const CliResult set = hvtool({"profile", "set", "Pocket", "cpus=1", "display=720x1280@320"});
+    EXPECT_EQ(set.code, 0) << set.err.toStdString();
+    EXPECT_TRUE(set.out.startsWith("changed profile 'Pocket': cpus=1 display=720x1280@320")) << set.out.toStdString();
+    // One bad change refuses them all.
+    EXPECT_EQ(hvtool({"profile", "set", "Pocket", "cpus=2", "ram=1"}).code, 2);
+    EXPECT_EQ(hvtool({"profile", "set", "Pocket", "ram=512", "colour=red"}).code, 2);
+    const QJsonObject changed = hvtool({"profile", "show", "Pocket", "--format", "json"}).json().object();
+    EXPECT_EQ(changed.value("cpu_count").toInt(), 1);
+    EXPECT_EQ(changed.value("ram_size").toInt(), 1024);
 
     EXPECT_EQ(hvtool({"profile", "delete", "Pocket"}).code, 0);
     EXPECT_EQ(hvtool({"profile", "show", "Pocket"}).code, 3);
