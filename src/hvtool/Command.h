@@ -192,6 +192,7 @@ void addProfileCommands();
 void addImageCommands();
 void addDeviceCommands();
 void addDoctorCommand();
+void addAdbCommands();
 
 /// Parses the command line, runs the command and returns the exit code.
 int runCommandLine(const QStringList &arguments);

@@ -1,6 +1,7 @@
 // hvtool device: create, list, start, stop, snapshot, clone, reset, delete
 // and configure virtual devices, through the engine interface.
 #include "Catalog.h"
+#include "AdbCommands.h"
 #include "Command.h"
 #include "Engine.h"
 #include "ProfileFields.h"
@@ -558,7 +559,9 @@ int start(Context &ctx)
     GuestWait wait;
     if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &outcome, &wait)) != Success)
         return code;
-    return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
+    Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
+    afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
+    return ctx.show(output);
 }
 
 /// Says that the state saved as snapshot is there but what it was saved
@@ -609,6 +612,7 @@ int stop(Context &ctx)
             return code;
     }
     const qint64 savedMs = timer.elapsed();
+    beforeStop(machine);
     ctx.engine()->stopMachine(&machine);
     if (!machine.waitForStop(30000)) {
         ctx.note(QStringLiteral("device '%1' did not quit within 30 s; killing it").arg(name));
