@@ -149,9 +149,10 @@ void afterStart(Context &ctx, VMToolsMachine &machine, bool resumed, Output *out
     QJsonObject object = output->json.toObject();
     object.insert(QStringLiteral("adb_connected"), why.isEmpty());
     output->json = object;
-    output->lines << (why.isEmpty() ? QStringLiteral("adb connected: adb -s %1 shell").arg(serial)
-                                    : QStringLiteral("adb not connected (%1); connect with: adb connect %2")
-                                          .arg(why, serial));
+    if (why.isEmpty())
+        output->lines << QStringLiteral("adb connected: adb -s %1 shell").arg(serial);
+    else
+        ctx.note(QStringLiteral("adb not connected (%1); connect with: adb connect %2").arg(why, serial));
 }
 
 void beforeStop(VMToolsMachine &machine)

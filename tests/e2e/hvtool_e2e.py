@@ -142,6 +142,26 @@ def stop_all(env):
             subprocess.run([env.hvtool, "device", "stop", d["name"], "--force"], env=env.env, capture_output=True)
 
 
+def scenario_main(name, steps):
+    """Runs steps(env, image_dir, home) in a home of its own, after making the
+    demo image; every device is stopped after it. Exits 1 on a failure."""
+    parser = argparse.ArgumentParser()
+    for option in ("--hvtool", "--image-dir", "--demo-image"):
+        parser.add_argument(option, required=True)
+    args = parser.parse_args()
+    subprocess.run([args.demo_image, args.image_dir], check=True, stdout=subprocess.DEVNULL)
+    home = tempfile.mkdtemp(prefix=f"hv-{name}-")
+    env = Env(args.hvtool, home)
+    try:
+        steps(env, args.image_dir, home)
+    except Failure as failure:
+        print(f"{name}: FAILED: {failure}", file=sys.stderr)
+        sys.exit(1)
+    finally:
+        stop_all(env)
+        shutil.rmtree(home, ignore_errors=True)
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)

@@ -417,7 +417,7 @@ TEST(HvtoolDoctor, reportsEveryCheckAndWhatAutoPicksHere)
     QMap<QString, QJsonObject> checks;
     for (const QJsonValue &check : r.json().array())
         checks.insert(check.toObject().value("check").toString(), check.toObject());
-    EXPECT_EQ(checks.keys(), (QStringList{"accelerator", "audio", "cpu-virtualisation", "devices-directory",
+    EXPECT_EQ(checks.keys(), (QStringList{"accelerator", "adb", "audio", "cpu-virtualisation", "devices-directory",
                                           "kvm-device", "leftovers", "plugin", "qemu-installed", "qemu-version"}));
     for (const QString name : {"accelerator", "audio", "plugin", "qemu-installed"})
         EXPECT_EQ(checks[name].value("result").toString(), "ok") << checks[name].value("detail").toString().toStdString();
