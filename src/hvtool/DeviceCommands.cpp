@@ -531,7 +531,8 @@ Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &
     if (wait) {
         object.insert("ready_seconds", readyMs / 1000.0);
         object.insert("banner", QString::fromUtf8(wait->banner).trimmed());
-        lines << QStringLiteral("guest answered after %1 s").arg(secondsText(readyMs));
+        lines << (wait->bootAwaited ? QStringLiteral("guest booted after %1 s") : QStringLiteral("guest answered after %1 s"))
+                     .arg(secondsText(readyMs));
     }
     return Output{object, {}, {}, lines};
 }

@@ -105,7 +105,8 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip, int preferred) const
     QSet<int> taken = skip;
     for (const QEMUPortEntry &entry : QEMUPortTable::readLive(getPortTablePath()))
         taken.insert(entry.offset);
-    if (preferred >= 0 && !taken.contains(preferred) && arePortsFree(preferred))
+    if (preferred >= 0 && preferred <= QEMULaunch::kMaxPortOffset && preferred % QEMULaunch::kPortOffsetStep == 0
+        && !taken.contains(preferred) && arePortsFree(preferred))
         return preferred;
     for (int offset = 0; offset <= QEMULaunch::kMaxPortOffset; offset += QEMULaunch::kPortOffsetStep) {
         if (!taken.contains(offset) && arePortsFree(offset))

@@ -89,6 +89,8 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"extraArgument", {"device", "start", "a", "b"}, 2, "", "hvtool: unexpected argument 'b'"},
         CliCase{"unknownOption", {"device", "list", "--colour"}, 2, "", "Unknown option 'colour'"},
         CliCase{"unknownDevice", {"device", "start", "nosuch"}, 3, "", "hvtool: device 'nosuch' does not exist"},
+        // What follows "--" is adb's, options named like hvtool's too.
+        CliCase{"adbArguments", {"device", "adb", "nosuch", "--", "shell", "ls", "-h"}, 3, "", "device 'nosuch' does not exist"},
         CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "\"exit_code\": 3",
                 "device 'nosuch' does not exist"},
         CliCase{"typoGetsASuggestion", {"device", "strat", "x"}, 2, "",
