@@ -174,6 +174,14 @@ QString adbDoctorLine(bool *ok)
 
 void addAdbCommands()
 {
+    settingKeys() << SettingKey{kConnectKey,
+                                "whether device start connects the user's adb to the device and device stop "
+                                "disconnects it: true or false",
+                                [](const QString &text) {
+                                    return text == QLatin1String("true") || text == QLatin1String("false")
+                                        ? QString()
+                                        : QStringLiteral("takes true or false");
+                                }};
     commands() << Command({"device", "adb"}, QStringLiteral("NAME [--] ARGS..."),
                           QStringLiteral("Run adb on the device (adb -s SERIAL ARGS), connecting it first; adb's "
                                          "output and exit code are the command's."),

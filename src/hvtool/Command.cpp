@@ -2,6 +2,7 @@
 
 #include "Engine.h"
 #include "FileUtils.h"
+#include "RecordDirectory.h"
 
 #include <QCommandLineParser>
 #include <QJsonArray>
@@ -158,8 +159,29 @@ QString commandHelp(const Command &command)
     return text;
 }
 
-void printDocument(const QJsonValue &value)
+/// The value with every uuid bare: a key "uuid" or ending in "_uuid"
+/// holds "0b0e...", never "{0b0e...}", in every command's output.
+QJsonValue bareUuids(const QJsonValue &value, bool isUuid)
 {
+    if (value.isString())
+        return isUuid ? QJsonValue(RecordDirectory::bareUuid(value.toString())) : value;
+    if (value.isArray()) {
+        QJsonArray array;
+        for (const QJsonValue &item : value.toArray())
+            array.append(bareUuids(item, false));
+        return array;
+    }
+    if (!value.isObject())
+        return value;
+    QJsonObject object = value.toObject();
+    for (auto it = object.begin(); it != object.end(); ++it)
+        it.value() = bareUuids(it.value(), it.key() == QLatin1String("uuid") || it.key().endsWith(QLatin1String("_uuid")));
+    return object;
+}
+
+void printDocument(const QJsonValue &raw)
+{
+    const QJsonValue value = bareUuids(raw, false);
     const QJsonDocument document =
         value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
     out() << document.toJson(QJsonDocument::Indented);
@@ -184,6 +206,36 @@ int usageError(Format format, const QString &message, const QString &help)
 }
 
 } // namespace
+
+QString sizeText(qint64 bytes)
+{
+    static const char *const units[] = {"KiB", "MiB", "GiB", "TiB"};
+    double value = double(bytes) / 1024;
+    int unit = 0;
+    while (value >= 1024 && unit < 3) {
+        value /= 1024;
+        ++unit;
+    }
+    return QStringLiteral("%1 %2").arg(value, 0, 'f', 1).arg(QLatin1String(units[unit]));
+}
+
+QStringList tableLines(const QStringList &header, const QList<QStringList> &rows)
+{
+    QVector<int> widths(header.size());
+    for (int c = 0; c < header.size(); ++c) {
+        widths[c] = header.at(c).size();
+        for (const QStringList &row : rows)
+            widths[c] = qMax(widths[c], row.value(c).size());
+    }
+    QStringList lines;
+    for (const QStringList &cells : QList<QStringList>{header} + rows) {
+        QString text;
+        for (int c = 0; c < header.size(); ++c)
+            text += (c + 1 < header.size() ? cells.value(c).leftJustified(widths[c] + 2) : cells.value(c));
+        lines << text.trimmed();
+    }
+    return lines;
+}
 
 QList<Command> &commands()
 {
@@ -242,21 +294,8 @@ void Context::printJson(const QJsonValue &value) const
 
 void Context::printTable(const QStringList &header, const QList<QStringList> &rows) const
 {
-    QVector<int> widths(header.size());
-    for (int c = 0; c < header.size(); ++c) {
-        widths[c] = header.at(c).size();
-        for (const QStringList &row : rows)
-            widths[c] = qMax(widths[c], row.value(c).size());
-    }
-    auto line = [&](const QStringList &cells) {
-        QString text;
-        for (int c = 0; c < header.size(); ++c)
-            text += (c + 1 < header.size() ? cells.value(c).leftJustified(widths[c] + 2) : cells.value(c));
-        print(text.trimmed());
-    };
-    line(header);
-    for (const QStringList &row : rows)
-        line(row);
+    for (const QString &line : tableLines(header, rows))
+        print(line);
 }
 
 void Context::note(const QString &line) const
@@ -514,6 +553,21 @@ int answerLevel(const GlobalOptions &options)
 
 /// Parses the command's own arguments and options into parser; Success, or
 /// the usage error reported.
+/// The arguments with the value of each option that may leave it out put in
+/// where it is left out: where the option is not followed by a whole number.
+QStringList withOptionalValues(const Command &command, QStringList arguments)
+{
+    for (auto it = command.optionalValues.constBegin(); it != command.optionalValues.constEnd(); ++it) {
+        for (int i = 0; i < arguments.size(); ++i) {
+            bool number = false;
+            arguments.value(i + 1).toLongLong(&number);
+            if (arguments.at(i) == QStringLiteral("--") + it.key() && !number)
+                arguments.insert(i + 1, it.value());
+        }
+    }
+    return arguments;
+}
+
 int parseCommandLine(const Command &command, const QString &program, const GlobalOptions &options,
                      QCommandLineParser *parser)
 {
@@ -521,7 +575,7 @@ int parseCommandLine(const Command &command, const QString &program, const Globa
     parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
     parser->addOptions(command.options);
     const QString usage = QStringLiteral("Usage: %1\n").arg(usageLine(command));
-    if (!parser->parse(QStringList{program} + options.rest.mid(command.path.size())))
+    if (!parser->parse(QStringList{program} + withOptionalValues(command, options.rest.mid(command.path.size()))))
         return usageError(options.format, parser->errorText(), usage);
     const QStringList positional = parser->positionalArguments();
     if (positional.size() < command.minArgs)

@@ -7,6 +7,7 @@
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -36,6 +37,11 @@ struct Output {
     QList<QStringList> rows;
     QStringList lines;
 };
+
+/// A size as every command shows it: "512.0 KiB", "12.7 MiB", "1.5 GiB".
+QString sizeText(qint64 bytes);
+/// Rows as aligned columns under a header, one line each.
+QStringList tableLines(const QStringList &header, const QList<QStringList> &rows);
 
 /// What a command does with the device its first argument names.
 enum class DeviceUse {
@@ -167,6 +173,9 @@ struct Command {
     /// line shows them without brackets and a command line without them is
     /// refused with exit 2.
     QStringList required;
+    /// Options whose value may be left out (by long name), with the value
+    /// they then take: "--wait" followed by no whole number is "--wait 300".
+    QMap<QString, QString> optionalValues;
 
     Command &withExample(const QString &line)
     {
@@ -183,14 +192,35 @@ struct Command {
         required = options;
         return *this;
     }
+    Command &withOptionalValue(const QString &option, const QString &value)
+    {
+        optionalValues.insert(option, value);
+        return *this;
+    }
 };
+
+/// A setting that 'hvtool settings' lists and lets the user change.
+struct SettingKey {
+    QString key;
+    /// One line: what it changes and the values it takes.
+    QString description;
+    /// Why text cannot be its value (exit 2), in words; empty when it can.
+    /// None: the engine's own choices, if any, are the only check.
+    std::function<QString(const QString &text)> refuse = {};
+};
+
+/// The settings users may change; each noun's file adds its own.
+QList<SettingKey> &settingKeys();
 
 /// Every command of the tool; each noun's file adds its own.
 QList<Command> &commands();
 void addSettingsCommands();
 void addProfileCommands();
 void addImageCommands();
+void addPullCommands();
 void addDeviceCommands();
+/// 'device wait'.
+void addWaitCommand();
 void addDoctorCommand();
 void addAdbCommands();
 

@@ -4,8 +4,11 @@
 #include "AdbCommands.h"
 #include "Command.h"
 #include "Engine.h"
+#include "InterruptGuard.h"
 #include "ProfileFields.h"
 #include "Progress.h"
+#include "PullCommands.h"
+#include "WaitCommand.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -22,7 +25,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <thread>
@@ -33,13 +35,6 @@ namespace {
 const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<VMToolsMachine>;
-
-QString sizeText(qint64 bytes)
-{
-    if (bytes >= (qint64(1) << 30))
-        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral("G");
-    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral("M");
-}
 
 QString secondsText(qint64 ms)
 {
@@ -57,11 +52,90 @@ QJsonValue orNull(bool present, const QJsonValue &value)
     return present ? value : QJsonValue();
 }
 
+/// A value 'device set' changes: what it is, what it takes, and how the
+/// device keeps it. Flags take true or false (on/off, yes/no, 1/0).
+struct DeviceKey {
+    const char *key;      ///< as 'device set' and 'device show' spell it
+    const char *json;     ///< as the JSON output spells it
+    const char *unit;     ///< empty for a flag
+    qint64 minimum;
+    qint64 maximum;
+    bool hardware;        ///< changed only while the device is stopped
+    const char *what;
+    qint64 (*read)(const VMToolsMachine &);
+    bool (*write)(VMToolsMachine &, qint64);
+};
+
+// device.json keeps the sizes as numbers its reader takes as int.
+const DeviceKey kDeviceKeys[] = {
+    {"cpus", "cpus", "CPUs", 1, HwProfile::MaxCpuCount, true, "virtual CPUs",
+     [](const VMToolsMachine &m) { return qint64(m.getCpuCount()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setCpuCount(int(v)); }},
+    {"ram", "ram_mb", "MB", HwProfile::MinRamSize, HwProfile::MaxRamSize, true, "guest memory",
+     [](const VMToolsMachine &m) { return qint64(m.getRamSize()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setRamSize(v); }},
+    {"sdcard-size", "sdcard_size_mb", "MB", 0, HwProfile::MaxRamSize, true, "size of the SD card",
+     [](const VMToolsMachine &m) { return qint64(m.getSdCardSize()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setSdCardSize(v); }},
+    {"sdcard", "sdcard", "", 0, 1, true, "whether the SD card is inserted",
+     [](const VMToolsMachine &m) { return qint64(m.isSdCardInserted()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setSdCardInserted(v != 0); }},
+    {"quickboot", "quickboot", "", 0, 1, false, "save the state at stop and resume it at start",
+     [](const VMToolsMachine &m) { return qint64(m.isQuickbootEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setQuickbootEnabled(v != 0); }},
+    {"root", "root", "", 0, 1, false, "root access in the guest",
+     [](const VMToolsMachine &m) { return qint64(m.isRootAccessEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setRootAccessEnabled(v != 0); }},
+    {"virtual-keyboard", "virtual_keyboard", "", 0, 1, false, "the on-screen keyboard",
+     [](const VMToolsMachine &m) { return qint64(m.isVirtualKeyboardEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setVirtualKeyboardEnabled(v != 0); }},
+    {"fullscreen", "fullscreen", "", 0, 1, false, "the window fills the screen",
+     [](const VMToolsMachine &m) { return qint64(m.isFullScreen()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setFullScreen(v != 0); }},
+};
+
+const DeviceKey *findDeviceKey(const QString &key)
+{
+    for (const DeviceKey &k : kDeviceKeys) {
+        if (key == QLatin1String(k.key))
+            return &k;
+    }
+    return nullptr;
+}
+
+bool isFlag(const DeviceKey &key)
+{
+    return !*key.unit;
+}
+
+/// What 'device set --help' says of each key.
+QString deviceKeysHelp()
+{
+    QString text = QStringLiteral("Keys (hardware keys only while the device is stopped):\n");
+    for (const DeviceKey &k : kDeviceKeys) {
+        const QString values = isFlag(k) ? QStringLiteral("true or false")
+                                         : QStringLiteral("%1 to %2 %3").arg(k.minimum).arg(k.maximum).arg(k.unit);
+        text += QStringLiteral("  %1 %2, %3%4\n")
+                    .arg(QString::fromLatin1(k.key), -17)
+                    .arg(QString::fromLatin1(k.what), values,
+                         k.hardware ? QStringLiteral(" (hardware)") : QString());
+    }
+    return text.trimmed();
+}
+
+/// A key's value as 'device show' prints it.
+QString deviceKeyText(const DeviceKey &key, qint64 value)
+{
+    if (isFlag(key))
+        return value ? QStringLiteral("true") : QStringLiteral("false");
+    return key.unit == QLatin1String("MB") ? QStringLiteral("%1 MB").arg(value) : QString::number(value);
+}
+
 QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
 {
     const MachineRunInfo run = machine.getRunInfo();
     const bool on = run.state != VMToolsMachine::Off;
-    return QJsonObject{
+    QJsonObject object{
         {"name", machine.getName()},
         {"uuid", Catalog::bareUuid(machine.getUuid())},
         {"status", VMToolsMachine::getStatusString(run.state)},
@@ -73,11 +147,13 @@ QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
         {"pid", orNull(on && run.pid > 0, double(run.pid))},
         {"path", QDir(machine.getPath()).absolutePath()},
         {"size_on_disk", double(machine.getSizeOnDisk())},
-        {"quickboot", machine.isQuickbootEnabled()},
         {"latest_snapshot", e->fetchSnapshotNames(&machine).contains(kLatest)},
-        {"cpus", machine.getCpuCount()},
-        {"ram_mb", double(machine.getRamSize())},
     };
+    for (const DeviceKey &key : kDeviceKeys) {
+        const qint64 value = key.read(machine);
+        object.insert(QLatin1String(key.json), isFlag(key) ? QJsonValue(value != 0) : QJsonValue(double(value)));
+    }
+    return object;
 }
 
 /// The device a command that made it names, described; its name alone when
@@ -110,41 +186,15 @@ int refuseTakenName(Context &ctx, VMToolsEngine *e, const QString &name)
     return Success;
 }
 
-/// Set by the first interrupt of a creation, which then cancels it.
-std::atomic<bool> g_interrupted{false};
-
-extern "C" void interruptCreation(int)
-{
-    g_interrupted = true;
-}
-
-/// Catches the interrupts of the terminal for as long as it lives: a
-/// creation interrupted with Ctrl-C is cancelled and rolled back.
-class InterruptGuard
-{
-public:
-    InterruptGuard()
-    {
-        g_interrupted = false;
-        m_int = std::signal(SIGINT, interruptCreation);
-        m_term = std::signal(SIGTERM, interruptCreation);
-    }
-    ~InterruptGuard()
-    {
-        std::signal(SIGINT, m_int);
-        std::signal(SIGTERM, m_term);
-    }
-
-private:
-    void (*m_int)(int);
-    void (*m_term)(int);
-};
-
 QString phaseText(CreateProgress::Phase phase)
 {
     switch (phase) {
     case CreateProgress::PreparingImage:
         return QStringLiteral("unpacking the image");
+    case CreateProgress::CheckingImage:
+        return QStringLiteral("checking the image");
+    case CreateProgress::ConvertingImage:
+        return QStringLiteral("converting the image's disks");
     case CreateProgress::MakingDisks:
         return QStringLiteral("making its disks");
     case CreateProgress::Waiting:
@@ -162,7 +212,7 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task(
-        [&] { return e->createMachine(name, image, profile, [] { return g_interrupted.load(); }, error); });
+        [&] { return e->createMachine(name, image, profile, [] { return InterruptGuard::interrupted(); }, error); });
     std::future<int> result = task.get_future();
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
@@ -220,12 +270,7 @@ int chooseImage(Context &ctx, Stored<OsImage> *image)
     const int code = ctx.isSet(QStringLiteral("image")) ? Catalog::findOne(ctx, QStringLiteral("image"), id,
                                                                            OsImageRegistry::find(id), image)
                                                         : defaultImage(ctx, image);
-    if (code != Success)
-        return code;
-    if (!image->value.isImageAvailableLocally())
-        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
-                                      .arg(image->value.name, image->value.getLocalPath()));
-    return Success;
+    return code;
 }
 
 /// The profile a create uses: the one --profile names, else the built-in
@@ -271,7 +316,7 @@ int create(Context &ctx)
     if (code == Success)
         code = chooseProfile(ctx, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -320,8 +365,7 @@ QString listLeftovers(Context &ctx, VMToolsEngine *e, Output *output)
                                  {"operation", leftover.operation}, {"path", leftover.path},
                                  {"pid", orNull(leftover.pid > 0, double(leftover.pid))},
                                  {"size_on_disk", double(leftover.bytes)}});
-        output->rows << QStringList{leftover.name, status, QString(), QString(), QString(), sizeText(leftover.bytes),
-                                    QString()};
+        output->rows << QStringList{leftover.name, status, QString(), QString(), sizeText(leftover.bytes), QString()};
     }
     output->json = array;
     if (idle == 0)
@@ -356,7 +400,6 @@ Output listDevices(VMToolsEngine *e)
         array.append(object);
         output.rows << QStringList{object.value("name").toString(), object.value("status").toString(),
                                    object.value("android_version").toString(), object.value("adb_serial").toString(),
-                                   object.value("qmp_socket").toString(),
                                    sizeText(qint64(object.value("size_on_disk").toDouble())),
                                    object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
         if (object.value("status") == QLatin1String("Paused"))
@@ -370,8 +413,7 @@ Output listDevices(VMToolsEngine *e)
             continue;
         array.append(QJsonObject{{"name", names[i]}, {"status", "Broken"}, {"reason", reason},
                                  {"path", e->getDevicesDirectory().absoluteFilePath(names[i])}});
-        output.rows << QStringList{names[i], QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
-                                   QString()};
+        output.rows << QStringList{names[i], QStringLiteral("Broken"), QString(), QString(), QString(), QString()};
         output.lines << brokenText(names[i], reason);
     }
     output.json = array;
@@ -385,11 +427,47 @@ int list(Context &ctx)
     if (!e)
         return code;
     Output output = listDevices(e);
-    output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"};
+    // The control socket's long path is in 'device show': the table fits
+    // 80 columns.
+    output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "SIZE", "LATEST"};
     const QString leftovers = listLeftovers(ctx, e, &output);
     if (!leftovers.isEmpty())
         output.lines << leftovers;
     return ctx.show(output);
+}
+
+/// The device's snapshots as 'snapshot list' shows them: a JSON array, and
+/// a table.
+Output snapshotTable(VMToolsEngine *e, VMToolsMachine &machine)
+{
+    Output output{QJsonValue(), {"NAME", "DATE", "SIZE", "LOADABLE"}, {}, {}};
+    QJsonArray array;
+    for (const SnapshotInfo &snapshot : e->fetchSnapshots(&machine)) {
+        const QString mismatch = e->savedStateMismatch(&machine, snapshot.name);
+        array.append(QJsonObject{{"name", snapshot.name},
+                                 {"date", snapshot.date.toUTC().toString(Qt::ISODate)},
+                                 {"size", double(snapshot.vmStateSize)},
+                                 {"guest_clock_seconds", snapshot.guestClockNs / 1e9},
+                                 {"quick_boot", snapshot.name == kLatest},
+                                 {"loadable", mismatch.isEmpty()},
+                                 {"not_loadable_because", orNull(!mismatch.isEmpty(), mismatch)}});
+        output.rows << QStringList{snapshot.name + (snapshot.name == kLatest ? QStringLiteral(" (quick boot)") : QString()),
+                                   snapshot.date.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                                   sizeText(snapshot.vmStateSize), mismatch.isEmpty() ? QStringLiteral("yes") : mismatch};
+    }
+    output.json = array;
+    return output;
+}
+
+int snapshotList(Context &ctx)
+{
+    return ctx.show(snapshotTable(ctx.engine(), *ctx.device()));
+}
+
+/// One "key: value" line of 'device show'.
+QString showLine(const QString &key, const QString &value)
+{
+    return QStringLiteral("%1 %2").arg(key + QLatin1Char(':'), -17).arg(value);
 }
 
 int show(Context &ctx)
@@ -397,24 +475,28 @@ int show(Context &ctx)
     VMToolsEngine *e = ctx.engine();
     VMToolsMachine &machine = *ctx.device();
     QJsonObject object = describe(e, machine);
-    const QStringList snapshots = e->fetchSnapshotNames(&machine);
     Output output;
     for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
-                            "port_offset", "pid", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
+                            "port_offset", "pid", "path"}) {
         const QJsonValue value = object.value(key);
-        if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
-            continue;
-        const QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
-                                            : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
-        output.lines << QStringLiteral("%1 %2").arg(QString::fromLatin1(key) + QLatin1Char(':'), -17).arg(text);
+        if (!value.isNull())
+            output.lines << showLine(key, value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
     }
-    output.lines << QStringLiteral("%1 %2").arg("size_on_disk:", -17).arg(sizeText(machine.getSizeOnDisk()))
-                 << QStringLiteral("%1 %2").arg("hardware:", -17).arg(machine.getHwProfile().getName())
-                 << QStringLiteral("%1 %2").arg("os_image:", -17).arg(machine.getOsImage().name)
-                 << QStringLiteral("%1 %2").arg("snapshots:", -17).arg(snapshots.join(", "));
+    output.lines << showLine("size_on_disk", sizeText(machine.getSizeOnDisk()))
+                 << showLine("hardware", machine.getHwProfile().getName())
+                 << showLine("os_image", machine.getOsImage().name);
+    // Every value 'device set' changes, under the name it takes there.
+    for (const DeviceKey &key : kDeviceKeys)
+        output.lines << showLine(key.key, deviceKeyText(key, key.read(machine)));
+    const Output snapshots = snapshotTable(e, machine);
+    output.lines << showLine("snapshots", snapshots.rows.isEmpty() ? QStringLiteral("none") : QString()).trimmed();
+    if (!snapshots.rows.isEmpty()) {
+        for (const QString &line : tableLines(snapshots.header, snapshots.rows))
+            output.lines << QStringLiteral("  ") + line;
+    }
     object.insert("hardware_profile", HwProfileIO::toJsonObject(machine.getHwProfile()));
     object.insert("os_image", OsImageIO::toJsonObject(machine.getOsImage()));
-    object.insert("snapshots", QJsonArray::fromStringList(snapshots));
+    object.insert("snapshots", snapshots.json);
     output.json = object;
     return ctx.show(output);
 }
@@ -499,22 +581,6 @@ int reportStartFailure(Context &ctx, const VMToolsMachine &machine, const StartO
     }
 }
 
-/// Waits for the guest to answer; Success, or the exit code of the failure,
-/// which is reported. A restart on the way leaves the boot cold.
-int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, StartOutcome *outcome, GuestWait *wait)
-{
-    *wait = ctx.engine()->waitForGuest(&machine, seconds * 1000, {});
-    showNotes(ctx, wait->notes);
-    if (wait->restartedCold)
-        outcome->boot = StartOutcome::Cold;
-    if (wait->ready())
-        return Success;
-    const QString name = machine.getName();
-    if (wait->end == GuestWait::RestartFailed)
-        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2").arg(name, wait->failure));
-    return ctx.fail(Failed, QStringLiteral("device '%1' started but %2").arg(name, wait->failure));
-}
-
 /// The started device: how it booted, how long it took, where to reach it.
 Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &outcome, qint64 startedMs,
                      qint64 readyMs, const GuestWait *wait)
@@ -558,8 +624,11 @@ int start(Context &ctx)
     // may come meanwhile.
     ctx.releaseDevice();
     GuestWait wait;
-    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &outcome, &wait)) != Success)
+    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &wait)) != Success)
         return code;
+    // A restart on the way leaves the boot cold.
+    if (wait.restartedCold)
+        outcome.boot = StartOutcome::Cold;
     Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
     afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
     return ctx.show(output);
@@ -598,10 +667,16 @@ int stop(Context &ctx)
 {
     VMToolsMachine &machine = *ctx.device();
     const QString name = machine.getName();
+    // What the user asked for is already so: a script that stops its
+    // devices goes on.
+    if (machine.getStatus() != VMToolsMachine::On)
+        return ctx.done(QJsonObject{{"name", name}, {"was_running", false}},
+                        QStringLiteral("device '%1' is not running; nothing to stop").arg(name));
     if (ctx.isSet(QStringLiteral("force"))) {
         if (!machine.forceStop())
             return ctx.fail(Failed, QStringLiteral("could not kill the emulator of device '%1'").arg(name));
-        return ctx.show({QJsonObject{{"name", name}, {"killed", true}}, {}, {}, {QStringLiteral("killed '%1'").arg(name)}});
+        return ctx.done(QJsonObject{{"name", name}, {"was_running", true}, {"killed", true}},
+                        QStringLiteral("killed '%1'").arg(name));
     }
     QElapsedTimer timer;
     timer.start();
@@ -620,7 +695,7 @@ int stop(Context &ctx)
         machine.forceStop();
         machine.waitForStop(5000);
     }
-    return ctx.show({QJsonObject{{"name", name}, {"saved", save}, {"save_seconds", savedMs / 1000.0},
+    return ctx.show({QJsonObject{{"name", name}, {"was_running", true}, {"saved", save}, {"save_seconds", savedMs / 1000.0},
                                  {"stop_seconds", timer.elapsed() / 1000.0}},
                      {},
                      {},
@@ -636,29 +711,6 @@ int resume(Context &ctx)
     if (!machine.resumeFromDiskError(&reason))
         return ctx.fail(Conflict, QStringLiteral("device '%1' stays paused: %2").arg(machine.getName(), reason));
     return ctx.show({describe(ctx.engine(), machine), {}, {}, {QStringLiteral("resumed '%1'").arg(machine.getName())}});
-}
-
-int snapshotList(Context &ctx)
-{
-    VMToolsEngine *e = ctx.engine();
-    VMToolsMachine &machine = *ctx.device();
-    Output output{QJsonValue(), {"NAME", "DATE", "SIZE", "LOADABLE"}, {}, {}};
-    QJsonArray array;
-    for (const SnapshotInfo &snapshot : e->fetchSnapshots(&machine)) {
-        const QString mismatch = e->savedStateMismatch(&machine, snapshot.name);
-        array.append(QJsonObject{{"name", snapshot.name},
-                                 {"date", snapshot.date.toUTC().toString(Qt::ISODate)},
-                                 {"size", double(snapshot.vmStateSize)},
-                                 {"guest_clock_seconds", snapshot.guestClockNs / 1e9},
-                                 {"quick_boot", snapshot.name == kLatest},
-                                 {"loadable", mismatch.isEmpty()},
-                                 {"not_loadable_because", orNull(!mismatch.isEmpty(), mismatch)}});
-        output.rows << QStringList{snapshot.name + (snapshot.name == kLatest ? QStringLiteral(" (quick boot)") : QString()),
-                                   snapshot.date.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                                   sizeText(snapshot.vmStateSize), mismatch.isEmpty() ? QStringLiteral("yes") : mismatch};
-    }
-    output.json = array;
-    return ctx.show(output);
 }
 
 /// What a snapshot command that took seconds shows.
@@ -890,63 +942,40 @@ bool parseBool(const QString &text, bool *ok)
 
 /// One change of 'device set', checked before any is applied.
 struct Change {
-    QString key;
-    qint64 number = 0;
-    bool flag = false;
+    const DeviceKey *key = nullptr;
+    qint64 value = 0;
 };
 
 /// Reads KEY=VALUE into change; Success, or the code of the refusal it
 /// reported.
 int parseChange(Context &ctx, const QString &item, bool running, Change *change)
 {
-    static const QStringList numbers = {"cpus", "ram", "sdcard-size"};
-    static const QStringList flags = {"quickboot", "root", "sdcard", "virtual-keyboard", "fullscreen"};
-    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
     const int eq = item.indexOf(QLatin1Char('='));
-    change->key = item.left(eq);
-    const QString &key = change->key;
-    const QString value = item.mid(eq + 1);
-    if (eq <= 0 || !(numbers.contains(key) || flags.contains(key)))
-        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2")
-                                   .arg(item, (numbers + flags).join(", ")));
-    if (running && hardware.contains(key))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key));
-    bool ok = false;
-    if (flags.contains(key)) {
-        change->flag = parseBool(value, &ok);
-        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
+    change->key = eq > 0 ? findDeviceKey(item.left(eq)) : nullptr;
+    if (!change->key) {
+        QStringList keys;
+        for (const DeviceKey &k : kDeviceKeys)
+            keys << QString::fromLatin1(k.key);
+        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2").arg(item, keys.join(", ")));
     }
-    change->number = value.toLongLong(&ok);
-    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
-    // device.json keeps the sizes as numbers its reader takes as int.
-    const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
-    if (!ok || change->number < minimum || change->number > maximum)
+    const DeviceKey &key = *change->key;
+    const QString value = item.mid(eq + 1);
+    if (running && key.hardware)
+        return ctx.fail(Conflict,
+                        QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key.key));
+    bool ok = false;
+    if (isFlag(key)) {
+        change->value = parseBool(value, &ok);
+        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key.key, value));
+    }
+    change->value = value.toLongLong(&ok);
+    if (!ok || change->value < key.minimum || change->value > key.maximum)
         return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
-                                   .arg(key)
-                                   .arg(minimum)
-                                   .arg(maximum)
+                                   .arg(key.key)
+                                   .arg(key.minimum)
+                                   .arg(key.maximum)
                                    .arg(value));
     return Success;
-}
-
-bool applyChange(VMToolsMachine &machine, const Change &change)
-{
-    const QString &key = change.key;
-    if (key == "cpus")
-        return machine.setCpuCount(int(change.number));
-    if (key == "ram")
-        return machine.setRamSize(change.number);
-    if (key == "sdcard-size")
-        return machine.setSdCardSize(change.number);
-    if (key == "quickboot")
-        return machine.setQuickbootEnabled(change.flag);
-    if (key == "root")
-        return machine.setRootAccessEnabled(change.flag);
-    if (key == "sdcard")
-        return machine.setSdCardInserted(change.flag);
-    if (key == "virtual-keyboard")
-        return machine.setVirtualKeyboardEnabled(change.flag);
-    return machine.setFullScreen(change.flag);
 }
 
 /// Names, before the changes apply, every snapshot they make unloadable: the
@@ -958,10 +987,10 @@ void noteUnloadable(Context &ctx, VMToolsEngine *e, VMToolsMachine &machine, con
         return;
     HwProfile hardware = changed->getHwProfile();
     for (const Change &change : changes) {
-        if (change.key == "cpus")
-            hardware.cpuCount = int(change.number);
-        else if (change.key == "ram")
-            hardware.ramSize = change.number;
+        if (change.key == findDeviceKey(QStringLiteral("cpus")))
+            hardware.cpuCount = int(change.value);
+        else if (change.key == findDeviceKey(QStringLiteral("ram")))
+            hardware.ramSize = change.value;
     }
     changed->setHwProfile(hardware);
     const QString name = machine.getName();
@@ -995,12 +1024,13 @@ int set(Context &ctx)
     }
     noteUnloadable(ctx, ctx.engine(), machine, changes);
     for (const Change &change : changes) {
-        if (!applyChange(machine, change))
-            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, machine.getName()));
+        if (!change.key->write(machine, change.value))
+            return ctx.fail(Failed,
+                            QStringLiteral("could not set %1 of device '%2'").arg(change.key->key, machine.getName()));
     }
     QStringList changed;
-    for (const QString &item : ctx.args().mid(1))
-        changed << item;
+    for (const Change &change : changes)
+        changed << QStringLiteral("%1 = %2").arg(change.key->key, deviceKeyText(*change.key, change.value));
     return ctx.done(describe(ctx.engine(), machine),
                     QStringLiteral("set %1 of device '%2'").arg(changed.join(QLatin1String(", ")), machine.getName()));
 }
@@ -1020,14 +1050,18 @@ void addSnapshotCommands()
 {
     commands()
         << deviceCommand({"snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList)
+               .withExample("hvtool device snapshot list pixel")
         << deviceCommand({"snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
                          snapshotSave, DeviceUse::Change, DeviceState::Running,
                          "device '%1' is not running; start it to save its state", checkSnapshotName)
+               .withExample("hvtool device snapshot save pixel before_update")
         << deviceCommand({"snapshot", "load"}, "NAME SNAPSHOT", "Return the running device to a saved snapshot.", {},
                          2, 2, snapshotLoad, DeviceUse::Change, DeviceState::Running,
                          "device '%1' is not running; start it with --snapshot %2 instead")
+               .withExample("hvtool device snapshot load pixel before_update")
         << deviceCommand({"snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2, 2,
-                         snapshotDelete, DeviceUse::Change, DeviceState::Stopped);
+                         snapshotDelete, DeviceUse::Change, DeviceState::Stopped)
+               .withExample("hvtool device snapshot delete pixel before_update");
 }
 
 /// The verbs that start, resume and stop a device.
@@ -1040,22 +1074,29 @@ void addRunCommands()
                          "discards the quick-boot state.",
                          {{"cold", "Boot cold even when a quick-boot state exists."},
                           {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
-                          {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
+                          {"wait", QStringLiteral("Return only once the guest answers, waiting at most this long "
+                                                  "(%1 s when SECONDS is left out); 'hvtool device wait' waits again.")
+                                       .arg(kDefaultWaitSeconds),
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
                           {"force", "Start even when the host seems short of memory for it."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
+               .withOptionalValue("wait", QString::number(kDefaultWaitSeconds))
+               .withExample("hvtool device start pixel --wait")
         << deviceCommand({"resume"}, "NAME",
                          "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.",
                          {}, 1, 1, resume, DeviceUse::Change, DeviceState::Paused)
+               .withExample("hvtool device resume pixel")
         << deviceCommand({"stop"}, "NAME", "Stop a device gracefully, saving its state first when quick boot is on.",
                          {{"force", "Kill the emulator at once."},
                           {"no-save", "Do not save the quick-boot state: the next start boots cold and keeps this "
                                       "session's disk writes. To return to a known state later, save a named snapshot "
                                       "and start with --snapshot NAME."}},
-                         1, 1, stop, DeviceUse::Change, DeviceState::Running);
+                         1, 1, stop, DeviceUse::Change)
+               .withExample("hvtool device stop pixel");
+    addWaitCommand();
 }
 
 /// The options of 'device create': what it is made from, and the sizes that
@@ -1064,7 +1105,8 @@ QList<QCommandLineOption> createOptions()
 {
     QList<QCommandLineOption> options = {
         {"image", "OS image (name, uuid or record file); by default the only one, or the newest.", "ID"},
-        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"}};
+        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"},
+        {"pull", "Download the image's OVA first when it is not on this machine."}};
     for (const ProfileFields::Field &field : ProfileFields::all()) {
         if (field.device)
             options << QCommandLineOption(QString::fromLatin1(field.key),
@@ -1078,15 +1120,19 @@ QList<QCommandLineOption> createOptions()
 
 void addDeviceCommands()
 {
-    const QCommandLineOption yes({"yes", "y"}, "Do not ask for confirmation.");
+    const QCommandLineOption yes({"yes", "y"}, "Go ahead without asking (needed when stdin is not a terminal).");
     commands()
         << deviceCommand({"create"}, "NAME",
                          "Create a device from an OS image and a hardware profile, saying which it took by default.",
                          createOptions(), 1, 1, create, DeviceUse::None)
+               .withExample("hvtool device create pixel")
         << deviceCommand({"list"}, {}, "List the devices and their state.",
                          {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list,
                          DeviceUse::None)
-        << deviceCommand({"show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show);
+               .withExample("hvtool device list")
+        << deviceCommand({"show"}, "NAME", "Show one device: its state, its settings, its snapshots, its profile "
+                                           "and its image.", {}, 1, 1, show)
+               .withExample("hvtool device show pixel");
     addRunCommands();
     addSnapshotCommands();
     commands()
@@ -1094,17 +1140,21 @@ void addDeviceCommands()
                          {{"crash-consistent", "Copy a running device too: it is paused for the copy, which holds "
                                                "its disks as a power cut at that moment would leave them."}},
                          2, 2, clone, DeviceUse::Change)
+               .withExample("hvtool device clone pixel pixel-2")
         << deviceCommand({"reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset,
                          DeviceUse::Change, DeviceState::Stopped)
+               .withExample("hvtool device reset pixel --yes")
         << deviceCommand({"delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove,
                          DeviceUse::None)
+               .withExample("hvtool device delete pixel --yes")
         << deviceCommand({"cleanup"}, {},
                          "Remove what interrupted creations and clones left, unless they are still running.", {}, 0,
                          0, cleanup, DeviceUse::None)
-        << deviceCommand({"set"}, "NAME KEY=VALUE...",
-                         "Change settings: cpus, ram, quickboot, root, sdcard, sdcard-size, virtual-keyboard, "
-                         "fullscreen.",
-                         {}, 2, -1, set, DeviceUse::Change);
+               .withExample("hvtool device cleanup")
+        << deviceCommand({"set"}, "NAME KEY=VALUE...", "Change the device's settings; 'device show' shows them.", {},
+                         2, -1, set, DeviceUse::Change)
+               .withDetails(deviceKeysHelp())
+               .withExample("hvtool device set pixel ram=4096 quickboot=false");
 }
 
 } // namespace hvtool

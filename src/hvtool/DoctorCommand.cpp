@@ -79,10 +79,9 @@ Check leftoversCheck(VMToolsEngine *engine)
     if (names.isEmpty())
         return {"leftovers", Level::Ok, "no interrupted creation or clone left anything"};
     return {"leftovers", Level::Warn,
-            QStringLiteral("interrupted creations or clones left %1 (%2 MiB); reclaim them with "
+            QStringLiteral("interrupted creations or clones left %1 (%2); reclaim them with "
                            "'hvtool device cleanup'")
-                .arg(names.join(QLatin1String(", ")))
-                .arg(double(bytes) / (1 << 20), 0, 'f', 1)};
+                .arg(names.join(QLatin1String(", ")), sizeText(bytes))};
 }
 
 /// adb is how developers reach a device; without it hvtool still works.
@@ -146,9 +145,12 @@ int version(Context &ctx)
 
 void addDoctorCommand()
 {
-    commands() << Command{{"doctor"}, {}, "Check the set-up: QEMU, the plug-in, KVM, the accelerator, audio and the devices directory.", {}, 0,
-                          0, doctor}
-               << Command{{"version"}, {}, "Show hvtool's, the library's and QEMU's versions.", {}, 0, 0, version};
+    commands() << Command{{"doctor"}, {},
+                          "Check the set-up: QEMU, the plug-in, KVM, the accelerator, audio and the devices directory.",
+                          {}, 0, 0, doctor}
+                          .withExample("hvtool doctor")
+               << Command{{"version"}, {}, "Show hvtool's, the library's and QEMU's versions.", {}, 0, 0, version}
+                          .withExample("hvtool version");
 }
 
 } // namespace hvtool

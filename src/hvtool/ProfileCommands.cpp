@@ -165,8 +165,11 @@ void addProfileCommands()
         createOptions << QCommandLineOption(QString::fromLatin1(field.key), ProfileFields::help(field),
                                             QString::fromLatin1(field.valueName));
     commands() << Command{{"profile", "list"}, {}, "List the built-in hardware profiles and the user's.", {}, 0, 0, list}
+                          .withExample("hvtool profile list")
                << Command{{"profile", "show"}, "ID", "Show one profile (ID: name, uuid or file).", {}, 1, 1, show}
+                          .withExample("hvtool profile show phone")
                << Command{{"profile", "create"}, "NAME", "Create a hardware profile.", createOptions, 1, 1, create}
+                          .withExample("hvtool profile create pixel --cpus 2 --ram 2048")
                << Command{{"profile", "set"},
                           "ID KEY=VALUE...",
                           QStringLiteral("Change a profile of the user's: %1. Devices made from it keep their own "
@@ -176,7 +179,9 @@ void addProfileCommands()
                           2,
                           -1,
                           set}
-               << Command{{"profile", "delete"}, "ID", "Delete a user profile.", {}, 1, 1, remove};
+                          .withExample("hvtool profile set pixel ram=4096")
+               << Command{{"profile", "delete"}, "ID", "Delete a user profile.", {}, 1, 1, remove}
+                          .withExample("hvtool profile delete pixel");
 }
 
 } // namespace hvtool

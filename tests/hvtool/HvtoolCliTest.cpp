@@ -98,8 +98,8 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"deleteUnknown", {"device", "delete", "nosuch", "--yes"}, 3, "", "device 'nosuch' does not exist"},
         CliCase{"badDeviceName", {"device", "create", "../evil", "--image", "x", "--profile", "y"}, 2, "",
                 "'../evil' is not a valid device name"},
-        CliCase{"unknownSetting", {"settings", "get", "no.such.key"}, 3, "",
-                "setting 'no.such.key' is not set and has no default"},
+        CliCase{"unknownSetting", {"settings", "set", "no.such.key", "1"}, 2, "",
+                "unknown setting 'no.such.key'; the settings are hypervisor, emulator.accelerator,"},
         CliCase{"unknownProfile", {"profile", "show", "nosuch"}, 3, "", "profile 'nosuch' does not exist"},
         CliCase{"badDisplay", {"profile", "create", "p", "--display", "big"}, 2, "",
                 "--display needs WIDTHxHEIGHT@DPI"},
@@ -118,18 +118,22 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"verboseShowsTheLibrarysProgress", {"-v", "device", "list"}, 0, "NAME", "[debug] "}),
     [](const ::testing::TestParamInfo<CliCase> &info) { return std::string(info.param.name); });
 
-TEST(HvtoolSettings, setGetResetRoundTrip)
+TEST(HvtoolSettings, setGetResetRoundTripWithSources)
 {
     // A setting that is not the engine's needs no QEMU at hand.
-    EXPECT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, {{"HV_QEMU_BIN_DIR", "/nonexistent"}}).code, 0);
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom", "--format", "json"}).json().object().value("ui.zoom").toDouble(),
-              1.5);
-    EXPECT_EQ(hvtool({"settings", "set", "player.name", "my phone"}).code, 0);
-    const CliResult list = hvtool({"settings", "list", "--format", "json"});
-    EXPECT_EQ(list.json().object().value("player.name").toString(), "my phone");
-    EXPECT_EQ(hvtool({"settings", "reset", "ui.zoom"}).code, 0);
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).code, 3);
+    EXPECT_EQ(hvtool({"settings", "set", "emulator.accelerator", "tcg"}, {{"HV_QEMU_BIN_DIR", "/nonexistent"}}).code, 0);
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "tcg\n");
+    QMap<QString, QJsonObject> listed;
+    for (const QJsonValue &row : hvtool({"settings", "list", "--format", "json"}).json().array())
+        listed.insert(row.toObject().value("key").toString(), row.toObject());
+    EXPECT_TRUE(listed.contains("virtual_devices.directory"));
+    EXPECT_FALSE(listed.contains("virtualbox.host_only_interface_name"));
+    EXPECT_EQ(listed["emulator.accelerator"].value("source"), "user");
+    EXPECT_EQ(listed["emulator.audio"].value("source"), "default");
+    EXPECT_EQ(listed["virtual_devices.directory"].value("source"), "environment");
+    EXPECT_FALSE(hvtool({"settings", "list"}).out.contains(QDir::homePath() + "/"));
+    EXPECT_EQ(hvtool({"settings", "reset", "emulator.accelerator"}).out, "reset emulator.accelerator to its default, auto\n");
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "auto\n");
 }
 
 // A fresh install lists a phone held upright and a tablet, within this
@@ -380,7 +384,7 @@ TEST_F(HvtoolImages, pathsFromRecordsStayInTheirDirectories)
 TEST(HvtoolSettings, devicesDirectoryMustBeAbsolute)
 {
     const CliResult r = hvtool({"settings", "set", "virtual_devices.directory", "12"});
-    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(r.err.contains("it must be an absolute path")) << r.err.toStdString();
     EXPECT_NE(hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed(), "12");
     const QString absolute = hvtest::testRoot() + "/devices";

@@ -204,11 +204,11 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
     const QString image = registerImage(makeOva("full.ova"));
     const QString hwProfile = profile();
     ASSERT_EQ(hvtool({"device", "create", "Full", "--image", image, "--profile", hwProfile}).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}).code, 0);
     const QString otherOva = makeOva("other.ova");
     const QStringList commands[] = {
-        {"settings", "set", "ui.zoom", "2"},
-        {"settings", "reset", "ui.zoom"},
+        {"settings", "set", "emulator.audio", "pa"},
+        {"settings", "reset", "emulator.audio"},
         {"device", "set", "Full", "ram=1024"},
         {"device", "set", "Full", "quickboot=false"},
         {"profile", "create", "Other"},
@@ -223,7 +223,7 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
         EXPECT_EQ(tree(hvHome()), before);
     }
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.audio"}).out, "none\n");
     EXPECT_EQ(hvtool({"device", "show", "Full", "--format", "json"}).json().object().value("ram_mb").toInt(), 256);
 }
 
@@ -239,11 +239,11 @@ TEST(HvtoolDiskFull, aFullFileSystemKeepsTheDeviceAndTheSettings)
     const QString image = registerImage(makeOva("tmpfs.ova"), env);
     const QString hwProfile = profile(env);
     ASSERT_EQ(hvtool({"device", "create", "Tight", "--image", image, "--profile", hwProfile}, env).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, env).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}, env).code, 0);
     tmpfs.fill();
     const QMap<QString, QByteArray> before = tree(home);
     for (const QStringList &command : {QStringList{"device", "set", "Tight", "ram=1024", "cpus=2"},
-                                       QStringList{"settings", "set", "ui.zoom", "2"}}) {
+                                       QStringList{"settings", "set", "emulator.audio", "pa"}}) {
         const CliResult r = hvtool(command, env);
         EXPECT_EQ(r.code, 1) << command.join(' ').toStdString();
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
@@ -754,6 +754,28 @@ TEST(HvtoolDevicesDirectory, createTakesTheNewestImageAndThePhoneWhereDevicesGo)
     const CliResult again = hvtool({"device", "create", "first", "--image", newest}, env);
     EXPECT_EQ(again.code, 0) << again.err.toStdString();
     EXPECT_TRUE(QFileInfo(devices + "/first").isDir());
+}
+
+// A creation longer than a second shows its phase and how far it has come:
+// redrawn in place on a terminal, in plain lines in a log. Each image tool
+// run takes half a second here, so the conversion takes seconds.
+TEST(HvtoolProgress, aLongCreationShowsItsPhaseAndPercent)
+{
+    const QMap<QString, QString> slow{{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_DELAY", "0.5"}};
+    QProcess terminal;
+    terminal.setProcessEnvironment(hvtest::environmentWith(slow));
+    terminal.start("python3", {"-c", "import pty, sys; pty.spawn(sys.argv[1:])", hvtest::helperPath("hvtool"), "device",
+                               "create", "shown", "--image", registerImage(makeOva("shown.ova"))});
+    ASSERT_TRUE(terminal.waitForFinished(60000));
+    const QString drawn = QString::fromUtf8(terminal.readAllStandardOutput());
+    EXPECT_TRUE(drawn.contains("\r\033[Kcreating device 'shown': converting the image's disks [")) << drawn.toStdString();
+    EXPECT_TRUE(drawn.contains("\r\033[Kcreating device 'shown': done in ")) << drawn.toStdString();
+
+    const CliResult logged = hvtool({"device", "create", "logged", "--image", registerImage(makeOva("logged.ova"))}, slow);
+    EXPECT_TRUE(logged.err.contains(QRegularExpression("\ncreating device 'logged': converting the image's disks, "
+                                                       "\\d+%\n")))
+        << logged.err.toStdString();
+    EXPECT_FALSE(logged.err.contains('\r') || logged.err.contains('\033')) << logged.err.toStdString();
 }
 
 // A start and a delete of one device at the same moment, again and again:
