@@ -18,5 +18,6 @@ int main(int argc, char **argv)
     hvtool::addDeviceCommands();
     hvtool::addDoctorCommand();
     hvtool::addAdbCommands();
+    hvtool::addShellCommands();
     return hvtool::runCommandLine(QCoreApplication::arguments());
 }
