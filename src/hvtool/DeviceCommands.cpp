@@ -899,7 +899,7 @@ int removeBroken(Context &ctx, VMToolsEngine *e, const QString &name, const QStr
         return refused;
     if (!e->deleteBrokenMachine(name))
         return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
-    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
+    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }
 
 /// Deletes the device, which the command holds locked.
@@ -915,7 +915,7 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
         return refused;
     if (!ticking(QStringLiteral("deleting '%1'").arg(name), [&] { return e->deleteMachine(machine.get()); }))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
-    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
+    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }
 
 int remove(Context &ctx)
