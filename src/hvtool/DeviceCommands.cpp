@@ -316,14 +316,14 @@ int create(Context &ctx)
                                    .arg(name));
     Stored<OsImage> image;
     HwProfile profile;
-    // A wrong option is refused before anything is looked up.
+    // A wrong option is refused before anything is looked up, a taken name
+    // before an image is chosen for it.
     int code = chooseProfile(ctx, &profile);
-    if (code == Success)
-        code = chooseImage(ctx, &image);
-    if (code == Success)
-        noteDefaultProfile(ctx, profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = chooseImage(ctx, &image)) != Success)
+        return code;
+    noteDefaultProfile(ctx, profile);
+    if ((code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
