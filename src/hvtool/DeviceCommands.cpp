@@ -1,6 +1,7 @@
 // hvtool device: create, list, start, stop, snapshot, clone, reset, delete
 // and configure virtual devices, through the engine interface.
 #include "Catalog.h"
+#include "AdbCommands.h"
 #include "Command.h"
 #include "Engine.h"
 #include "InterruptGuard.h"
@@ -315,14 +316,14 @@ int create(Context &ctx)
                                    .arg(name));
     Stored<OsImage> image;
     HwProfile profile;
-    // A wrong option is refused before anything is looked up.
+    // A wrong option is refused before anything is looked up, a taken name
+    // before an image is chosen for it.
     int code = chooseProfile(ctx, &profile);
-    if (code == Success)
-        code = chooseImage(ctx, &image);
-    if (code == Success)
-        noteDefaultProfile(ctx, profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = chooseImage(ctx, &image)) != Success)
+        return code;
+    noteDefaultProfile(ctx, profile);
+    if ((code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -603,7 +604,8 @@ Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &
     if (wait) {
         object.insert("ready_seconds", readyMs / 1000.0);
         object.insert("banner", QString::fromUtf8(wait->banner).trimmed());
-        lines << QStringLiteral("guest answered after %1 s").arg(secondsText(readyMs));
+        lines << (wait->bootAwaited ? QStringLiteral("guest booted after %1 s") : QStringLiteral("guest answered after %1 s"))
+                     .arg(secondsText(readyMs));
     }
     return Output{object, {}, {}, lines};
 }
@@ -620,7 +622,8 @@ int start(Context &ctx)
         return code;
     QElapsedTimer timer;
     timer.start();
-    StartOutcome outcome = e->startDevice(&machine, request);
+    StartOutcome outcome = ticking(QStringLiteral("starting '%1'").arg(machine.getName()),
+                                   [&] { return e->startDevice(&machine, request); });
     showNotes(ctx, outcome.notes);
     if (!outcome.started())
         return reportStartFailure(ctx, machine, outcome);
@@ -634,7 +637,9 @@ int start(Context &ctx)
     // A restart on the way leaves the boot cold.
     if (wait.restartedCold)
         outcome.boot = StartOutcome::Cold;
-    return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
+    Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
+    afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
+    return ctx.show(output);
 }
 
 /// Says that the state saved as snapshot is there but what it was saved
@@ -656,11 +661,12 @@ void noteUnrecordedState(Context &ctx, const QString &device, const QString &sna
 int saveState(Context &ctx, VMToolsMachine &machine, const QString &snapshot, const QString &consequence)
 {
     bool recorded = true;
-    if (!ctx.engine()->saveSnapshot(&machine, snapshot, &recorded))
-        return ctx.fail(Failed, QStringLiteral("could not save %1 of device '%2'%3")
-                                    .arg(snapshot == kLatest ? QStringLiteral("the quick-boot state")
-                                                             : QStringLiteral("snapshot '%1'").arg(snapshot),
-                                         machine.getName(), consequence));
+    const QString what =
+        snapshot == kLatest ? QStringLiteral("the quick-boot state") : QStringLiteral("snapshot '%1'").arg(snapshot);
+    if (!ticking(QStringLiteral("saving %1 of '%2'").arg(what, machine.getName()),
+                 [&] { return ctx.engine()->saveSnapshot(&machine, snapshot, &recorded); }))
+        return ctx.fail(Failed,
+                        QStringLiteral("could not save %1 of device '%2'%3").arg(what, machine.getName(), consequence));
     if (!recorded)
         noteUnrecordedState(ctx, machine.getName(), snapshot);
     return Success;
@@ -691,8 +697,12 @@ int stop(Context &ctx)
             return code;
     }
     const qint64 savedMs = timer.elapsed();
-    ctx.engine()->stopMachine(&machine);
-    if (!machine.waitForStop(30000)) {
+    beforeStop(machine);
+    const bool quit = ticking(QStringLiteral("stopping '%1'").arg(name), [&] {
+        ctx.engine()->stopMachine(&machine);
+        return machine.waitForStop(30000);
+    });
+    if (!quit) {
         ctx.note(QStringLiteral("device '%1' did not quit within 30 s; killing it").arg(name));
         machine.forceStop();
         machine.waitForStop(5000);
@@ -733,7 +743,8 @@ int snapshotLoad(Context &ctx)
         return refused;
     QElapsedTimer timer;
     timer.start();
-    if (!ctx.engine()->loadSnapshot(&machine, snapshot))
+    if (!ticking(QStringLiteral("loading snapshot '%1' of '%2'").arg(snapshot, machine.getName()),
+                 [&] { return ctx.engine()->loadSnapshot(&machine, snapshot); }))
         return ctx.fail(Failed, QStringLiteral("could not load snapshot '%1' of device '%2'")
                                     .arg(snapshot, machine.getName()));
     return showSnapshotDone(ctx, QStringLiteral("loaded"), timer.elapsed());
@@ -805,7 +816,8 @@ int clone(Context &ctx)
     const int refused = checkClone(ctx, newName, running, crashConsistent);
     if (refused != Success)
         return refused;
-    const int result = ctx.engine()->cloneMachine(&machine, newName, crashConsistent);
+    const int result = ticking(QStringLiteral("copying '%1' to '%2'").arg(machine.getName(), newName),
+                               [&] { return ctx.engine()->cloneMachine(&machine, newName, crashConsistent); });
     if (result == 2)
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     if (result != 0)
@@ -831,7 +843,8 @@ int reset(Context &ctx)
                                             .arg(name),
                                         QStringLiteral("device '%1' not reset").arg(name)))
         return refused;
-    const VMToolsEngine::ResetResult result = ctx.engine()->resetDevice(&machine);
+    const VMToolsEngine::ResetResult result = ticking(QStringLiteral("resetting '%1'").arg(name),
+                                                      [&] { return ctx.engine()->resetDevice(&machine); });
     if (result == VMToolsEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
     if (result == VMToolsEngine::ResetResult::Pending)
@@ -905,7 +918,7 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
     if (const int refused = ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name),
                                         QStringLiteral("device '%1' not deleted").arg(name)))
         return refused;
-    if (!e->deleteMachine(machine.get()))
+    if (!ticking(QStringLiteral("deleting '%1'").arg(name), [&] { return e->deleteMachine(machine.get()); }))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }
