@@ -154,6 +154,7 @@ void addProfileCommands();
 void addImageCommands();
 void addDeviceCommands();
 void addDoctorCommand();
+void addViewCommands();
 
 /// Parses the command line, runs the command and returns the exit code.
 int runCommandLine(const QStringList &arguments);

@@ -74,6 +74,8 @@ QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
         {"latest_snapshot", e->fetchSnapshotNames(&machine).contains(kLatest)},
         {"cpus", machine.getCpuCount()},
         {"ram_mb", double(machine.getRamSize())},
+        {"console_log", e->logPath(&machine, false)},
+        {"emulator_log", e->logPath(&machine, true)},
     };
 }
 
@@ -323,7 +325,8 @@ int show(Context &ctx)
     const QStringList snapshots = e->fetchSnapshotNames(&machine);
     Output output;
     for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
-                            "port_offset", "pid", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb"}) {
+                            "port_offset", "pid", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb",
+                            "console_log", "emulator_log"}) {
         const QJsonValue value = object.value(key);
         if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
             continue;
@@ -374,7 +377,7 @@ void showNotes(Context &ctx, const QStringList &notes)
         ctx.note(line);
 }
 
-/// Reads --wait, --snapshot, --cold, --accel and --force into request;
+/// Reads --wait, --snapshot, --cold, --accel, --force and --window into request;
 /// Success, or the usage failure.
 int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
 {
@@ -392,6 +395,7 @@ int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
     if (ctx.isSet(QStringLiteral("accel")) && request->accelerator.isEmpty())
         return ctx.fail(Usage, QStringLiteral("--accel needs an accelerator"));
     request->ignoreMemory = ctx.isSet(QStringLiteral("force"));
+    request->window = ctx.isSet(QStringLiteral("window"));
     return Success;
 }
 
@@ -953,7 +957,9 @@ void addRunCommands()
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
-                          {"force", "Start even when the host seems short of memory for it."}},
+                          {"force", "Start even when the host seems short of memory for it."},
+                          {"window", "Show the device's screen in the emulator's window (needs a display; "
+                                     "closing the window does not stop the device)."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
         << deviceCommand({"resume"}, "NAME",

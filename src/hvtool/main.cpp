@@ -16,5 +16,6 @@ int main(int argc, char **argv)
     hvtool::addImageCommands();
     hvtool::addDeviceCommands();
     hvtool::addDoctorCommand();
+    hvtool::addViewCommands();
     return hvtool::runCommandLine(QCoreApplication::arguments());
 }
