@@ -20,7 +20,11 @@ bool OsImage::isValid() const
 
 QString OsImage::getFormatedUri() const
 {
-    QString uri = imageUri;
+    return formatUri(imageUri);
+}
+
+QString OsImage::formatUri(QString uri)
+{
     return uri.replace(QStringLiteral("{{VENDOR}}"), Urls::getVendorOsImageDownloadUrl().toString());
 }
 

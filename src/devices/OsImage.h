@@ -24,6 +24,8 @@ public:
     bool isValid() const;
     /// imageUri with "{{VENDOR}}" replaced by the vendor download address.
     QString getFormatedUri() const;
+    /// uri with "{{VENDOR}}" replaced by the vendor download address.
+    static QString formatUri(QString uri);
     /// Where the downloaded OVA lives: the file of a file URL, else the file
     /// of that name in the OVA directory.
     QString getLocalPath() const;

@@ -3,6 +3,7 @@
 #include "FileUtils.h"
 #include "Logging_p.h"
 #include "Paths.h"
+#include "Sha256.h"
 
 #include <QCryptographicHash>
 #include <QDebug>
@@ -60,7 +61,7 @@ QString hashFile(const QString &path, const OsImageChecksum::Progress &progress,
         *error = file.errorString();
         return QString();
     }
-    QCryptographicHash hash(QCryptographicHash::Sha256);
+    Sha256 hash;
     QByteArray buffer(1 << 20, Qt::Uninitialized);
     qint64 done = 0;
     for (;;) {
@@ -71,12 +72,22 @@ QString hashFile(const QString &path, const OsImageChecksum::Progress &progress,
         }
         if (n == 0)
             break;
-        hash.addData(buffer.constData(), int(n));
+        hash.addData(buffer.constData(), n);
         done += n;
         if (progress)
             progress(done);
     }
-    return QString::fromLatin1(hash.result().toHex());
+    return hash.hexResult();
+}
+
+void keepEntry(QJsonObject entry, const QString &checksum)
+{
+    const QString path = entry.value(QStringLiteral("path")).toString();
+    entry.insert(QStringLiteral("sha256"), checksum);
+    const QString kept = entryPath(path);
+    // Only a cache: a checksum that cannot be kept is computed again next time.
+    if (!FileUtils::makeDirectory(QFileInfo(kept).absolutePath()) || !FileUtils::saveFile(kept, QJsonDocument(entry).toJson()))
+        qCWarning(hvDevicesLog) << "Failed to keep the checksum of" << path << "in" << kept;
 }
 
 } // namespace
@@ -103,13 +114,16 @@ QString OsImageChecksum::compute(const QString &file, const Progress &progress, 
         why = QStringLiteral("the file changed while it was read");
         return QString();
     }
-    QJsonObject entry = before;
-    entry.insert(QStringLiteral("sha256"), checksum);
-    const QString kept = entryPath(path);
-    // Only a cache: a checksum that cannot be kept is computed again next time.
-    if (!FileUtils::makeDirectory(QFileInfo(kept).absolutePath()) || !FileUtils::saveFile(kept, QJsonDocument(entry).toJson()))
-        qCWarning(hvDevicesLog) << "Failed to keep the checksum of" << path << "in" << kept;
+    keepEntry(before, checksum);
     return checksum;
+}
+
+void OsImageChecksum::keep(const QString &file, const QString &checksum)
+{
+    QString ignored;
+    const QJsonObject identity = fileIdentity(QFileInfo(file).absoluteFilePath(), &ignored);
+    if (!identity.isEmpty() && isChecksum(checksum))
+        keepEntry(identity, checksum);
 }
 
 QString OsImageChecksum::get(const QString &file, const Progress &progress, QString *error)

@@ -26,6 +26,9 @@ public:
     /// The last checksum computed for the path, even when the file has
     /// changed or is gone since; empty when none was.
     static QString lastKnown(const QString &path);
+    /// Keeps checksum as that of the file at path as it is now: one computed
+    /// from its content while it was written (a download hashes what arrives).
+    static void keep(const QString &path, const QString &checksum);
     /// Whether text looks like a sha-256 in hex.
     static bool isChecksum(const QString &text);
 };

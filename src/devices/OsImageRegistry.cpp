@@ -39,11 +39,12 @@ Registration refused(Outcome outcome, const QString &reason)
     return {outcome, reason, {}};
 }
 
-/// The OVA's checksum, computed now from its content.
+/// The OVA's checksum, from its content: computed now, or kept for the
+/// unchanged file when it was computed before (as a download wrote it).
 QString hash(const QString &path, const OsImageRegistry::Progress &progress, QString *error)
 {
     const qint64 total = QFileInfo(path).size();
-    return OsImageChecksum::compute(
+    return OsImageChecksum::get(
         path, [&](qint64 done) { if (progress) progress(path, done, total); }, error);
 }
 
@@ -129,7 +130,7 @@ OsImage describeOva(const QFileInfo &info, const OsImage &draft)
     image.arch = !draft.arch.isEmpty() ? draft.arch
                                        : (draft.osVersion >= VersionNumber(11, 0, 0) ? QStringLiteral("x86_64")
                                                                                      : QStringLiteral("x86"));
-    image.imageUri = QUrl::fromLocalFile(info.absoluteFilePath()).toString();
+    image.imageUri = draft.imageUri.isEmpty() ? QUrl::fromLocalFile(info.absoluteFilePath()).toString() : draft.imageUri;
     image.imageSizeBytes = info.size();
     image.sdkVersion = VersionUtils::androidVersionToApi(draft.osVersion);
     image.version = OsImageIO::currentVersion();
@@ -174,7 +175,12 @@ QString OsImageRegistry::checkOva(const QString &path)
 
 Registration OsImageRegistry::addRecord(const QString &path, const Inspector &inspect, const Progress &progress)
 {
-    OsImage image = loadImage(path);
+    return addImage(loadImage(path), path, inspect, progress);
+}
+
+Registration OsImageRegistry::addImage(OsImage image, const QString &path, const Inspector &inspect,
+                                       const Progress &progress)
+{
     if (!image.isValid())
         return refused(Outcome::Refused, QStringLiteral("'%1' is not a valid OS image record").arg(path));
     // The uuid names the stored record: one holding a path would write

@@ -55,10 +55,15 @@ public:
     /// this machine, the OVA must have the checksum the record declares and
     /// pass inspect.
     static Registration addRecord(const QString &path, const Inspector &inspect, const Progress &progress = {});
+    /// The same for an image read elsewhere (a catalogue, a web address);
+    /// origin names where, for the messages.
+    static Registration addImage(OsImage image, const QString &origin, const Inspector &inspect,
+                                 const Progress &progress = {});
     /// Registers the OVA at path as an image of the Android version in
     /// draft.osVersion, named draft.name ("Android <version>" when empty),
     /// for draft.arch (by the Android version when empty: x86_64 from
-    /// Android 11 on). The rest (address, size, checksum, dates, versions)
+    /// Android 11 on), fetched again from draft.imageUri (the OVA's own file
+    /// when empty). The rest (address, size, checksum, dates, versions)
     /// is read from the file. The OVA must hold the reference disks and pass
     /// inspect.
     static Registration addOva(const QString &path, const OsImage &draft, const Inspector &inspect,

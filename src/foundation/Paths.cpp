@@ -27,7 +27,8 @@ QString homeDirectory()
 Paths::PathInfo computeLayout()
 {
     Paths::PathInfo p;
-    p.organizationPath = homeDirectory() + QStringLiteral("/.") + HalvistromAppUtils::getOrganizationName();
+    p.homePath = homeDirectory();
+    p.organizationPath = p.homePath + QStringLiteral("/.") + HalvistromAppUtils::getOrganizationName();
     p.halvistromPath = p.organizationPath + QLatin1Char('/') + HalvistromAppUtils::getHalvistromAppName();
     p.cachePath = p.halvistromPath + QStringLiteral("/cache/");
     p.ovaPath = p.halvistromPath + QStringLiteral("/ova/");
@@ -65,6 +66,7 @@ const Paths::PathInfo &Paths::info()
     return layout;
 }
 
+QString Paths::getHomePath() { return info().homePath; }
 QString Paths::getOrganizationPath() { return info().organizationPath; }
 QString Paths::getHalvistromPath() { return info().halvistromPath; }
 QString Paths::getHalvistromCachePath() { return info().cachePath; }

@@ -13,6 +13,7 @@ class HALVISTROM_CORE_EXPORT Paths
 public:
     /// The layout, computed once per process.
     struct PathInfo {
+        QString homePath;
         QString organizationPath;
         QString halvistromPath;
         QString cachePath;
@@ -26,6 +27,9 @@ public:
         QString mediaPath;
     };
 
+    /// "HV_HOME" when it is set, else the user's home directory: the
+    /// directory the data tree and every per-user default live in.
+    static QString getHomePath();
     static QString getOrganizationPath();
     static QString getHalvistromPath();
     static QString getHalvistromCachePath();

@@ -1,16 +1,20 @@
 #include "Command.h"
 
 #include "Engine.h"
+#include "FileUtils.h"
+#include "RecordDirectory.h"
 
 #include <QCommandLineParser>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLoggingCategory>
+#include <QMap>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QTextStream>
 
+#include <cerrno>
 #include <cstdio>
 #include <unistd.h>
 
@@ -76,17 +80,26 @@ const char kGlobalOptions[] =
     "  -v, --verbose       show the library's log lines on stderr\n"
     "  -h, --help          show help for the command or level\n";
 
+/// The option's name as help spells it: "--yes", not "--y".
+QString longName(const QCommandLineOption &option)
+{
+    QString longest;
+    for (const QString &name : option.names())
+        longest = name.size() > longest.size() ? name : longest;
+    return longest;
+}
+
 QString usageLine(const Command &command)
 {
     QString line = QStringLiteral("hvtool ") + command.path.join(QLatin1Char(' '));
     if (!command.arguments.isEmpty())
         line += QLatin1Char(' ') + command.arguments;
     for (const QCommandLineOption &option : command.options) {
-        const QString name = option.names().constLast();
-        line += QStringLiteral(" [--") + name;
+        QString text = QStringLiteral("--") + longName(option);
         if (!option.valueName().isEmpty())
-            line += QLatin1Char(' ') + option.valueName();
-        line += QLatin1Char(']');
+            text += QLatin1Char(' ') + option.valueName();
+        line += command.required.contains(longName(option)) ? QLatin1Char(' ') + text
+                                                             : QStringLiteral(" [%1]").arg(text);
     }
     return line;
 }
@@ -125,6 +138,8 @@ QString commandHelp(const Command &command)
     QString text;
     QTextStream s(&text);
     s << "Usage: " << usageLine(command) << "\n\n" << command.summary << "\n";
+    if (!command.details.isEmpty())
+        s << "\n" << command.details << "\n";
     if (!command.options.isEmpty()) {
         s << "\nOptions:\n";
         for (const QCommandLineOption &option : command.options) {
@@ -134,21 +149,93 @@ QString commandHelp(const Command &command)
             QString head = names.join(QStringLiteral(", "));
             if (!option.valueName().isEmpty())
                 head += QLatin1Char(' ') + option.valueName();
-            s << "  " << head.leftJustified(26) << ' ' << option.description() << "\n";
+            s << "  " << head.leftJustified(26) << ' ' << option.description()
+              << (command.required.contains(longName(option)) ? " Required." : "") << "\n";
         }
     }
+    if (!command.example.isEmpty())
+        s << "\nExample:\n  " << command.example << "\n";
     s << "\n" << kGlobalOptions << "\n" << kExitCodes;
     return text;
 }
 
-int usageError(const QString &message, const QString &help)
+/// The value with every uuid bare: a key "uuid" or ending in "_uuid"
+/// holds "0b0e...", never "{0b0e...}", in every command's output.
+QJsonValue bareUuids(const QJsonValue &value, bool isUuid)
 {
-    err() << "hvtool: " << message << "\n\n" << help;
+    if (value.isString())
+        return isUuid ? QJsonValue(RecordDirectory::bareUuid(value.toString())) : value;
+    if (value.isArray()) {
+        QJsonArray array;
+        for (const QJsonValue &item : value.toArray())
+            array.append(bareUuids(item, false));
+        return array;
+    }
+    if (!value.isObject())
+        return value;
+    QJsonObject object = value.toObject();
+    for (auto it = object.begin(); it != object.end(); ++it)
+        it.value() = bareUuids(it.value(), it.key() == QLatin1String("uuid") || it.key().endsWith(QLatin1String("_uuid")));
+    return object;
+}
+
+void printDocument(const QJsonValue &raw)
+{
+    const QJsonValue value = bareUuids(raw, false);
+    const QJsonDocument document =
+        value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
+    out() << document.toJson(QJsonDocument::Indented);
+    out().flush();
+}
+
+/// A failure as JSON mode shows it: the one document on stdout.
+QJsonObject errorDocument(const QString &message, int code)
+{
+    return QJsonObject{{"error", QJsonObject{{"message", message}, {"exit_code", code}}}};
+}
+
+/// Reports a wrong command line: the message and what helps on stderr,
+/// the error object on stdout in JSON mode.
+int usageError(Format format, const QString &message, const QString &help)
+{
+    err() << "hvtool: " << message << '\n' << help;
     err().flush();
+    if (format == Format::Json)
+        printDocument(errorDocument(message, Usage));
     return Usage;
 }
 
 } // namespace
+
+QString sizeText(qint64 bytes)
+{
+    static const char *const units[] = {"KiB", "MiB", "GiB", "TiB"};
+    double value = double(bytes) / 1024;
+    int unit = 0;
+    while (value >= 1024 && unit < 3) {
+        value /= 1024;
+        ++unit;
+    }
+    return QStringLiteral("%1 %2").arg(value, 0, 'f', 1).arg(QLatin1String(units[unit]));
+}
+
+QStringList tableLines(const QStringList &header, const QList<QStringList> &rows)
+{
+    QVector<int> widths(header.size());
+    for (int c = 0; c < header.size(); ++c) {
+        widths[c] = header.at(c).size();
+        for (const QStringList &row : rows)
+            widths[c] = qMax(widths[c], row.value(c).size());
+    }
+    QStringList lines;
+    for (const QStringList &cells : QList<QStringList>{header} + rows) {
+        QString text;
+        for (int c = 0; c < header.size(); ++c)
+            text += (c + 1 < header.size() ? cells.value(c).leftJustified(widths[c] + 2) : cells.value(c));
+        lines << text.trimmed();
+    }
+    return lines;
+}
 
 QList<Command> &commands()
 {
@@ -202,29 +289,13 @@ void Context::print(const QString &line) const
 
 void Context::printJson(const QJsonValue &value) const
 {
-    const QJsonDocument document =
-        value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
-    out() << document.toJson(QJsonDocument::Indented);
-    out().flush();
+    printDocument(value);
 }
 
 void Context::printTable(const QStringList &header, const QList<QStringList> &rows) const
 {
-    QVector<int> widths(header.size());
-    for (int c = 0; c < header.size(); ++c) {
-        widths[c] = header.at(c).size();
-        for (const QStringList &row : rows)
-            widths[c] = qMax(widths[c], row.value(c).size());
-    }
-    auto line = [&](const QStringList &cells) {
-        QString text;
-        for (int c = 0; c < header.size(); ++c)
-            text += (c + 1 < header.size() ? cells.value(c).leftJustified(widths[c] + 2) : cells.value(c));
-        print(text.trimmed());
-    };
-    line(header);
-    for (const QStringList &row : rows)
-        line(row);
+    for (const QString &line : tableLines(header, rows))
+        print(line);
 }
 
 void Context::note(const QString &line) const
@@ -235,6 +306,8 @@ void Context::note(const QString &line) const
 
 int Context::fail(int code, const QString &message) const
 {
+    if (m_failure.isEmpty())
+        m_failure = message;
     err() << "hvtool: " << message << '\n';
     if (!m_verbose) {
         QStringList problems = recentLibraryProblems();
@@ -249,17 +322,21 @@ int Context::fail(int code, const QString &message) const
     return code;
 }
 
-bool Context::confirm(const QString &question) const
+int Context::confirm(const QString &question, const QString &declined) const
 {
     if (isSet(QStringLiteral("yes")))
-        return true;
+        return Success;
     if (!::isatty(STDIN_FILENO))
-        return false;
+        return fail(Usage, QStringLiteral("'%1' asks for confirmation and stdin is not a terminal: add --yes to "
+                                          "confirm")
+                               .arg(m_command));
     err() << question << " [y/N] ";
     err().flush();
     QTextStream in(stdin);
     const QString answer = in.readLine().trimmed().toLower();
-    return answer == QLatin1String("y") || answer == QLatin1String("yes");
+    if (answer == QLatin1String("y") || answer == QLatin1String("yes"))
+        return Success;
+    return fail(Failed, declined);
 }
 
 void Context::setTarget(VMToolsEngine *engine, std::unique_ptr<VMToolsMachine> device,
@@ -279,7 +356,7 @@ void Context::releaseDevice()
 int Context::show(const Output &output) const
 {
     if (json()) {
-        printJson(output.json);
+        m_document = output.json;
         return Success;
     }
     if (!output.header.isEmpty())
@@ -287,6 +364,32 @@ int Context::show(const Output &output) const
     for (const QString &line : output.lines)
         print(line);
     return Success;
+}
+
+int Context::done(const QJsonValue &json, const QString &line) const
+{
+    return show({json, {}, {}, {line}});
+}
+
+int Context::finish(int code) const
+{
+    if (!json())
+        return code;
+    if (code == Success) {
+        printJson(m_document.isArray() ? m_document : QJsonValue(m_document.toObject()));
+        return code;
+    }
+    QJsonObject document =
+        errorDocument(m_failure.isEmpty() ? QStringLiteral("'%1' failed").arg(m_command) : m_failure, code);
+    // What the command had found before it failed is kept (the checks of
+    // a doctor run, what a cleanup reclaimed).
+    if (m_document.isArray() || m_document.isObject()) {
+        QJsonObject error = document.value("error").toObject();
+        error.insert(QStringLiteral("result"), m_document);
+        document.insert(QStringLiteral("error"), error);
+    }
+    printJson(document);
+    return code;
 }
 
 namespace {
@@ -314,16 +417,27 @@ int readGlobalOptions(const QStringList &arguments, GlobalOptions *options)
             options->version = true;
         } else if (a == QLatin1String("--format") || a.startsWith(QLatin1String("--format="))) {
             if (a == QLatin1String("--format") && i + 1 >= arguments.size())
-                return usageError(QStringLiteral("--format needs a value: text or json"), levelHelp({}));
+                return usageError(options->format, QStringLiteral("--format needs a value: text or json"), QString());
             const QString value = a == QLatin1String("--format") ? arguments.at(++i) : a.mid(9);
             if (value != QLatin1String("json") && value != QLatin1String("text"))
-                return usageError(QStringLiteral("unknown format '%1': use text or json").arg(value), levelHelp({}));
+                return usageError(options->format, QStringLiteral("unknown format '%1': use text or json").arg(value),
+                                  QString());
             options->format = value == QLatin1String("json") ? Format::Json : Format::Text;
         } else {
             options->rest << a;
         }
     }
     return Success;
+}
+
+/// Whether some command's path begins with prefix.
+bool isKnownLevel(const QStringList &prefix)
+{
+    for (const Command &command : commands()) {
+        if (startsWith(command.path, prefix))
+            return true;
+    }
+    return false;
 }
 
 /// The longest command path that the leading words name; null when none.
@@ -337,6 +451,77 @@ const Command *findCommand(const QStringList &words)
     return found;
 }
 
+/// The command words with the short names people type (ls, rm, info)
+/// replaced by the verbs they stand for where that names a command.
+QStringList resolveAliases(QStringList words)
+{
+    static const QMap<QString, QStringList> aliases = {
+        {"ls", {"list"}}, {"rm", {"delete", "remove"}}, {"info", {"show"}}};
+    // Only command words are replaced: the arguments after them stay as typed.
+    for (int i = 0; i < words.size() && isKnownLevel(words.mid(0, i)) && !findCommand(words.mid(0, i)); ++i) {
+        for (const QString &verb : aliases.value(words.at(i))) {
+            if (isKnownLevel(words.mid(0, i) << verb)) {
+                words[i] = verb;
+                break;
+            }
+        }
+    }
+    return words;
+}
+
+/// The number of single-character edits (a swap of neighbours counting as
+/// one) that turn a into b.
+int editDistance(const QString &a, const QString &b)
+{
+    QVector<QVector<int>> d(a.size() + 1, QVector<int>(b.size() + 1));
+    for (int i = 0; i <= a.size(); ++i)
+        d[i][0] = i;
+    for (int j = 0; j <= b.size(); ++j)
+        d[0][j] = j;
+    for (int i = 1; i <= a.size(); ++i) {
+        for (int j = 1; j <= b.size(); ++j) {
+            const int cost = a.at(i - 1) == b.at(j - 1) ? 0 : 1;
+            d[i][j] = qMin(qMin(d[i - 1][j] + 1, d[i][j - 1] + 1), d[i - 1][j - 1] + cost);
+            if (i > 1 && j > 1 && a.at(i - 1) == b.at(j - 2) && a.at(i - 2) == b.at(j - 1))
+                d[i][j] = qMin(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+/// The command the user most likely meant by word after prefix; empty when
+/// nothing is close.
+QString closestCommand(const QStringList &prefix, const QString &word)
+{
+    QString best;
+    int bestDistance = word.size() < 4 ? 2 : 3;
+    for (const Command &command : commands()) {
+        if (!startsWith(command.path, prefix) || command.path.size() <= prefix.size())
+            continue;
+        const QString candidate = command.path.at(prefix.size());
+        const int distance = candidate.startsWith(word) ? 1 : editDistance(word, candidate);
+        if (distance < bestDistance) {
+            bestDistance = distance;
+            best = (QStringList(prefix) << candidate).join(QLatin1Char(' '));
+        }
+    }
+    return best;
+}
+
+/// Refuses words whose last one names no command at the level before it:
+/// one line, with the command meant when one is close.
+int unknownCommand(const GlobalOptions &options, const QStringList &known)
+{
+    const QString word = options.rest.at(known.size());
+    const QString meant = closestCommand(known, word);
+    const QString help = QStringLiteral("hvtool %1--help").arg(known.isEmpty() ? QString() : known.join(' ') + ' ');
+    const QString hint = meant.isEmpty() ? QStringLiteral("'%1' lists the commands").arg(help)
+                                         : QStringLiteral("did you mean 'hvtool %1'?").arg(meant);
+    return usageError(options.format,
+                      QStringLiteral("unknown command '%1'; %2").arg((known + QStringList{word}).join(' '), hint),
+                      QString());
+}
+
 /// Answers words that name no command: "--version" alone, the help of the
 /// level (noun) they name, or the usage error.
 int answerLevel(const GlobalOptions &options)
@@ -345,30 +530,44 @@ int answerLevel(const GlobalOptions &options)
         if (const Command *version = findCommand({QStringLiteral("version")})) {
             QCommandLineParser none;
             Context context({}, none, options.format, options.verbose);
-            return version->run(context);
+            return context.finish(version->run(context));
         }
     }
     QStringList prefix;
-    for (const QString &word : options.rest) {
-        QStringList candidate = prefix;
-        candidate << word;
-        bool known = false;
-        for (const Command &command : commands())
-            known = known || startsWith(command.path, candidate);
-        if (!known)
-            break;
-        prefix = candidate;
-    }
-    const QString text = levelHelp(prefix);
-    if (options.help && prefix.size() == options.rest.size()) {
-        out() << text;
-        out().flush();
-        return Success;
-    }
+    while (prefix.size() < options.rest.size() && isKnownLevel(options.rest.mid(0, prefix.size() + 1)))
+        prefix << options.rest.at(prefix.size());
     if (options.rest.size() > prefix.size())
-        return usageError(QStringLiteral("unknown command '%1'").arg(options.rest.mid(0, prefix.size() + 1).join(' ')),
-                          text);
-    return usageError(QStringLiteral("missing command"), text);
+        return unknownCommand(options, prefix);
+    const QString text = levelHelp(prefix);
+    if (!options.help)
+        return usageError(options.format, QStringLiteral("missing command"), QLatin1Char('\n') + text);
+    out() << text;
+    out().flush();
+    return Success;
+}
+
+/// Parses the command's own arguments and options into parser; Success, or
+/// the usage error reported.
+int parseCommandLine(const Command &command, const QString &program, const GlobalOptions &options,
+                     QCommandLineParser *parser)
+{
+    parser->setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
+    parser->addOptions(command.options);
+    const QString usage = QStringLiteral("Usage: %1\n").arg(usageLine(command));
+    if (!parser->parse(QStringList{program} + options.rest.mid(command.path.size())))
+        return usageError(options.format, parser->errorText(), usage);
+    const QStringList positional = parser->positionalArguments();
+    if (positional.size() < command.minArgs)
+        return usageError(options.format, QStringLiteral("missing argument: %1").arg(command.arguments), usage);
+    if (command.maxArgs >= 0 && positional.size() > command.maxArgs)
+        return usageError(options.format, QStringLiteral("unexpected argument '%1'").arg(positional.at(command.maxArgs)),
+                          usage);
+    for (const QString &option : command.required) {
+        if (!parser->isSet(option))
+            return usageError(options.format, QStringLiteral("missing option --%1").arg(option), usage);
+    }
+    return Success;
 }
 
 /// Parses the command's own options and arguments, opens the device it
@@ -376,22 +575,31 @@ int answerLevel(const GlobalOptions &options)
 int runCommand(const Command &command, const QString &program, const GlobalOptions &options)
 {
     QCommandLineParser parser;
-    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
-    parser.addOptions(command.options);
-    if (!parser.parse(QStringList{program} + options.rest.mid(command.path.size())))
-        return usageError(parser.errorText(), commandHelp(command));
-    const QStringList positional = parser.positionalArguments();
-    if (positional.size() < command.minArgs)
-        return usageError(QStringLiteral("missing argument: %1").arg(command.arguments), commandHelp(command));
-    if (command.maxArgs >= 0 && positional.size() > command.maxArgs)
-        return usageError(QStringLiteral("unexpected argument '%1'").arg(positional.at(command.maxArgs)),
-                          commandHelp(command));
-    Context context(positional, parser, options.format, options.verbose);
+    const int wrong = parseCommandLine(command, program, options, &parser);
+    if (wrong != Success)
+        return wrong;
+    Context context(parser.positionalArguments(), parser, options.format, options.verbose);
     context.setCommand(command.path);
     const int invalid = command.checkArguments ? command.checkArguments(context) : Success;
     const int opened = invalid == Success ? openTarget(command, context) : invalid;
-    return opened == Success ? command.run(context) : opened;
+    return context.finish(opened == Success ? command.run(context) : opened);
+}
+
+/// Refuses a home that HV_HOME names and that cannot be made: everything
+/// hvtool keeps lives below it.
+int checkHome(const GlobalOptions &options)
+{
+    const QString home = QString::fromLocal8Bit(qgetenv("HV_HOME"));
+    if (home.isEmpty() || FileUtils::makeDirectory(home))
+        return Success;
+    const QString cause = qt_error_string(errno);
+    const QString message =
+        QStringLiteral("HV_HOME is set to '%1', but this directory cannot be created: %2").arg(home, cause);
+    err() << "hvtool: " << message << '\n';
+    err().flush();
+    if (options.format == Format::Json)
+        printDocument(errorDocument(message, Failed));
+    return Failed;
 }
 
 } // namespace
@@ -399,10 +607,11 @@ int runCommand(const Command &command, const QString &program, const GlobalOptio
 int runCommandLine(const QStringList &arguments)
 {
     GlobalOptions options;
-    const int invalid = readGlobalOptions(arguments, &options);
-    if (invalid != Success)
-        return invalid;
+    int code = readGlobalOptions(arguments, &options);
+    if (code != Success || (code = checkHome(options)) != Success)
+        return code;
     installLogHandler(options.verbose);
+    options.rest = resolveAliases(options.rest);
     const Command *found = findCommand(options.rest);
     if (!found)
         return answerLevel(options);

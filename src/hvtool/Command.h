@@ -37,6 +37,11 @@ struct Output {
     QStringList lines;
 };
 
+/// A size as every command shows it: "512.0 KiB", "12.7 MiB", "1.5 GiB".
+QString sizeText(qint64 bytes);
+/// Rows as aligned columns under a header, one line each.
+QStringList tableLines(const QStringList &header, const QList<QStringList> &rows);
+
 /// What a command does with the device its first argument names.
 enum class DeviceUse {
     None,   ///< it names no device, or looks it up itself
@@ -68,14 +73,24 @@ public:
     /// Writes a progress or status line to stderr.
     void note(const QString &line) const;
     /// Reports a failure on stderr, with the library's recent warnings as the
-    /// cause, and returns the exit code.
+    /// cause, and returns the exit code. In JSON mode the command's one
+    /// document becomes {"error": {"message": ..., "exit_code": ...}}, with
+    /// the first failure's message.
     int fail(int code, const QString &message) const;
 
-    /// Whether destructive verbs may go ahead: --yes, or a "y" typed on a
-    /// terminal. Never prompts when stdin is not a terminal.
-    bool confirm(const QString &question) const;
+    /// Success when a destructive verb may go ahead: --yes, or a "y" typed on
+    /// a terminal. Otherwise the refusal, reported: exit 2 naming --yes when
+    /// stdin is not a terminal, exit 1 and declined ("device 'x' not
+    /// deleted") when the user answers anything else.
+    int confirm(const QString &question, const QString &declined) const;
     /// Shows a command's result, as text or as JSON; returns Success.
     int show(const Output &output) const;
+    /// Shows what a verb that changed something did: json in JSON mode, the
+    /// one confirmation line in text mode; returns Success.
+    int done(const QJsonValue &json, const QString &line) const;
+    /// Ends the command: in JSON mode writes its one document, the result or
+    /// the error object; returns code.
+    int finish(int code) const;
 
     /// The engine and the device the command names, when its table entry
     /// names one; the device is locked until the command ends when the
@@ -101,6 +116,10 @@ private:
     Format m_format;
     bool m_verbose;
     QString m_command;
+    /// In JSON mode the document waits for the end of the command, so that
+    /// a failure after a result still leaves one document on stdout.
+    mutable QJsonValue m_document;
+    mutable QString m_failure;
     VMToolsEngine *m_engine = nullptr;
     std::unique_ptr<LockFiles::CommandLock> m_lock;
     std::unique_ptr<VMToolsMachine> m_device;
@@ -145,13 +164,51 @@ struct Command {
     /// Refuses arguments the command cannot take (exit 2) before the device
     /// is looked at; none when empty.
     std::function<int(Context &)> checkArguments;
+    /// One command line that uses it, shown by --help.
+    QString example;
+    /// What --help adds to the summary (the keys a command takes, ...).
+    QString details;
+    /// The options the command cannot run without (by long name): the usage
+    /// line shows them without brackets and a command line without them is
+    /// refused with exit 2.
+    QStringList required;
+
+    Command &withExample(const QString &line)
+    {
+        example = line;
+        return *this;
+    }
+    Command &withDetails(const QString &text)
+    {
+        details = text;
+        return *this;
+    }
+    Command &withRequired(const QStringList &options)
+    {
+        required = options;
+        return *this;
+    }
 };
+
+/// A setting that 'hvtool settings' lists and lets the user change.
+struct SettingKey {
+    QString key;
+    /// One line: what it changes and the values it takes.
+    QString description;
+    /// Why text cannot be its value (exit 2), in words; empty when it can.
+    /// None: the engine's own choices, if any, are the only check.
+    std::function<QString(const QString &text)> refuse = {};
+};
+
+/// The settings users may change; each noun's file adds its own.
+QList<SettingKey> &settingKeys();
 
 /// Every command of the tool; each noun's file adds its own.
 QList<Command> &commands();
 void addSettingsCommands();
 void addProfileCommands();
 void addImageCommands();
+void addPullCommands();
 void addDeviceCommands();
 void addDoctorCommand();
 void addViewCommands();

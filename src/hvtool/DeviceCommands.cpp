@@ -3,7 +3,10 @@
 #include "Catalog.h"
 #include "Command.h"
 #include "Engine.h"
+#include "InterruptGuard.h"
+#include "ProfileFields.h"
 #include "Progress.h"
+#include "PullCommands.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -17,9 +20,9 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <future>
 #include <memory>
 #include <thread>
@@ -30,13 +33,6 @@ namespace {
 const QString kLatest = VMToolsEngine::latestSnapshotName();
 
 using MachinePtr = std::unique_ptr<VMToolsMachine>;
-
-QString sizeText(qint64 bytes)
-{
-    if (bytes >= (qint64(1) << 30))
-        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral("G");
-    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral("M");
-}
 
 QString secondsText(qint64 ms)
 {
@@ -54,11 +50,90 @@ QJsonValue orNull(bool present, const QJsonValue &value)
     return present ? value : QJsonValue();
 }
 
+/// A value 'device set' changes: what it is, what it takes, and how the
+/// device keeps it. Flags take true or false (on/off, yes/no, 1/0).
+struct DeviceKey {
+    const char *key;      ///< as 'device set' and 'device show' spell it
+    const char *json;     ///< as the JSON output spells it
+    const char *unit;     ///< empty for a flag
+    qint64 minimum;
+    qint64 maximum;
+    bool hardware;        ///< changed only while the device is stopped
+    const char *what;
+    qint64 (*read)(const VMToolsMachine &);
+    bool (*write)(VMToolsMachine &, qint64);
+};
+
+// device.json keeps the sizes as numbers its reader takes as int.
+const DeviceKey kDeviceKeys[] = {
+    {"cpus", "cpus", "CPUs", 1, HwProfile::MaxCpuCount, true, "virtual CPUs",
+     [](const VMToolsMachine &m) { return qint64(m.getCpuCount()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setCpuCount(int(v)); }},
+    {"ram", "ram_mb", "MB", HwProfile::MinRamSize, HwProfile::MaxRamSize, true, "guest memory",
+     [](const VMToolsMachine &m) { return qint64(m.getRamSize()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setRamSize(v); }},
+    {"sdcard-size", "sdcard_size_mb", "MB", 0, HwProfile::MaxRamSize, true, "size of the SD card",
+     [](const VMToolsMachine &m) { return qint64(m.getSdCardSize()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setSdCardSize(v); }},
+    {"sdcard", "sdcard", "", 0, 1, true, "whether the SD card is inserted",
+     [](const VMToolsMachine &m) { return qint64(m.isSdCardInserted()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setSdCardInserted(v != 0); }},
+    {"quickboot", "quickboot", "", 0, 1, false, "save the state at stop and resume it at start",
+     [](const VMToolsMachine &m) { return qint64(m.isQuickbootEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setQuickbootEnabled(v != 0); }},
+    {"root", "root", "", 0, 1, false, "root access in the guest",
+     [](const VMToolsMachine &m) { return qint64(m.isRootAccessEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setRootAccessEnabled(v != 0); }},
+    {"virtual-keyboard", "virtual_keyboard", "", 0, 1, false, "the on-screen keyboard",
+     [](const VMToolsMachine &m) { return qint64(m.isVirtualKeyboardEnabled()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setVirtualKeyboardEnabled(v != 0); }},
+    {"fullscreen", "fullscreen", "", 0, 1, false, "the window fills the screen",
+     [](const VMToolsMachine &m) { return qint64(m.isFullScreen()); },
+     [](VMToolsMachine &m, qint64 v) { return m.setFullScreen(v != 0); }},
+};
+
+const DeviceKey *findDeviceKey(const QString &key)
+{
+    for (const DeviceKey &k : kDeviceKeys) {
+        if (key == QLatin1String(k.key))
+            return &k;
+    }
+    return nullptr;
+}
+
+bool isFlag(const DeviceKey &key)
+{
+    return !*key.unit;
+}
+
+/// What 'device set --help' says of each key.
+QString deviceKeysHelp()
+{
+    QString text = QStringLiteral("Keys (hardware keys only while the device is stopped):\n");
+    for (const DeviceKey &k : kDeviceKeys) {
+        const QString values = isFlag(k) ? QStringLiteral("true or false")
+                                         : QStringLiteral("%1 to %2 %3").arg(k.minimum).arg(k.maximum).arg(k.unit);
+        text += QStringLiteral("  %1 %2, %3%4\n")
+                    .arg(QString::fromLatin1(k.key), -17)
+                    .arg(QString::fromLatin1(k.what), values,
+                         k.hardware ? QStringLiteral(" (hardware)") : QString());
+    }
+    return text.trimmed();
+}
+
+/// A key's value as 'device show' prints it.
+QString deviceKeyText(const DeviceKey &key, qint64 value)
+{
+    if (isFlag(key))
+        return value ? QStringLiteral("true") : QStringLiteral("false");
+    return key.unit == QLatin1String("MB") ? QStringLiteral("%1 MB").arg(value) : QString::number(value);
+}
+
 QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
 {
     const MachineRunInfo run = machine.getRunInfo();
     const bool on = run.state != VMToolsMachine::Off;
-    return QJsonObject{
+    QJsonObject object{
         {"name", machine.getName()},
         {"uuid", Catalog::bareUuid(machine.getUuid())},
         {"status", VMToolsMachine::getStatusString(run.state)},
@@ -70,13 +145,15 @@ QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
         {"pid", orNull(on && run.pid > 0, double(run.pid))},
         {"path", QDir(machine.getPath()).absolutePath()},
         {"size_on_disk", double(machine.getSizeOnDisk())},
-        {"quickboot", machine.isQuickbootEnabled()},
         {"latest_snapshot", e->fetchSnapshotNames(&machine).contains(kLatest)},
-        {"cpus", machine.getCpuCount()},
-        {"ram_mb", double(machine.getRamSize())},
         {"console_log", e->logPath(&machine, false)},
         {"emulator_log", e->logPath(&machine, true)},
     };
+    for (const DeviceKey &key : kDeviceKeys) {
+        const qint64 value = key.read(machine);
+        object.insert(QLatin1String(key.json), isFlag(key) ? QJsonValue(value != 0) : QJsonValue(double(value)));
+    }
+    return object;
 }
 
 /// The device a command that made it names, described; its name alone when
@@ -109,36 +186,6 @@ int refuseTakenName(Context &ctx, VMToolsEngine *e, const QString &name)
     return Success;
 }
 
-/// Set by the first interrupt of a creation, which then cancels it.
-std::atomic<bool> g_interrupted{false};
-
-extern "C" void interruptCreation(int)
-{
-    g_interrupted = true;
-}
-
-/// Catches the interrupts of the terminal for as long as it lives: a
-/// creation interrupted with Ctrl-C is cancelled and rolled back.
-class InterruptGuard
-{
-public:
-    InterruptGuard()
-    {
-        g_interrupted = false;
-        m_int = std::signal(SIGINT, interruptCreation);
-        m_term = std::signal(SIGTERM, interruptCreation);
-    }
-    ~InterruptGuard()
-    {
-        std::signal(SIGINT, m_int);
-        std::signal(SIGTERM, m_term);
-    }
-
-private:
-    void (*m_int)(int);
-    void (*m_term)(int);
-};
-
 QString phaseText(CreateProgress::Phase phase)
 {
     switch (phase) {
@@ -161,7 +208,7 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     // The future wakes this thread the moment the creation ends; the tenth
     // of a second is only how often the progress is redrawn.
     std::packaged_task<int()> task(
-        [&] { return e->createMachine(name, image, profile, [] { return g_interrupted.load(); }, error); });
+        [&] { return e->createMachine(name, image, profile, [] { return InterruptGuard::interrupted(); }, error); });
     std::future<int> result = task.get_future();
     std::thread worker(std::move(task));
     Progress progress(QStringLiteral("creating device '%1'").arg(name), 0);
@@ -174,22 +221,81 @@ int createWithProgress(VMToolsEngine *e, const QString &name, const OsImage &ima
     return result.get();
 }
 
-/// Finds the image and the profile that --image and --profile name;
-/// Success, or the exit code of the failure it reported.
-int findRecords(Context &ctx, Stored<OsImage> *image, Stored<HwProfile> *profile)
+/// Whether a is a newer image than b: a later Android, then a later image
+/// version, then a later build.
+bool newerImage(const OsImage &a, const OsImage &b)
 {
-    const QString imageId = ctx.value(QStringLiteral("image"));
-    const QString profileId = ctx.value(QStringLiteral("profile"));
-    if (imageId.isEmpty() || profileId.isEmpty())
-        return ctx.fail(Usage, QStringLiteral("device create needs --image ID and --profile ID"));
-    int code = Catalog::findOne(ctx, QStringLiteral("image"), imageId, OsImageRegistry::find(imageId), image);
-    if (code == Success)
-        code = Catalog::findOne(ctx, QStringLiteral("profile"), profileId, HwProfileRegistry::find(profileId), profile);
-    if (code != Success)
-        return code;
-    if (!image->value.isImageAvailableLocally())
-        return ctx.fail(NotFound, QStringLiteral("the OVA of image '%1' is not on this machine: '%2'")
-                                      .arg(image->value.name, image->value.getLocalPath()));
+    if (a.osVersion != b.osVersion)
+        return b.osVersion < a.osVersion;
+    if (a.imageVersion != b.imageVersion)
+        return b.imageVersion < a.imageVersion;
+    return a.buildDate > b.buildDate;
+}
+
+QString imageText(const OsImage &image)
+{
+    return QStringLiteral("'%1' (Android %2, %3)")
+        .arg(image.name, image.osVersion.toString(), Catalog::bareUuid(image.uuid));
+}
+
+/// The image a create without --image uses: the only one, else the newest,
+/// which it names; Usage when two are equally new, NotFound when none.
+int defaultImage(Context &ctx, Stored<OsImage> *image)
+{
+    QList<Stored<OsImage>> all = OsImageRegistry::images();
+    if (all.isEmpty())
+        return ctx.fail(NotFound, QStringLiteral("there is no OS image yet: add one with 'hvtool image add FILE'"));
+    std::stable_sort(all.begin(), all.end(),
+                     [](const Stored<OsImage> &a, const Stored<OsImage> &b) { return newerImage(a.value, b.value); });
+    if (all.size() > 1 && !newerImage(all.at(0).value, all.at(1).value))
+        return ctx.fail(Usage, QStringLiteral("images %1 and %2 are equally new; name one with --image")
+                                   .arg(imageText(all.at(0).value), imageText(all.at(1).value)));
+    *image = all.first();
+    ctx.note(all.size() == 1 ? QStringLiteral("using image %1, the only one").arg(imageText(image->value))
+                             : QStringLiteral("using image %1, the newest of %2; another one with --image ID")
+                                   .arg(imageText(image->value))
+                                   .arg(all.size()));
+    return Success;
+}
+
+/// The image a create uses: the one --image names, else the default one;
+/// Success, or the exit code of the failure it reported.
+int chooseImage(Context &ctx, Stored<OsImage> *image)
+{
+    const QString id = ctx.value(QStringLiteral("image"));
+    const int code = ctx.isSet(QStringLiteral("image")) ? Catalog::findOne(ctx, QStringLiteral("image"), id,
+                                                                           OsImageRegistry::find(id), image)
+                                                        : defaultImage(ctx, image);
+    return code;
+}
+
+/// The profile a create uses: the one --profile names, else the built-in
+/// phone, which it names; with --cpus, --ram, --data-disk and --sdcard
+/// applied.
+int chooseProfile(Context &ctx, HwProfile *profile)
+{
+    if (ctx.isSet(QStringLiteral("profile"))) {
+        const QString id = ctx.value(QStringLiteral("profile"));
+        Stored<HwProfile> found;
+        const int code = Catalog::findOne(ctx, QStringLiteral("profile"), id, HwProfileRegistry::find(id), &found);
+        if (code != Success)
+            return code;
+        *profile = found.value;
+    } else {
+        *profile = HwProfileRegistry::defaultProfile();
+    }
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        const QString key = QString::fromLatin1(field.key);
+        const QString refusal = field.device && ctx.isSet(key) ? ProfileFields::apply(key, ctx.value(key), profile)
+                                                               : QString();
+        if (!refusal.isEmpty())
+            return ctx.fail(Usage, QStringLiteral("--") + refusal);
+    }
+    if (!ctx.isSet(QStringLiteral("profile")))
+        ctx.note(QStringLiteral("using profile '%1' (CPUs %2, memory %3 MB); another one with --profile ID")
+                     .arg(profile->getModel())
+                     .arg(profile->cpuCount)
+                     .arg(profile->ramSize));
     return Success;
 }
 
@@ -201,18 +307,20 @@ int create(Context &ctx)
                                               "'-' and spaces, at most 64")
                                    .arg(name));
     Stored<OsImage> image;
-    Stored<HwProfile> profile;
-    int code = findRecords(ctx, &image, &profile);
+    HwProfile profile;
+    int code = chooseImage(ctx, &image);
+    if (code == Success)
+        code = chooseProfile(ctx, &profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
     QString error;
-    if (createWithProgress(e, name, image.value, profile.value, &error) != 0)
+    if (createWithProgress(e, name, image.value, profile, &error) != 0)
         return ctx.fail(Failed, QStringLiteral("could not create device '%1': %2").arg(name, error));
-    return ctx.show({describeByName(e, name), {}, {}, {QStringLiteral("created device '%1' in %2 s")
-                                                          .arg(name, QString::number(timer.elapsed() / 1000.0, 'f', 2))}});
+    return ctx.done(describeByName(e, name),
+                    QStringLiteral("created device '%1' in %2 s").arg(name, secondsText(timer.elapsed())));
 }
 
 /// Calls work(i) for every i below count, spread over the host's cores when
@@ -253,8 +361,7 @@ QString listLeftovers(Context &ctx, VMToolsEngine *e, Output *output)
                                  {"operation", leftover.operation}, {"path", leftover.path},
                                  {"pid", orNull(leftover.pid > 0, double(leftover.pid))},
                                  {"size_on_disk", double(leftover.bytes)}});
-        output->rows << QStringList{leftover.name, status, QString(), QString(), QString(), sizeText(leftover.bytes),
-                                    QString()};
+        output->rows << QStringList{leftover.name, status, QString(), QString(), sizeText(leftover.bytes), QString()};
     }
     output->json = array;
     if (idle == 0)
@@ -266,24 +373,29 @@ QString listLeftovers(Context &ctx, VMToolsEngine *e, Output *output)
              all ? QString() : QStringLiteral("see them with 'hvtool device list --all', "));
 }
 
-/// Every device described, in the order of names, and the broken ones with
+/// Every device described, in the order of names, then the broken ones with
 /// their reasons.
-Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
+Output listDevices(VMToolsEngine *e)
 {
-    std::vector<MachinePtr> machines;
-    for (VMToolsMachine *machine : e->getMachines({}, broken))
-        machines.emplace_back(machine);
-    // Each device is described on its own: nothing is shared but the
-    // engine's read-only settings.
-    std::vector<QJsonObject> described(machines.size());
-    forEachInParallel(int(machines.size()), [&](int i) { described[size_t(i)] = describe(e, *machines[size_t(i)]); });
+    // Each device is loaded and described on its own: nothing is shared but
+    // the engine's read-only settings.
+    const QStringList names = e->getMachineNames();
+    std::vector<QJsonObject> described(size_t(names.size()));
+    std::vector<QString> broken(size_t(names.size()));
+    forEachInParallel(names.size(), [&](int i) {
+        if (MachinePtr machine{e->getMachine(names[i])})
+            described[size_t(i)] = describe(e, *machine);
+        else
+            broken[size_t(i)] = e->brokenMachineReason(names[i]);
+    });
     Output output;
     QJsonArray array;
     for (const QJsonObject &object : described) {
+        if (object.isEmpty())
+            continue;
         array.append(object);
         output.rows << QStringList{object.value("name").toString(), object.value("status").toString(),
                                    object.value("android_version").toString(), object.value("adb_serial").toString(),
-                                   object.value("qmp_socket").toString(),
                                    sizeText(qint64(object.value("size_on_disk").toDouble())),
                                    object.value("latest_snapshot").toBool() ? QStringLiteral("yes") : QStringLiteral("no")};
         if (object.value("status") == QLatin1String("Paused"))
@@ -291,12 +403,14 @@ Output listDevices(VMToolsEngine *e, QList<BrokenMachine> *broken)
     }
     // A directory that holds no usable device is shown too, with the
     // reason, so that the user sees what takes its name and can remove it.
-    for (const BrokenMachine &machine : *broken) {
-        array.append(QJsonObject{{"name", machine.name}, {"status", "Broken"}, {"reason", machine.reason},
-                                 {"path", machine.path}});
-        output.rows << QStringList{machine.name, QStringLiteral("Broken"), QString(), QString(), QString(), QString(),
-                                   QString()};
-        output.lines << brokenText(machine.name, machine.reason);
+    for (int i = 0; i < names.size(); ++i) {
+        const QString &reason = broken[size_t(i)];
+        if (reason.isEmpty())
+            continue;
+        array.append(QJsonObject{{"name", names[i]}, {"status", "Broken"}, {"reason", reason},
+                                 {"path", e->getDevicesDirectory().absoluteFilePath(names[i])}});
+        output.rows << QStringList{names[i], QStringLiteral("Broken"), QString(), QString(), QString(), QString()};
+        output.lines << brokenText(names[i], reason);
     }
     output.json = array;
     return output;
@@ -308,13 +422,48 @@ int list(Context &ctx)
     VMToolsEngine *e = engine(ctx, &code);
     if (!e)
         return code;
-    QList<BrokenMachine> broken;
-    Output output = listDevices(e, &broken);
-    output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "QMP", "SIZE", "LATEST"};
+    Output output = listDevices(e);
+    // The control socket's long path is in 'device show': the table fits
+    // 80 columns.
+    output.header = QStringList{"NAME", "STATUS", "ANDROID", "ADB", "SIZE", "LATEST"};
     const QString leftovers = listLeftovers(ctx, e, &output);
     if (!leftovers.isEmpty())
         output.lines << leftovers;
     return ctx.show(output);
+}
+
+/// The device's snapshots as 'snapshot list' shows them: a JSON array, and
+/// a table.
+Output snapshotTable(VMToolsEngine *e, VMToolsMachine &machine)
+{
+    Output output{QJsonValue(), {"NAME", "DATE", "SIZE", "LOADABLE"}, {}, {}};
+    QJsonArray array;
+    for (const SnapshotInfo &snapshot : e->fetchSnapshots(&machine)) {
+        const QString mismatch = e->savedStateMismatch(&machine, snapshot.name);
+        array.append(QJsonObject{{"name", snapshot.name},
+                                 {"date", snapshot.date.toUTC().toString(Qt::ISODate)},
+                                 {"size", double(snapshot.vmStateSize)},
+                                 {"guest_clock_seconds", snapshot.guestClockNs / 1e9},
+                                 {"quick_boot", snapshot.name == kLatest},
+                                 {"loadable", mismatch.isEmpty()},
+                                 {"not_loadable_because", orNull(!mismatch.isEmpty(), mismatch)}});
+        output.rows << QStringList{snapshot.name + (snapshot.name == kLatest ? QStringLiteral(" (quick boot)") : QString()),
+                                   snapshot.date.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
+                                   sizeText(snapshot.vmStateSize), mismatch.isEmpty() ? QStringLiteral("yes") : mismatch};
+    }
+    output.json = array;
+    return output;
+}
+
+int snapshotList(Context &ctx)
+{
+    return ctx.show(snapshotTable(ctx.engine(), *ctx.device()));
+}
+
+/// One "key: value" line of 'device show'.
+QString showLine(const QString &key, const QString &value)
+{
+    return QStringLiteral("%1 %2").arg(key + QLatin1Char(':'), -17).arg(value);
 }
 
 int show(Context &ctx)
@@ -322,25 +471,28 @@ int show(Context &ctx)
     VMToolsEngine *e = ctx.engine();
     VMToolsMachine &machine = *ctx.device();
     QJsonObject object = describe(e, machine);
-    const QStringList snapshots = e->fetchSnapshotNames(&machine);
     Output output;
     for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
-                            "port_offset", "pid", "path", "quickboot", "latest_snapshot", "cpus", "ram_mb",
-                            "console_log", "emulator_log"}) {
+                            "port_offset", "pid", "path", "console_log", "emulator_log"}) {
         const QJsonValue value = object.value(key);
-        if (value.isNull() && QLatin1String(key) == QLatin1String("reason"))
-            continue;
-        const QString text = value.isBool() ? (value.toBool() ? "yes" : "no")
-                                            : (value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
-        output.lines << QStringLiteral("%1 %2").arg(QString::fromLatin1(key) + QLatin1Char(':'), -17).arg(text);
+        if (!value.isNull())
+            output.lines << showLine(key, value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
     }
-    output.lines << QStringLiteral("%1 %2").arg("size_on_disk:", -17).arg(sizeText(machine.getSizeOnDisk()))
-                 << QStringLiteral("%1 %2").arg("hardware:", -17).arg(machine.getHwProfile().getName())
-                 << QStringLiteral("%1 %2").arg("os_image:", -17).arg(machine.getOsImage().name)
-                 << QStringLiteral("%1 %2").arg("snapshots:", -17).arg(snapshots.join(", "));
+    output.lines << showLine("size_on_disk", sizeText(machine.getSizeOnDisk()))
+                 << showLine("hardware", machine.getHwProfile().getName())
+                 << showLine("os_image", machine.getOsImage().name);
+    // Every value 'device set' changes, under the name it takes there.
+    for (const DeviceKey &key : kDeviceKeys)
+        output.lines << showLine(key.key, deviceKeyText(key, key.read(machine)));
+    const Output snapshots = snapshotTable(e, machine);
+    output.lines << showLine("snapshots", snapshots.rows.isEmpty() ? QStringLiteral("none") : QString()).trimmed();
+    if (!snapshots.rows.isEmpty()) {
+        for (const QString &line : tableLines(snapshots.header, snapshots.rows))
+            output.lines << QStringLiteral("  ") + line;
+    }
     object.insert("hardware_profile", HwProfileIO::toJsonObject(machine.getHwProfile()));
     object.insert("os_image", OsImageIO::toJsonObject(machine.getOsImage()));
-    object.insert("snapshots", QJsonArray::fromStringList(snapshots));
+    object.insert("snapshots", snapshots.json);
     output.json = object;
     return ctx.show(output);
 }
@@ -522,10 +674,16 @@ int stop(Context &ctx)
 {
     VMToolsMachine &machine = *ctx.device();
     const QString name = machine.getName();
+    // What the user asked for is already so: a script that stops its
+    // devices goes on.
+    if (machine.getStatus() != VMToolsMachine::On)
+        return ctx.done(QJsonObject{{"name", name}, {"was_running", false}},
+                        QStringLiteral("device '%1' is not running; nothing to stop").arg(name));
     if (ctx.isSet(QStringLiteral("force"))) {
         if (!machine.forceStop())
             return ctx.fail(Failed, QStringLiteral("could not kill the emulator of device '%1'").arg(name));
-        return ctx.show({QJsonObject{{"name", name}, {"killed", true}}, {}, {}, {QStringLiteral("killed '%1'").arg(name)}});
+        return ctx.done(QJsonObject{{"name", name}, {"was_running", true}, {"killed", true}},
+                        QStringLiteral("killed '%1'").arg(name));
     }
     QElapsedTimer timer;
     timer.start();
@@ -543,7 +701,7 @@ int stop(Context &ctx)
         machine.forceStop();
         machine.waitForStop(5000);
     }
-    return ctx.show({QJsonObject{{"name", name}, {"saved", save}, {"save_seconds", savedMs / 1000.0},
+    return ctx.show({QJsonObject{{"name", name}, {"was_running", true}, {"saved", save}, {"save_seconds", savedMs / 1000.0},
                                  {"stop_seconds", timer.elapsed() / 1000.0}},
                      {},
                      {},
@@ -559,29 +717,6 @@ int resume(Context &ctx)
     if (!machine.resumeFromDiskError(&reason))
         return ctx.fail(Conflict, QStringLiteral("device '%1' stays paused: %2").arg(machine.getName(), reason));
     return ctx.show({describe(ctx.engine(), machine), {}, {}, {QStringLiteral("resumed '%1'").arg(machine.getName())}});
-}
-
-int snapshotList(Context &ctx)
-{
-    VMToolsEngine *e = ctx.engine();
-    VMToolsMachine &machine = *ctx.device();
-    Output output{QJsonValue(), {"NAME", "DATE", "SIZE", "LOADABLE"}, {}, {}};
-    QJsonArray array;
-    for (const SnapshotInfo &snapshot : e->fetchSnapshots(&machine)) {
-        const QString mismatch = e->savedStateMismatch(&machine, snapshot.name);
-        array.append(QJsonObject{{"name", snapshot.name},
-                                 {"date", snapshot.date.toUTC().toString(Qt::ISODate)},
-                                 {"size", double(snapshot.vmStateSize)},
-                                 {"guest_clock_seconds", snapshot.guestClockNs / 1e9},
-                                 {"quick_boot", snapshot.name == kLatest},
-                                 {"loadable", mismatch.isEmpty()},
-                                 {"not_loadable_because", orNull(!mismatch.isEmpty(), mismatch)}});
-        output.rows << QStringList{snapshot.name + (snapshot.name == kLatest ? QStringLiteral(" (quick boot)") : QString()),
-                                   snapshot.date.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")),
-                                   sizeText(snapshot.vmStateSize), mismatch.isEmpty() ? QStringLiteral("yes") : mismatch};
-    }
-    output.json = array;
-    return ctx.show(output);
 }
 
 /// What a snapshot command that took seconds shows.
@@ -640,7 +775,8 @@ int snapshotDelete(Context &ctx)
     if (!ctx.engine()->deleteSnapshot(&machine, ctx.arg(1)))
         return ctx.fail(Failed, QStringLiteral("could not delete snapshot '%1' of device '%2'")
                                     .arg(ctx.arg(1), machine.getName()));
-    return Success;
+    return ctx.done(QJsonObject{{"name", machine.getName()}, {"snapshot", ctx.arg(1)}, {"deleted", true}},
+                    QStringLiteral("deleted snapshot '%1' of device '%2'").arg(ctx.arg(1), machine.getName()));
 }
 
 /// Refuses a clone whose new name is taken or whose source cannot be copied
@@ -695,8 +831,10 @@ int reset(Context &ctx)
     const QStringList snapshots = ctx.engine()->fetchSnapshotNames(&machine);
     if (!snapshots.isEmpty())
         ctx.note(QStringLiteral("resetting '%1' deletes its snapshots: %2").arg(name, snapshots.join(QLatin1String(", "))));
-    if (!ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not resetting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Reset device '%1' to its factory state? Its data will be lost.")
+                                            .arg(name),
+                                        QStringLiteral("device '%1' not reset").arg(name)))
+        return refused;
     const VMToolsEngine::ResetResult result = ctx.engine()->resetDevice(&machine);
     if (result == VMToolsEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
@@ -751,8 +889,10 @@ int cleanup(Context &ctx)
 /// Deletes a device directory that holds no usable device.
 int removeBroken(Context &ctx, VMToolsEngine *e, const QString &name, const QString &reason)
 {
-    if (!ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?").arg(name, reason)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete the broken device '%1' (%2) and all its files?")
+                                            .arg(name, reason),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteBrokenMachine(name))
         return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -766,8 +906,9 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
         return ctx.fail(NotFound, QStringLiteral("device '%1' does not exist").arg(name));
     if (machine->getStatus() == VMToolsMachine::On)
         return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it first").arg(name));
-    if (!ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name)))
-        return ctx.fail(Conflict, QStringLiteral("not deleting '%1' without confirmation (use --yes)").arg(name));
+    if (const int refused = ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name),
+                                        QStringLiteral("device '%1' not deleted").arg(name)))
+        return refused;
     if (!e->deleteMachine(machine.get()))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
@@ -807,63 +948,40 @@ bool parseBool(const QString &text, bool *ok)
 
 /// One change of 'device set', checked before any is applied.
 struct Change {
-    QString key;
-    qint64 number = 0;
-    bool flag = false;
+    const DeviceKey *key = nullptr;
+    qint64 value = 0;
 };
 
 /// Reads KEY=VALUE into change; Success, or the code of the refusal it
 /// reported.
 int parseChange(Context &ctx, const QString &item, bool running, Change *change)
 {
-    static const QStringList numbers = {"cpus", "ram", "sdcard-size"};
-    static const QStringList flags = {"quickboot", "root", "sdcard", "virtual-keyboard", "fullscreen"};
-    static const QStringList hardware = {"cpus", "ram", "sdcard", "sdcard-size"};
     const int eq = item.indexOf(QLatin1Char('='));
-    change->key = item.left(eq);
-    const QString &key = change->key;
-    const QString value = item.mid(eq + 1);
-    if (eq <= 0 || !(numbers.contains(key) || flags.contains(key)))
-        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2")
-                                   .arg(item, (numbers + flags).join(", ")));
-    if (running && hardware.contains(key))
-        return ctx.fail(Conflict, QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key));
-    bool ok = false;
-    if (flags.contains(key)) {
-        change->flag = parseBool(value, &ok);
-        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key, value));
+    change->key = eq > 0 ? findDeviceKey(item.left(eq)) : nullptr;
+    if (!change->key) {
+        QStringList keys;
+        for (const DeviceKey &k : kDeviceKeys)
+            keys << QString::fromLatin1(k.key);
+        return ctx.fail(Usage, QStringLiteral("'%1' is not KEY=VALUE with KEY one of %2").arg(item, keys.join(", ")));
     }
-    change->number = value.toLongLong(&ok);
-    const qint64 minimum = key == "cpus" ? 1 : (key == "ram" ? HwProfile::MinRamSize : 0);
-    // device.json keeps the sizes as numbers its reader takes as int.
-    const qint64 maximum = key == "cpus" ? HwProfile::MaxCpuCount : HwProfile::MaxRamSize;
-    if (!ok || change->number < minimum || change->number > maximum)
+    const DeviceKey &key = *change->key;
+    const QString value = item.mid(eq + 1);
+    if (running && key.hardware)
+        return ctx.fail(Conflict,
+                        QStringLiteral("device '%1' is running; stop it before changing %2").arg(ctx.arg(0), key.key));
+    bool ok = false;
+    if (isFlag(key)) {
+        change->value = parseBool(value, &ok);
+        return ok ? Success : ctx.fail(Usage, QStringLiteral("%1 needs true or false, not '%2'").arg(key.key, value));
+    }
+    change->value = value.toLongLong(&ok);
+    if (!ok || change->value < key.minimum || change->value > key.maximum)
         return ctx.fail(Usage, QStringLiteral("%1 needs a whole number from %2 to %3, not '%4'")
-                                   .arg(key)
-                                   .arg(minimum)
-                                   .arg(maximum)
+                                   .arg(key.key)
+                                   .arg(key.minimum)
+                                   .arg(key.maximum)
                                    .arg(value));
     return Success;
-}
-
-bool applyChange(VMToolsMachine &machine, const Change &change)
-{
-    const QString &key = change.key;
-    if (key == "cpus")
-        return machine.setCpuCount(int(change.number));
-    if (key == "ram")
-        return machine.setRamSize(change.number);
-    if (key == "sdcard-size")
-        return machine.setSdCardSize(change.number);
-    if (key == "quickboot")
-        return machine.setQuickbootEnabled(change.flag);
-    if (key == "root")
-        return machine.setRootAccessEnabled(change.flag);
-    if (key == "sdcard")
-        return machine.setSdCardInserted(change.flag);
-    if (key == "virtual-keyboard")
-        return machine.setVirtualKeyboardEnabled(change.flag);
-    return machine.setFullScreen(change.flag);
 }
 
 /// Names, before the changes apply, every snapshot they make unloadable: the
@@ -875,10 +993,10 @@ void noteUnloadable(Context &ctx, VMToolsEngine *e, VMToolsMachine &machine, con
         return;
     HwProfile hardware = changed->getHwProfile();
     for (const Change &change : changes) {
-        if (change.key == "cpus")
-            hardware.cpuCount = int(change.number);
-        else if (change.key == "ram")
-            hardware.ramSize = change.number;
+        if (change.key == findDeviceKey(QStringLiteral("cpus")))
+            hardware.cpuCount = int(change.value);
+        else if (change.key == findDeviceKey(QStringLiteral("ram")))
+            hardware.ramSize = change.value;
     }
     changed->setHwProfile(hardware);
     const QString name = machine.getName();
@@ -912,10 +1030,15 @@ int set(Context &ctx)
     }
     noteUnloadable(ctx, ctx.engine(), machine, changes);
     for (const Change &change : changes) {
-        if (!applyChange(machine, change))
-            return ctx.fail(Failed, QStringLiteral("could not set %1 of device '%2'").arg(change.key, machine.getName()));
+        if (!change.key->write(machine, change.value))
+            return ctx.fail(Failed,
+                            QStringLiteral("could not set %1 of device '%2'").arg(change.key->key, machine.getName()));
     }
-    return ctx.show({describe(ctx.engine(), machine), {}, {}, {}});
+    QStringList changed;
+    for (const Change &change : changes)
+        changed << QStringLiteral("%1 = %2").arg(change.key->key, deviceKeyText(*change.key, change.value));
+    return ctx.done(describe(ctx.engine(), machine),
+                    QStringLiteral("set %1 of device '%2'").arg(changed.join(QLatin1String(", ")), machine.getName()));
 }
 
 /// A verb of the noun "device".
@@ -933,14 +1056,18 @@ void addSnapshotCommands()
 {
     commands()
         << deviceCommand({"snapshot", "list"}, "NAME", "List the device's snapshots.", {}, 1, 1, snapshotList)
+               .withExample("hvtool device snapshot list pixel")
         << deviceCommand({"snapshot", "save"}, "NAME SNAPSHOT", "Save the running device's state.", {}, 2, 2,
                          snapshotSave, DeviceUse::Change, DeviceState::Running,
                          "device '%1' is not running; start it to save its state", checkSnapshotName)
+               .withExample("hvtool device snapshot save pixel before_update")
         << deviceCommand({"snapshot", "load"}, "NAME SNAPSHOT", "Return the running device to a saved snapshot.", {},
                          2, 2, snapshotLoad, DeviceUse::Change, DeviceState::Running,
                          "device '%1' is not running; start it with --snapshot %2 instead")
+               .withExample("hvtool device snapshot load pixel before_update")
         << deviceCommand({"snapshot", "delete"}, "NAME SNAPSHOT", "Delete a snapshot of a stopped device.", {}, 2, 2,
-                         snapshotDelete, DeviceUse::Change, DeviceState::Stopped);
+                         snapshotDelete, DeviceUse::Change, DeviceState::Stopped)
+               .withExample("hvtool device snapshot delete pixel before_update");
 }
 
 /// The verbs that start, resume and stop a device.
@@ -962,31 +1089,54 @@ void addRunCommands()
                                      "closing the window does not stop the device)."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
+               .withExample("hvtool device start pixel --wait 120")
         << deviceCommand({"resume"}, "NAME",
                          "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.",
                          {}, 1, 1, resume, DeviceUse::Change, DeviceState::Paused)
+               .withExample("hvtool device resume pixel")
         << deviceCommand({"stop"}, "NAME", "Stop a device gracefully, saving its state first when quick boot is on.",
                          {{"force", "Kill the emulator at once."},
                           {"no-save", "Do not save the quick-boot state: the next start boots cold and keeps this "
                                       "session's disk writes. To return to a known state later, save a named snapshot "
                                       "and start with --snapshot NAME."}},
-                         1, 1, stop, DeviceUse::Change, DeviceState::Running);
+                         1, 1, stop, DeviceUse::Change)
+               .withExample("hvtool device stop pixel");
+}
+
+/// The options of 'device create': what it is made from, and the sizes that
+/// override its profile's.
+QList<QCommandLineOption> createOptions()
+{
+    QList<QCommandLineOption> options = {
+        {"image", "OS image (name, uuid or record file); by default the only one, or the newest.", "ID"},
+        {"profile", "Hardware profile (name, uuid or file); by default the built-in 'phone'.", "ID"},
+        {"pull", "Download the image's OVA first when it is not on this machine."}};
+    for (const ProfileFields::Field &field : ProfileFields::all()) {
+        if (field.device)
+            options << QCommandLineOption(QString::fromLatin1(field.key),
+                                          ProfileFields::help(field) + QStringLiteral(" Overrides the profile's."),
+                                          QString::fromLatin1(field.valueName));
+    }
+    return options;
 }
 
 } // namespace
 
 void addDeviceCommands()
 {
-    const QCommandLineOption yes({"yes", "y"}, "Do not ask for confirmation.");
+    const QCommandLineOption yes({"yes", "y"}, "Go ahead without asking (needed when stdin is not a terminal).");
     commands()
-        << deviceCommand({"create"}, "NAME", "Create a device from an OS image and a hardware profile.",
-                         {{"image", "OS image (uuid, name or record file).", "ID"},
-                          {"profile", "Hardware profile (uuid, name or file).", "ID"}},
-                         1, 1, create, DeviceUse::None)
+        << deviceCommand({"create"}, "NAME",
+                         "Create a device from an OS image and a hardware profile, saying which it took by default.",
+                         createOptions(), 1, 1, create, DeviceUse::None)
+               .withExample("hvtool device create pixel")
         << deviceCommand({"list"}, {}, "List the devices and their state.",
                          {{"all", "Also list what interrupted creations and clones left."}}, 0, 0, list,
                          DeviceUse::None)
-        << deviceCommand({"show"}, "NAME", "Show one device, its profile and its image.", {}, 1, 1, show);
+               .withExample("hvtool device list")
+        << deviceCommand({"show"}, "NAME", "Show one device: its state, its settings, its snapshots, its profile "
+                                           "and its image.", {}, 1, 1, show)
+               .withExample("hvtool device show pixel");
     addRunCommands();
     addSnapshotCommands();
     commands()
@@ -994,17 +1144,21 @@ void addDeviceCommands()
                          {{"crash-consistent", "Copy a running device too: it is paused for the copy, which holds "
                                                "its disks as a power cut at that moment would leave them."}},
                          2, 2, clone, DeviceUse::Change)
+               .withExample("hvtool device clone pixel pixel-2")
         << deviceCommand({"reset"}, "NAME", "Reset a stopped device to its factory state.", {yes}, 1, 1, reset,
                          DeviceUse::Change, DeviceState::Stopped)
+               .withExample("hvtool device reset pixel --yes")
         << deviceCommand({"delete"}, "NAME", "Delete a stopped device and its disks.", {yes}, 1, 1, remove,
                          DeviceUse::None)
+               .withExample("hvtool device delete pixel --yes")
         << deviceCommand({"cleanup"}, {},
                          "Remove what interrupted creations and clones left, unless they are still running.", {}, 0,
                          0, cleanup, DeviceUse::None)
-        << deviceCommand({"set"}, "NAME KEY=VALUE...",
-                         "Change settings: cpus, ram, quickboot, root, sdcard, sdcard-size, virtual-keyboard, "
-                         "fullscreen.",
-                         {}, 2, -1, set, DeviceUse::Change);
+               .withExample("hvtool device cleanup")
+        << deviceCommand({"set"}, "NAME KEY=VALUE...", "Change the device's settings; 'device show' shows them.", {},
+                         2, -1, set, DeviceUse::Change)
+               .withDetails(deviceKeysHelp())
+               .withExample("hvtool device set pixel ram=4096 quickboot=false");
 }
 
 } // namespace hvtool

@@ -78,26 +78,27 @@ Check leftoversCheck(VMToolsEngine *engine)
     if (names.isEmpty())
         return {"leftovers", Level::Ok, "no interrupted creation or clone left anything"};
     return {"leftovers", Level::Warn,
-            QStringLiteral("interrupted creations or clones left %1 (%2 MiB); reclaim them with "
+            QStringLiteral("interrupted creations or clones left %1 (%2); reclaim them with "
                            "'hvtool device cleanup'")
-                .arg(names.join(QLatin1String(", ")))
-                .arg(double(bytes) / (1 << 20), 0, 'f', 1)};
+                .arg(names.join(QLatin1String(", ")), sizeText(bytes))};
 }
 
 /// Shows the checks; Failed when one of them failed.
 int report(Context &ctx, const QList<Check> &checks)
 {
-    bool failed = false;
+    QStringList failed;
     Output output;
     QJsonArray array;
     for (const Check &check : checks) {
-        failed = failed || check.level == Level::Fail;
+        if (check.level == Level::Fail)
+            failed << check.name;
         array.append(QJsonObject{{"check", check.name}, {"result", levelText(check.level)}, {"detail", check.detail}});
         output.lines << QStringLiteral("%1 %2 %3").arg(levelText(check.level), -5).arg(check.name, -19).arg(check.detail);
     }
     output.json = array;
     ctx.show(output);
-    return failed ? Failed : Success;
+    return failed.isEmpty() ? Success
+                            : ctx.fail(Failed, QStringLiteral("%1 check(s) failed: %2").arg(failed.size()).arg(failed.join(", ")));
 }
 
 int doctor(Context &ctx)
@@ -135,9 +136,12 @@ int version(Context &ctx)
 
 void addDoctorCommand()
 {
-    commands() << Command{{"doctor"}, {}, "Check the set-up: QEMU, the plug-in, KVM, the accelerator, audio and the devices directory.", {}, 0,
-                          0, doctor}
-               << Command{{"version"}, {}, "Show hvtool's, the library's and QEMU's versions.", {}, 0, 0, version};
+    commands() << Command{{"doctor"}, {},
+                          "Check the set-up: QEMU, the plug-in, KVM, the accelerator, audio and the devices directory.",
+                          {}, 0, 0, doctor}
+                          .withExample("hvtool doctor")
+               << Command{{"version"}, {}, "Show hvtool's, the library's and QEMU's versions.", {}, 0, 0, version}
+                          .withExample("hvtool version");
 }
 
 } // namespace hvtool

@@ -3,6 +3,7 @@
 #include "Command.h"
 #include "Engine.h"
 #include "Progress.h"
+#include "PullCommands.h"
 
 #include "OsImageIO.h"
 #include "OsImageRegistry.h"
@@ -19,13 +20,6 @@
 
 namespace hvtool {
 namespace {
-
-QString sizeText(qint64 bytes)
-{
-    if (bytes >= (qint64(1) << 30))
-        return QString::number(double(bytes) / (1 << 30), 'f', 1) + QStringLiteral(" GiB");
-    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral(" MiB");
-}
 
 int list(Context &ctx)
 {
@@ -76,7 +70,8 @@ int report(Context &ctx, const OsImageRegistry::Registration &registration)
     if (registration.outcome != Outcome::Registered)
         return ctx.fail(registration.outcome == Outcome::AlreadyRegistered ? Conflict : Failed, registration.reason);
     const OsImage &image = registration.entry.value;
-    return ctx.show({OsImageIO::toJsonObject(image), {}, {}, {Catalog::bareUuid(image.uuid)}});
+    return ctx.done(OsImageIO::toJsonObject(image),
+                    QStringLiteral("added image '%1' (%2)").arg(image.name, Catalog::bareUuid(image.uuid)));
 }
 
 /// The image an OVA is, as the options describe it.
@@ -95,6 +90,8 @@ int describeOva(Context &ctx, OsImage *draft)
 
 int add(Context &ctx)
 {
+    if (isWebAddress(ctx.arg(0)))
+        return addFromUrl(ctx, describeOva);
     const QFileInfo info(ctx.arg(0));
     if (!info.isFile())
         return ctx.fail(NotFound, QStringLiteral("file '%1' does not exist").arg(ctx.arg(0)));
@@ -144,10 +141,9 @@ int remove(Context &ctx)
     }
     if (!QFile::remove(found.file))
         return ctx.fail(Failed, QStringLiteral("could not delete '%1'").arg(found.file));
-    return ctx.show({QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"removed", true}},
-                     {},
-                     {},
-                     {QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name)}});
+    return ctx.done(QJsonObject{{"uuid", Catalog::bareUuid(found.value.uuid)}, {"name", found.value.name},
+                                {"removed", true}},
+                    QStringLiteral("removed image '%1' and its reference disks").arg(found.value.name));
 }
 
 } // namespace
@@ -159,12 +155,20 @@ void addImageCommands()
         {"arch", "Architecture of an OVA: x86 or x86_64 (by Android version).", "ARCH"},
         {"name", "Display name of an OVA (\"Android <version>\").", "NAME"},
     };
-    commands() << Command{{"image", "add"}, "FILE",
-                          "Register an OS image: a record (.json) or an OVA archive (.ova, with --android).",
+    commands() << Command{{"image", "add"}, "FILE|URL",
+                          "Register an OS image: a record (.json) or an OVA archive (.ova, with --android), a file "
+                          "or at an http(s) address (its OVA is then downloaded).",
                           addOptions, 1, 1, add}
+                          .withExample("hvtool image add android-11.ova --android 11.0")
                << Command{{"image", "list"}, {}, "List the registered OS images.", {}, 0, 0, list}
+                          .withExample("hvtool image list")
                << Command{{"image", "show"}, "ID", "Show one image (ID: uuid, name or file).", {}, 1, 1, show}
-               << Command{{"image", "remove"}, "ID", "Forget a registered image and remove its reference disks (the OVA stays); refused while devices use it.", {}, 1, 1, remove};
+                          .withExample("hvtool image show \"Android 11.0\"")
+               << Command{{"image", "remove"}, "ID",
+                          "Forget a registered image and remove its reference disks (the OVA stays); refused while "
+                          "devices use it.",
+                          {}, 1, 1, remove}
+                          .withExample("hvtool image remove \"Android 11.0\"");
 }
 
 } // namespace hvtool

@@ -2,6 +2,7 @@
 #include "Command.h"
 
 #include "JsonSettings.h"
+#include "Paths.h"
 #include "Settings.h"
 #include "VMToolsEngine.h"
 
@@ -41,12 +42,53 @@ QVariant parseValue(const QString &text)
     return text;
 }
 
+const SettingKey *findKey(const QString &key)
+{
+    for (const SettingKey &known : settingKeys()) {
+        if (known.key == key)
+            return &known;
+    }
+    return nullptr;
+}
+
+/// Refuses a key hvtool does not know (exit 2), naming those it does.
+int checkKey(Context &ctx)
+{
+    if (findKey(ctx.arg(0)))
+        return Success;
+    QStringList keys;
+    for (const SettingKey &known : settingKeys())
+        keys << known.key;
+    return ctx.fail(Usage, QStringLiteral("unknown setting '%1'; the settings are %2").arg(ctx.arg(0), keys.join(", ")));
+}
+
+/// Where the value of key comes from: "user" for the user's own, else
+/// "default", or "environment" for a default that HV_HOME decides.
+QString sourceOf(const QString &key, const QVariant &value)
+{
+    // The devices directory is written into the user's file on first use,
+    // as the directory below the home.
+    const bool machineDefault =
+        key == VMToolsEngine::devicesDirectoryKey() && value.toString() == Paths::getDeployedPath();
+    if (Settings::getUserSettings()->keyExists(key) && !machineDefault)
+        return QStringLiteral("user");
+    return machineDefault && !qEnvironmentVariableIsEmpty("HV_HOME") ? QStringLiteral("environment")
+                                                                      : QStringLiteral("default");
+}
+
 int list(Context &ctx)
 {
-    const QVariantMap all = Settings::getAll();
-    Output output{QJsonObject::fromVariantMap(all), {}, {}, {}};
-    for (auto it = all.cbegin(); it != all.cend(); ++it)
-        output.lines << it.key() + QStringLiteral(" = ") + render(it.value());
+    Output output;
+    QJsonArray array;
+    for (const SettingKey &known : settingKeys()) {
+        const QVariant value = Settings::get(known.key);
+        const QString source = sourceOf(known.key, value);
+        array.append(QJsonObject{{"key", known.key}, {"value", QJsonValue::fromVariant(value)},
+                                 {"source", source}, {"description", known.description}});
+        output.lines << QStringLiteral("%1 = %2  (%3)").arg(known.key, render(value), source)
+                     << QStringLiteral("    ") + known.description;
+    }
+    output.json = array;
     return ctx.show(output);
 }
 
@@ -56,7 +98,11 @@ int get(Context &ctx)
     const QVariant value = Settings::get(key);
     if (!value.isValid())
         return ctx.fail(NotFound, QStringLiteral("setting '%1' is not set and has no default").arg(key));
-    return ctx.show({QJsonObject{{key, QJsonValue::fromVariant(value)}}, {}, {}, {render(value)}});
+    return ctx.show({QJsonObject{{"key", key}, {"value", QJsonValue::fromVariant(value)},
+                                 {"source", sourceOf(key, value)}},
+                     {},
+                     {},
+                     {render(value)}});
 }
 
 /// Success when the engine takes value for key, else its refusal reported.
@@ -68,7 +114,7 @@ int checkWithEngine(Context &ctx, const QString &key, const QVariant &value)
 {
     const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(VMToolsEngine::NoAccelerationCheck);
     const std::unique_ptr<VMToolsEngine> e(loaded.engine);
-    const bool directory = key == VMToolsEngine::devicesDirectoryKey() && QDir::isAbsolutePath(value.toString());
+    const bool directory = key == VMToolsEngine::devicesDirectoryKey();
     if (!e)
         return directory ? ctx.fail(Failed, QStringLiteral("cannot tell whether '%1' may be the devices directory: "
                                                            "the engine cannot be used: %2")
@@ -88,6 +134,10 @@ int set(Context &ctx)
 {
     const QString key = ctx.arg(0);
     const QVariant value = parseValue(ctx.arg(1));
+    const SettingKey *known = findKey(key);
+    const QString wrong = known->refuse ? known->refuse(ctx.arg(1)) : QString();
+    if (!wrong.isEmpty())
+        return ctx.fail(Usage, QStringLiteral("setting '%1' cannot be '%2': %3").arg(key, ctx.arg(1), wrong));
     const int refused = checkWithEngine(ctx, key, value);
     if (refused != Success)
         return refused;
@@ -95,29 +145,67 @@ int set(Context &ctx)
     // The store refuses some writes (a leaf over an object); read it back.
     if (Settings::get(key) != value)
         return ctx.fail(Failed, QStringLiteral("could not store setting '%1'").arg(key));
-    return ctx.show({QJsonObject{{key, QJsonValue::fromVariant(value)}}, {}, {}, {}});
+    return ctx.done(QJsonObject{{"key", key}, {"value", QJsonValue::fromVariant(value)}, {"source", "user"}},
+                    QStringLiteral("%1 = %2").arg(key, render(value)));
 }
 
 int reset(Context &ctx)
 {
-    Settings::remove(ctx.arg(0));
+    const QString key = ctx.arg(0);
+    Settings::remove(key);
     // A write that failed (a full disk) leaves the user's value in place.
-    if (Settings::getUserSettings()->keyExists(ctx.arg(0)))
-        return ctx.fail(Failed, QStringLiteral("could not reset setting '%1'").arg(ctx.arg(0)));
-    return Success;
+    if (Settings::getUserSettings()->keyExists(key))
+        return ctx.fail(Failed, QStringLiteral("could not reset setting '%1'").arg(key));
+    const QVariant value = Settings::get(key);
+    return ctx.done(QJsonObject{{"key", key}, {"value", QJsonValue::fromVariant(value)}, {"source", "default"}},
+                    value.isValid() ? QStringLiteral("reset %1 to its default, %2").arg(key, render(value))
+                                    : QStringLiteral("reset %1; it has no default").arg(key));
+}
+
+QString refuseRelativePath(const QString &text)
+{
+    return QDir::isAbsolutePath(text) ? QString() : QStringLiteral("it must be an absolute path");
+}
+
+/// The engine a name loads, or why none does.
+QString refuseUnknownEngine(const QString &text)
+{
+    const VMToolsEngine::LoadResult loaded = VMToolsEngine::loadEngine(text, VMToolsEngine::NoAccelerationCheck);
+    const std::unique_ptr<VMToolsEngine> e(loaded.engine);
+    return e ? QString() : QStringLiteral("no engine of that name can be used here");
 }
 
 } // namespace
 
+QList<SettingKey> &settingKeys()
+{
+    static QList<SettingKey> all;
+    return all;
+}
+
 void addSettingsCommands()
 {
-    commands() << Command{{"settings", "list"}, {}, "List the user's settings and their values.", {}, 0, 0, list}
+    settingKeys() << SettingKey{"hypervisor", "the engine that runs the devices: qemu", refuseUnknownEngine}
+                  << SettingKey{"emulator.accelerator", "how guests run: auto (kvm when it works, else tcg), kvm or tcg"}
+                  << SettingKey{"emulator.audio", "the guests' sound: auto (pa when a sound server answers), none or "
+                                                  "pa"}
+                  << SettingKey{VMToolsEngine::devicesDirectoryKey(),
+                                "the directory that holds the devices (an absolute path)", refuseRelativePath};
+    const QString keysHelp = QStringLiteral("'hvtool settings list' shows the settings, their values and what they do.");
+    commands() << Command{{"settings", "list"}, {}, "List the settings, their values, where each comes from and what "
+                                                    "it does.", {}, 0, 0, list}
+                          .withExample("hvtool settings list")
                << Command{{"settings", "get"}, "KEY", "Print one setting (the default when the user has none).", {},
-                          1, 1, get}
-               << Command{{"settings", "set"}, "KEY VALUE",
-                          "Store a setting. JSON literals (true, 12, null, [..]) keep their type.", {}, 2, 2, set}
+                          1, 1, get, DeviceUse::None, DeviceState::Any, {}, checkKey}
+                          .withDetails(keysHelp)
+                          .withExample("hvtool settings get emulator.accelerator")
+               << Command{{"settings", "set"}, "KEY VALUE", "Change a setting.", {}, 2, 2, set, DeviceUse::None,
+                          DeviceState::Any, {}, checkKey}
+                          .withDetails(keysHelp)
+                          .withExample("hvtool settings set emulator.accelerator tcg")
                << Command{{"settings", "reset"}, "KEY", "Remove the user's value, so the default shows again.", {},
-                          1, 1, reset};
+                          1, 1, reset, DeviceUse::None, DeviceState::Any, {}, checkKey}
+                          .withExample("hvtool settings reset emulator.accelerator");
 }
 
 } // namespace hvtool

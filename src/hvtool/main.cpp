@@ -14,6 +14,7 @@ int main(int argc, char **argv)
     hvtool::addSettingsCommands();
     hvtool::addProfileCommands();
     hvtool::addImageCommands();
+    hvtool::addPullCommands();
     hvtool::addDeviceCommands();
     hvtool::addDoctorCommand();
     hvtool::addViewCommands();

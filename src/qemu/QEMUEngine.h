@@ -89,6 +89,7 @@ public:
     InitResult initialize(InitMode mode) override;
     QList<VMToolsMachine *> getMachines(std::function<bool()> cancel, QList<BrokenMachine> *broken) override;
     QString brokenMachineReason(const QString &name) const override;
+    QStringList getMachineNames() const override;
     /// "'PATH' was not made by hvtool (it has no 'MARKER' marker)".
     QString foreignEntryReason(const QString &name) const override;
     /// lockDevice() on the device's directory; Gone when there is none.

@@ -568,11 +568,16 @@ QEMUMachine *QEMUEngine::loadDevice(const QString &path) const
     return loadMachine(path);
 }
 
+QStringList QEMUEngine::getMachineNames() const
+{
+    // Hidden entries are what interrupted creations, clones and deletions left.
+    return m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+}
+
 QList<QEMUMachine *> QEMUEngine::loadMachines(const std::function<bool()> &cancel) const
 {
     QList<QEMUMachine *> machines;
-    const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    for (const QString &name : names) {
+    for (const QString &name : getMachineNames()) {
         if (cancel && cancel()) {
             qCDebug(hvQemuLog) << "[VMTools]" << "Listing devices cancelled";
             break;
@@ -624,8 +629,7 @@ QList<QEMUMachine *> QEMUEngine::scanMachines(QList<QPair<QString, QString>> *br
     // One pass over the directory: listing a thousand devices reads each
     // device.json once.
     QList<QEMUMachine *> machines;
-    const QStringList names = m_devicesDirectory.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    for (const QString &name : names) {
+    for (const QString &name : getMachineNames()) {
         const QString path = m_devicesDirectory.absoluteFilePath(name);
         if (QEMUMachine *machine = loadMachine(path))
             machines.append(machine);

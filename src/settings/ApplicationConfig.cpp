@@ -54,7 +54,7 @@ ApplicationConfig::ApplicationConfig()
         return;
     }
     const std::pair<QString, QVariant> machineDefaults[] = {
-        {QStringLiteral("screencast.directory"), QDir::homePath()},
+        {QStringLiteral("screencast.directory"), Paths::getHomePath()},
         {QStringLiteral("version"), 1},
         {QStringLiteral("virtual_devices.directory"), Paths::getDeployedPath()},
     };

@@ -158,7 +158,11 @@ bool VMToolsEngine::doesMachineExist(const QString &name) const
 
 bool VMToolsEngine::doesMachineExistInDir(const QString &name) const
 {
-    return getDevicesNamesSetFromDir().contains(name);
+    // The devices directory the setting names, not the default one: a name
+    // taken only there is free here.
+    if (name.isEmpty() || name.contains(QLatin1Char('/')) || name == QLatin1String(".") || name == QLatin1String(".."))
+        return false;
+    return QFileInfo(m_devicesDirectory.absoluteFilePath(name)).isDir();
 }
 
 QStringList VMToolsEngine::fetchSnapshotNames(const VMToolsMachine *) const

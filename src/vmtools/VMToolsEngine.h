@@ -109,7 +109,7 @@ public:
     /// Whether the hypervisor knows the device or its directory exists.
     virtual bool doesMachineExist(const QString &name) const;
     virtual bool doesMachineExistInHypervisor(const QString &name) const = 0;
-    /// Whether a directory of exactly that name is among the deployed devices.
+    /// Whether a directory of exactly that name is in the devices directory.
     virtual bool doesMachineExistInDir(const QString &name) const;
     /// The host network adapter used for host-only networking.
     virtual QString getAdapterName() const = 0;
@@ -327,6 +327,11 @@ public:
     /// no time bound but the archive's size. The default extracts the OVA's
     /// disks as they are.
     virtual QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const;
+    /// The names in the devices directory that may hold a device, in order,
+    /// without reading any record. A program that lists many devices loads
+    /// them on threads of its own: getMachine() and brokenMachineReason() may
+    /// be called from several threads at once. The default loads them all.
+    virtual QStringList getMachineNames() const;
     /// Writes the running device's screen to file as a PNG image, whole or
     /// not at all. False, with why in error, when it cannot: the device does
     /// not run, the emulator cannot write PNG images, file cannot be written.

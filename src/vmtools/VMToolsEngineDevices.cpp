@@ -13,6 +13,17 @@ QList<VMToolsMachine *> VMToolsEngine::getMachines(std::function<bool()> cancel,
     return getMachines(std::move(cancel));
 }
 
+QStringList VMToolsEngine::getMachineNames() const
+{
+    // An engine that cannot name its devices without loading them.
+    QStringList names;
+    for (VMToolsMachine *machine : const_cast<VMToolsEngine *>(this)->getMachines({})) {
+        names << machine->getName();
+        delete machine;
+    }
+    return names;
+}
+
 QString VMToolsEngine::brokenMachineReason(const QString &) const
 {
     return QString();

@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vector>
+
 namespace {
 
 const char kConfigDir[] = "/shared/config";
@@ -762,32 +764,40 @@ namespace {
 // The bytes of the regular files below the directory open as fd, which this
 // closes. Symbolic links are neither followed nor counted, so a link cannot
 // make a device look as large as what it points at. A listing of a thousand
-// devices sums each one's files: this walk costs a tenth of one through
-// QDirIterator.
+// devices sums each one's files: the entries' types come with the names, so
+// only regular files are examined and a directory costs an open, its reads
+// and a close.
+long long sizeOfTree(int fd, int depth);
+
+// The bytes of one entry of the directory open as fd.
+long long entryBytes(int fd, const struct dirent64 &entry, int depth)
+{
+    const char *name = entry.d_name;
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 || entry.d_type == DT_LNK)
+        return 0;
+    if (entry.d_type != DT_DIR) {
+        // A file, or an entry of a file system that does not give types.
+        struct stat st {}; // a file that went away counts nothing
+        if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode))
+            return S_ISREG(st.st_mode) ? st.st_size : 0;
+    }
+    const int child = depth < kMaxTreeDepth ? ::openat(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
+    return child >= 0 ? sizeOfTree(child, depth + 1) : 0;
+}
+
 long long sizeOfTree(int fd, int depth)
 {
-    DIR *dir = ::fdopendir(fd);
-    if (!dir) {
-        ::close(fd);
-        return 0;
-    }
+    std::vector<char> buffer(4096);
     long long total = 0;
-    while (const struct dirent *entry = ::readdir(dir)) {
-        const char *name = entry->d_name;
-        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
-            continue;
-        struct stat st;
-        if (::fstatat(::dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-            continue;
-        if (S_ISREG(st.st_mode)) {
-            total += st.st_size;
-        } else if (S_ISDIR(st.st_mode) && depth < kMaxTreeDepth) {
-            const int child = ::openat(::dirfd(dir), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (child >= 0)
-                total += sizeOfTree(child, depth + 1);
+    ssize_t length;
+    while ((length = ::getdents64(fd, buffer.data(), buffer.size())) > 0) {
+        for (ssize_t offset = 0; offset < length;) {
+            const auto *entry = reinterpret_cast<const struct dirent64 *>(buffer.data() + offset);
+            offset += entry->d_reclen;
+            total += entryBytes(fd, *entry, depth);
         }
     }
-    ::closedir(dir);
+    ::close(fd);
     return total;
 }
 

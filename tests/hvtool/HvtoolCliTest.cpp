@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QMap>
 #include <QProcess>
+#include <QThread>
 #include <QUrl>
 
 #include <functional>
@@ -88,13 +89,15 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"extraArgument", {"device", "start", "a", "b"}, 2, "", "hvtool: unexpected argument 'b'"},
         CliCase{"unknownOption", {"device", "list", "--colour"}, 2, "", "Unknown option 'colour'"},
         CliCase{"unknownDevice", {"device", "start", "nosuch"}, 3, "", "hvtool: device 'nosuch' does not exist"},
-        CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "",
+        CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "\"exit_code\": 3",
                 "device 'nosuch' does not exist"},
+        CliCase{"typoGetsASuggestion", {"device", "strat", "x"}, 2, "",
+                "hvtool: unknown command 'device strat'; did you mean 'hvtool device start'?\n"},
         CliCase{"deleteUnknown", {"device", "delete", "nosuch", "--yes"}, 3, "", "device 'nosuch' does not exist"},
         CliCase{"badDeviceName", {"device", "create", "../evil", "--image", "x", "--profile", "y"}, 2, "",
                 "'../evil' is not a valid device name"},
-        CliCase{"unknownSetting", {"settings", "get", "no.such.key"}, 3, "",
-                "setting 'no.such.key' is not set and has no default"},
+        CliCase{"unknownSetting", {"settings", "set", "no.such.key", "1"}, 2, "",
+                "unknown setting 'no.such.key'; the settings are hypervisor, emulator.accelerator,"},
         CliCase{"unknownProfile", {"profile", "show", "nosuch"}, 3, "", "profile 'nosuch' does not exist"},
         CliCase{"badDisplay", {"profile", "create", "p", "--display", "big"}, 2, "",
                 "--display needs WIDTHxHEIGHT@DPI"},
@@ -113,21 +116,54 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"verboseShowsTheLibrarysProgress", {"-v", "device", "list"}, 0, "NAME", "[debug] "}),
     [](const ::testing::TestParamInfo<CliCase> &info) { return std::string(info.param.name); });
 
-TEST(HvtoolSettings, setGetResetRoundTrip)
+TEST(HvtoolSettings, setGetResetRoundTripWithSources)
 {
     // A setting that is not the engine's needs no QEMU at hand.
-    EXPECT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, {{"HV_QEMU_BIN_DIR", "/nonexistent"}}).code, 0);
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom", "--format", "json"}).json().object().value("ui.zoom").toDouble(),
-              1.5);
-    EXPECT_EQ(hvtool({"settings", "set", "player.name", "my phone"}).code, 0);
-    const CliResult list = hvtool({"settings", "list", "--format", "json"});
-    EXPECT_EQ(list.json().object().value("player.name").toString(), "my phone");
-    EXPECT_EQ(hvtool({"settings", "reset", "ui.zoom"}).code, 0);
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).code, 3);
+    EXPECT_EQ(hvtool({"settings", "set", "emulator.accelerator", "tcg"}, {{"HV_QEMU_BIN_DIR", "/nonexistent"}}).code, 0);
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "tcg\n");
+    QMap<QString, QJsonObject> listed;
+    for (const QJsonValue &row : hvtool({"settings", "list", "--format", "json"}).json().array())
+        listed.insert(row.toObject().value("key").toString(), row.toObject());
+    EXPECT_EQ(listed.keys(), (QStringList{"emulator.accelerator", "emulator.audio", "hypervisor",
+                                          "virtual_devices.directory"}));
+    EXPECT_EQ(listed["emulator.accelerator"].value("source"), "user");
+    EXPECT_EQ(listed["emulator.audio"].value("source"), "default");
+    EXPECT_EQ(listed["virtual_devices.directory"].value("source"), "environment");
+    EXPECT_FALSE(hvtool({"settings", "list"}).out.contains(QDir::homePath() + "/"));
+    EXPECT_EQ(hvtool({"settings", "reset", "emulator.accelerator"}).out, "reset emulator.accelerator to its default, auto\n");
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "auto\n");
 }
 
-TEST(HvtoolProfiles, createListShowDelete)
+// A fresh install lists a phone held upright and a tablet, within this
+// host, and keeps them; profiles go by the name they were given.
+TEST(HvtoolProfiles, builtInProfilesAreListedCappedAndKept)
+{
+    const int hostCpus = QThread::idealThreadCount();
+    QStringList names;
+    // Other tests of this process add profiles of their own after these.
+    const QJsonArray all = hvtool({"profile", "list", "--format", "json"}).json().array();
+    for (int i = 0; i < qMin(2, all.size()); ++i) {
+        const QJsonObject profile = all.at(i).toObject();
+        names << profile.value("name").toString();
+        EXPECT_TRUE(profile.value("builtin").toBool());
+        EXPECT_LE(profile.value("cpu_count").toInt(), hostCpus);
+        EXPECT_FALSE(profile.value("uuid").toString().startsWith('{'));
+    }
+    EXPECT_EQ(names, QStringList({"phone", "tablet"}));
+    const QJsonObject phone = hvtool({"profile", "show", "phone", "--format", "json"}).json().object();
+    const QJsonObject screen = phone.value("display_settings").toObject().value("displays").toArray().at(0).toObject();
+    EXPECT_GT(screen.value("height").toInt(), screen.value("width").toInt());
+    for (const QStringList &change : {QStringList{"delete", "phone"}, QStringList{"set", "tablet", "cpus=1"}}) {
+        const CliResult refused = hvtool(QStringList{"profile"} + change);
+        EXPECT_EQ(refused.code, 4);
+        EXPECT_TRUE(refused.err.contains("is built in and cannot be")) << refused.err.toStdString();
+    }
+    const CliResult tooMany = hvtool({"profile", "create", "big", "--cpus", QString::number(hostCpus + 1)});
+    EXPECT_EQ(tooMany.code, 2);
+    EXPECT_TRUE(tooMany.err.contains("(this host's processors)")) << tooMany.err.toStdString();
+}
+
+TEST(HvtoolProfiles, createListShowSetDelete)
 {
     const CliResult created = hvtool({"profile", "create", "Pocket", "--form-factor", "tablet", "--cpus", "2", "--ram",
                                 "1024", "--display", "1080x1920@420", "--format", "json"});
@@ -143,8 +179,19 @@ TEST(HvtoolProfiles, createListShowDelete)
 
     const CliResult list = hvtool({"profile", "list"});
     EXPECT_TRUE(list.out.contains("1080x1920@420")) << list.out.toStdString();
+    EXPECT_EQ(profile.value("name").toString(), "Pocket");
     const CliResult shown = hvtool({"profile", "show", "Pocket", "--format", "json"});
     EXPECT_EQ(shown.json().object().value("uuid"), profile.value("uuid"));
+
+    const CliResult set = hvtool({"profile", "set", "Pocket", "cpus=1", "display=720x1280@320"});
+    EXPECT_EQ(set.code, 0) << set.err.toStdString();
+    EXPECT_TRUE(set.out.startsWith("changed profile 'Pocket': cpus=1 display=720x1280@320")) << set.out.toStdString();
+    // One bad change refuses them all.
+    EXPECT_EQ(hvtool({"profile", "set", "Pocket", "cpus=2", "ram=1"}).code, 2);
+    EXPECT_EQ(hvtool({"profile", "set", "Pocket", "ram=512", "colour=red"}).code, 2);
+    const QJsonObject changed = hvtool({"profile", "show", "Pocket", "--format", "json"}).json().object();
+    EXPECT_EQ(changed.value("cpu_count").toInt(), 1);
+    EXPECT_EQ(changed.value("ram_size").toInt(), 1024);
 
     EXPECT_EQ(hvtool({"profile", "delete", "Pocket"}).code, 0);
     EXPECT_EQ(hvtool({"profile", "show", "Pocket"}).code, 3);
@@ -335,7 +382,7 @@ TEST_F(HvtoolImages, pathsFromRecordsStayInTheirDirectories)
 TEST(HvtoolSettings, devicesDirectoryMustBeAbsolute)
 {
     const CliResult r = hvtool({"settings", "set", "virtual_devices.directory", "12"});
-    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.code, 2);
     EXPECT_TRUE(r.err.contains("it must be an absolute path")) << r.err.toStdString();
     EXPECT_NE(hvtool({"settings", "get", "virtual_devices.directory"}).out.trimmed(), "12");
     const QString absolute = hvtest::testRoot() + "/devices";

@@ -122,9 +122,9 @@ QString fakeBin()
     return bin;
 }
 
-QString registerImage(const QString &ova, const QMap<QString, QString> &env = {})
+QString registerImage(const QString &ova, const QMap<QString, QString> &env = {}, const QString &android = "11.0")
 {
-    const CliResult added = hvtool({"image", "add", ova, "--android", "11.0", "--format", "json"}, env);
+    const CliResult added = hvtool({"image", "add", ova, "--android", android, "--format", "json"}, env);
     EXPECT_EQ(added.code, 0) << added.err.toStdString();
     return added.json().object().value("uuid").toString();
 }
@@ -204,11 +204,11 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
     const QString image = registerImage(makeOva("full.ova"));
     const QString hwProfile = profile();
     ASSERT_EQ(hvtool({"device", "create", "Full", "--image", image, "--profile", hwProfile}).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}).code, 0);
     const QString otherOva = makeOva("other.ova");
     const QStringList commands[] = {
-        {"settings", "set", "ui.zoom", "2"},
-        {"settings", "reset", "ui.zoom"},
+        {"settings", "set", "emulator.audio", "pa"},
+        {"settings", "reset", "emulator.audio"},
         {"device", "set", "Full", "ram=1024"},
         {"device", "set", "Full", "quickboot=false"},
         {"profile", "create", "Other"},
@@ -223,7 +223,7 @@ TEST(HvtoolDiskFull, everyWriterFailsWithTheCauseAndChangesNothing)
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
         EXPECT_EQ(tree(hvHome()), before);
     }
-    EXPECT_EQ(hvtool({"settings", "get", "ui.zoom"}).out, "1.5\n");
+    EXPECT_EQ(hvtool({"settings", "get", "emulator.audio"}).out, "none\n");
     EXPECT_EQ(hvtool({"device", "show", "Full", "--format", "json"}).json().object().value("ram_mb").toInt(), 256);
 }
 
@@ -239,11 +239,11 @@ TEST(HvtoolDiskFull, aFullFileSystemKeepsTheDeviceAndTheSettings)
     const QString image = registerImage(makeOva("tmpfs.ova"), env);
     const QString hwProfile = profile(env);
     ASSERT_EQ(hvtool({"device", "create", "Tight", "--image", image, "--profile", hwProfile}, env).code, 0);
-    ASSERT_EQ(hvtool({"settings", "set", "ui.zoom", "1.5"}, env).code, 0);
+    ASSERT_EQ(hvtool({"settings", "set", "emulator.audio", "none"}, env).code, 0);
     tmpfs.fill();
     const QMap<QString, QByteArray> before = tree(home);
     for (const QStringList &command : {QStringList{"device", "set", "Tight", "ram=1024", "cpus=2"},
-                                       QStringList{"settings", "set", "ui.zoom", "2"}}) {
+                                       QStringList{"settings", "set", "emulator.audio", "pa"}}) {
         const CliResult r = hvtool(command, env);
         EXPECT_EQ(r.code, 1) << command.join(' ').toStdString();
         EXPECT_TRUE(r.err.contains("No space left on device")) << r.err.toStdString();
@@ -475,6 +475,27 @@ TEST_F(HvtoolReferenceDisks, recordsAreCheckedAgainstTheirOva)
     EXPECT_EQ(QFileInfo(backingOf(deviceDir("Other") + "/system.qcow2")).dir().dirName(), otherHash);
 }
 
+// A listing loads the devices side by side: one whose record breaks is still
+// listed, as broken and why, beside the others.
+TEST_F(HvtoolReferenceDisks, aBrokenRecordIsListedBesideTheGoodDevices)
+{
+    const QString image = registerImage(makeOva("listed.ova"));
+    for (const QString name : {"Bad", "Good"})
+        ASSERT_EQ(hvtool({"device", "create", name, "--image", image, "--profile", profile()}).code, 0);
+    ASSERT_TRUE(hvtest::writeFile(deviceDir("Bad") + "/shared/config/device.json", "{ broken"));
+    // Devices in the order of names, then the broken ones.
+    QStringList order;
+    QString reason;
+    for (const QJsonValue &device : hvtool({"device", "list", "--format", "json"}).json().array()) {
+        const QJsonObject object = device.toObject();
+        order << object["name"].toString() + ":" + object["status"].toString();
+        reason += object["reason"].toString();
+    }
+    EXPECT_GT(order.indexOf("Bad:Broken"), order.indexOf("Good:Off")) << order.join(' ').toStdString();
+    EXPECT_GE(order.indexOf("Good:Off"), 0) << order.join(' ').toStdString();
+    EXPECT_TRUE(reason.contains("device.json")) << reason.toStdString();
+}
+
 // An image removed while a device is being created from it: the removal is
 // refused, however long the creation takes, and the device gets whole
 // disks. A lock file left empty by a killed program is not waited for.
@@ -698,6 +719,41 @@ TEST(HvtoolDevicesDirectory, aUserFolderIsNeverTakenForADevice)
     EXPECT_EQ(created.code, 4);
     EXPECT_TRUE(created.err.contains("the name 'photos' is taken: '")) << created.err.toStdString();
     EXPECT_EQ(hvtest::readFile(devices + "/photos/cat.jpg"), "cat");
+}
+
+// 'device create NAME' takes the newest image and the built-in phone, says
+// so, and checks the name where devices are made now.
+TEST(HvtoolDevicesDirectory, createTakesTheNewestImageAndThePhoneWhereDevicesGo)
+{
+    const QString devices = hvtest::testRoot() + "/elsewhere";
+    const QMap<QString, QString> env{{"HV_HOME", hvtest::testRoot() + "/defaults-home"}};
+    const CliResult none = hvtool({"device", "create", "first"}, env);
+    EXPECT_EQ(none.code, 3);
+    EXPECT_TRUE(none.err.contains("there is no OS image yet: add one with 'hvtool image add FILE'"));
+    registerImage(makeOva("older.ova"), env, "11.0");
+    const QString newer = makeOva("newer.ova");
+    const QString newest = registerImage(newer, env, "12.0");
+    const CliResult made = hvtool({"device", "create", "first"}, env);
+    ASSERT_EQ(made.code, 0) << made.err.toStdString();
+    EXPECT_TRUE(made.err.contains("using image 'Android 12.0' (Android 12.0.0, ")) << made.err.toStdString();
+    EXPECT_TRUE(made.err.contains("the newest of 2")) << made.err.toStdString();
+    EXPECT_TRUE(made.err.contains("using profile 'phone'")) << made.err.toStdString();
+    EXPECT_EQ(hvtool({"device", "create", "sized", "--cpus", "1", "--ram", "300"}, env).code, 0);
+    const QJsonObject sized = hvtool({"device", "show", "sized", "--format", "json"}, env).json().object();
+    EXPECT_EQ(sized.value("cpus").toInt(), 1);
+    EXPECT_EQ(sized.value("ram_mb").toInt(), 300);
+
+    // As new as can be: the same Android, built at the same moment.
+    const QString twin = makeOva("twin.ova");
+    run("touch", {"-r", newer, twin});
+    registerImage(twin, env, "12.0");
+    const CliResult twins = hvtool({"device", "create", "second"}, env);
+    EXPECT_EQ(twins.code, 2);
+    EXPECT_TRUE(twins.err.contains("are equally new; name one with --image")) << twins.err.toStdString();
+    ASSERT_EQ(hvtool({"settings", "set", "virtual_devices.directory", devices}, env).code, 0);
+    const CliResult again = hvtool({"device", "create", "first", "--image", newest}, env);
+    EXPECT_EQ(again.code, 0) << again.err.toStdString();
+    EXPECT_TRUE(QFileInfo(devices + "/first").isDir());
 }
 
 // A start and a delete of one device at the same moment, again and again:
