@@ -245,6 +245,8 @@ struct Resume {
     static QString path(const QString &target) { return Download::partPath(target) + QStringLiteral(".json"); }
     static Resume load(const QString &target)
     {
+        if (!QFileInfo::exists(path(target)))
+            return {};
         const QJsonObject object = QJsonDocument::fromJson(FileUtils::loadFile(path(target))).object();
         return {object.value(QStringLiteral("url")).toString(), object.value(QStringLiteral("validator")).toString()};
     }

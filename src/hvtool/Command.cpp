@@ -548,6 +548,21 @@ int answerLevel(const GlobalOptions &options)
 
 /// Parses the command's own arguments and options into parser; Success, or
 /// the usage error reported.
+/// The arguments with the value of each option that may leave it out put in
+/// where it is left out: where the option is not followed by a whole number.
+QStringList withOptionalValues(const Command &command, QStringList arguments)
+{
+    for (auto it = command.optionalValues.constBegin(); it != command.optionalValues.constEnd(); ++it) {
+        for (int i = 0; i < arguments.size(); ++i) {
+            bool number = false;
+            arguments.value(i + 1).toLongLong(&number);
+            if (arguments.at(i) == QStringLiteral("--") + it.key() && !number)
+                arguments.insert(i + 1, it.value());
+        }
+    }
+    return arguments;
+}
+
 int parseCommandLine(const Command &command, const QString &program, const GlobalOptions &options,
                      QCommandLineParser *parser)
 {
@@ -555,7 +570,7 @@ int parseCommandLine(const Command &command, const QString &program, const Globa
     parser->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsOptions);
     parser->addOptions(command.options);
     const QString usage = QStringLiteral("Usage: %1\n").arg(usageLine(command));
-    if (!parser->parse(QStringList{program} + options.rest.mid(command.path.size())))
+    if (!parser->parse(QStringList{program} + withOptionalValues(command, options.rest.mid(command.path.size()))))
         return usageError(options.format, parser->errorText(), usage);
     const QStringList positional = parser->positionalArguments();
     if (positional.size() < command.minArgs)

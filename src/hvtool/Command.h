@@ -7,6 +7,7 @@
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -172,6 +173,9 @@ struct Command {
     /// line shows them without brackets and a command line without them is
     /// refused with exit 2.
     QStringList required;
+    /// Options whose value may be left out (by long name), with the value
+    /// they then take: "--wait" followed by no whole number is "--wait 300".
+    QMap<QString, QString> optionalValues;
 
     Command &withExample(const QString &line)
     {
@@ -186,6 +190,11 @@ struct Command {
     Command &withRequired(const QStringList &options)
     {
         required = options;
+        return *this;
+    }
+    Command &withOptionalValue(const QString &option, const QString &value)
+    {
+        optionalValues.insert(option, value);
         return *this;
     }
 };
@@ -210,6 +219,8 @@ void addProfileCommands();
 void addImageCommands();
 void addPullCommands();
 void addDeviceCommands();
+/// 'device wait'.
+void addWaitCommand();
 void addDoctorCommand();
 void addViewCommands();
 

@@ -7,6 +7,7 @@
 #include "ProfileFields.h"
 #include "Progress.h"
 #include "PullCommands.h"
+#include "WaitCommand.h"
 
 #include "HwProfileIO.h"
 #include "OsImageIO.h"
@@ -191,6 +192,10 @@ QString phaseText(CreateProgress::Phase phase)
     switch (phase) {
     case CreateProgress::PreparingImage:
         return QStringLiteral("unpacking the image");
+    case CreateProgress::CheckingImage:
+        return QStringLiteral("checking the image");
+    case CreateProgress::ConvertingImage:
+        return QStringLiteral("converting the image's disks");
     case CreateProgress::MakingDisks:
         return QStringLiteral("making its disks");
     case CreateProgress::Waiting:
@@ -578,22 +583,6 @@ int reportStartFailure(Context &ctx, const VMToolsMachine &machine, const StartO
     }
 }
 
-/// Waits for the guest to answer; Success, or the exit code of the failure,
-/// which is reported. A restart on the way leaves the boot cold.
-int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, StartOutcome *outcome, GuestWait *wait)
-{
-    *wait = ctx.engine()->waitForGuest(&machine, seconds * 1000, {});
-    showNotes(ctx, wait->notes);
-    if (wait->restartedCold)
-        outcome->boot = StartOutcome::Cold;
-    if (wait->ready())
-        return Success;
-    const QString name = machine.getName();
-    if (wait->end == GuestWait::RestartFailed)
-        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2").arg(name, wait->failure));
-    return ctx.fail(Failed, QStringLiteral("device '%1' started but %2").arg(name, wait->failure));
-}
-
 /// The started device: how it booted, how long it took, where to reach it.
 Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &outcome, qint64 startedMs,
                      qint64 readyMs, const GuestWait *wait)
@@ -636,8 +625,11 @@ int start(Context &ctx)
     // may come meanwhile.
     ctx.releaseDevice();
     GuestWait wait;
-    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &outcome, &wait)) != Success)
+    if (waitSeconds > 0 && (code = awaitGuest(ctx, machine, waitSeconds, &wait)) != Success)
         return code;
+    // A restart on the way leaves the boot cold.
+    if (wait.restartedCold)
+        outcome.boot = StartOutcome::Cold;
     return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
 }
 
@@ -1080,7 +1072,9 @@ void addRunCommands()
                          "discards the quick-boot state.",
                          {{"cold", "Boot cold even when a quick-boot state exists."},
                           {"snapshot", "Start from this named snapshot instead.", "SNAPSHOT"},
-                          {"wait", "Return only once the guest answers on its ADB port, waiting at most this long.",
+                          {"wait", QStringLiteral("Return only once the guest answers, waiting at most this long "
+                                                  "(%1 s when SECONDS is left out); 'hvtool device wait' waits again.")
+                                       .arg(kDefaultWaitSeconds),
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
@@ -1089,7 +1083,8 @@ void addRunCommands()
                                      "closing the window does not stop the device)."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
-               .withExample("hvtool device start pixel --wait 120")
+               .withOptionalValue("wait", QString::number(kDefaultWaitSeconds))
+               .withExample("hvtool device start pixel --wait")
         << deviceCommand({"resume"}, "NAME",
                          "Let a device that was paused on a full disk or a disk error go on, once the disk is mended.",
                          {}, 1, 1, resume, DeviceUse::Change, DeviceState::Paused)
@@ -1101,6 +1096,7 @@ void addRunCommands()
                                       "and start with --snapshot NAME."}},
                          1, 1, stop, DeviceUse::Change)
                .withExample("hvtool device stop pixel");
+    addWaitCommand();
 }
 
 /// The options of 'device create': what it is made from, and the sizes that

@@ -4,6 +4,20 @@
 #include <unistd.h>
 
 namespace hvtool {
+namespace {
+
+// Steps shorter than this show nothing.
+constexpr qint64 kQuietMs = 1000;
+// A terminal is redrawn this often; a log gets a line this often.
+constexpr qint64 kTerminalMs = 100;
+constexpr qint64 kLogMs = 5000;
+
+QString secondsText(qint64 ms)
+{
+    return QString::number(ms / 1000.0, 'f', 1) + QStringLiteral(" s");
+}
+
+} // namespace
 
 Progress::Progress(const QString &label, qint64 total)
     : m_label(label)
@@ -11,11 +25,6 @@ Progress::Progress(const QString &label, qint64 total)
     , m_terminal(::isatty(STDERR_FILENO))
 {
     m_started.start();
-    m_sinceDraw.start();
-    if (!m_terminal) {
-        std::fprintf(stderr, "%s...\n", qPrintable(m_label));
-        std::fflush(stderr);
-    }
 }
 
 Progress::~Progress()
@@ -23,49 +32,61 @@ Progress::~Progress()
     finish();
 }
 
-void Progress::update(qint64 done) const
+QString Progress::text(qint64 done) const
 {
-    // A terminal redraws often; a log file gets a line every five seconds.
-    const qint64 interval = m_terminal ? 100 : 5000;
-    if (m_sinceDraw.elapsed() < interval)
+    QString line = m_phase.isEmpty() ? m_label : m_label + QStringLiteral(": ") + m_phase;
+    if (m_total <= 0)
+        return line + QStringLiteral(", ") + QString::number(m_started.elapsed() / 1000) + QStringLiteral(" s");
+    const int percent = int(qBound<qint64>(0, done * 100 / m_total, 100));
+    if (!m_terminal)
+        return line + QStringLiteral(", %1%").arg(percent);
+    const int width = 30;
+    const int filled = percent * width / 100;
+    return line + QStringLiteral(" [%1%2] %3%")
+                      .arg(QString(filled, QLatin1Char('#')), QString(width - filled, QLatin1Char('.')))
+                      .arg(percent, 3);
+}
+
+void Progress::update(qint64 done)
+{
+    if (m_finished || m_started.elapsed() < kQuietMs)
+        return;
+    const bool newPhase = !m_shown || m_phase != m_shownPhase;
+    if (m_shown && !newPhase && m_sinceDraw.elapsed() < (m_terminal ? kTerminalMs : kLogMs))
         return;
     m_sinceDraw.restart();
-    const int percent = m_total > 0 ? int(qBound<qint64>(0, done * 100 / m_total, 100)) : -1;
-    const QString label = m_step.isEmpty() ? m_label : m_label + QStringLiteral(", ") + m_step;
-    if (m_terminal && percent < 0) {
-        std::fprintf(stderr, "\r%s: %.1f MiB written, %lld s", qPrintable(label), done / 1048576.0,
-                     m_started.elapsed() / 1000);
-    } else if (m_terminal) {
-        const int width = 30;
-        const int filled = percent < 0 ? 0 : percent * width / 100;
-        std::fprintf(stderr, "\r%s [%s%s] %3d%%", qPrintable(label), QByteArray(filled, '#').constData(),
-                     QByteArray(width - filled, '.').constData(), qMax(percent, 0));
-    } else if (percent >= 0) {
-        std::fprintf(stderr, "%s: %d%%\n", qPrintable(label), percent);
-    } else {
-        std::fprintf(stderr, "%s: %.1f MiB written, %lld s\n", qPrintable(label), done / 1048576.0,
-                     m_started.elapsed() / 1000);
-    }
+    m_shown = true;
+    m_shownPhase = m_phase;
+    if (m_terminal)
+        std::fprintf(stderr, "\r\033[K%s", qPrintable(text(done)));
+    else
+        std::fprintf(stderr, "%s\n", qPrintable(text(done)));
     std::fflush(stderr);
 }
 
-void Progress::update(qint64 done, qint64 total, const QString &step)
+void Progress::update(qint64 done, qint64 total, const QString &phase)
 {
     m_total = total;
-    m_step = step;
+    m_phase = phase;
     update(done);
 }
 
 void Progress::finish()
 {
+    finish(QStringLiteral("done in ") + secondsText(m_started.elapsed()));
+}
+
+void Progress::finish(const QString &outcome)
+{
     if (m_finished)
         return;
     m_finished = true;
-    if (m_terminal)
-        std::fprintf(stderr, "\r%s done in %.1f s%s\n", qPrintable(m_label), m_started.elapsed() / 1000.0,
-                     QByteArray(24, ' ').constData());
+    if (!m_shown)
+        return;
+    if (outcome.isEmpty())
+        std::fprintf(stderr, "%s", m_terminal ? "\r\033[K" : "");
     else
-        std::fprintf(stderr, "%s: done in %.1f s\n", qPrintable(m_label), m_started.elapsed() / 1000.0);
+        std::fprintf(stderr, "%s%s: %s\n", m_terminal ? "\r\033[K" : "", qPrintable(m_label), qPrintable(outcome));
     std::fflush(stderr);
 }
 

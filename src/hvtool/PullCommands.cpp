@@ -6,7 +6,6 @@
 #include "Command.h"
 #include "Engine.h"
 #include "InterruptGuard.h"
-#include "Progress.h"
 
 #include "OsImageIO.h"
 #include "OsImagePull.h"
@@ -20,7 +19,7 @@
 #include <QTextStream>
 #include <QUrl>
 
-#include <memory>
+#include <cstdio>
 #include <unistd.h>
 
 namespace hvtool {
@@ -33,44 +32,59 @@ QString mib(qint64 bytes)
     return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral(" MiB");
 }
 
-/// Draws a download: the bytes of the total, the rate and the time left.
+/// Draws a download on stderr: the part done, the bytes of the total, the
+/// rate and the time left; redrawn in place on a terminal (in one short
+/// line, so it never wraps), a line every five seconds otherwise.
 class DownloadDisplay
 {
 public:
-    explicit DownloadDisplay(const QString &label) : m_label(label) {}
+    explicit DownloadDisplay(const QString &label)
+        : m_label(label), m_terminal(::isatty(STDERR_FILENO))
+    {
+        m_started.start();
+    }
     Download::Progress callback()
     {
         return [this](qint64 done, qint64 total) { update(done, total); };
     }
     void finish()
     {
-        if (m_bar)
-            m_bar->finish();
+        if (m_drawn)
+            std::fprintf(stderr, m_terminal ? "\r%s: done in %.1f s\033[K\n" : "%s: done in %.1f s\n",
+                         qPrintable(m_label), m_started.elapsed() / 1000.0);
     }
 
 private:
     void update(qint64 done, qint64 total)
     {
-        if (!m_bar) {
-            m_bar = std::make_unique<Progress>(m_label, qMax<qint64>(total, 0));
-            m_first = done;
-            m_started.start();
-        } else if (m_started.elapsed() < m_nextMs) {
+        const qint64 now = m_started.elapsed();
+        if (m_drawn && now < m_nextMs)
             return;
+        if (!m_drawn) {
+            m_first = done;
+            m_firstMs = now;
         }
-        m_nextMs = m_started.elapsed() + 100;
-        const double rate = m_started.elapsed() > 500 ? (done - m_first) * 1000.0 / m_started.elapsed() : 0;
-        QString step = total > 0 ? QStringLiteral("%1 of %2").arg(mib(done), mib(total)) : mib(done);
+        m_drawn = true;
+        m_nextMs = now + (m_terminal ? 200 : 5000);
+        const double rate = now - m_firstMs > 500 ? (done - m_first) * 1000.0 / (now - m_firstMs) : 0;
+        QString line = m_label + QLatin1Char(':');
+        if (total > 0)
+            line += QStringLiteral(" %1%, %2 of %3").arg(done * 100 / total).arg(mib(done), mib(total));
+        else
+            line += QLatin1Char(' ') + mib(done);
         if (rate > 0)
-            step += QStringLiteral(", %1/s").arg(mib(qint64(rate)));
+            line += QStringLiteral(", %1/s").arg(mib(qint64(rate)));
         if (rate > 0 && total > 0)
-            step += QStringLiteral(", %1 s left").arg(qint64((total - done) / rate));
-        m_bar->update(done, qMax<qint64>(total, 0), step);
+            line += QStringLiteral(", %1 s left").arg(qint64((total - done) / rate));
+        std::fprintf(stderr, m_terminal ? "\r%s\033[K" : "%s\n", qPrintable(line));
+        std::fflush(stderr);
     }
 
     QString m_label;
-    std::unique_ptr<Progress> m_bar;
+    bool m_terminal;
+    bool m_drawn = false;
     qint64 m_first = 0;
+    qint64 m_firstMs = 0;
     qint64 m_nextMs = 0;
     QElapsedTimer m_started;
 };
@@ -99,7 +113,7 @@ OsImageRegistry::Inspector inspector(Context &ctx, int *code)
 int fetchOva(Context &ctx, const OsImage &image, Download::Result *result)
 {
     InterruptGuard guard;
-    DownloadDisplay display(QStringLiteral("downloading image '%1'").arg(image.name));
+    DownloadDisplay display(QStringLiteral("pulling '%1'").arg(image.name));
     *result = OsImagePull::download(image, display.callback(), InterruptGuard::interrupted);
     if (result->outcome != Outcome::Done)
         return ctx.fail(Failed, result->error);
@@ -158,7 +172,7 @@ int pullNew(Context &ctx, const OsImage &image)
             const Download::Cancelled &cancelled, Download::Result *fetched) {
             return OsImagePull::pull(image, inspect, progress, cancelled, fetched);
         },
-        QStringLiteral("downloading image '%1'").arg(image.name));
+        QStringLiteral("pulling '%1'").arg(image.name));
 }
 
 /// The catalogue's images id names, by name or uuid.
@@ -266,7 +280,7 @@ int addFromUrl(Context &ctx, const std::function<int(Context &, OsImage *)> &des
             const Download::Cancelled &cancelled, Download::Result *fetched) {
             return OsImagePull::pullOva(url, draft, inspect, progress, cancelled, fetched);
         },
-        QStringLiteral("downloading '%1'").arg(url.fileName()));
+        QStringLiteral("pulling '%1'").arg(url.fileName()));
 }
 
 int ensureOva(Context &ctx, const OsImage &image)

@@ -167,6 +167,12 @@ QString refuseRelativePath(const QString &text)
     return QDir::isAbsolutePath(text) ? QString() : QStringLiteral("it must be an absolute path");
 }
 
+QString refusePositive(const QString &text)
+{
+    bool ok = false;
+    return text.toInt(&ok) >= 1 && ok ? QString() : QStringLiteral("it must be a whole number of 1 or more");
+}
+
 /// The engine a name loads, or why none does.
 QString refuseUnknownEngine(const QString &text)
 {
@@ -190,7 +196,14 @@ void addSettingsCommands()
                   << SettingKey{"emulator.audio", "the guests' sound: auto (pa when a sound server answers), none or "
                                                   "pa"}
                   << SettingKey{VMToolsEngine::devicesDirectoryKey(),
-                                "the directory that holds the devices (an absolute path)", refuseRelativePath};
+                                "the directory that holds the devices (an absolute path)", refuseRelativePath}
+                  << SettingKey{"images.catalogue_url", "the address of the catalogue 'image available' and 'image "
+                                                        "pull' read"}
+                  << SettingKey{"downloads.ca_file", "a PEM file of certificate authorities trusted for downloads "
+                                                     "beside the system's; empty for none"}
+                  << SettingKey{"downloads.stall_timeout", "seconds without a byte after which a download is "
+                                                           "abandoned (its part kept to resume), 1 or more",
+                                refusePositive};
     const QString keysHelp = QStringLiteral("'hvtool settings list' shows the settings, their values and what they do.");
     commands() << Command{{"settings", "list"}, {}, "List the settings, their values, where each comes from and what "
                                                     "it does.", {}, 0, 0, list}

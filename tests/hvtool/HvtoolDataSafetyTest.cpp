@@ -756,6 +756,28 @@ TEST(HvtoolDevicesDirectory, createTakesTheNewestImageAndThePhoneWhereDevicesGo)
     EXPECT_TRUE(QFileInfo(devices + "/first").isDir());
 }
 
+// A creation longer than a second shows its phase and how far it has come:
+// redrawn in place on a terminal, in plain lines in a log. Each image tool
+// run takes half a second here, so the conversion takes seconds.
+TEST(HvtoolProgress, aLongCreationShowsItsPhaseAndPercent)
+{
+    const QMap<QString, QString> slow{{"HV_QEMU_BIN_DIR", fakeBin()}, {"HV_FAKE_QEMU_IMG_DELAY", "0.5"}};
+    QProcess terminal;
+    terminal.setProcessEnvironment(hvtest::environmentWith(slow));
+    terminal.start("python3", {"-c", "import pty, sys; pty.spawn(sys.argv[1:])", hvtest::helperPath("hvtool"), "device",
+                               "create", "shown", "--image", registerImage(makeOva("shown.ova"))});
+    ASSERT_TRUE(terminal.waitForFinished(60000));
+    const QString drawn = QString::fromUtf8(terminal.readAllStandardOutput());
+    EXPECT_TRUE(drawn.contains("\r\033[Kcreating device 'shown': converting the image's disks [")) << drawn.toStdString();
+    EXPECT_TRUE(drawn.contains("\r\033[Kcreating device 'shown': done in ")) << drawn.toStdString();
+
+    const CliResult logged = hvtool({"device", "create", "logged", "--image", registerImage(makeOva("logged.ova"))}, slow);
+    EXPECT_TRUE(logged.err.contains(QRegularExpression("\ncreating device 'logged': converting the image's disks, "
+                                                       "\\d+%\n")))
+        << logged.err.toStdString();
+    EXPECT_FALSE(logged.err.contains('\r') || logged.err.contains('\033')) << logged.err.toStdString();
+}
+
 // A start and a delete of one device at the same moment, again and again:
 // one goes first, the other waits for it and then finds the device running
 // or gone (or gives up, naming the first). Never half-deleted, never an

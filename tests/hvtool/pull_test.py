@@ -111,7 +111,7 @@ class Pull(unittest.TestCase):
     def start_nginx(cls):
         web = cls.root / "web"
         (web / "slow").mkdir(parents=True)
-        for path in (web / "t.ova", web / "u.ova", web / "slow" / "t.ova"):
+        for path in (web / "t.ova", web / "slow" / "u.ova", web / "slow" / "t.ova"):
             path.write_bytes(cls.ova)
         cls.cert = cls.root / "cert.pem"
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
@@ -144,6 +144,7 @@ http {{
         cls.nginx.terminate()
         cls.nginx.wait(10)
         cls.faults.shutdown()
+        cls.faults.server_close()
         shutil.rmtree(cls.root)
 
     def setUp(self):
@@ -167,15 +168,21 @@ http {{
         self.assertIn("the TLS connection for '%s/t.json' failed" % self.https, refused.stderr)
         self.hv("settings", "set", "downloads.ca_file", str(self.cert))
 
-        # A kill half-way leaves the part, and the next pull asks nginx for the rest.
+        # Ctrl-C, then a kill, each half-way, leave the part, and the next pull
+        # asks nginx for the rest.
         (self.root / "web" / "slow" / "t.json").write_text(json.dumps(record(1, self.https + "/slow/t.ova", self.ova)))
-        killed = subprocess.Popen([HVTOOL, "image", "add", self.https + "/slow/t.json"], env=self.env,
-                                  stderr=subprocess.DEVNULL)
         part = self.ova_dir / "t.ova.part"
-        while not part.exists() or part.stat().st_size < (2 << 20):
-            time.sleep(0.05)
-        killed.kill()
-        killed.wait()
+        for signal, size in ((2, 1 << 20), (9, 2 << 20)):
+            stopped = subprocess.Popen([HVTOOL, "image", "add", self.https + "/slow/t.json"], env=self.env,
+                                       stderr=subprocess.PIPE, text=True)
+            while not part.exists() or part.stat().st_size < size:
+                time.sleep(0.05)
+            stopped.send_signal(signal)
+            if signal == 2:
+                self.assertEqual(stopped.wait(), 1)
+                self.assertRegex(stopped.stderr.read(), r"was cancelled; the .* MiB fetched so far are kept in '%s'" % part)
+            stopped.wait()
+            stopped.stderr.close()
         self.assertFalse((self.ova_dir / "t.ova").exists())
         resumed = self.hv("image", "add", self.https + "/slow/t.json")
         self.assertRegex(resumed.stdout, r"registered image 'Image 1' \(.*\): 8\.1 MiB in .* s, resumed at \d")
@@ -184,14 +191,19 @@ http {{
         self.assertLess(int(sent), len(self.ova) - (2 << 20))
         self.assertEqual((self.ova_dir / "t.ova").read_bytes(), self.ova)
 
-        # A registered image whose OVA is elsewhere is pulled for a device on demand.
+        # A registered image whose OVA is elsewhere is pulled for a device on
+        # demand; a pull at the same time waits for that download.
         local = self.root / ("u-%s.json" % self.home.name)
-        local.write_text(json.dumps(record(2, self.https + "/u.ova", self.ova)))
+        local.write_text(json.dumps(record(2, self.https + "/slow/u.ova", self.ova)))
         uuid = json.loads(self.hv("image", "add", str(local), "--format", "json").stdout)["uuid"]
         self.hv("profile", "create", "p", "--ram", "256")
         missing = self.hv("device", "create", "d", "--image", uuid, "--profile", "p", expect=3)
         self.assertIn("is not on this machine: '%s'; download it with --pull" % (self.ova_dir / "u.ova"), missing.stderr)
-        self.hv("device", "create", "d", "--image", uuid, "--profile", "p", "--pull")
+        both = [subprocess.Popen([HVTOOL, *args], env=self.env, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                for args in (["device", "create", "d", "--image", uuid, "--profile", "p", "--pull"],
+                             ["image", "pull", uuid])]
+        self.assertEqual([p.wait(60) for p in both], [0, 0])
+        self.assertEqual((self.root / "access.log").read_text().count(" /slow/u.ova"), 1)
         self.assertEqual((self.ova_dir / "u.ova").read_bytes(), self.ova)
 
     def test_faults_are_refused_and_leave_nothing(self):

@@ -1,0 +1,129 @@
+// hvtool device wait: wait again for a running device's guest, and the wait
+// that 'device start --wait' shares.
+#include "WaitCommand.h"
+
+#include "Progress.h"
+
+#include <QElapsedTimer>
+#include <QJsonObject>
+
+namespace hvtool {
+namespace {
+
+/// How long one look at the guest lasts: the phase it reached is shown after
+/// each.
+constexpr int kLookMs = 10000;
+
+QString phaseText(GuestWait::Phase phase)
+{
+    switch (phase) {
+    case GuestWait::NotRunning:
+        return QStringLiteral("the emulator is not running");
+    case GuestWait::Booting:
+        return QStringLiteral("booting");
+    case GuestWait::Connected:
+        return QStringLiteral("the guest's port is open, the guest is silent");
+    case GuestWait::Answered:
+        return QStringLiteral("the guest answered");
+    }
+    return QStringLiteral("phase %1").arg(int(phase));
+}
+
+/// The wait, in looks of kLookMs each so that the phase shows as it is
+/// reached; the notes and restarts of every look are kept.
+GuestWait waitInLooks(VMToolsEngine *e, VMToolsMachine &machine, qint64 limitMs, Progress *progress)
+{
+    QElapsedTimer timer;
+    timer.start();
+    GuestWait wait;
+    QStringList notes;
+    bool restartedCold = false;
+    QString phase;
+    // The engine asks whether to cancel between its probes: the time shown
+    // goes on while the phase stays.
+    const auto redraw = [&] {
+        progress->update(0, 0, phase);
+        return false;
+    };
+    do {
+        const qint64 left = limitMs - timer.elapsed();
+        wait = e->waitForGuest(&machine, int(qBound<qint64>(1, left, kLookMs)), redraw);
+        notes << wait.notes;
+        restartedCold = restartedCold || wait.restartedCold;
+        phase = phaseText(wait.phase);
+        if (wait.end == GuestWait::TimedOut)
+            redraw();
+    } while (wait.end == GuestWait::TimedOut && timer.elapsed() < limitMs);
+    wait.notes = notes;
+    wait.restartedCold = restartedCold;
+    return wait;
+}
+
+int waitCommand(Context &ctx)
+{
+    bool ok = true;
+    const int seconds =
+        ctx.isSet(QStringLiteral("timeout")) ? ctx.value(QStringLiteral("timeout")).toInt(&ok) : kDefaultWaitSeconds;
+    if (!ok || seconds <= 0)
+        return ctx.fail(Usage, QStringLiteral("--timeout needs a whole number of seconds, not '%1'")
+                                   .arg(ctx.value(QStringLiteral("timeout"))));
+    QElapsedTimer timer;
+    timer.start();
+    GuestWait wait;
+    const int code = awaitGuest(ctx, *ctx.device(), seconds, &wait);
+    if (code != Success)
+        return code;
+    const QString name = ctx.device()->getName();
+    return ctx.show({QJsonObject{{"name", name},
+                                 {"ready", true},
+                                 {"ready_seconds", timer.elapsed() / 1000.0},
+                                 {"banner", QString::fromUtf8(wait.banner).trimmed()}},
+                     {},
+                     {},
+                     {QStringLiteral("device '%1' is ready: the guest answered after %2 s")
+                          .arg(name, QString::number(timer.elapsed() / 1000.0, 'f', 2))}});
+}
+
+} // namespace
+
+int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, GuestWait *wait)
+{
+    const QString name = machine.getName();
+    Progress progress(QStringLiteral("waiting for '%1'").arg(name), 0);
+    *wait = waitInLooks(ctx.engine(), machine, qint64(seconds) * 1000, &progress);
+    // A failure says what was reached in its own line.
+    progress.finish(wait->ready() ? QStringLiteral("the guest answered") : QString());
+    for (const QString &line : wait->notes)
+        ctx.note(line);
+    if (wait->ready())
+        return Success;
+    if (wait->end == GuestWait::RestartFailed)
+        return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2").arg(name, wait->failure));
+    if (wait->end == GuestWait::TimedOut)
+        return ctx.fail(Failed, QStringLiteral("device '%1' runs but its guest did not answer within %2 s (%3); wait "
+                                               "again with 'hvtool device wait %1'")
+                                    .arg(name)
+                                    .arg(seconds)
+                                    .arg(phaseText(wait->phase)));
+    return ctx.fail(Failed, QStringLiteral("device '%1' started but %2").arg(name, wait->failure));
+}
+
+void addWaitCommand()
+{
+    commands() << Command{{"device", "wait"},
+                          "NAME",
+                          "Wait until a running device's guest answers, showing how far it has come; for a start "
+                          "whose --wait ran out, or one made without it.",
+                          {{"timeout",
+                            QStringLiteral("Give up after this many seconds (%1).").arg(kDefaultWaitSeconds),
+                            "SECONDS"}},
+                          1,
+                          1,
+                          waitCommand,
+                          DeviceUse::Read,
+                          DeviceState::Running,
+                          "device '%1' is not running; start it with 'hvtool device start %1 --wait'"}
+                      .withExample("hvtool device wait pixel --timeout 120");
+}
+
+} // namespace hvtool
