@@ -276,6 +276,11 @@ private:
     bool onHeaders();
     bool checkSize(qint64 serverTotal);
     bool onData(const Download::Progress &progress);
+    void restartPart()
+    {
+        m_part->restart();
+        m_result->resumedFrom = 0;
+    }
     void stop(End end, const QString &error)
     {
         m_ended = true;
@@ -341,6 +346,13 @@ bool Transfer::onHeaders()
 {
     m_headers = true;
     const int status = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (status == 416 && m_part->size() > 0) {
+        // What the part holds is not a beginning of the file the server has
+        // now (it has shrunk, or the part is whole but was never renamed).
+        restartPart();
+        stop(End::Lost, QStringLiteral("the server cannot resume '%1'").arg(m_file.url.toString()));
+        return false;
+    }
     if (status >= 300) {
         stop(End::Failed, replyError(m_reply, m_options));
         return false;
@@ -348,15 +360,14 @@ bool Transfer::onHeaders()
     static const QRegularExpression range(QStringLiteral("^bytes (\\d+)-\\d+/(\\d+)$"));
     const QRegularExpressionMatch match = range.match(QString::fromLatin1(m_reply->rawHeader("Content-Range")));
     if (status == 206 && (!match.hasMatch() || match.captured(1).toLongLong() != m_part->size())) {
-        m_part->restart();
+        restartPart();
         stop(End::Lost, QStringLiteral("'%1' resumed at another byte than asked").arg(m_file.url.toString()));
         return false;
     }
     if (status != 206 && m_part->size() > 0) {
         // The server sends the whole file: it cannot resume, or the file changed.
         qCInfo(hvFoundationLog) << "The server sends" << m_file.url.toString() << "from its start";
-        m_result->resumedFrom = 0;
-        m_part->restart();
+        restartPart();
     }
     if (m_part->size() == 0) {
         const QByteArray etag = m_reply->rawHeader("ETag");
@@ -407,7 +418,8 @@ bool Transfer::onData(const Download::Progress &progress)
         }
         QString error;
         if (!m_part->append(buffer.constData(), n, &error)) {
-            stop(End::Failed, error);
+            // A disk that filled up gets its space back at once.
+            stop(End::Refused, error);
             return false;
         }
         m_result->fetched += n;
@@ -505,12 +517,16 @@ End transfer(const Download::File &file, const Download::Options &options, PartF
         if (file.size >= 0 && part->size() == file.size)
             return End::Complete;
         const qint64 before = result->fetched;
+        const bool resuming = part->size() > 0;
         Transfer request(file, options, part, resume, result);
         const End end = request.run(progress, cancelled);
         result->error = request.error();
-        if (end != End::Lost || attempt >= kAttempts || result->fetched == before)
+        // A try that brought bytes, or dropped a part the server could not
+        // resume, is worth another.
+        const bool progressed = result->fetched > before || (resuming && part->size() == 0);
+        if (end != End::Lost || attempt >= kAttempts || !progressed)
             return end;
-        qCInfo(hvFoundationLog).noquote() << result->error << "; resuming";
+        qCInfo(hvFoundationLog).noquote() << result->error << "; trying again";
     }
 }
 
@@ -537,6 +553,8 @@ Result complete(const Download::File &file, PartFile *part, Result result)
         return failed(result, error);
     result.size = part->size();
     result.outcome = Result::Outcome::Done;
+    qCDebug(hvFoundationLog) << "Downloaded" << file.url.toString() << "to" << file.target << "," << result.fetched
+                             << "bytes fetched, sha-256" << result.sha256;
     return result;
 }
 

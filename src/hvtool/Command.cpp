@@ -65,20 +65,22 @@ void logHandler(QtMsgType type, const QMessageLogContext &, const QString &text)
     }
 }
 
-const char kExitCodes[] =
-    "Exit codes:\n"
-    "  0  success\n"
-    "  1  the operation failed\n"
-    "  2  the command line is wrong\n"
-    "  3  the named device, image, profile or snapshot does not exist\n"
-    "  4  the request conflicts with the current state (the name exists, the\n"
-    "     device runs, the device is stopped)\n";
+/// The exit codes and the options every command takes, as help shows them.
+QString exitCodesText()
+{
+    QString text = QStringLiteral("Exit codes:\n");
+    for (const auto &[code, meaning] : exitCodeMeanings())
+        text += QStringLiteral("  %1  %2\n").arg(code).arg(meaning);
+    return text;
+}
 
-const char kGlobalOptions[] =
-    "Options accepted everywhere:\n"
-    "  --format text|json  output format (text by default)\n"
-    "  -v, --verbose       show the library's log lines on stderr\n"
-    "  -h, --help          show help for the command or level\n";
+QString globalOptionsText()
+{
+    QString text = QStringLiteral("Options accepted everywhere:\n");
+    for (const auto &[option, meaning] : globalOptions())
+        text += QStringLiteral("  %1%2\n").arg(option, -20).arg(meaning);
+    return text;
+}
 
 /// The option's name as help spells it: "--yes", not "--y".
 QString longName(const QCommandLineOption &option)
@@ -129,7 +131,7 @@ QString levelHelp(const QStringList &prefix)
         if (startsWith(command.path, prefix))
             s << "  " << usageLine(command) << "\n      " << command.summary << "\n";
     }
-    s << "\n" << kGlobalOptions << "\n" << kExitCodes;
+    s << "\n" << globalOptionsText() << "\n" << exitCodesText();
     return text;
 }
 
@@ -155,7 +157,7 @@ QString commandHelp(const Command &command)
     }
     if (!command.example.isEmpty())
         s << "\nExample:\n  " << command.example << "\n";
-    s << "\n" << kGlobalOptions << "\n" << kExitCodes;
+    s << "\n" << globalOptionsText() << "\n" << exitCodesText();
     return text;
 }
 
@@ -206,6 +208,29 @@ int usageError(Format format, const QString &message, const QString &help)
 }
 
 } // namespace
+
+const QList<QPair<int, QString>> &exitCodeMeanings()
+{
+    static const QList<QPair<int, QString>> meanings = {
+        {Success, QStringLiteral("success")},
+        {Failed, QStringLiteral("the operation failed")},
+        {Usage, QStringLiteral("the command line is wrong")},
+        {NotFound, QStringLiteral("the named device, image, profile or snapshot does not exist")},
+        {Conflict, QStringLiteral("the request conflicts with the current state (the name exists, the device runs, "
+                                  "the device is stopped)")},
+    };
+    return meanings;
+}
+
+const QList<QPair<QString, QString>> &globalOptions()
+{
+    static const QList<QPair<QString, QString>> options = {
+        {QStringLiteral("--format text|json"), QStringLiteral("output format (text by default)")},
+        {QStringLiteral("-v, --verbose"), QStringLiteral("show the library's log lines on stderr")},
+        {QStringLiteral("-h, --help"), QStringLiteral("show help for the command or level")},
+    };
+    return options;
+}
 
 QString sizeText(qint64 bytes)
 {

@@ -7,6 +7,7 @@
 #include <QCommandLineOption>
 #include <QJsonValue>
 #include <QList>
+#include <QPair>
 #include <QMap>
 #include <QString>
 #include <QStringList>
@@ -199,6 +200,10 @@ struct Command {
     }
 };
 
+/// What each exit code means, as help and the manual page say it.
+const QList<QPair<int, QString>> &exitCodeMeanings();
+/// The options every command takes ("--format text|json") and what they do.
+const QList<QPair<QString, QString>> &globalOptions();
 /// A setting that 'hvtool settings' lists and lets the user change.
 struct SettingKey {
     QString key;
@@ -222,6 +227,7 @@ void addDeviceCommands();
 /// 'device wait'.
 void addWaitCommand();
 void addDoctorCommand();
+void addShellCommands();
 void addViewCommands();
 
 /// Parses the command line, runs the command and returns the exit code.

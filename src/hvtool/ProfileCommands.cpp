@@ -48,10 +48,12 @@ QString originText(const Stored<HwProfile> &entry)
 int list(Context &ctx)
 {
     return Catalog::printList(ctx, HwProfileRegistry::profiles(), profileJson,
-                              {"NAME", "FORM", "CPUS", "RAM_MB", "DISPLAY", "UUID"}, [](const HwProfile &p) {
+                              {"NAME", "FORM", "CPUS", "RAM", "SCREEN", "UUID"}, [](const HwProfile &p) {
+                                  const QSize screen = p.getPrimaryResolution();
                                   return QStringList{p.getModel(), formFactorName(p.formFactor),
-                                                     QString::number(p.cpuCount), QString::number(p.ramSize),
-                                                     displayText(p), Catalog::bareUuid(p.uuid)};
+                                                     QString::number(p.cpuCount), sizeText(p.ramSize << 20),
+                                                     QStringLiteral("%1x%2").arg(screen.width()).arg(screen.height()),
+                                                     Catalog::bareUuid(p.uuid)};
                               });
 }
 
@@ -69,9 +71,10 @@ int show(Context &ctx)
                       QStringLiteral("uuid:        %1").arg(Catalog::bareUuid(p.uuid)),
                       QStringLiteral("form factor: %1").arg(formFactorName(p.formFactor)),
                       QStringLiteral("cpus:        %1").arg(p.cpuCount),
-                      QStringLiteral("ram:         %1 MB").arg(p.ramSize),
-                      QStringLiteral("data disk:   %1 MB").arg(p.dataDiskSize),
-                      QStringLiteral("sd card:     %1 MB").arg(p.sdCardSize),
+                      QStringLiteral("ram:         %1").arg(sizeText(p.ramSize << 20)),
+                      QStringLiteral("data disk:   %1").arg(sizeText(p.dataDiskSize << 20)),
+                      QStringLiteral("sd card:     %1").arg(p.sdCardSize > 0 ? sizeText(p.sdCardSize << 20)
+                                                                             : QStringLiteral("none")),
                       QStringLiteral("display:     %1").arg(displayText(p)),
                       QStringLiteral("file:        %1").arg(originText(found))}});
 }

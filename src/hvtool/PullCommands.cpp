@@ -27,11 +27,6 @@ namespace {
 
 using Outcome = Download::Result::Outcome;
 
-QString mib(qint64 bytes)
-{
-    return QString::number(double(bytes) / (1 << 20), 'f', 1) + QStringLiteral(" MiB");
-}
-
 /// Draws a download on stderr: the part done, the bytes of the total, the
 /// rate and the time left; redrawn in place on a terminal (in one short
 /// line, so it never wraps), a line every five seconds otherwise.
@@ -69,11 +64,11 @@ private:
         const double rate = now - m_firstMs > 500 ? (done - m_first) * 1000.0 / (now - m_firstMs) : 0;
         QString line = m_label + QLatin1Char(':');
         if (total > 0)
-            line += QStringLiteral(" %1%, %2 of %3").arg(done * 100 / total).arg(mib(done), mib(total));
+            line += QStringLiteral(" %1%, %2 of %3").arg(done * 100 / total).arg(sizeText(done), sizeText(total));
         else
-            line += QLatin1Char(' ') + mib(done);
+            line += QLatin1Char(' ') + sizeText(done);
         if (rate > 0)
-            line += QStringLiteral(", %1/s").arg(mib(qint64(rate)));
+            line += QStringLiteral(", %1/s").arg(sizeText(qint64(rate)));
         if (rate > 0 && total > 0)
             line += QStringLiteral(", %1 s left").arg(qint64((total - done) / rate));
         std::fprintf(stderr, m_terminal ? "\r%s\033[K" : "%s\n", qPrintable(line));
@@ -94,9 +89,9 @@ QString downloadText(const Download::Result &result, qint64 elapsedMs)
 {
     if (result.alreadyThere)
         return QStringLiteral("it was on this machine already");
-    QString text = QStringLiteral("%1 in %2 s").arg(mib(result.size), QString::number(elapsedMs / 1000.0, 'f', 1));
+    QString text = QStringLiteral("%1 in %2 s").arg(sizeText(result.size), QString::number(elapsedMs / 1000.0, 'f', 1));
     if (result.resumedFrom > 0)
-        text += QStringLiteral(", resumed at %1").arg(mib(result.resumedFrom));
+        text += QStringLiteral(", resumed at %1").arg(sizeText(result.resumedFrom));
     return text;
 }
 
@@ -232,7 +227,7 @@ int available(Context &ctx)
         object.insert(QStringLiteral("registered"), known);
         array.append(object);
         output.rows << QStringList{Catalog::bareUuid(image.uuid), image.name, image.osVersion.toString(),
-                                   QString::number(image.sdkVersion), image.arch, mib(image.imageSizeBytes),
+                                   QString::number(image.sdkVersion), image.arch, sizeText(image.imageSizeBytes),
                                    known ? QStringLiteral("yes") : QStringLiteral("no")};
     }
     output.json = array;
@@ -246,7 +241,7 @@ bool askToPull(const OsImage &image)
         return false;
     QTextStream err(stderr);
     err << QStringLiteral("the OVA of image '%1' is not on this machine; download it (%2) now? [y/N] ")
-               .arg(image.name, mib(image.imageSizeBytes));
+               .arg(image.name, sizeText(image.imageSizeBytes));
     err.flush();
     const QString answer = QTextStream(stdin).readLine().trimmed().toLower();
     return answer == QLatin1String("y") || answer == QLatin1String("yes");
@@ -301,8 +296,16 @@ int ensureOva(Context &ctx, const OsImage &image)
 
 void addPullCommands()
 {
-    commands() << Command{{"image", "available"}, {}, "List the OS images the catalogue offers (setting images.catalogue_url).", {}, 0, 0, available}
-               << Command{{"image", "pull"}, "ID", "Download the OVA of a registered image, or register and download an image of the catalogue (ID: uuid or name).", {}, 1, 1, pull};
+    commands() << Command{{"image", "available"}, {},
+                          "List the OS images the catalogue offers (setting images.catalogue_url), marking those "
+                          "registered.",
+                          {}, 0, 0, available}
+                          .withExample("hvtool image available")
+               << Command{{"image", "pull"}, "ID",
+                          "Download the OVA of a registered image, or register and download an image of the "
+                          "catalogue (ID: uuid or name); an interrupted pull resumes.",
+                          {}, 1, 1, pull}
+                          .withExample("hvtool image pull \"Android 11.0\"");
 }
 
 } // namespace hvtool

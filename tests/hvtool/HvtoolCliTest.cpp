@@ -177,7 +177,7 @@ TEST(HvtoolProfiles, createListShowSetDelete)
     EXPECT_EQ(again.code, 4);
     EXPECT_TRUE(again.err.contains("profile 'Pocket' already exists")) << again.err.toStdString();
 
-    const CliResult list = hvtool({"profile", "list"});
+    const CliResult list = hvtool({"profile", "show", "Pocket"});
     EXPECT_TRUE(list.out.contains("1080x1920@420")) << list.out.toStdString();
     EXPECT_EQ(profile.value("name").toString(), "Pocket");
     const CliResult shown = hvtool({"profile", "show", "Pocket", "--format", "json"});

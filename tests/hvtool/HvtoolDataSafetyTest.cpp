@@ -496,6 +496,34 @@ TEST_F(HvtoolReferenceDisks, aBrokenRecordIsListedBesideTheGoodDevices)
     EXPECT_TRUE(reason.contains("device.json")) << reason.toStdString();
 }
 
+// The completion script hvtool prints, sourced in bash and driven as the
+// shell drives it on Tab: nouns, verbs, options and the names that exist.
+TEST_F(HvtoolReferenceDisks, bashCompletesCommandsOptionsAndDeviceNames)
+{
+    const QString image = registerImage(makeOva("completed.ova"));
+    ASSERT_EQ(hvtool({"device", "create", "Pixel One", "--image", image, "--profile", profile()}).code, 0);
+    const CliResult script = hvtool({"completion", "bash"});
+    ASSERT_EQ(script.code, 0) << script.err.toStdString();
+    ASSERT_TRUE(hvtest::writeFile(hvtest::testRoot() + "/hvtool.bash", script.out.toUtf8()));
+    const auto complete = [&](const QString &line) {
+        QProcess bash;
+        bash.setProcessEnvironment(hvtest::environmentWith({}));
+        const QString words = line.endsWith(' ') ? line + "''" : line;
+        bash.start("bash", {"-c", QString("source '%1'; COMP_WORDS=('%2' %3); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
+                                          "_hvtool; printf '%s\\n' \"${COMPREPLY[@]}\"")
+                                      .arg(hvtest::testRoot() + "/hvtool.bash", hvtest::helperPath("hvtool"), words.section(' ', 1))});
+        EXPECT_TRUE(bash.waitForFinished(30000));
+        return QString::fromUtf8(bash.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+    };
+    EXPECT_EQ(complete("hvtool dev"), QStringList{"device"});
+    EXPECT_EQ(complete("hvtool device st"), (QStringList{"start", "stop"}));
+    EXPECT_EQ(complete("hvtool device start --co"), QStringList{"--cold"});
+    EXPECT_EQ(complete("hvtool settings get emulator.ac"), QStringList{"emulator.accelerator"});
+    EXPECT_EQ(complete("hvtool --format json device start Pi"), QStringList{"Pixel\\ One"});
+    const QString hwProfile = profile();
+    EXPECT_TRUE(complete("hvtool device create x --profile ").contains(hwProfile)) << "the profile as named";
+}
+
 // An image removed while a device is being created from it: the removal is
 // refused, however long the creation takes, and the device gets whole
 // disks. A lock file left empty by a killed program is not waited for.

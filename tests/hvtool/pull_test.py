@@ -199,7 +199,8 @@ http {{
         self.hv("profile", "create", "p", "--ram", "256")
         missing = self.hv("device", "create", "d", "--image", uuid, "--profile", "p", expect=3)
         self.assertIn("is not on this machine: '%s'; download it with --pull" % (self.ova_dir / "u.ova"), missing.stderr)
-        both = [subprocess.Popen([HVTOOL, *args], env=self.env, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        both = [subprocess.Popen([HVTOOL, *args], env=self.env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 stderr=subprocess.DEVNULL)
                 for args in (["device", "create", "d", "--image", uuid, "--profile", "p", "--pull"],
                              ["image", "pull", uuid])]
         self.assertEqual([p.wait(60) for p in both], [0, 0])
@@ -240,7 +241,7 @@ http {{
                                               ("cut", len(self.ova) // 2, len(self.ova) - len(self.ova) // 2)])
         self.assertEqual((self.ova_dir / "t.ova").read_bytes(), self.ova)
 
-    def test_catalogue_and_full_disk(self):
+    def test_catalogue_and_ova_address(self):
         port = self.faults.server_address[1]
         good = record(3, "http://127.0.0.1:%d/ok/c.ova" % port, self.ova, name="Catalogued")
         self.hv("settings", "set", "images.catalogue_url", self.publish("catalogue.json", [
@@ -250,17 +251,31 @@ http {{
         self.assertIn("skipped record 2 of the catalogue (Elsewhere)", listed.stderr)
         self.assertIn("skipped record 3 of the catalogue (no name)", listed.stderr)
 
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(self.ova_dir)], check=True)
-        try:
-            full = self.hv("image", "pull", "Catalogued", expect=1)
-            self.assertIn("not enough free space in '%s': 'c.ova' needs 8.1 MiB more" % self.ova_dir, full.stderr)
-        finally:
-            subprocess.run(["umount", str(self.ova_dir)], check=True)
+        self.hv("image", "add", "http://127.0.0.1:%d/ok/o.ova" % port, "--android", "11.0")
+        self.assertEqual(json.loads(self.hv("image", "list", "--format", "json").stdout)[0]["image_uri"],
+                         "http://127.0.0.1:%d/ok/o.ova" % port)
         self.hv("image", "pull", "Catalogued")
         self.assertEqual(json.loads(self.hv("image", "available", "--format", "json").stdout)[0]["registered"], True)
 
         self.hv("settings", "set", "images.catalogue_url", self.publish("broken.json", b"<html>"))
         self.assertIn("is not a JSON array of image records", self.hv("image", "available", expect=1).stderr)
+
+    @unittest.skipIf(os.geteuid() != 0, "mounting a tmpfs to fill up needs root")
+    def test_full_disk(self):
+        port = self.faults.server_address[1]
+        self.hv("settings", "list")  # makes the OVA directory
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", str(self.ova_dir)], check=True)
+        try:
+            declared = self.publish("c.json", record(5, "http://127.0.0.1:%d/ok/c.ova" % port, self.ova))
+            full = self.hv("image", "add", declared, expect=1)
+            self.assertIn("not enough free space in '%s': 'c.ova' needs 8.1 MiB more" % self.ova_dir, full.stderr)
+            # A file of no declared size fills the disk: its part goes at once.
+            filled = self.hv("image", "add", "http://127.0.0.1:%d/big/o.ova" % port, "--android", "11.0", expect=1)
+            self.assertIn("No space left on device; the partial file was removed", filled.stderr)
+            self.assertEqual(sorted(p.name for p in self.ova_dir.iterdir()), ["c.ova.lock", "o.ova.lock"])
+        finally:
+            subprocess.run(["umount", str(self.ova_dir)], check=True)
+        self.assertEqual(json.loads(self.hv("image", "list", "--format", "json").stdout), [])
 
 
 if __name__ == "__main__":
