@@ -433,7 +433,10 @@ bool Transfer::onData(const Download::Progress &progress)
 End Transfer::finished()
 {
     const QNetworkReply::NetworkError error = m_reply->error();
-    if (error == QNetworkReply::NoError && (m_total < 0 || m_part->size() == m_total))
+    // Without a length from the server, an answer that ends early is one
+    // whose connection was cut.
+    const qint64 expected = m_total >= 0 ? m_total : m_file.size;
+    if (error == QNetworkReply::NoError && (expected < 0 || m_part->size() == expected))
         return End::Complete;
     const qint64 total = m_file.size >= 0 ? m_file.size : m_total;
     const bool lost = error == QNetworkReply::NoError || error == QNetworkReply::RemoteHostClosedError

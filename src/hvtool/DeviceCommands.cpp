@@ -275,8 +275,7 @@ int chooseImage(Context &ctx, Stored<OsImage> *image)
 }
 
 /// The profile a create uses: the one --profile names, else the built-in
-/// phone, which it names; with --cpus, --ram, --data-disk and --sdcard
-/// applied.
+/// phone; with --cpus, --ram, --data-disk and --sdcard applied.
 int chooseProfile(Context &ctx, HwProfile *profile)
 {
     if (ctx.isSet(QStringLiteral("profile"))) {
@@ -296,12 +295,17 @@ int chooseProfile(Context &ctx, HwProfile *profile)
         if (!refusal.isEmpty())
             return ctx.fail(Usage, QStringLiteral("--") + refusal);
     }
-    if (!ctx.isSet(QStringLiteral("profile")))
-        ctx.note(QStringLiteral("using profile '%1' (CPUs %2, memory %3 MB); another one with --profile ID")
-                     .arg(profile->getModel())
-                     .arg(profile->cpuCount)
-                     .arg(profile->ramSize));
     return Success;
+}
+
+/// Says which profile a create took when none was named.
+void noteDefaultProfile(Context &ctx, const HwProfile &profile)
+{
+    if (!ctx.isSet(QStringLiteral("profile")))
+        ctx.note(QStringLiteral("using profile '%1' (CPUs %2, memory %3); another one with --profile ID")
+                     .arg(profile.getModel())
+                     .arg(profile.cpuCount)
+                     .arg(sizeText(profile.ramSize << 20)));
 }
 
 int create(Context &ctx)
@@ -313,9 +317,12 @@ int create(Context &ctx)
                                    .arg(name));
     Stored<OsImage> image;
     HwProfile profile;
-    int code = chooseImage(ctx, &image);
+    // A wrong option is refused before anything is looked up.
+    int code = chooseProfile(ctx, &profile);
     if (code == Success)
-        code = chooseProfile(ctx, &profile);
+        code = chooseImage(ctx, &image);
+    if (code == Success)
+        noteDefaultProfile(ctx, profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
     if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
         return code;
@@ -887,7 +894,7 @@ int removeBroken(Context &ctx, VMToolsEngine *e, const QString &name, const QStr
         return refused;
     if (!e->deleteBrokenMachine(name))
         return ctx.fail(Failed, QStringLiteral("could not delete the broken device '%1'").arg(name));
-    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
+    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }
 
 /// Deletes the device, which the command holds locked.
@@ -903,7 +910,7 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
         return refused;
     if (!e->deleteMachine(machine.get()))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
-    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted '%1'").arg(name)}});
+    return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }
 
 int remove(Context &ctx)

@@ -12,6 +12,7 @@
 #include <QJsonObject>
 #include <QMap>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QThread>
 #include <QUrl>
 
@@ -328,6 +329,116 @@ TEST_F(HvtoolImages, refusesHostileOvasAndLeavesNothingBehind)
         EXPECT_EQ(hvtool({"image", "list", "--format", "json"}).json().array().size(), before);
         EXPECT_EQ(QDir(dataTree() + "/Halvistrom/tmp").entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
         EXPECT_EQ(filesHolding(dataTree(), "HOST-SECRET-MARKER"), QStringList());
+    }
+}
+
+enum Shape { Text, Change, Object, Array };
+
+struct WalkRow {
+    Shape shape;
+    int code;
+    QStringList args;
+};
+
+// The walk, in an order where each row finds what it needs: its exit code
+// per the README's table, the format it runs in and what it shows.
+const WalkRow kWalk[] = {
+    {Text, 0, {"settings", "list"}}, {Array, 0, {"settings", "list"}},
+    {Object, 0, {"settings", "get", "emulator.audio"}}, {Change, 0, {"settings", "set", "emulator.audio", "none"}},
+    {Object, 0, {"settings", "set", "images.catalogue_url", "http://127.0.0.1:9/c.json"}},
+    {Change, 0, {"settings", "reset", "emulator.audio"}}, {Object, 2, {"settings", "set", "no.such", "1"}},
+    {Text, 2, {"settings", "set", "emulator.accelerator", "fast"}}, {Object, 2, {"settings", "get", "no.such"}},
+    {Change, 0, {"profile", "create", "Small", "--cpus", "1", "--ram", "256"}},
+    {Object, 0, {"profile", "create", "Other"}}, {Object, 4, {"profile", "create", "Small"}},
+    {Array, 0, {"profile", "list"}}, {Object, 0, {"profile", "show", "Small"}}, {Text, 3, {"profile", "show", "no"}},
+    {Change, 0, {"profile", "set", "Small", "ram=512"}}, {Object, 2, {"profile", "set", "Small", "ram=1"}},
+    {Change, 0, {"profile", "delete", "Other"}}, {Object, 3, {"profile", "delete", "Other"}},
+    {Object, 0, {"image", "add", "@walk.ova", "--android", "11.0"}},
+    {Change, 0, {"image", "add", "@spare.ova", "--android", "11.0", "--name", "Spare"}},
+    {Text, 4, {"image", "add", "@walk.ova", "--android", "11.0"}}, {Object, 3, {"image", "add", "/nonexistent.ova"}},
+    {Array, 0, {"image", "list"}}, {Object, 0, {"image", "show", "Spare"}}, {Change, 0, {"image", "remove", "Spare"}},
+    {Object, 3, {"image", "remove", "Spare"}}, {Object, 1, {"image", "available"}}, {Text, 1, {"image", "pull", "x"}},
+    {Change, 0, {"device", "create", "A", "--profile", "Small"}},
+    {Object, 0, {"device", "create", "B", "--profile", "Small"}}, {Object, 4, {"device", "create", "A"}},
+    {Text, 0, {"device", "list"}}, {Array, 0, {"device", "list", "--all"}}, {Object, 0, {"device", "show", "A"}},
+    {Text, 3, {"device", "show", "nosuch"}}, {Change, 0, {"device", "set", "A", "root=true", "sdcard-size=64"}},
+    {Object, 0, {"device", "set", "A", "virtual-keyboard=on"}}, {Text, 2, {"device", "set", "A", "colour=red"}},
+    {Object, 2, {"device", "set", "A", "cpus=0"}}, {Object, 0, {"device", "clone", "A", "C"}},
+    {Text, 4, {"device", "clone", "A", "C"}}, {Array, 0, {"device", "snapshot", "list", "A"}},
+    {Change, 0, {"device", "start", "A"}}, {Object, 4, {"device", "start", "A"}}, {Text, 0, {"device", "list"}},
+    {Object, 0, {"device", "snapshot", "save", "A", "one"}}, {Change, 0, {"device", "snapshot", "save", "A", "two"}},
+    {Change, 0, {"device", "snapshot", "load", "A", "one"}}, {Object, 3, {"device", "snapshot", "load", "A", "x"}},
+    {Object, 4, {"device", "resume", "A"}}, {Text, 4, {"device", "snapshot", "delete", "A", "one"}},
+    {Object, 0, {"device", "stop", "A", "--no-save"}}, {Object, 0, {"device", "start", "A"}},
+    {Change, 0, {"device", "stop", "A", "--force"}}, {Change, 0, {"device", "stop", "A"}},
+    {Object, 0, {"device", "stop", "A"}}, {Object, 0, {"device", "snapshot", "delete", "A", "one"}},
+    {Change, 0, {"device", "snapshot", "delete", "A", "two"}}, {Change, 0, {"device", "reset", "A", "--yes"}},
+    {Object, 0, {"device", "reset", "B", "--yes"}}, {Object, 2, {"device", "delete", "C"}},
+    {Change, 0, {"device", "delete", "C", "--yes"}}, {Object, 0, {"device", "delete", "B", "--yes"}},
+    {Text, 0, {"device", "cleanup"}}, {Array, 0, {"device", "cleanup"}}, {Array, 0, {"doctor"}},
+    {Object, 0, {"version"}}, {Object, 2, {"device", "strat"}}, {Object, 2, {"device", "show"}},
+};
+
+// One row run as a user runs it; what its output must be, checked.
+void checkRow(const WalkRow &row, const QStringList &args, const QMap<QString, QString> &env)
+{
+    const bool json = row.shape == Object || row.shape == Array;
+    SCOPED_TRACE((args.join(' ') + (json ? " --format json" : "")).toStdString());
+    const CliResult r = hvtool(args + (json ? QStringList{"--format", "json"} : QStringList()), env);
+    EXPECT_EQ(r.code, row.code) << r.err.toStdString();
+    EXPECT_FALSE(QRegularExpression("\\{[0-9a-fA-F]{8}-").match(r.out).hasMatch()) << r.out.toStdString();
+    if (!json) {
+        EXPECT_EQ(r.err.startsWith("hvtool: "), row.code != 0) << r.err.toStdString();
+        for (const QString &line : args.mid(0, 2) == QStringList{"device", "list"} ? r.out.split('\n') : QStringList())
+            EXPECT_LE(line.size(), 80) << line.toStdString();
+        EXPECT_EQ(r.out.isEmpty(), row.code != 0) << r.out.toStdString();
+        return;
+    }
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(r.out.toUtf8(), &error);
+    ASSERT_EQ(error.error, QJsonParseError::NoError) << r.out.toStdString();
+    const QJsonObject failure = document.object().value("error").toObject();
+    if (row.code != 0) {
+        EXPECT_EQ(failure.value("exit_code").toInt(), row.code);
+        EXPECT_TRUE(r.err.contains(failure.value("message").toString())) << r.out.toStdString();
+        return;
+    }
+    EXPECT_EQ(document.isArray(), row.shape == Array);
+    EXPECT_TRUE(failure.isEmpty() && (document.isArray() || !document.object().isEmpty()));
+}
+
+// Every command in both formats, as the README's output contract promises:
+// the documented exit code; in JSON one document, the error object on
+// failure; in text a line for every change; uuids bare everywhere.
+TEST_F(HvtoolImages, everyCommandKeepsTheOutputContract)
+{
+    const QMap<QString, QString> files{{"@walk.ova", makeTar("walk.ova", {"system.vmdk", "data.vmdk"})},
+                                       {"@spare.ova", makeTar("spare.ova", {"system.vmdk", "data.vmdk", "spare.txt"})}};
+    const QMap<QString, QString> tcg{{"HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"}};
+    QStringList walked;
+    for (const WalkRow &row : kWalk) {
+        QStringList args = row.args;
+        for (QString &arg : args)
+            arg = files.value(arg, arg);
+        walked << args.mid(0, args.value(1) == "snapshot" ? 3 : 2).join(' ');
+        checkRow(row, args, tcg);
+    }
+    // Declined on a terminal: exit 1 and the device kept, where a missing
+    // --yes off a terminal was exit 2.
+    QProcess terminal;
+    terminal.start("script", {"-qec", hvtest::helperPath("hvtool") + " device delete A", "/dev/null"});
+    terminal.write("n\n");
+    ASSERT_TRUE(terminal.waitForFinished(30000));
+    EXPECT_EQ(terminal.exitCode(), 1);
+    EXPECT_TRUE(terminal.readAll().contains("hvtool: device 'A' not deleted"));
+    const QString shown = hvtool({"device", "show", "A"}).out;
+    EXPECT_TRUE(shown.contains(QRegularExpression("\nroot: +true\nvirtual-keyboard: +true\n"))) << shown.toStdString();
+    // Every command is walked, and its help shows how to use it.
+    for (const QString &line : hvtool({"--help"}).out.split('\n').filter(QRegularExpression("^  hvtool [a-z]"))) {
+        const QString path = line.section(' ', 3).section(QRegularExpression(" [A-Z\\[]"), 0, 0);
+        EXPECT_TRUE(walked.contains(path)) << "not walked: " << path.toStdString();
+        EXPECT_TRUE(hvtool(path.split(' ') << "--help").out.contains("Example:\n  hvtool " + path))
+            << path.toStdString();
     }
 }
 

@@ -50,7 +50,8 @@ def record(number, url, data, **changes):
 
 
 class Faults(http.server.BaseHTTPRequestHandler):
-    """/ok, /cut (the first answer ends half-way), /stall (half, then
+    """/ok, /cut (the first answer ends half-way; /short without saying its
+    length), /stall (half, then
     nothing), /big (more bytes than the record declares), /loop (redirects
     to itself) and /doc/NAME (the documents the test put there)."""
     protocol_version = "HTTP/1.1"
@@ -67,17 +68,17 @@ class Faults(http.server.BaseHTTPRequestHandler):
             return self.end_headers()
         if kind == "doc":
             return self.send(200, self.server.docs[name], len(self.server.docs[name]))
-        if kind not in ("ok", "cut", "stall", "big"):
+        if kind not in ("ok", "cut", "short", "stall", "big"):
             return self.send_error(404)
         data = self.server.ova + (b"x" * 4096 if kind == "big" else b"")
         start = int(self.headers.get("Range", "bytes=0-")[6:].rstrip("-"))
         body = data[start:] if self.headers.get("If-Range") == '"v1"' or start == 0 else data
         if len(body) == len(data):
             start = 0
-        if kind in ("cut", "stall") and start == 0:
+        if kind in ("cut", "short", "stall") and start == 0:
             body = body[:len(data) // 2]
         self.server.served.append((kind, start, len(body)))
-        self.send(206 if start else 200, body, None if kind == "big" else len(data) - start, start, len(data))
+        self.send(206 if start else 200, body, None if kind in ("big", "short") else len(data) - start, start, len(data))
         if kind == "stall":
             time.sleep(5)
 
@@ -240,6 +241,9 @@ http {{
         self.assertEqual(self.faults.served, [("cut", 0, len(self.ova) // 2),
                                               ("cut", len(self.ova) // 2, len(self.ova) - len(self.ova) // 2)])
         self.assertEqual((self.ova_dir / "t.ova").read_bytes(), self.ova)
+        self.hv("image", "add", self.publish("short.json", record(2, url.replace("t.ova", "s.ova") % "short", self.ova)))
+        self.assertEqual(self.faults.served[2:], [("short", 0, len(self.ova) // 2),
+                                                  ("short", len(self.ova) // 2, len(self.ova) - len(self.ova) // 2)])
 
     def test_catalogue_and_ova_address(self):
         port = self.faults.server_address[1]
