@@ -123,8 +123,9 @@ int logs(Context &ctx)
     printLines(ctx, read.text, &pending, !ctx.isSet(QStringLiteral("follow")));
     if (ctx.isSet(QStringLiteral("follow")) && machine->getStatus() != VMToolsMachine::Off)
         return follow(ctx, reader, read.next);
+    // Something shows even then: where the output will be.
     if (read.text.isEmpty())
-        ctx.note(QStringLiteral("nothing in %1 yet").arg(path));
+        ctx.show({QJsonValue(), {}, {}, {QStringLiteral("nothing in %1 yet").arg(path)}});
     return Success;
 }
 
@@ -150,6 +151,7 @@ void addViewCommands()
                    DeviceUse::Read,
                    DeviceState::Running,
                    "device '%1' is not running; start it to take a screenshot"}
+                  .withExample("hvtool device screenshot pixel pixel.png")
         << Command{{"device", "logs"},
                    "NAME",
                    "Show what the device's guest wrote on its console in its current or last run.",
@@ -161,7 +163,8 @@ void addViewCommands()
                    DeviceUse::Read,
                    DeviceState::Any,
                    QString(),
-                   checkLogsArguments};
+                   checkLogsArguments}
+                  .withExample("hvtool device logs pixel --follow");
 }
 
 } // namespace hvtool
