@@ -51,6 +51,8 @@ Download::Options OsImagePull::options()
 {
     Download::Options options;
     options.caFile = Settings::get(QStringLiteral("downloads.ca_file")).toString();
+    options.tlsHint = QStringLiteral("; a private mirror's certificate authority can be named in the setting "
+                                     "downloads.ca_file");
     options.stallTimeoutMs = qMax(1, Settings::get(QStringLiteral("downloads.stall_timeout")).toInt()) * 1000;
     return options;
 }

@@ -93,7 +93,7 @@ QString replyError(QNetworkReply *reply, const Download::Options &options)
     case QNetworkReply::InsecureRedirectError:
         return QStringLiteral("'%1' redirects from https to an insecure address").arg(url);
     case QNetworkReply::SslHandshakeFailedError:
-        return QStringLiteral("the TLS connection for '%1' failed: %2").arg(url, reply->errorString());
+        return QStringLiteral("the TLS connection for '%1' failed: %2%3").arg(url, reply->errorString(), options.tlsHint);
     default:
         return QStringLiteral("could not fetch '%1': %2").arg(url, reply->errorString());
     }

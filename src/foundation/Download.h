@@ -26,6 +26,9 @@ public:
         int stallTimeoutMs = 30000;
         /// Redirects followed before the address is refused.
         int maxRedirects = 5;
+        /// Added to the message of a TLS connection that fails: where the
+        /// user names a certificate authority.
+        QString tlsHint;
     };
     /// What to fetch and where it goes.
     struct File {
