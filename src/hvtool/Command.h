@@ -227,6 +227,7 @@ void addDeviceCommands();
 /// 'device wait'.
 void addWaitCommand();
 void addDoctorCommand();
+void addAdbCommands();
 void addShellCommands();
 void addViewCommands();
 

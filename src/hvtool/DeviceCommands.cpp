@@ -1,6 +1,7 @@
 // hvtool device: create, list, start, stop, snapshot, clone, reset, delete
 // and configure virtual devices, through the engine interface.
 #include "Catalog.h"
+#include "AdbCommands.h"
 #include "Command.h"
 #include "Engine.h"
 #include "InterruptGuard.h"
@@ -317,14 +318,14 @@ int create(Context &ctx)
                                    .arg(name));
     Stored<OsImage> image;
     HwProfile profile;
-    // A wrong option is refused before anything is looked up.
+    // A wrong option is refused before anything is looked up, a taken name
+    // before an image is chosen for it.
     int code = chooseProfile(ctx, &profile);
-    if (code == Success)
-        code = chooseImage(ctx, &image);
-    if (code == Success)
-        noteDefaultProfile(ctx, profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = chooseImage(ctx, &image)) != Success)
+        return code;
+    noteDefaultProfile(ctx, profile);
+    if ((code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -606,7 +607,8 @@ Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &
     if (wait) {
         object.insert("ready_seconds", readyMs / 1000.0);
         object.insert("banner", QString::fromUtf8(wait->banner).trimmed());
-        lines << QStringLiteral("guest answered after %1 s").arg(secondsText(readyMs));
+        lines << (wait->bootAwaited ? QStringLiteral("guest booted after %1 s") : QStringLiteral("guest answered after %1 s"))
+                     .arg(secondsText(readyMs));
     }
     return Output{object, {}, {}, lines};
 }
@@ -638,7 +640,9 @@ int start(Context &ctx)
     // A restart on the way leaves the boot cold.
     if (wait.restartedCold)
         outcome.boot = StartOutcome::Cold;
-    return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
+    Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
+    afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
+    return ctx.show(output);
 }
 
 /// Says that the state saved as snapshot is there but what it was saved
@@ -696,6 +700,7 @@ int stop(Context &ctx)
             return code;
     }
     const qint64 savedMs = timer.elapsed();
+    beforeStop(machine);
     const bool quit = ticking(QStringLiteral("stopping '%1'").arg(name), [&] {
         ctx.engine()->stopMachine(&machine);
         return machine.waitForStop(30000);

@@ -24,7 +24,9 @@ QString phaseText(GuestWait::Phase phase)
     case GuestWait::Connected:
         return QStringLiteral("the guest's port is open, the guest is silent");
     case GuestWait::Answered:
-        return QStringLiteral("the guest answered");
+        return QStringLiteral("the guest answered; waiting for its boot to complete (sys.boot_completed)");
+    case GuestWait::Booted:
+        return QStringLiteral("the guest's boot completed");
     }
     return QStringLiteral("phase %1").arg(int(phase));
 }
@@ -47,7 +49,8 @@ GuestWait waitInLooks(VMToolsEngine *e, VMToolsMachine &machine, qint64 limitMs,
     };
     do {
         const qint64 left = limitMs - timer.elapsed();
-        wait = e->waitForGuest(&machine, int(qBound<qint64>(1, left, kLookMs)), redraw);
+        wait = e->waitForGuest(&machine, int(qBound<qint64>(1, left, kLookMs)), redraw,
+                               [&](GuestWait::Phase reached) { phase = phaseText(reached); });
         notes << wait.notes;
         restartedCold = restartedCold || wait.restartedCold;
         phase = phaseText(wait.phase);

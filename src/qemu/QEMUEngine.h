@@ -101,7 +101,9 @@ public:
     /// connection while the guest still boots, so a connection alone proves
     /// nothing. A guest that KVM stops under "auto" is started again cold
     /// under TCG (under its command lock) and waited for again.
-    GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel) override;
+    GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                           const std::function<void(GuestWait::Phase)> &reached = {}) override;
+    bool setGuestClock(VMToolsMachine *machine, int timeoutMs, qint64 *movedMs, QString *failure) override;
     int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
                       const std::function<bool()> &cancel, QString *error) override;
     /// Bytes in the image's unfinished reference directory (the OVA's size
@@ -259,8 +261,9 @@ public:
     /// The first port offset whose forwarded host ports are all free and that
     /// no running emulator holds in the port table; -1 when none is left.
     int computePortOffset() const;
-    /// The same, passing over the offsets in skip.
-    int computePortOffset(const QSet<int> &skip) const;
+    /// The same, passing over the offsets in skip, and preferred first when
+    /// it qualifies (a device's last offset, so its ports stay; -1: none).
+    int computePortOffset(const QSet<int> &skip, int preferred) const;
     /// The inter-process lock held from choosing a device's port offset until
     /// its emulator has bound the ports and the port table records it.
     QString getPortOffsetLockPath() const;
@@ -420,7 +423,8 @@ private:
     QString startDiagnosis(const QEMUMachine &machine, int result) const;
     /// After KVM stopped the guest: starts the device again under TCG,
     /// under its command lock, and waits for the guest again.
-    GuestWait restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    GuestWait restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                             const std::function<void(GuestWait::Phase)> &reached);
     /// The path of the device name when it names one entry of the devices
     /// directory, which may not exist; else empty.
     QString deviceEntryPath(const QString &name) const;

@@ -94,10 +94,10 @@ QString QEMUEngine::getPortTablePath() const
 
 int QEMUEngine::computePortOffset() const
 {
-    return computePortOffset(QSet<int>());
+    return computePortOffset(QSet<int>(), -1);
 }
 
-int QEMUEngine::computePortOffset(const QSet<int> &skip) const
+int QEMUEngine::computePortOffset(const QSet<int> &skip, int preferred) const
 {
     // Only a running emulator holds its offset: an entry left by one that
     // ended (or lingers as a zombie, or whose pid now names another process)
@@ -106,6 +106,9 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip) const
     QSet<int> taken = skip;
     for (const QEMUPortEntry &entry : QEMUPortTable::readLive(getPortTablePath()))
         taken.insert(entry.offset);
+    if (preferred >= 0 && preferred <= QEMULaunch::kMaxPortOffset && preferred % QEMULaunch::kPortOffsetStep == 0
+        && !taken.contains(preferred) && arePortsFree(preferred))
+        return preferred;
     for (int offset = 0; offset <= QEMULaunch::kMaxPortOffset; offset += QEMULaunch::kPortOffsetStep) {
         if (!taken.contains(offset) && arePortsFree(offset))
             return offset;
@@ -229,7 +232,7 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &re
     }
     QElapsedTimer held;
     held.start();
-    const int offset = computePortOffset(*tried);
+    const int offset = computePortOffset(*tried, QEMUPortTable::lastOffset(getPortTablePath(), machine->getName()));
     if (offset < 0) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to determine a port offset";
         return QEMUMachine::StartFailed;

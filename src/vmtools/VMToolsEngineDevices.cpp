@@ -131,7 +131,8 @@ StartOutcome VMToolsEngine::startDevice(VMToolsMachine *machine, const StartRequ
     return outcome;
 }
 
-GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::function<bool()> &cancel)
+GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::function<bool()> &cancel,
+                                       const std::function<void(GuestWait::Phase)> &)
 {
     GuestWait wait;
     if (!machine->waitForIP(cancel).isEmpty()) {
@@ -141,6 +142,12 @@ GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::f
         wait.failure = QStringLiteral("the guest did not answer");
     }
     return wait;
+}
+
+bool VMToolsEngine::setGuestClock(VMToolsMachine *, int, qint64 *, QString *failure)
+{
+    *failure = QStringLiteral("this engine cannot reach the guest");
+    return false;
 }
 
 int VMToolsEngine::createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
