@@ -620,7 +620,8 @@ int start(Context &ctx)
         return code;
     QElapsedTimer timer;
     timer.start();
-    StartOutcome outcome = e->startDevice(&machine, request);
+    StartOutcome outcome = ticking(QStringLiteral("starting '%1'").arg(machine.getName()),
+                                   [&] { return e->startDevice(&machine, request); });
     showNotes(ctx, outcome.notes);
     if (!outcome.started())
         return reportStartFailure(ctx, machine, outcome);
@@ -656,11 +657,12 @@ void noteUnrecordedState(Context &ctx, const QString &device, const QString &sna
 int saveState(Context &ctx, VMToolsMachine &machine, const QString &snapshot, const QString &consequence)
 {
     bool recorded = true;
-    if (!ctx.engine()->saveSnapshot(&machine, snapshot, &recorded))
-        return ctx.fail(Failed, QStringLiteral("could not save %1 of device '%2'%3")
-                                    .arg(snapshot == kLatest ? QStringLiteral("the quick-boot state")
-                                                             : QStringLiteral("snapshot '%1'").arg(snapshot),
-                                         machine.getName(), consequence));
+    const QString what =
+        snapshot == kLatest ? QStringLiteral("the quick-boot state") : QStringLiteral("snapshot '%1'").arg(snapshot);
+    if (!ticking(QStringLiteral("saving %1 of '%2'").arg(what, machine.getName()),
+                 [&] { return ctx.engine()->saveSnapshot(&machine, snapshot, &recorded); }))
+        return ctx.fail(Failed,
+                        QStringLiteral("could not save %1 of device '%2'%3").arg(what, machine.getName(), consequence));
     if (!recorded)
         noteUnrecordedState(ctx, machine.getName(), snapshot);
     return Success;
@@ -691,8 +693,11 @@ int stop(Context &ctx)
             return code;
     }
     const qint64 savedMs = timer.elapsed();
-    ctx.engine()->stopMachine(&machine);
-    if (!machine.waitForStop(30000)) {
+    const bool quit = ticking(QStringLiteral("stopping '%1'").arg(name), [&] {
+        ctx.engine()->stopMachine(&machine);
+        return machine.waitForStop(30000);
+    });
+    if (!quit) {
         ctx.note(QStringLiteral("device '%1' did not quit within 30 s; killing it").arg(name));
         machine.forceStop();
         machine.waitForStop(5000);
@@ -733,7 +738,8 @@ int snapshotLoad(Context &ctx)
         return refused;
     QElapsedTimer timer;
     timer.start();
-    if (!ctx.engine()->loadSnapshot(&machine, snapshot))
+    if (!ticking(QStringLiteral("loading snapshot '%1' of '%2'").arg(snapshot, machine.getName()),
+                 [&] { return ctx.engine()->loadSnapshot(&machine, snapshot); }))
         return ctx.fail(Failed, QStringLiteral("could not load snapshot '%1' of device '%2'")
                                     .arg(snapshot, machine.getName()));
     return showSnapshotDone(ctx, QStringLiteral("loaded"), timer.elapsed());
@@ -805,7 +811,8 @@ int clone(Context &ctx)
     const int refused = checkClone(ctx, newName, running, crashConsistent);
     if (refused != Success)
         return refused;
-    const int result = ctx.engine()->cloneMachine(&machine, newName, crashConsistent);
+    const int result = ticking(QStringLiteral("copying '%1' to '%2'").arg(machine.getName(), newName),
+                               [&] { return ctx.engine()->cloneMachine(&machine, newName, crashConsistent); });
     if (result == 2)
         return ctx.fail(Conflict, QStringLiteral("device '%1' already exists").arg(newName));
     if (result != 0)
@@ -831,7 +838,8 @@ int reset(Context &ctx)
                                             .arg(name),
                                         QStringLiteral("device '%1' not reset").arg(name)))
         return refused;
-    const VMToolsEngine::ResetResult result = ctx.engine()->resetDevice(&machine);
+    const VMToolsEngine::ResetResult result = ticking(QStringLiteral("resetting '%1'").arg(name),
+                                                      [&] { return ctx.engine()->resetDevice(&machine); });
     if (result == VMToolsEngine::ResetResult::Unchanged)
         return ctx.fail(Failed, QStringLiteral("could not reset device '%1'; its disks are unchanged").arg(name));
     if (result == VMToolsEngine::ResetResult::Pending)
@@ -905,7 +913,7 @@ int removeDevice(Context &ctx, VMToolsEngine *e, const QString &name)
     if (const int refused = ctx.confirm(QStringLiteral("Delete device '%1' and all its data?").arg(name),
                                         QStringLiteral("device '%1' not deleted").arg(name)))
         return refused;
-    if (!e->deleteMachine(machine.get()))
+    if (!ticking(QStringLiteral("deleting '%1'").arg(name), [&] { return e->deleteMachine(machine.get()); }))
         return ctx.fail(Failed, QStringLiteral("could not delete device '%1'; it is unchanged").arg(name));
     return ctx.show({QJsonObject{{"name", name}, {"deleted", true}}, {}, {}, {QStringLiteral("deleted device '%1'").arg(name)}});
 }

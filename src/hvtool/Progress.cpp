@@ -90,4 +90,25 @@ void Progress::finish(const QString &outcome)
     std::fflush(stderr);
 }
 
+ProgressTicker::ProgressTicker(const QString &label)
+    : m_progress(label, 0)
+    , m_drawer([this] {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_woken.wait_for(lock, std::chrono::milliseconds(kTerminalMs), [this] { return m_over; }))
+            m_progress.update(0);
+    })
+{
+}
+
+ProgressTicker::~ProgressTicker()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_over = true;
+    }
+    m_woken.notify_one();
+    m_drawer.join();
+    m_progress.finish();
+}
+
 } // namespace hvtool

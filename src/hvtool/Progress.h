@@ -3,6 +3,10 @@
 #include <QElapsedTimer>
 #include <QString>
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 namespace hvtool {
 
 /// Progress of a long step on stderr. A step that ends within a second shows
@@ -39,5 +43,30 @@ private:
     QElapsedTimer m_sinceDraw;
     QElapsedTimer m_started;
 };
+
+/// A step that blocks this thread (a save, a copy): its label and the time
+/// so far, drawn as Progress draws them by a thread of its own that touches
+/// nothing but stderr, for as long as the ticker lives.
+class ProgressTicker
+{
+public:
+    explicit ProgressTicker(const QString &label);
+    ~ProgressTicker();
+
+private:
+    Progress m_progress;
+    std::mutex m_mutex;
+    std::condition_variable m_woken;
+    bool m_over = false;
+    std::thread m_drawer;
+};
+
+/// What step returns, with its label and the time so far shown while it runs.
+template<typename Step>
+auto ticking(const QString &label, Step step)
+{
+    ProgressTicker ticker(label);
+    return step();
+}
 
 } // namespace hvtool

@@ -366,6 +366,7 @@ const WalkRow kWalk[] = {
     {Object, 2, {"device", "set", "A", "cpus=0"}}, {Object, 0, {"device", "clone", "A", "C"}},
     {Text, 4, {"device", "clone", "A", "C"}}, {Array, 0, {"device", "snapshot", "list", "A"}},
     {Change, 0, {"device", "start", "A"}}, {Object, 4, {"device", "start", "A"}}, {Text, 0, {"device", "list"}},
+    {Object, 1, {"device", "wait", "A", "--timeout", "1"}},
     {Object, 0, {"device", "snapshot", "save", "A", "one"}}, {Change, 0, {"device", "snapshot", "save", "A", "two"}},
     {Change, 0, {"device", "snapshot", "load", "A", "one"}}, {Object, 3, {"device", "snapshot", "load", "A", "x"}},
     {Object, 4, {"device", "resume", "A"}}, {Text, 4, {"device", "snapshot", "delete", "A", "one"}},
@@ -376,7 +377,8 @@ const WalkRow kWalk[] = {
     {Object, 0, {"device", "reset", "B", "--yes"}}, {Object, 2, {"device", "delete", "C"}},
     {Change, 0, {"device", "delete", "C", "--yes"}}, {Object, 0, {"device", "delete", "B", "--yes"}},
     {Text, 0, {"device", "cleanup"}}, {Array, 0, {"device", "cleanup"}}, {Array, 0, {"doctor"}},
-    {Object, 0, {"version"}}, {Object, 2, {"device", "strat"}}, {Object, 2, {"device", "show"}},
+    {Object, 0, {"version"}}, {Object, 3, {"device", "wait", "nosuch"}}, {Text, 0, {"completion", "bash"}},
+    {Object, 2, {"completion"}}, {Text, 0, {"manual"}}, {Object, 0, {"manual"}}, {Object, 2, {"device", "strat"}}, {Object, 2, {"device", "show"}},
 };
 
 // One row run as a user runs it; what its output must be, checked.
@@ -420,7 +422,8 @@ TEST_F(HvtoolImages, everyCommandKeepsTheOutputContract)
         QStringList args = row.args;
         for (QString &arg : args)
             arg = files.value(arg, arg);
-        walked << args.mid(0, args.value(1) == "snapshot" ? 3 : 2).join(' ');
+        for (int words = 1; words <= 3; ++words)
+            walked << args.mid(0, words).join(' ');
         checkRow(row, args, tcg);
     }
     // Declined on a terminal: exit 1 and the device kept, where a missing
