@@ -433,6 +433,11 @@ int readGlobalOptions(const QStringList &arguments, GlobalOptions *options)
 {
     for (int i = 1; i < arguments.size(); ++i) {
         const QString &a = arguments.at(i);
+        if (a == QLatin1String("--")) {
+            // What follows is the command's, options of the tool's own names too.
+            options->rest << arguments.mid(i);
+            break;
+        }
         if (a == QLatin1String("-v") || a == QLatin1String("--verbose")) {
             options->verbose = true;
         } else if (a == QLatin1String("-h") || a == QLatin1String("--help")) {

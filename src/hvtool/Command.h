@@ -229,7 +229,9 @@ void addDeviceCommands();
 /// 'device wait'.
 void addWaitCommand();
 void addDoctorCommand();
+void addAdbCommands();
 void addShellCommands();
+void addViewCommands();
 
 /// Parses the command line, runs the command and returns the exit code.
 int runCommandLine(const QStringList &arguments);

@@ -1,6 +1,7 @@
 // hvtool device: create, list, start, stop, snapshot, clone, reset, delete
 // and configure virtual devices, through the engine interface.
 #include "Catalog.h"
+#include "AdbCommands.h"
 #include "Command.h"
 #include "Engine.h"
 #include "InterruptGuard.h"
@@ -147,6 +148,8 @@ QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
         {"path", QDir(machine.getPath()).absolutePath()},
         {"size_on_disk", double(machine.getSizeOnDisk())},
         {"latest_snapshot", e->fetchSnapshotNames(&machine).contains(kLatest)},
+        {"console_log", e->logPath(&machine, false)},
+        {"emulator_log", e->logPath(&machine, true)},
     };
     for (const DeviceKey &key : kDeviceKeys) {
         const qint64 value = key.read(machine);
@@ -315,14 +318,14 @@ int create(Context &ctx)
                                    .arg(name));
     Stored<OsImage> image;
     HwProfile profile;
-    // A wrong option is refused before anything is looked up.
+    // A wrong option is refused before anything is looked up, a taken name
+    // before an image is chosen for it.
     int code = chooseProfile(ctx, &profile);
-    if (code == Success)
-        code = chooseImage(ctx, &image);
-    if (code == Success)
-        noteDefaultProfile(ctx, profile);
     VMToolsEngine *e = code == Success ? engine(ctx, &code) : nullptr;
-    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = ensureOva(ctx, image.value)) != Success)
+    if (!e || (code = refuseTakenName(ctx, e, name)) != Success || (code = chooseImage(ctx, &image)) != Success)
+        return code;
+    noteDefaultProfile(ctx, profile);
+    if ((code = ensureOva(ctx, image.value)) != Success)
         return code;
     QElapsedTimer timer;
     timer.start();
@@ -483,7 +486,7 @@ int show(Context &ctx)
     QJsonObject object = describe(e, machine);
     Output output;
     for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
-                            "port_offset", "pid", "path"}) {
+                            "port_offset", "pid", "path", "console_log", "emulator_log"}) {
         const QJsonValue value = object.value(key);
         if (!value.isNull())
             output.lines << showLine(key, value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
@@ -539,7 +542,7 @@ void showNotes(Context &ctx, const QStringList &notes)
         ctx.note(line);
 }
 
-/// Reads --wait, --snapshot, --cold, --accel and --force into request;
+/// Reads --wait, --snapshot, --cold, --accel, --force and --window into request;
 /// Success, or the usage failure.
 int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
 {
@@ -557,6 +560,7 @@ int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
     if (ctx.isSet(QStringLiteral("accel")) && request->accelerator.isEmpty())
         return ctx.fail(Usage, QStringLiteral("--accel needs an accelerator"));
     request->ignoreMemory = ctx.isSet(QStringLiteral("force"));
+    request->window = ctx.isSet(QStringLiteral("window"));
     return Success;
 }
 
@@ -603,7 +607,8 @@ Output startedOutput(Context &ctx, VMToolsMachine &machine, const StartOutcome &
     if (wait) {
         object.insert("ready_seconds", readyMs / 1000.0);
         object.insert("banner", QString::fromUtf8(wait->banner).trimmed());
-        lines << QStringLiteral("guest answered after %1 s").arg(secondsText(readyMs));
+        lines << (wait->bootAwaited ? QStringLiteral("guest booted after %1 s") : QStringLiteral("guest answered after %1 s"))
+                     .arg(secondsText(readyMs));
     }
     return Output{object, {}, {}, lines};
 }
@@ -635,7 +640,9 @@ int start(Context &ctx)
     // A restart on the way leaves the boot cold.
     if (wait.restartedCold)
         outcome.boot = StartOutcome::Cold;
-    return ctx.show(startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr));
+    Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
+    afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
+    return ctx.show(output);
 }
 
 /// Says that the state saved as snapshot is there but what it was saved
@@ -693,6 +700,7 @@ int stop(Context &ctx)
             return code;
     }
     const qint64 savedMs = timer.elapsed();
+    beforeStop(machine);
     const bool quit = ticking(QStringLiteral("stopping '%1'").arg(name), [&] {
         ctx.engine()->stopMachine(&machine);
         return machine.waitForStop(30000);
@@ -1090,7 +1098,9 @@ void addRunCommands()
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
-                          {"force", "Start even when the host seems short of memory for it."}},
+                          {"force", "Start even when the host seems short of memory for it."},
+                          {"window", "Show the device's screen in the emulator's window (needs a display; "
+                                     "closing the window does not stop the device)."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
                .withOptionalValue("wait", QString::number(kDefaultWaitSeconds))

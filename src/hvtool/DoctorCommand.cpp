@@ -1,4 +1,5 @@
 // hvtool doctor and hvtool --version: what the set-up can do.
+#include "AdbCommands.h"
 #include "Command.h"
 
 #include "FileUtils.h"
@@ -83,6 +84,14 @@ Check leftoversCheck(VMToolsEngine *engine)
                 .arg(names.join(QLatin1String(", ")), sizeText(bytes))};
 }
 
+/// adb is how developers reach a device; without it hvtool still works.
+Check adbCheck()
+{
+    bool ok = false;
+    const QString line = adbDoctorLine(&ok);
+    return {"adb", ok ? Level::Ok : Level::Warn, line};
+}
+
 /// Shows the checks; Failed when one of them failed.
 int report(Context &ctx, const QList<Check> &checks)
 {
@@ -112,7 +121,7 @@ int doctor(Context &ctx)
     };
     if (engine)
         checks << engine->checkHost(noteOnTerminal) << cpuCheck(*engine);
-    checks << devicesDirectoryCheck();
+    checks << devicesDirectoryCheck() << adbCheck();
     if (engine)
         checks << leftoversCheck(engine.get());
     return report(ctx, checks);

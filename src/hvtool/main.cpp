@@ -17,6 +17,8 @@ int main(int argc, char **argv)
     hvtool::addPullCommands();
     hvtool::addDeviceCommands();
     hvtool::addDoctorCommand();
+    hvtool::addAdbCommands();
     hvtool::addShellCommands();
+    hvtool::addViewCommands();
     return hvtool::runCommandLine(QCoreApplication::arguments());
 }

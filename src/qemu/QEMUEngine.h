@@ -101,7 +101,9 @@ public:
     /// connection while the guest still boots, so a connection alone proves
     /// nothing. A guest that KVM stops under "auto" is started again cold
     /// under TCG (under its command lock) and waited for again.
-    GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel) override;
+    GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                           const std::function<void(GuestWait::Phase)> &reached = {}) override;
+    bool setGuestClock(VMToolsMachine *machine, int timeoutMs, qint64 *movedMs, QString *failure) override;
     int createMachine(const QString &name, const OsImage &image, const HwProfile &profile,
                       const std::function<bool()> &cancel, QString *error) override;
     /// Bytes in the image's unfinished reference directory (the OVA's size
@@ -167,6 +169,13 @@ public:
     /// the OVA's disks are extracted and converted to qcow2 in the partial
     /// directory. The directory, or an empty string on failure.
     QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const override;
+    /// The emulator writes the screen inside the device directory (it
+    /// needs QEMU 7.1 for PNG); the image is then moved into place.
+    bool saveScreenshot(VMToolsMachine *machine, const QString &file, QString *error) const override;
+    /// Takes what the running emulator holds of the console into
+    /// "console.log" first (QEMUConsoleLog).
+    ConsoleRead readConsole(VMToolsMachine *machine, qint64 from) const override;
+    QString logPath(const VMToolsMachine *machine, bool emulator) const override;
     /// Registers a creation from the OVA as a user of the reference
     /// directory, under the image's lock; it stays one until the result is
     /// destroyed. Null, logged, when the locks cannot be taken.
@@ -252,8 +261,9 @@ public:
     /// The first port offset whose forwarded host ports are all free and that
     /// no running emulator holds in the port table; -1 when none is left.
     int computePortOffset() const;
-    /// The same, passing over the offsets in skip.
-    int computePortOffset(const QSet<int> &skip) const;
+    /// The same, passing over the offsets in skip, and preferred first when
+    /// it qualifies (a device's last offset, so its ports stay; -1: none).
+    int computePortOffset(const QSet<int> &skip, int preferred) const;
     /// The inter-process lock held from choosing a device's port offset until
     /// its emulator has bound the ports and the port table records it.
     QString getPortOffsetLockPath() const;
@@ -338,6 +348,8 @@ protected:
     QString m_oneOffAccelerator;
     QStringList m_startNotes;
     bool m_fellBackToTcg = false;
+    /// The following starts show the emulator's window.
+    bool m_windowRequested = false;
 
 private:
     /// What a state saved now would depend on, with the accelerator and CPU
@@ -411,7 +423,8 @@ private:
     QString startDiagnosis(const QEMUMachine &machine, int result) const;
     /// After KVM stopped the guest: starts the device again under TCG,
     /// under its command lock, and waits for the guest again.
-    GuestWait restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    GuestWait restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                             const std::function<void(GuestWait::Phase)> &reached);
     /// The path of the device name when it names one entry of the devices
     /// directory, which may not exist; else empty.
     QString deviceEntryPath(const QString &name) const;

@@ -4,6 +4,7 @@
 #include "EnvVars.h"
 #include "LockFiles.h"
 #include "QEMUClient.h"
+#include "QEMUConsoleLog_p.h"
 #include "QEMULaunch_p.h"
 #include "QEMULogging_p.h"
 #include "QEMUMachine.h"
@@ -93,10 +94,10 @@ QString QEMUEngine::getPortTablePath() const
 
 int QEMUEngine::computePortOffset() const
 {
-    return computePortOffset(QSet<int>());
+    return computePortOffset(QSet<int>(), -1);
 }
 
-int QEMUEngine::computePortOffset(const QSet<int> &skip) const
+int QEMUEngine::computePortOffset(const QSet<int> &skip, int preferred) const
 {
     // Only a running emulator holds its offset: an entry left by one that
     // ended (or lingers as a zombie, or whose pid now names another process)
@@ -105,6 +106,9 @@ int QEMUEngine::computePortOffset(const QSet<int> &skip) const
     QSet<int> taken = skip;
     for (const QEMUPortEntry &entry : QEMUPortTable::readLive(getPortTablePath()))
         taken.insert(entry.offset);
+    if (preferred >= 0 && preferred <= QEMULaunch::kMaxPortOffset && preferred % QEMULaunch::kPortOffsetStep == 0
+        && !taken.contains(preferred) && arePortsFree(preferred))
+        return preferred;
     for (int offset = 0; offset <= QEMULaunch::kMaxPortOffset; offset += QEMULaunch::kPortOffsetStep) {
         if (!taken.contains(offset) && arePortsFree(offset))
             return offset;
@@ -188,7 +192,9 @@ bool QEMUEngine::composeRequest(QEMUMachine *machine, const QString &snapshotNam
     request->readOnlySharedDrive = !snapshotName.isEmpty() && request->virtioDisks;
     request->throughRosetta = SysInfo().isRunningThroughRosetta();
     request->firmwareDirPath = m_firmwareDirPath;
-    request->showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    request->showWindow = m_windowRequested || !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    request->consoleRingBytes = QEMUConsoleLog::ringBytes();
+    request->consoleId = QEMUConsoleLog::chardevId();
     return true;
 }
 
@@ -226,7 +232,7 @@ int QEMUEngine::launchOnFreeOffset(QEMUMachine *machine, QEMULaunch::Request &re
     }
     QElapsedTimer held;
     held.start();
-    const int offset = computePortOffset(*tried);
+    const int offset = computePortOffset(*tried, QEMUPortTable::lastOffset(getPortTablePath(), machine->getName()));
     if (offset < 0) {
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to determine a port offset";
         return QEMUMachine::StartFailed;
@@ -270,6 +276,8 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
     if (!qemuMachine)
         return false;
     qemuMachine->refreshPortOffset();
+    // The last run's console stays readable once the emulator is gone.
+    QEMUConsoleLog(qemuMachine->getPath()).drain(qemuMachine->getQmpSocketPath());
     QEMUClient client(qemuMachine->getQmpSocketPath());
     if (client.execQuit()) {
         // The emulator writes its disks back before it ends, which can take

@@ -3,38 +3,27 @@
 // each outcome with its reasons as text.
 #include "QEMUEngine.h"
 
+#include "GuestBridge.h"
 #include "QEMUAudio.h"
+#include "QEMUConsoleLog_p.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 #include "Settings.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QTcpSocket>
 #include <QThread>
-#include <QtEndian>
 
 namespace {
 
 const QString kLatest = VMToolsEngine::latestSnapshotName();
 
-/// The connect message a debugger opens an ADB session with; a guest's adbd
-/// answers it, and a guest that speaks first (a banner) needs nothing.
-QByteArray adbConnectMessage()
-{
-    const QByteArray payload("host::\0", 7);
-    auto le32 = [](quint32 v) {
-        QByteArray b(4, '\0');
-        qToLittleEndian(v, b.data());
-        return b;
-    };
-    const quint32 command = 0x4e584e43; // "CNXN"
-    quint32 sum = 0;
-    for (const char c : payload)
-        sum += quint8(c);
-    return le32(command) + le32(0x01000000) + le32(4096) + le32(quint32(payload.size())) + le32(sum)
-        + le32(command ^ 0xffffffffu) + payload;
-}
+using PhaseReport = std::function<void(GuestWait::Phase)>;
+
+const QString kBootCompletedQuery = QStringLiteral("getprop sys.boot_completed");
+// One step of a probe: the connection and handshake, or one command.
+constexpr int kProbeStepMs = 2000;
 
 /// Points at the emulator's error output when this start wrote one: a start
 /// refused before the launch leaves none, or only an older run's.
@@ -44,6 +33,40 @@ QString logHint(const QEMUMachine &machine, const QDateTime &startedAt)
     if (!log.exists() || (startedAt.isValid() && log.lastModified() < startedAt))
         return QString();
     return QStringLiteral("; see '%1'").arg(log.absoluteFilePath());
+}
+
+/// How many of the console's last lines a failure shows.
+constexpr int kConsoleHintLines = 8;
+
+/// The console's last lines of the run that began at startedAt, for a
+/// failure to show; empty when that run wrote none.
+QString consoleHint(const QEMUMachine &machine, const QDateTime &startedAt)
+{
+    const QFileInfo log(QEMUDeviceFiles(machine.getPath()).consoleLog());
+    if (!log.exists() || (startedAt.isValid() && log.lastModified() < startedAt))
+        return QString();
+    const QStringList lines = QEMUConsoleLog(machine.getPath()).tail(kConsoleHintLines);
+    if (lines.isEmpty())
+        return QString();
+    return QStringLiteral("\nthe console's last lines ('%1'):\n  %2")
+        .arg(log.absoluteFilePath(), lines.join(QLatin1String("\n  ")));
+}
+
+/// The emulator's last words in its error output, as one line; empty when
+/// it wrote none.
+QString lastEmulatorLine(const QEMUMachine &machine)
+{
+    QFile log(machine.getLogFilePath());
+    if (!log.open(QIODevice::ReadOnly))
+        return QString();
+    const QStringList lines = ConsoleRead::printable(log.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return lines.isEmpty() ? QString() : lines.last().trimmed().left(300);
+}
+
+/// Whether a window can be shown: a display server is named.
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
 /// A setting with a fixed set of choices that holds none of them, in words
@@ -62,14 +85,44 @@ QString unknownSetting()
     return QString();
 }
 
-/// Polls the guest's port until the guest answers, the emulator ends or KVM
-/// stops the guest, the time runs out or cancel says so.
-GuestWait pollGuest(const QEMUMachine &machine, int timeoutMs, const std::function<bool()> &cancel)
+/// One look at the guest through its forwarded debug bridge port: true once
+/// it is ready, its banner and phases in *wait.
+bool probeGuest(const QEMUMachine &machine, GuestWait *wait, const std::function<void(GuestWait::Phase)> &advance)
+{
+    GuestBridge bridge;
+    const GuestBridge::Answer answer = bridge.connect(quint16(machine.getAdbPort()), kProbeStepMs);
+    if (answer == GuestBridge::Silent)
+        return false;
+    wait->banner = bridge.banner();
+    advance(GuestWait::Answered);
+    // A bridge that wants a key, or a guest with words of its own: its
+    // answer is all there is to wait for.
+    if (answer != GuestBridge::Device)
+        return true;
+    wait->bootAwaited = true;
+    QByteArray value;
+    if (!bridge.shell(kBootCompletedQuery, kProbeStepMs, &value) || value.trimmed() != "1")
+        return false;
+    advance(GuestWait::Booted);
+    return true;
+}
+
+/// Polls the guest until it is ready, the emulator ends or KVM stops the
+/// guest, the time runs out or cancel says so.
+GuestWait pollGuest(const QEMUMachine &machine, int timeoutMs, const std::function<bool()> &cancel,
+                    const PhaseReport &reached)
 {
     GuestWait wait;
     QElapsedTimer timer;
     timer.start();
     wait.end = GuestWait::TimedOut;
+    const auto advance = [&](GuestWait::Phase phase) {
+        if (phase <= wait.phase)
+            return;
+        wait.phase = phase;
+        if (reached)
+            reached(phase);
+    };
     while (timer.elapsed() < timeoutMs) {
         if (!machine.isQEMURunning() || !machine.kvmFailure().isEmpty()) {
             wait.phase = GuestWait::NotRunning;
@@ -80,20 +133,11 @@ GuestWait pollGuest(const QEMUMachine &machine, int timeoutMs, const std::functi
             wait.end = GuestWait::Cancelled;
             return wait;
         }
-        wait.phase = qMax(wait.phase, GuestWait::Booting);
-        QTcpSocket socket;
-        socket.connectToHost(QStringLiteral("127.0.0.1"), quint16(machine.getAdbPort()));
-        if (socket.waitForConnected(1000)) {
-            wait.phase = qMax(wait.phase, GuestWait::Connected);
-            socket.write(adbConnectMessage());
-            if (socket.waitForReadyRead(1000)) {
-                wait.phase = GuestWait::Answered;
-                wait.end = GuestWait::Ready;
-                wait.banner = socket.readAll();
-                return wait;
-            }
+        advance(GuestWait::Booting);
+        if (probeGuest(machine, &wait, advance)) {
+            wait.end = GuestWait::Ready;
+            return wait;
         }
-        socket.abort();
         QThread::msleep(250);
     }
     return wait;
@@ -104,7 +148,8 @@ GuestWait pollGuest(const QEMUMachine &machine, int timeoutMs, const std::functi
 QString QEMUEngine::startFailureText(const QEMUMachine &machine, int result, const QDateTime &startedAt) const
 {
     const QString stopped = machine.getStartFailure();
-    return (stopped.isEmpty() ? startDiagnosis(machine, result) : stopped) + logHint(machine, startedAt);
+    return (stopped.isEmpty() ? startDiagnosis(machine, result) : stopped) + logHint(machine, startedAt)
+        + consoleHint(machine, startedAt);
 }
 
 QString QEMUEngine::startDiagnosis(const QEMUMachine &machine, int result) const
@@ -136,8 +181,11 @@ QString QEMUEngine::startDiagnosis(const QEMUMachine &machine, int result) const
             .arg(QEMUMachine::readyTimeoutMs() / 1000.0);
     case QEMUMachine::StateNotLoaded:
         return QStringLiteral("QEMU could not load the saved state");
-    default:
-        return QStringLiteral("QEMU failed to start or exited early");
+    default: {
+        const QString words = lastEmulatorLine(machine);
+        return QStringLiteral("QEMU failed to start or exited early")
+            + (words.isEmpty() ? QString() : QStringLiteral(" (QEMU: \"%1\")").arg(words));
+    }
     }
 }
 
@@ -173,6 +221,9 @@ StartOutcome QEMUEngine::refuseStart(const VMToolsMachine *machine, const StartR
         return outcome;
     }
     outcome.failure = unknownSetting();
+    if (outcome.failure.isEmpty() && request.window && !hasDisplay())
+        outcome.failure = QStringLiteral("there is no display to show its window on: neither DISPLAY nor "
+                                         "WAYLAND_DISPLAY is set");
     if (outcome.failure.isEmpty() && !request.ignoreMemory) {
         outcome.failure = memoryShortfall(machine);
         outcome.result = StartOutcome::ShortOfMemory;
@@ -206,6 +257,7 @@ StartOutcome QEMUEngine::startDevice(VMToolsMachine *machine, const StartRequest
     outcome.result = StartOutcome::Failed;
     // What a saved state fits depends on the accelerator it runs under.
     setOneOffAccelerator(request.accelerator);
+    m_windowRequested = request.window;
     if (!request.snapshot.isEmpty() && !checkNamedSnapshot(machine, request.snapshot, &outcome))
         return outcome;
     bool quickBoot = request.snapshot.isEmpty() && !request.cold && machine->isQuickbootEnabled();
@@ -235,7 +287,8 @@ StartOutcome QEMUEngine::startDevice(VMToolsMachine *machine, const StartRequest
     return outcome;
 }
 
-GuestWait QEMUEngine::restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel)
+GuestWait QEMUEngine::restartAndWait(QEMUMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                                     const PhaseReport &reached)
 {
     GuestWait wait;
     wait.end = GuestWait::RestartFailed;
@@ -259,18 +312,19 @@ GuestWait QEMUEngine::restartAndWait(QEMUMachine *machine, int timeoutMs, const 
     machine->reloadVmInfo();
     lock.release();
     const QStringList notes = wait.notes;
-    wait = pollGuest(*machine, timeoutMs, cancel);
+    wait = pollGuest(*machine, timeoutMs, cancel, reached);
     wait.notes = notes;
     wait.restartedCold = true;
     return wait;
 }
 
-GuestWait QEMUEngine::waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel)
+GuestWait QEMUEngine::waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                                   const PhaseReport &reached)
 {
     auto *qemuMachine = static_cast<QEMUMachine *>(machine);
-    GuestWait wait = pollGuest(*qemuMachine, timeoutMs, cancel);
+    GuestWait wait = pollGuest(*qemuMachine, timeoutMs, cancel, reached);
     if (!wait.ready() && wait.end != GuestWait::Cancelled && !qemuMachine->kvmFailure().isEmpty())
-        wait = restartAndWait(qemuMachine, timeoutMs, cancel);
+        wait = restartAndWait(qemuMachine, timeoutMs, cancel, reached);
     if (wait.ready() || wait.end == GuestWait::Cancelled || wait.end == GuestWait::RestartFailed)
         return wait;
     if (!qemuMachine->isQEMURunning()) {
@@ -280,8 +334,36 @@ GuestWait QEMUEngine::waitForGuest(VMToolsMachine *machine, int timeoutMs, const
         wait.end = GuestWait::Failed;
         return wait;
     }
-    wait.failure = QStringLiteral("its guest did not answer on port %1 within %2 s")
-                       .arg(machine->getAdbPort())
-                       .arg(timeoutMs / 1000);
+    QEMUConsoleLog(machine->getPath()).drain(qemuMachine->getQmpSocketPath());
+    wait.failure = wait.phase >= GuestWait::Answered
+        ? QStringLiteral("its guest answered on port %1 but did not complete its boot (sys.boot_completed) within %2 s")
+        : QStringLiteral("its guest did not answer on port %1 within %2 s");
+    wait.failure = wait.failure.arg(machine->getAdbPort()).arg(timeoutMs / 1000) + consoleHint(*qemuMachine, {});
     return wait;
+}
+
+bool QEMUEngine::setGuestClock(VMToolsMachine *machine, int timeoutMs, qint64 *movedMs, QString *failure)
+{
+    GuestBridge bridge;
+    const int port = machine->getAdbPort();
+    if (bridge.connect(quint16(port), timeoutMs) != GuestBridge::Device) {
+        *failure = QStringLiteral("its debug bridge on port %1 did not let us in").arg(port);
+        return false;
+    }
+    // The guest's time, then the host's set: one command, so the two are a
+    // moment apart. Whole seconds are what the guest's date takes.
+    const qint64 host = QDateTime::currentSecsSinceEpoch();
+    QByteArray output;
+    const bool ran = bridge.shell(QStringLiteral("date +%s; date -u -s @%1 >/dev/null && echo set").arg(host),
+                                  timeoutMs, &output);
+    const QList<QByteArray> lines = output.trimmed().split('\n');
+    bool ok = false;
+    const qint64 guest = lines.value(0).trimmed().toLongLong(&ok);
+    if (!ran || !ok || lines.value(1).trimmed() != "set") {
+        *failure = QStringLiteral("the guest did not take the time: %1")
+                       .arg(QString::fromUtf8(output.simplified().left(200)));
+        return false;
+    }
+    *movedMs = (host - guest) * 1000;
+    return true;
 }

@@ -51,6 +51,29 @@ QSet<QByteArray> socketInodes(long long pid)
     return inodes;
 }
 
+// Every entry, those of ended emulators too, oldest first.
+QVector<QEMUPortEntry> readAll(const QString &path)
+{
+    QVector<QEMUPortEntry> all;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaxTableSize)
+        return all;
+    const QJsonArray entries = QJsonDocument::fromJson(file.readAll()).array();
+    for (const QJsonValue &value : entries)
+        all.append(entryFrom(value.toObject()));
+    return all;
+}
+
+// An entry of an emulator that ended (or whose pid now names another
+// process) holds nothing: it only remembers where its device last ran.
+bool isLive(const QEMUPortEntry &entry)
+{
+    QEMULockRecord emulator;
+    emulator.pid = entry.pid;
+    emulator.startTime = entry.startTime;
+    return entry.offset >= 0 && entry.pid > 0 && QEMUMachine::isRecordedEmulator(emulator);
+}
+
 } // namespace
 
 namespace QEMUPortTable {
@@ -58,25 +81,38 @@ namespace QEMUPortTable {
 QVector<QEMUPortEntry> readLive(const QString &path)
 {
     QVector<QEMUPortEntry> live;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > kMaxTableSize)
-        return live;
-    const QJsonArray entries = QJsonDocument::fromJson(file.readAll()).array();
-    for (const QJsonValue &value : entries) {
-        const QEMUPortEntry entry = entryFrom(value.toObject());
-        QEMULockRecord emulator;
-        emulator.pid = entry.pid;
-        emulator.startTime = entry.startTime;
-        // An entry of an emulator that ended (or whose pid now names another
-        // process) holds nothing.
-        if (entry.offset >= 0 && entry.pid > 0 && QEMUMachine::isRecordedEmulator(emulator))
+    for (const QEMUPortEntry &entry : readAll(path)) {
+        if (isLive(entry))
             live.append(entry);
     }
     return live;
 }
 
-bool write(const QString &path, const QVector<QEMUPortEntry> &entries)
+int lastOffset(const QString &path, const QString &device)
 {
+    int offset = -1;
+    for (const QEMUPortEntry &entry : readAll(path)) {
+        if (entry.device == device && entry.offset >= 0)
+            offset = entry.offset;
+    }
+    return offset;
+}
+
+bool write(const QString &path, const QVector<QEMUPortEntry> &live)
+{
+    // One remembered entry per device that runs no more: its newest.
+    QSet<QString> devices;
+    for (const QEMUPortEntry &entry : live)
+        devices.insert(entry.device);
+    QVector<QEMUPortEntry> entries;
+    const QVector<QEMUPortEntry> old = readAll(path);
+    for (auto entry = old.crbegin(); entry != old.crend(); ++entry) {
+        if (entry->offset < 0 || entry->device.isEmpty() || devices.contains(entry->device) || isLive(*entry))
+            continue;
+        devices.insert(entry->device);
+        entries.prepend(*entry);
+    }
+    entries += live;
     QJsonArray array;
     for (const QEMUPortEntry &entry : entries)
         array.append(QJsonObject{{QLatin1String(kOffsetKey), entry.offset},

@@ -26,7 +26,13 @@ namespace QEMUPortTable {
 /// empty.
 QVector<QEMUPortEntry> readLive(const QString &path);
 
-/// Writes the table whole, private to its owner. False, logged, on failure.
+/// The offset the device last started on, -1 when the table knows none: a
+/// device starts there again when it can, so its ports (its debug bridge
+/// serial) stay the same from one start to the next.
+int lastOffset(const QString &path, const QString &device);
+
+/// Writes the table whole, private to its owner: the entries given, and the
+/// last offsets of devices that do not run. False, logged, on failure.
 bool write(const QString &path, const QVector<QEMUPortEntry> &entries);
 
 /// Whether every one of ports (TCP, host byte order) is listened on by the

@@ -14,8 +14,10 @@ struct GuestWait {
         Booting,
         /// The guest's port takes connections but the guest is silent.
         Connected,
-        /// The guest answered.
+        /// The guest answered: a debug bridge handshake, or words of its own.
         Answered,
+        /// The guest's debug bridge says its boot completed (sys.boot_completed).
+        Booted,
     };
     enum End {
         Ready,
@@ -30,7 +32,11 @@ struct GuestWait {
 
     Phase phase = NotRunning;
     End end = Failed;
-    /// What the guest said first.
+    /// Whether readiness meant a completed boot: the guest's debug bridge
+    /// let the wait in. Otherwise the guest's answer was enough.
+    bool bootAwaited = false;
+    /// What the guest said first: the debug bridge's device banner
+    /// ("device::ro.product.name=...") or the guest's own words.
     QByteArray banner;
     /// Lines for the user said along the way (a restart under TCG).
     QStringList notes;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BrokenMachine.h"
+#include "ConsoleRead.h"
 #include "CreateProgress.h"
 #include "GuestWait.h"
 #include "HwProfile.h"
@@ -302,12 +303,17 @@ public:
     /// startFromLatestSnapshot(), or startMachine() for a named snapshot or
     /// a cold boot.
     virtual StartOutcome startDevice(VMToolsMachine *machine, const StartRequest &request);
-    /// Waits at most timeoutMs until the guest of the started device
-    /// answers, polling cancel; a guest the engine's accelerator cannot run
-    /// may be started again under another one on the way (a startMachine(),
-    /// then timeoutMs more). Each probe of the guest takes up to 2 s, so the
-    /// wait may end that much after timeoutMs.
-    virtual GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel);
+    /// Waits at most timeoutMs until the guest of the started device is
+    /// ready, polling cancel: until its debug bridge answers and then says
+    /// its boot completed, or, when the bridge does not let the wait in (or
+    /// the guest speaks no bridge), until it answers. reached, when set, is
+    /// called with each further phase as the wait gets there. A guest the
+    /// engine's accelerator cannot run may be started again under another
+    /// one on the way (a startMachine(), then timeoutMs more). Each probe of
+    /// the guest takes up to 4 s, so the wait may end that much after
+    /// timeoutMs.
+    virtual GuestWait waitForGuest(VMToolsMachine *machine, int timeoutMs, const std::function<bool()> &cancel,
+                                   const std::function<void(GuestWait::Phase)> &reached = {});
     /// createMachine() that polls cancel between its steps: a creation
     /// cancelled or refused leaves nothing behind. An image or profile
     /// that would not load back from the device's record is refused before
@@ -331,6 +337,25 @@ public:
     /// them on threads of its own: getMachine() and brokenMachineReason() may
     /// be called from several threads at once. The default loads them all.
     virtual QStringList getMachineNames() const;
+    /// Sets the wall clock of the running device's guest to the host's,
+    /// through its debug bridge, within timeoutMs (a guest resumed from a
+    /// saved state keeps the time it was saved at). True with *movedMs how
+    /// far the guest's clock moved (negative: back); false with *failure
+    /// saying why. The default cannot reach a guest.
+    virtual bool setGuestClock(VMToolsMachine *machine, int timeoutMs, qint64 *movedMs, QString *failure);
+    /// Writes the running device's screen to file as a PNG image, whole or
+    /// not at all. False, with why in error, when it cannot: the device does
+    /// not run, the emulator cannot write PNG images, file cannot be written.
+    /// The QEMU engine asks the emulator (about 15 s at most).
+    virtual bool saveScreenshot(VMToolsMachine *machine, const QString &file, QString *error) const;
+    /// What the device's guest wrote on its console from position from on
+    /// (0: all that is kept): the current run's while the device runs, else
+    /// the last run's. The QEMU engine asks a running emulator (2 s at most).
+    /// Not available unless the engine keeps the console.
+    virtual ConsoleRead readConsole(VMToolsMachine *machine, qint64 from) const;
+    /// Where the device's logs are: the guest's console, or the emulator's
+    /// own output when emulator is true; empty when the engine keeps none.
+    virtual QString logPath(const VMToolsMachine *machine, bool emulator) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose

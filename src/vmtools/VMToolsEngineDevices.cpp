@@ -99,6 +99,22 @@ QString VMToolsEngine::checkReferenceDisks(const VMToolsMachine *) const
     return QString();
 }
 
+bool VMToolsEngine::saveScreenshot(VMToolsMachine *, const QString &, QString *error) const
+{
+    *error = QStringLiteral("the engine cannot take screenshots");
+    return false;
+}
+
+ConsoleRead VMToolsEngine::readConsole(VMToolsMachine *, qint64) const
+{
+    return ConsoleRead();
+}
+
+QString VMToolsEngine::logPath(const VMToolsMachine *, bool) const
+{
+    return QString();
+}
+
 StartOutcome VMToolsEngine::startDevice(VMToolsMachine *machine, const StartRequest &request)
 {
     StartOutcome outcome;
@@ -115,7 +131,8 @@ StartOutcome VMToolsEngine::startDevice(VMToolsMachine *machine, const StartRequ
     return outcome;
 }
 
-GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::function<bool()> &cancel)
+GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::function<bool()> &cancel,
+                                       const std::function<void(GuestWait::Phase)> &)
 {
     GuestWait wait;
     if (!machine->waitForIP(cancel).isEmpty()) {
@@ -125,6 +142,12 @@ GuestWait VMToolsEngine::waitForGuest(VMToolsMachine *machine, int, const std::f
         wait.failure = QStringLiteral("the guest did not answer");
     }
     return wait;
+}
+
+bool VMToolsEngine::setGuestClock(VMToolsMachine *, int, qint64 *, QString *failure)
+{
+    *failure = QStringLiteral("this engine cannot reach the guest");
+    return false;
 }
 
 int VMToolsEngine::createMachine(const QString &name, const OsImage &image, const HwProfile &profile,

@@ -134,15 +134,17 @@ start_qemu() { # dir iface adb-port qmp-port snapshot
     qemu_pid=$!
 }
 
-# Reads the guest's one line through the forwarded port. Until the guest
-# listens, the user-mode network accepts and then drops the connection.
+# Reads the guest's one line through its debug bridge on the forwarded port.
+# Until the guest listens, the user-mode network accepts and then drops the
+# connection.
 banner=
 read_banner() { # port
     local deadline=$((SECONDS + boot_limit)) line
     banner=
     while [ $SECONDS -lt $deadline ]; do
         kill -0 "$qemu_pid" 2>/dev/null || return 1
-        line=$( { exec 3<>"/dev/tcp/127.0.0.1/$1" && read -t 2 -r l <&3 && echo "$l"; } 2>/dev/null || true)
+        line=$(python3 -c "import sys; sys.path.insert(0, '$repo/tests/e2e'); import hvtool_e2e as e
+print(e.bridge_shell($1, 'banner').strip())" 2>/dev/null || true)
         if [ -n "$line" ]; then
             banner=${line%$'\r'}
             return 0

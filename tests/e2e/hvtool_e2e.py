@@ -5,12 +5,14 @@ backend are what "auto" picks on this host. Each step asserts outcomes
 (banners, boot ids, counters, exit codes), not log lines."""
 
 import argparse
+import atexit
 import json
 import os
 import stat
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -30,6 +32,14 @@ class Env:
         self.env = dict(os.environ)
         self.env.update({"HV_HOME": home, "HOME": home, "XDG_CONFIG_HOME": os.path.join(home, ".config")})
         self.env.pop("HV_QEMU_START_ARGS", None)
+        # A start connects the user's adb: to a server of this run's own,
+        # ended with it.
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            self.adb_port = str(s.getsockname()[1])
+        self.env["ANDROID_ADB_SERVER_PORT"] = self.adb_port
+        atexit.register(lambda: shutil.which("adb") and subprocess.run(
+            ["adb", "-P", self.adb_port, "kill-server"], capture_output=True, timeout=30))
         self.timings = {}
 
     def run(self, *args, expect=0, json_out=False):
@@ -44,19 +54,50 @@ class Env:
         return proc
 
 
+def bridge_shell(port, command):
+    """Runs command in the guest through its debug bridge daemon, spoken
+    directly; its output. OSError when the daemon does not answer."""
+    def message(cmd, arg0, arg1, data=b""):
+        word = int.from_bytes(cmd, "little")
+        return struct.pack("<6I", word, arg0, arg1, len(data), sum(data), word ^ 0xFFFFFFFF) + data
+
+    with socket.create_connection(("127.0.0.1", port), timeout=3) as s:
+        stream = s.makefile("rb")
+
+        def receive():
+            header = stream.read(24)
+            if len(header) < 24:
+                raise OSError("the guest closed the connection")
+            cmd, arg0, arg1, length = struct.unpack("<4I", header[:16])
+            return cmd.to_bytes(4, "little"), arg0, stream.read(length)
+
+        s.sendall(message(b"CNXN", 0x01000001, 256 * 1024, b"host::\0"))
+        if receive()[0] != b"CNXN":
+            raise OSError("no device banner")
+        s.sendall(message(b"OPEN", 1, 0, b"shell:" + command.encode() + b"\0"))
+        output = b""
+        while True:
+            cmd, remote, data = receive()
+            if cmd == b"WRTE":
+                output += data
+                s.sendall(message(b"OKAY", 1, remote))
+            elif cmd == b"CLSE" and remote == 0:
+                raise OSError("the guest refused the shell")
+            elif cmd == b"CLSE":
+                return output.decode()
+
+
 def banner(port, timeout=90):
-    """The guest's one-line answer on the forwarded ADB port, as a dict."""
+    """The guest's line "HALVISTROM-DEMO boot_id=... boot_count=... uptime=...",
+    read through its debug bridge, as a dict."""
     deadline = time.time() + timeout
     last = None
     while time.time() < deadline:
         try:
-            with socket.create_connection(("127.0.0.1", port), timeout=2) as s:
-                s.settimeout(3)
-                data = s.recv(4096).decode()
-                if data.startswith("HALVISTROM-DEMO"):
-                    fields = dict(f.split("=", 1) for f in data.split()[1:])
-                    return fields
-                last = repr(data)
+            data = bridge_shell(port, "banner")
+            if data.startswith("HALVISTROM-DEMO"):
+                return dict(f.split("=", 1) for f in data.split()[1:])
+            last = repr(data)
         except OSError as error:
             last = str(error)
         time.sleep(0.5)
@@ -99,6 +140,26 @@ def stop_all(env):
     for d in json.loads(listing.stdout or "[]"):
         if d.get("status") == "On":
             subprocess.run([env.hvtool, "device", "stop", d["name"], "--force"], env=env.env, capture_output=True)
+
+
+def scenario_main(name, steps):
+    """Runs steps(env, image_dir, home) in a home of its own, after making the
+    demo image; every device is stopped after it. Exits 1 on a failure."""
+    parser = argparse.ArgumentParser()
+    for option in ("--hvtool", "--image-dir", "--demo-image"):
+        parser.add_argument(option, required=True)
+    args = parser.parse_args()
+    subprocess.run([args.demo_image, args.image_dir], check=True, stdout=subprocess.DEVNULL)
+    home = tempfile.mkdtemp(prefix=f"hv-{name}-")
+    env = Env(args.hvtool, home)
+    try:
+        steps(env, args.image_dir, home)
+    except Failure as failure:
+        print(f"{name}: FAILED: {failure}", file=sys.stderr)
+        sys.exit(1)
+    finally:
+        stop_all(env)
+        shutil.rmtree(home, ignore_errors=True)
 
 
 def check(condition, message):

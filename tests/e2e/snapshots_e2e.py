@@ -5,18 +5,15 @@ why, a session that ends without the quick-boot save is never resumed over,
 a state the emulator refuses falls back to one cold boot, and named
 snapshots are restored by a start and by a load into the running guest."""
 
-import argparse
 import json
 import os
-import shutil
 import subprocess
 import sys
 import signal
-import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from hvtool_e2e import ADB_BASE, Env, Failure, banner, check, stop_all  # noqa: E402
+from hvtool_e2e import ADB_BASE, Failure, banner, check, scenario_main  # noqa: E402
 
 
 def run(env, *args, expect=0):
@@ -192,25 +189,5 @@ def steps(env, image_dir):
     print("snapshots: 6 a state saved under another accelerator boots cold")
 
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--hvtool", required=True)
-    parser.add_argument("--image-dir", required=True)
-    parser.add_argument("--demo-image", required=True)
-    args = parser.parse_args()
-    subprocess.run([args.demo_image, args.image_dir], check=True, stdout=subprocess.DEVNULL)
-    home = tempfile.mkdtemp(prefix="hv-snapshots-")
-    env = Env(args.hvtool, home)
-    try:
-        steps(env, args.image_dir)
-    finally:
-        stop_all(env)
-        shutil.rmtree(home, ignore_errors=True)
-
-
 if __name__ == "__main__":
-    try:
-        main()
-    except Failure as failure:
-        print(f"snapshots: FAILED: {failure}", file=sys.stderr)
-        sys.exit(1)
+    scenario_main("snapshots", lambda env, image_dir, home: steps(env, image_dir))

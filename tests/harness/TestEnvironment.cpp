@@ -8,6 +8,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,9 +38,37 @@ void endLeftoverProcesses()
     }
 }
 
+// A free TCP port on 127.0.0.1 (0 when none), or whether one is listened on.
+int localPort(int port, bool *listened = nullptr)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(uint16_t(port));
+    socklen_t size = sizeof addr;
+    if (listened)
+        *listened = ::connect(fd, reinterpret_cast<sockaddr *>(&addr), size) == 0;
+    else if (::bind(fd, reinterpret_cast<sockaddr *>(&addr), size) == 0)
+        ::getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &size);
+    ::close(fd);
+    return ntohs(addr.sin_port);
+}
+
+// A start connects the user's adb to the device: each test process has an
+// adb server of its own, ended with it.
+void endAdbServer()
+{
+    const char *port = std::getenv("ANDROID_ADB_SERVER_PORT");
+    bool listened = false;
+    if (port && (localPort(std::atoi(port), &listened), listened))
+        std::system((std::string("adb -P ") + port + " kill-server >/dev/null 2>&1").c_str());
+}
+
 void removeRoot()
 {
     if (g_ownsRoot && !g_root.empty()) {
+        endAdbServer();
         endLeftoverProcesses();
         QDir(QString::fromStdString(g_root)).removeRecursively();
     }
@@ -84,6 +115,7 @@ void isolateProcess()
         ::umask(mode_t(std::strtol(mask, nullptr, 8)));
     ::unsetenv("XDG_CONFIG_DIRS");
     ::unsetenv("XDG_DATA_DIRS");
+    ::setenv("ANDROID_ADB_SERVER_PORT", std::to_string(localPort(0)).c_str(), 1);
     if (!std::getenv("HV_TEST_KEEP_HV_HOME"))
         ::setenv("HV_HOME", (g_root + "/hvhome").c_str(), 1);
 }

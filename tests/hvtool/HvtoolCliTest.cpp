@@ -90,6 +90,8 @@ INSTANTIATE_TEST_SUITE_P(
         CliCase{"extraArgument", {"device", "start", "a", "b"}, 2, "", "hvtool: unexpected argument 'b'"},
         CliCase{"unknownOption", {"device", "list", "--colour"}, 2, "", "Unknown option 'colour'"},
         CliCase{"unknownDevice", {"device", "start", "nosuch"}, 3, "", "hvtool: device 'nosuch' does not exist"},
+        // What follows "--" is adb's, options named like hvtool's too.
+        CliCase{"adbArguments", {"device", "adb", "nosuch", "--", "shell", "ls", "-h"}, 3, "", "device 'nosuch' does not exist"},
         CliCase{"unknownDeviceJson", {"device", "show", "nosuch", "--format", "json"}, 3, "\"exit_code\": 3",
                 "device 'nosuch' does not exist"},
         CliCase{"typoGetsASuggestion", {"device", "strat", "x"}, 2, "",
@@ -357,26 +359,29 @@ const WalkRow kWalk[] = {
     {Array, 0, {"profile", "list"}}, {Object, 0, {"profile", "show", "Small"}}, {Text, 3, {"profile", "show", "no"}},
     {Change, 0, {"profile", "set", "Small", "ram=512"}}, {Object, 2, {"profile", "set", "Small", "ram=1"}},
     {Change, 0, {"profile", "delete", "Other"}}, {Object, 3, {"profile", "delete", "Other"}},
-    {Object, 0, {"image", "add", "@walk.ova", "--android", "11.0"}},
+    {Object, 0, {"image", "add", "@walk.ova", "--android", "11.0", "--name", "Walk"}},
     {Change, 0, {"image", "add", "@spare.ova", "--android", "11.0", "--name", "Spare"}},
     {Text, 4, {"image", "add", "@walk.ova", "--android", "11.0"}}, {Object, 3, {"image", "add", "/nonexistent.ova"}},
     {Array, 0, {"image", "list"}}, {Object, 0, {"image", "show", "Spare"}}, {Change, 0, {"image", "remove", "Spare"}},
     {Object, 3, {"image", "remove", "Spare"}}, {Object, 1, {"image", "available"}}, {Text, 1, {"image", "pull", "x"}},
-    {Change, 0, {"device", "create", "A", "--profile", "Small"}},
-    {Object, 0, {"device", "create", "B", "--profile", "Small"}}, {Object, 4, {"device", "create", "A"}},
+    {Change, 0, {"device", "create", "A", "--profile", "Small", "--image", "Walk"}},
+    {Object, 0, {"device", "create", "B", "--profile", "Small", "--image", "Walk"}}, {Object, 4, {"device", "create", "A"}},
     {Text, 0, {"device", "list"}}, {Array, 0, {"device", "list", "--all"}}, {Object, 0, {"device", "show", "A"}},
     {Text, 3, {"device", "show", "nosuch"}}, {Change, 0, {"device", "set", "A", "root=true", "sdcard-size=64"}},
     {Object, 0, {"device", "set", "A", "virtual-keyboard=on"}}, {Text, 2, {"device", "set", "A", "colour=red"}},
     {Object, 2, {"device", "set", "A", "cpus=0"}}, {Object, 0, {"device", "clone", "A", "C"}},
     {Text, 4, {"device", "clone", "A", "C"}}, {Array, 0, {"device", "snapshot", "list", "A"}},
     {Change, 0, {"device", "start", "A"}}, {Object, 4, {"device", "start", "A"}}, {Text, 0, {"device", "list"}},
+    {Object, 0, {"device", "screenshot", "A", "@shot.png"}}, {Text, 1, {"device", "screenshot", "A", "/no/such.png"}},
+    {Object, 4, {"device", "screenshot", "B"}}, {Object, 0, {"device", "logs", "A"}}, {Text, 0, {"device", "logs", "B"}},
     {Object, 1, {"device", "wait", "A", "--timeout", "1"}},
     {Object, 0, {"device", "snapshot", "save", "A", "one"}}, {Change, 0, {"device", "snapshot", "save", "A", "two"}},
     {Change, 0, {"device", "snapshot", "load", "A", "one"}}, {Object, 3, {"device", "snapshot", "load", "A", "x"}},
     {Object, 4, {"device", "resume", "A"}}, {Text, 4, {"device", "snapshot", "delete", "A", "one"}},
     {Object, 0, {"device", "stop", "A", "--no-save"}}, {Object, 0, {"device", "start", "A"}},
     {Change, 0, {"device", "stop", "A", "--force"}}, {Change, 0, {"device", "stop", "A"}},
-    {Object, 0, {"device", "stop", "A"}}, {Object, 0, {"device", "snapshot", "delete", "A", "one"}},
+    {Object, 0, {"device", "stop", "A"}}, {Object, 4, {"device", "adb", "A", "shell", "true"}},
+    {Object, 0, {"device", "snapshot", "delete", "A", "one"}},
     {Change, 0, {"device", "snapshot", "delete", "A", "two"}}, {Change, 0, {"device", "reset", "A", "--yes"}},
     {Object, 0, {"device", "reset", "B", "--yes"}}, {Object, 2, {"device", "delete", "C"}},
     {Change, 0, {"device", "delete", "C", "--yes"}}, {Object, 0, {"device", "delete", "B", "--yes"}},
@@ -419,7 +424,8 @@ void checkRow(const WalkRow &row, const QStringList &args, const QMap<QString, Q
 TEST_F(HvtoolImages, everyCommandKeepsTheOutputContract)
 {
     const QMap<QString, QString> files{{"@walk.ova", makeTar("walk.ova", {"system.vmdk", "data.vmdk"})},
-                                       {"@spare.ova", makeTar("spare.ova", {"system.vmdk", "data.vmdk", "spare.txt"})}};
+                                       {"@spare.ova", makeTar("spare.ova", {"system.vmdk", "data.vmdk", "spare.txt"})},
+                                       {"@shot.png", hvtest::testRoot() + "/shot.png"}};
     const QMap<QString, QString> tcg{{"HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"}};
     QStringList walked;
     for (const WalkRow &row : kWalk) {
@@ -539,7 +545,7 @@ TEST(HvtoolDoctor, reportsEveryCheckAndWhatAutoPicksHere)
     QMap<QString, QJsonObject> checks;
     for (const QJsonValue &check : r.json().array())
         checks.insert(check.toObject().value("check").toString(), check.toObject());
-    EXPECT_EQ(checks.keys(), (QStringList{"accelerator", "audio", "cpu-virtualisation", "devices-directory",
+    EXPECT_EQ(checks.keys(), (QStringList{"accelerator", "adb", "audio", "cpu-virtualisation", "devices-directory",
                                           "kvm-device", "leftovers", "plugin", "qemu-installed", "qemu-version"}));
     for (const QString name : {"accelerator", "audio", "plugin", "qemu-installed"})
         EXPECT_EQ(checks[name].value("result").toString(), "ok") << checks[name].value("detail").toString().toStdString();

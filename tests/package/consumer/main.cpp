@@ -3,6 +3,7 @@
 //   consumer            loads the engine and says how it went
 //   consumer RECORD     and runs a device's whole life on that OS image
 #include <HalvistromCore/FileUtils.h>
+#include <HalvistromCore/GuestBridge.h>
 #include <HalvistromCore/OsImageIO.h>
 #include <HalvistromCore/Paths.h>
 #include <HalvistromCore/VMToolsEngine.h>
@@ -11,7 +12,6 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QJsonDocument>
-#include <QTcpSocket>
 #include <QThread>
 
 #include <cstdio>
@@ -24,16 +24,17 @@ struct Settings {
 
 namespace {
 
-// The demo guest's answer on its forwarded port, up to its uptime.
+// The demo guest's banner through its debug bridge, up to its uptime.
 QByteArray guestAnswer(const VMToolsMachine &machine)
 {
     QElapsedTimer timer;
     timer.start();
     for (; timer.elapsed() < 180000; QThread::msleep(250)) {
-        QTcpSocket socket;
-        socket.connectToHost(QStringLiteral("127.0.0.1"), quint16(machine.getAdbPort()));
-        if (socket.waitForConnected(1000) && socket.write("\n") > 0 && socket.waitForReadyRead(2000))
-            return socket.readLine().split(' ').mid(0, 3).join(' ');
+        GuestBridge bridge;
+        QByteArray line;
+        if (bridge.connect(quint16(machine.getAdbPort()), 2000) == GuestBridge::Device
+            && bridge.shell(QStringLiteral("banner"), 2000, &line) && !line.isEmpty())
+            return line.split(' ').mid(0, 3).join(' ');
     }
     return QByteArray();
 }
