@@ -39,6 +39,8 @@ struct Output {
     QStringList lines;
 };
 
+/// The name help and the manual give an option: its longest ("yes", not "y").
+QString longName(const QCommandLineOption &option);
 /// A size as every command shows it: "512.0 KiB", "12.7 MiB", "1.5 GiB".
 QString sizeText(qint64 bytes);
 /// Rows as aligned columns under a header, one line each.
@@ -229,6 +231,7 @@ void addWaitCommand();
 void addDoctorCommand();
 void addAdbCommands();
 void addShellCommands();
+void addViewCommands();
 
 /// Parses the command line, runs the command and returns the exit code.
 int runCommandLine(const QStringList &arguments);

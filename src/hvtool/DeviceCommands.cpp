@@ -148,6 +148,8 @@ QJsonObject describe(VMToolsEngine *e, VMToolsMachine &machine)
         {"path", QDir(machine.getPath()).absolutePath()},
         {"size_on_disk", double(machine.getSizeOnDisk())},
         {"latest_snapshot", e->fetchSnapshotNames(&machine).contains(kLatest)},
+        {"console_log", e->logPath(&machine, false)},
+        {"emulator_log", e->logPath(&machine, true)},
     };
     for (const DeviceKey &key : kDeviceKeys) {
         const qint64 value = key.read(machine);
@@ -484,7 +486,7 @@ int show(Context &ctx)
     QJsonObject object = describe(e, machine);
     Output output;
     for (const char *key : {"name", "uuid", "status", "reason", "android_version", "adb_serial", "qmp_socket",
-                            "port_offset", "pid", "path"}) {
+                            "port_offset", "pid", "path", "console_log", "emulator_log"}) {
         const QJsonValue value = object.value(key);
         if (!value.isNull())
             output.lines << showLine(key, value.isDouble() ? QString::number(qint64(value.toDouble())) : value.toString());
@@ -540,7 +542,7 @@ void showNotes(Context &ctx, const QStringList &notes)
         ctx.note(line);
 }
 
-/// Reads --wait, --snapshot, --cold, --accel and --force into request;
+/// Reads --wait, --snapshot, --cold, --accel, --force and --window into request;
 /// Success, or the usage failure.
 int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
 {
@@ -558,6 +560,7 @@ int readStartRequest(Context &ctx, StartRequest *request, int *waitSeconds)
     if (ctx.isSet(QStringLiteral("accel")) && request->accelerator.isEmpty())
         return ctx.fail(Usage, QStringLiteral("--accel needs an accelerator"));
     request->ignoreMemory = ctx.isSet(QStringLiteral("force"));
+    request->window = ctx.isSet(QStringLiteral("window"));
     return Success;
 }
 
@@ -1095,7 +1098,9 @@ void addRunCommands()
                            "SECONDS"},
                           {"accel", "Run this start under kvm or tcg instead of the setting emulator.accelerator.",
                            "ACCELERATOR"},
-                          {"force", "Start even when the host seems short of memory for it."}},
+                          {"force", "Start even when the host seems short of memory for it."},
+                          {"window", "Show the device's screen in the emulator's window (needs a display; "
+                                     "closing the window does not stop the device)."}},
                          1, 1, start, DeviceUse::Change, DeviceState::Stopped, "device '%1' is already running",
                          checkStartArguments)
                .withOptionalValue("wait", QString::number(kDefaultWaitSeconds))

@@ -87,6 +87,14 @@ int waitCommand(Context &ctx)
                           .arg(name, QString::number(timer.elapsed() / 1000.0, 'f', 2))}});
 }
 
+/// The console's last lines that the failure of a wait shows under its
+/// first line, with the line break before them; empty when it has none.
+QString consoleLines(const GuestWait &wait)
+{
+    const int end = wait.failure.indexOf(QLatin1Char('\n'));
+    return end < 0 ? QString() : wait.failure.mid(end);
+}
+
 } // namespace
 
 int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, GuestWait *wait)
@@ -104,10 +112,10 @@ int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, GuestWait *wa
         return ctx.fail(Failed, QStringLiteral("could not start device '%1': %2").arg(name, wait->failure));
     if (wait->end == GuestWait::TimedOut)
         return ctx.fail(Failed, QStringLiteral("device '%1' runs but its guest did not answer within %2 s (%3); wait "
-                                               "again with 'hvtool device wait %1'")
+                                               "again with 'hvtool device wait %1'%4")
                                     .arg(name)
                                     .arg(seconds)
-                                    .arg(phaseText(wait->phase)));
+                                    .arg(phaseText(wait->phase), consoleLines(*wait)));
     return ctx.fail(Failed, QStringLiteral("device '%1' started but %2").arg(name, wait->failure));
 }
 

@@ -19,5 +19,6 @@ int main(int argc, char **argv)
     hvtool::addDoctorCommand();
     hvtool::addAdbCommands();
     hvtool::addShellCommands();
+    hvtool::addViewCommands();
     return hvtool::runCommandLine(QCoreApplication::arguments());
 }

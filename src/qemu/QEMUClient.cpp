@@ -39,6 +39,10 @@ constexpr int ProbeRetryMs = 5;
 // it back: a fixed part, and time for each MiB of guest memory at a slow
 // disk's 50 MiB/s.
 constexpr int SaveSnapshotTimeoutMs = 10000;
+// The emulator renders the screen before it writes it: a fraction of a
+// second, longer on a busy host under emulation.
+constexpr int ScreendumpTimeoutMs = 10000;
+constexpr int RingBufferTimeoutMs = 2000;
 constexpr int SnapshotMsPerMiB = 20;
 
 // The socket hands over at most this much per read, so what it holds on top
@@ -466,4 +470,53 @@ bool QEMUClient::runSnapshotCommand(bool save, const QString &name, bool unplugS
     if (!ok)
         qCWarning(hvQmpLog) << Tag << (save ? "QEMUClient: failed to save snapshot" : "QEMUClient: failed to load snapshot");
     return ok;
+}
+
+bool QEMUClient::call(const QMap<QString, QVariant> &command, int timeoutMs, QJsonValue *returned, QString *error)
+{
+    QJsonObject reply;
+    bool silent = false;
+    if (!request(command, timeoutMs, ResponseRequired, &reply, &silent) || reply.isEmpty()) {
+        *error = QStringLiteral("the emulator did not answer");
+        return false;
+    }
+    if (!reply.contains(QLatin1String("return"))) {
+        *error = reply.value(QLatin1String("error")).toObject().value(QLatin1String("desc")).toString();
+        return false;
+    }
+    *returned = reply.value(QLatin1String("return"));
+    return true;
+}
+
+bool QEMUClient::execScreendump(const QString &path, QString *error)
+{
+    if (!init()) {
+        *error = QStringLiteral("the emulator's control socket does not answer");
+        return false;
+    }
+    QVariantMap command = plainCommand(QStringLiteral("screendump"));
+    command.insert(QStringLiteral("arguments"),
+                   QVariantMap{{QStringLiteral("filename"), path}, {QStringLiteral("format"), QStringLiteral("png")}});
+    QJsonValue returned;
+    return call(command, ScreendumpTimeoutMs, &returned, error);
+}
+
+bool QEMUClient::takeRingBuffer(const QString &device, int maxBytes, QByteArray *data)
+{
+    if (!init())
+        return false;
+    QVariantMap command = plainCommand(QStringLiteral("ringbuf-read"));
+    // Base64 keeps the guest's bytes as they are; as text the emulator would
+    // mend what is not UTF-8.
+    command.insert(QStringLiteral("arguments"), QVariantMap{{QStringLiteral("device"), device},
+                                                            {QStringLiteral("size"), maxBytes},
+                                                            {QStringLiteral("format"), QStringLiteral("base64")}});
+    QJsonValue returned;
+    QString error;
+    if (!call(command, RingBufferTimeoutMs, &returned, &error)) {
+        qCWarning(hvQmpLog) << Tag << "QEMUClient: cannot read" << device << ":" << error;
+        return false;
+    }
+    *data = QByteArray::fromBase64(returned.toString().toLatin1());
+    return true;
 }

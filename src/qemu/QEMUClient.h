@@ -97,6 +97,15 @@ public:
     /// On a connected client: lets the stopped machine go on ("cont").
     bool execCont();
 
+    /// Connects and has the emulator write its screen as a PNG file at path
+    /// (the emulator opens the file itself). False, with the emulator's
+    /// words in error, when it cannot.
+    bool execScreendump(const QString &path, QString *error);
+    /// Connects and takes what the ring-buffer character device holds, at
+    /// most maxBytes: a read empties the buffer. False when the emulator
+    /// cannot be asked.
+    bool takeRingBuffer(const QString &device, int maxBytes, QByteArray *data);
+
     /// Whether this client detached the shared-folder drive.
     bool hasDetachedSharedDrive() const { return m_detachedShared; }
 
@@ -108,6 +117,9 @@ private:
     /// False, logged, when nothing usable came back.
     bool request(const QMap<QString, QVariant> &command, int timeoutMs, ResponsePolicy policy,
                  QJsonObject *reply, bool *silent);
+    /// Sends command and returns what it returned, or false with the
+    /// emulator's error description.
+    bool call(const QMap<QString, QVariant> &command, int timeoutMs, QJsonValue *returned, QString *error);
     /// Reads the answer to a command sent, skipping events.
     bool readReply(int timeoutMs, ResponsePolicy policy, QJsonObject *reply, bool *silent);
     /// How far a readiness probe got on its current connection.

@@ -79,6 +79,16 @@ QString QEMUDeviceFiles::logFileName()
     return QStringLiteral("qemu.log");
 }
 
+QString QEMUDeviceFiles::consoleLogName()
+{
+    return QStringLiteral("console.log");
+}
+
+QString QEMUDeviceFiles::previousConsoleLogName()
+{
+    return consoleLogName() + QLatin1String(".1");
+}
+
 QString QEMUDeviceFiles::sharedFolderName()
 {
     return QStringLiteral("shared");
@@ -119,7 +129,8 @@ bool QEMUDeviceFiles::isDeviceFileName(const QString &name)
     return name == systemDiskName() || name == dataDiskName() || name == sdCardName() || name == lockFileName() ||
            name == logFileName() || name == sharedFolderName() || name == savedStatesName() ||
            name == sessionRecordName() || name == qmpSocketName() || name == commandLockName() ||
-           name == resetMarkerName() || name == markerName();
+           name == resetMarkerName() || name == markerName() || name == consoleLogName() ||
+           name == previousConsoleLogName();
 }
 
 QString QEMUDeviceFiles::path(const QString &name) const
@@ -150,6 +161,16 @@ QString QEMUDeviceFiles::lockFile() const
 QString QEMUDeviceFiles::logFile() const
 {
     return path(logFileName());
+}
+
+QString QEMUDeviceFiles::consoleLog() const
+{
+    return path(consoleLogName());
+}
+
+QString QEMUDeviceFiles::previousConsoleLog() const
+{
+    return path(previousConsoleLogName());
 }
 
 QString QEMUDeviceFiles::sharedFolder() const

@@ -18,6 +18,8 @@ public:
     static QString sdCardName();
     static QString lockFileName();
     static QString logFileName();
+    static QString consoleLogName();
+    static QString previousConsoleLogName();
     static QString sharedFolderName();
     static QString savedStatesName();
     static QString sessionRecordName();
@@ -40,6 +42,11 @@ public:
     QString lockFile() const;
     /// "qemu.log": the emulator's error output.
     QString logFile() const;
+    /// "console.log": what the guest wrote on its serial console in its
+    /// current (or last) run, as far as it was read from the emulator.
+    QString consoleLog() const;
+    /// "console.log.1": the console of the run before.
+    QString previousConsoleLog() const;
     /// "shared": the folder the guest sees as a drive.
     QString sharedFolder() const;
     /// "snapshots.json": what each saved machine state was saved with.

@@ -169,6 +169,13 @@ public:
     /// the OVA's disks are extracted and converted to qcow2 in the partial
     /// directory. The directory, or an empty string on failure.
     QString prepareReferenceDisks(const QString &ovaPath, const QString &directory) const override;
+    /// The emulator writes the screen inside the device directory (it
+    /// needs QEMU 7.1 for PNG); the image is then moved into place.
+    bool saveScreenshot(VMToolsMachine *machine, const QString &file, QString *error) const override;
+    /// Takes what the running emulator holds of the console into
+    /// "console.log" first (QEMUConsoleLog).
+    ConsoleRead readConsole(VMToolsMachine *machine, qint64 from) const override;
+    QString logPath(const VMToolsMachine *machine, bool emulator) const override;
     /// Registers a creation from the OVA as a user of the reference
     /// directory, under the image's lock; it stays one until the result is
     /// destroyed. Null, logged, when the locks cannot be taken.
@@ -341,6 +348,8 @@ protected:
     QString m_oneOffAccelerator;
     QStringList m_startNotes;
     bool m_fellBackToTcg = false;
+    /// The following starts show the emulator's window.
+    bool m_windowRequested = false;
 
 private:
     /// What a state saved now would depend on, with the accelerator and CPU

@@ -4,6 +4,7 @@
 #include "EnvVars.h"
 #include "LockFiles.h"
 #include "QEMUClient.h"
+#include "QEMUConsoleLog_p.h"
 #include "QEMULaunch_p.h"
 #include "QEMULogging_p.h"
 #include "QEMUMachine.h"
@@ -191,7 +192,9 @@ bool QEMUEngine::composeRequest(QEMUMachine *machine, const QString &snapshotNam
     request->readOnlySharedDrive = !snapshotName.isEmpty() && request->virtioDisks;
     request->throughRosetta = SysInfo().isRunningThroughRosetta();
     request->firmwareDirPath = m_firmwareDirPath;
-    request->showWindow = !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    request->showWindow = m_windowRequested || !EnvVars::getByteArray("HV_HYPERVISOR_WINDOW").isNull();
+    request->consoleRingBytes = QEMUConsoleLog::ringBytes();
+    request->consoleId = QEMUConsoleLog::chardevId();
     return true;
 }
 
@@ -273,6 +276,8 @@ bool QEMUEngine::stopMachine(VMToolsMachine *machine)
     if (!qemuMachine)
         return false;
     qemuMachine->refreshPortOffset();
+    // The last run's console stays readable once the emulator is gone.
+    QEMUConsoleLog(qemuMachine->getPath()).drain(qemuMachine->getQmpSocketPath());
     QEMUClient client(qemuMachine->getQmpSocketPath());
     if (client.execQuit()) {
         // The emulator writes its disks back before it ends, which can take

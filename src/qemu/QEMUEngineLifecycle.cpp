@@ -349,11 +349,12 @@ bool QEMUEngine::copyDevice(VMToolsMachine *source, const QString &buildPath, bo
         qCCritical(hvQemuLog) << "[VMTools]" << "Failed to copy" << source->getPath() << "to" << buildPath;
         return false;
     }
-    // The source's lock files and log describe the source's emulator and
-    // commands: the clone does not run, and must not take over that pid and
-    // port offset.
+    // The source's lock files and logs describe the source's emulator, guest
+    // and commands: the clone does not run, and must not take over that pid
+    // and port offset.
     const QEMUDeviceFiles files(buildPath);
-    for (const QString &file : {files.lockFile(), files.logFile(), files.commandLock()})
+    for (const QString &file :
+         {files.lockFile(), files.logFile(), files.commandLock(), files.consoleLog(), files.previousConsoleLog()})
         QFile::remove(file);
     return true;
 }

@@ -5,6 +5,8 @@
 
 #include "GuestBridge.h"
 #include "QEMUAudio.h"
+#include "QEMUConsoleLog_p.h"
+#include "QEMUDeviceFiles.h"
 #include "QEMUMachine.h"
 #include "Settings.h"
 
@@ -31,6 +33,40 @@ QString logHint(const QEMUMachine &machine, const QDateTime &startedAt)
     if (!log.exists() || (startedAt.isValid() && log.lastModified() < startedAt))
         return QString();
     return QStringLiteral("; see '%1'").arg(log.absoluteFilePath());
+}
+
+/// How many of the console's last lines a failure shows.
+constexpr int kConsoleHintLines = 8;
+
+/// The console's last lines of the run that began at startedAt, for a
+/// failure to show; empty when that run wrote none.
+QString consoleHint(const QEMUMachine &machine, const QDateTime &startedAt)
+{
+    const QFileInfo log(QEMUDeviceFiles(machine.getPath()).consoleLog());
+    if (!log.exists() || (startedAt.isValid() && log.lastModified() < startedAt))
+        return QString();
+    const QStringList lines = QEMUConsoleLog(machine.getPath()).tail(kConsoleHintLines);
+    if (lines.isEmpty())
+        return QString();
+    return QStringLiteral("\nthe console's last lines ('%1'):\n  %2")
+        .arg(log.absoluteFilePath(), lines.join(QLatin1String("\n  ")));
+}
+
+/// The emulator's last words in its error output, as one line; empty when
+/// it wrote none.
+QString lastEmulatorLine(const QEMUMachine &machine)
+{
+    QFile log(machine.getLogFilePath());
+    if (!log.open(QIODevice::ReadOnly))
+        return QString();
+    const QStringList lines = ConsoleRead::printable(log.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return lines.isEmpty() ? QString() : lines.last().trimmed().left(300);
+}
+
+/// Whether a window can be shown: a display server is named.
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
 /// A setting with a fixed set of choices that holds none of them, in words
@@ -112,7 +148,8 @@ GuestWait pollGuest(const QEMUMachine &machine, int timeoutMs, const std::functi
 QString QEMUEngine::startFailureText(const QEMUMachine &machine, int result, const QDateTime &startedAt) const
 {
     const QString stopped = machine.getStartFailure();
-    return (stopped.isEmpty() ? startDiagnosis(machine, result) : stopped) + logHint(machine, startedAt);
+    return (stopped.isEmpty() ? startDiagnosis(machine, result) : stopped) + logHint(machine, startedAt)
+        + consoleHint(machine, startedAt);
 }
 
 QString QEMUEngine::startDiagnosis(const QEMUMachine &machine, int result) const
@@ -144,8 +181,11 @@ QString QEMUEngine::startDiagnosis(const QEMUMachine &machine, int result) const
             .arg(QEMUMachine::readyTimeoutMs() / 1000.0);
     case QEMUMachine::StateNotLoaded:
         return QStringLiteral("QEMU could not load the saved state");
-    default:
-        return QStringLiteral("QEMU failed to start or exited early");
+    default: {
+        const QString words = lastEmulatorLine(machine);
+        return QStringLiteral("QEMU failed to start or exited early")
+            + (words.isEmpty() ? QString() : QStringLiteral(" (QEMU: \"%1\")").arg(words));
+    }
     }
 }
 
@@ -181,6 +221,9 @@ StartOutcome QEMUEngine::refuseStart(const VMToolsMachine *machine, const StartR
         return outcome;
     }
     outcome.failure = unknownSetting();
+    if (outcome.failure.isEmpty() && request.window && !hasDisplay())
+        outcome.failure = QStringLiteral("there is no display to show its window on: neither DISPLAY nor "
+                                         "WAYLAND_DISPLAY is set");
     if (outcome.failure.isEmpty() && !request.ignoreMemory) {
         outcome.failure = memoryShortfall(machine);
         outcome.result = StartOutcome::ShortOfMemory;
@@ -214,6 +257,7 @@ StartOutcome QEMUEngine::startDevice(VMToolsMachine *machine, const StartRequest
     outcome.result = StartOutcome::Failed;
     // What a saved state fits depends on the accelerator it runs under.
     setOneOffAccelerator(request.accelerator);
+    m_windowRequested = request.window;
     if (!request.snapshot.isEmpty() && !checkNamedSnapshot(machine, request.snapshot, &outcome))
         return outcome;
     bool quickBoot = request.snapshot.isEmpty() && !request.cold && machine->isQuickbootEnabled();
@@ -290,10 +334,11 @@ GuestWait QEMUEngine::waitForGuest(VMToolsMachine *machine, int timeoutMs, const
         wait.end = GuestWait::Failed;
         return wait;
     }
+    QEMUConsoleLog(machine->getPath()).drain(qemuMachine->getQmpSocketPath());
     wait.failure = wait.phase >= GuestWait::Answered
         ? QStringLiteral("its guest answered on port %1 but did not complete its boot (sys.boot_completed) within %2 s")
         : QStringLiteral("its guest did not answer on port %1 within %2 s");
-    wait.failure = wait.failure.arg(machine->getAdbPort()).arg(timeoutMs / 1000);
+    wait.failure = wait.failure.arg(machine->getAdbPort()).arg(timeoutMs / 1000) + consoleHint(*qemuMachine, {});
     return wait;
 }
 

@@ -56,6 +56,21 @@ static QString forwardingNetworkValue(int portOffset)
     return net0;
 }
 
+// The guest's console and where its screen goes.
+static void addScreenAndConsole(const Request &request, QEMUOptionSet *options)
+{
+    // The console is kept in the emulator, bounded, and read over QMP.
+    options->add(QStringLiteral("-chardev"),
+                 QStringLiteral("ringbuf,id=%1,size=%2").arg(request.consoleId).arg(request.consoleRingBytes));
+    options->add(QStringLiteral("-serial"), QStringLiteral("chardev:%1").arg(request.consoleId));
+    // Closing the window must not end the device without its quick-boot
+    // save: the window stays, and the device stops through hvtool.
+    if (request.showWindow)
+        options->add(QStringLiteral("-display"), QStringLiteral("gtk,window-close=off"));
+    else
+        options->addFlag(QStringLiteral("-nographic"));
+}
+
 QEMUOptionSet composeOptions(const Request &request)
 {
     const QEMUDeviceFiles device(request.devicePath);
@@ -95,8 +110,7 @@ QEMUOptionSet composeOptions(const Request &request)
     // reach it, where a loopback port would answer every local process.
     options.add(QStringLiteral("-qmp"),
                 QStringLiteral("unix:%1,server=on,wait=off").arg(QEMUOptionSet::escapeValue(request.qmpSocketPath)));
-    if (!request.showWindow)
-        options.addFlag(QStringLiteral("-nographic"));
+    addScreenAndConsole(request, &options);
     options.addFlag(QStringLiteral("-nodefaults"));
     options.add(QStringLiteral("-device"), QStringLiteral("virtio-rng-pci"));
     return options;

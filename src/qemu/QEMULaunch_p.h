@@ -43,8 +43,13 @@ struct Request {
     bool readOnlySharedDrive = false;
     bool throughRosetta = false;
     QString firmwareDirPath;
-    /// "HV_HYPERVISOR_WINDOW" is set: keep the emulator's window.
+    /// Show the emulator's own window ("--window", or "HV_HYPERVISOR_WINDOW"
+    /// set) rather than run without a display.
     bool showWindow = false;
+    /// The guest's serial console goes into a ring buffer of this many bytes
+    /// (a power of two) in the emulator, under this chardev id.
+    int consoleRingBytes = 65536;
+    QString consoleId = QStringLiteral("console");
     /// "kvm" or "tcg", and the CPU model the emulator runs under it.
     QString accelerator = QStringLiteral("tcg");
     QString cpuModel = QStringLiteral("max");

@@ -1,6 +1,7 @@
 #include "QEMUMachine.h"
 
 #include "QEMUClient.h"
+#include "QEMUConsoleLog_p.h"
 #include "QEMUDeviceFiles.h"
 #include "QEMUEngine.h"
 #include "ReferenceDisks.h"
@@ -579,9 +580,7 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
         qCCritical(hvQemuLog) << "[VMTools]" << "Hardware acceleration is not supported, cannot start" << getName();
         return AccelerationNotSupported;
     }
-    // The control socket's own directory, the owner's only, before the
-    // emulator binds the socket in it.
-    if (!files().makeSocketDirectory())
+    if (!prepareDirectories())
         return StartFailed;
 
     if (!QFileInfo(program).isExecutable()) {
@@ -589,7 +588,6 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
         return EmulatorMissing;
     }
     const QString log = getLogFilePath();
-    makeDevicePrivate();
     // The emulator outlives us: it must not hold our terminal or our output.
     qint64 pid = 0;
     if (!VMToolsCommon::startDetached(program, arguments, log, &pid)) {
@@ -615,6 +613,17 @@ int QEMUMachine::launch(const QString &program, const QStringList &arguments, un
     m_launchedStartTime = VMToolsCommon::processStartTime(pid);
     m_launchedOffset = offset;
     return Started;
+}
+
+bool QEMUMachine::prepareDirectories() const
+{
+    // The control socket's own directory, the owner's only, before the
+    // emulator binds the socket in it.
+    if (!files().makeSocketDirectory())
+        return false;
+    makeDevicePrivate();
+    QEMUConsoleLog(getPath()).rotate();
+    return true;
 }
 
 int QEMUMachine::waitForPorts(const QVector<int> &ports)
@@ -689,6 +698,8 @@ int QEMUMachine::abandonLaunch(int result, const QString &failure)
 
 void QEMUMachine::stopLaunched()
 {
+    // What the guest wrote before it was stopped tells why it did not come up.
+    QEMUConsoleLog(getPath()).drain(getQmpSocketPath());
     VMToolsCommon::destroyProcess(m_launchedPid);
     VMToolsCommon::waitForFinished(m_launchedPid, 5000, m_launchedStartTime);
     removeLockFile();

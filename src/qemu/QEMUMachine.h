@@ -229,6 +229,9 @@ private:
     /// Whether pid is a live process whose executable name is a prefix of the
     /// emulator's binary name.
     static bool isEmulatorProcess(long long pid);
+    /// Before a launch: the control socket's directory made, the device
+    /// directory closed to others, the previous run's console kept aside.
+    bool prepareDirectories() const;
     /// Why the launched emulator ended, from its error output.
     int diagnoseEnd();
     /// Records why the start failed, stops the launched emulator and removes

@@ -14,4 +14,7 @@ struct StartRequest {
     QString accelerator;
     /// Start even when the host seems short of memory for the device.
     bool ignoreMemory = false;
+    /// Show the emulator's own window; the start fails when there is no
+    /// display to show it on.
+    bool window = false;
 };

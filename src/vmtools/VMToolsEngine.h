@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BrokenMachine.h"
+#include "ConsoleRead.h"
 #include "CreateProgress.h"
 #include "GuestWait.h"
 #include "HwProfile.h"
@@ -342,6 +343,19 @@ public:
     /// far the guest's clock moved (negative: back); false with *failure
     /// saying why. The default cannot reach a guest.
     virtual bool setGuestClock(VMToolsMachine *machine, int timeoutMs, qint64 *movedMs, QString *failure);
+    /// Writes the running device's screen to file as a PNG image, whole or
+    /// not at all. False, with why in error, when it cannot: the device does
+    /// not run, the emulator cannot write PNG images, file cannot be written.
+    /// The QEMU engine asks the emulator (about 15 s at most).
+    virtual bool saveScreenshot(VMToolsMachine *machine, const QString &file, QString *error) const;
+    /// What the device's guest wrote on its console from position from on
+    /// (0: all that is kept): the current run's while the device runs, else
+    /// the last run's. The QEMU engine asks a running emulator (2 s at most).
+    /// Not available unless the engine keeps the console.
+    virtual ConsoleRead readConsole(VMToolsMachine *machine, qint64 from) const;
+    /// Where the device's logs are: the guest's console, or the emulator's
+    /// own output when emulator is true; empty when the engine keeps none.
+    virtual QString logPath(const VMToolsMachine *machine, bool emulator) const;
 
     /// Loads the engine the setting "hypervisor" names ("qemu" when it names
     /// none that is known) and stores that name back after a load whose

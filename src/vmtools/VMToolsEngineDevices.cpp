@@ -99,6 +99,22 @@ QString VMToolsEngine::checkReferenceDisks(const VMToolsMachine *) const
     return QString();
 }
 
+bool VMToolsEngine::saveScreenshot(VMToolsMachine *, const QString &, QString *error) const
+{
+    *error = QStringLiteral("the engine cannot take screenshots");
+    return false;
+}
+
+ConsoleRead VMToolsEngine::readConsole(VMToolsMachine *, qint64) const
+{
+    return ConsoleRead();
+}
+
+QString VMToolsEngine::logPath(const VMToolsMachine *, bool) const
+{
+    return QString();
+}
+
 StartOutcome VMToolsEngine::startDevice(VMToolsMachine *machine, const StartRequest &request)
 {
     StartOutcome outcome;

@@ -135,6 +135,10 @@ TEST(HvtoolSettings, setGetResetRoundTripWithSources)
     EXPECT_FALSE(hvtool({"settings", "list"}).out.contains(QDir::homePath() + "/"));
     EXPECT_EQ(hvtool({"settings", "reset", "emulator.accelerator"}).out, "reset emulator.accelerator to its default, auto\n");
     EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "auto\n");
+    const CliResult homeless = hvtool({"settings", "list", "--format", "json"}, {{"HV_HOME", "/proc/no/home"}});
+    EXPECT_EQ(homeless.code, 1);
+    EXPECT_EQ(homeless.json().object().value("error").toObject().value("message"),
+              "HV_HOME is set to '/proc/no/home', but this directory cannot be created: No such file or directory");
 }
 
 // A fresh install lists a phone held upright and a tablet, within this
@@ -368,6 +372,8 @@ const WalkRow kWalk[] = {
     {Object, 2, {"device", "set", "A", "cpus=0"}}, {Object, 0, {"device", "clone", "A", "C"}},
     {Text, 4, {"device", "clone", "A", "C"}}, {Array, 0, {"device", "snapshot", "list", "A"}},
     {Change, 0, {"device", "start", "A"}}, {Object, 4, {"device", "start", "A"}}, {Text, 0, {"device", "list"}},
+    {Object, 0, {"device", "screenshot", "A", "@shot.png"}}, {Text, 1, {"device", "screenshot", "A", "/no/such.png"}},
+    {Object, 4, {"device", "screenshot", "B"}}, {Object, 0, {"device", "logs", "A"}}, {Text, 0, {"device", "logs", "B"}},
     {Object, 1, {"device", "wait", "A", "--timeout", "1"}},
     {Object, 0, {"device", "snapshot", "save", "A", "one"}}, {Change, 0, {"device", "snapshot", "save", "A", "two"}},
     {Change, 0, {"device", "snapshot", "load", "A", "one"}}, {Object, 3, {"device", "snapshot", "load", "A", "x"}},
@@ -418,7 +424,8 @@ void checkRow(const WalkRow &row, const QStringList &args, const QMap<QString, Q
 TEST_F(HvtoolImages, everyCommandKeepsTheOutputContract)
 {
     const QMap<QString, QString> files{{"@walk.ova", makeTar("walk.ova", {"system.vmdk", "data.vmdk"})},
-                                       {"@spare.ova", makeTar("spare.ova", {"system.vmdk", "data.vmdk", "spare.txt"})}};
+                                       {"@spare.ova", makeTar("spare.ova", {"system.vmdk", "data.vmdk", "spare.txt"})},
+                                       {"@shot.png", hvtest::testRoot() + "/shot.png"}};
     const QMap<QString, QString> tcg{{"HV_QEMU_START_ARGS", "-accel=tcg;-cpu=max;-audiodev=none,id=snd0"}};
     QStringList walked;
     for (const WalkRow &row : kWalk) {

@@ -133,14 +133,15 @@ QStringList around(const QStringList &drives, const QStringList &loadvm = {})
                          ",hostfwd=tcp:127.0.0.1:22475-:22468,hostfwd=tcp:127.0.0.1:24304-:24297"
                          ",hostfwd=tcp:127.0.0.1:24303-:24296,hostfwd=tcp:127.0.0.1:24807-:24800"
                          ",hostfwd=tcp:127.0.0.1:24817-:24810,hostfwd=tcp:127.0.0.1:25007-:25000";
-    QStringList all{"--device", "ac97,audiodev=snd0", "-accel", "kvm", "-audiodev", "pa,id=snd0", "-cpu", "host",
-                    "-device", "virtio-rng-pci"};
+    QStringList all{"--device", "ac97,audiodev=snd0", "-accel", "kvm", "-audiodev", "pa,id=snd0",
+                    "-chardev", "ringbuf,id=console,size=65536", "-cpu", "host", "-device", "virtio-rng-pci"};
     for (const QString &drive : drives)
         all << "-drive" << drive;
     return all + loadvm
         + QStringList{"-m", "2048M", "-nic", net0, "-nic", "user,id=net1,model=virtio-net-pci,net=10.0.3.0/24",
                       "-nodefaults", "-nographic", "-object", "iothread,id=disk-iothread",
-                      "-qmp", "unix:/devices/Pixel/qmp.sock,server=on,wait=off", "-smp", "4", "-vga", "std"};
+                      "-qmp", "unix:/devices/Pixel/qmp.sock,server=on,wait=off", "-serial", "chardev:console",
+                      "-smp", "4", "-vga", "std"};
 }
 
 const QString kDisk = "file=/devices/Pixel/%1.qcow2,format=qcow2,werror=stop,rerror=stop";
@@ -186,6 +187,8 @@ TEST(QEMULaunch, rosettaHostsUseFirmwareAndVirtBoardWithoutVga)
     EXPECT_EQ(options.values("-bios"), QVariantList({"/opt/share/qemu/QEMU_EFI.fd"}));
     EXPECT_FALSE(options.contains("-vga"));
     EXPECT_FALSE(options.contains("-nographic"));
+    // Closing the window must not end the device without its save.
+    EXPECT_EQ(options.values("-display"), QVariantList({"gtk,window-close=off"}));
     EXPECT_EQ(options.render().mid(0, 4), QStringList({"--device", "ac97,audiodev=snd0", "-M", "virt"}));
 }
 

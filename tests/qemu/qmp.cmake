@@ -5,6 +5,7 @@ hv_add_test(qmp_tests
         ${CMAKE_CURRENT_LIST_DIR}/QmpFramingTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/QEMUClientTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/QEMUClientEmulatorTest.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/QEMUConsoleLogTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/FakeQmpServer.cpp
         ${CMAKE_CURRENT_LIST_DIR}/FakeQmpServer.h
     LIBS hv-qemu
