@@ -347,8 +347,10 @@ TEST(HwProfileRegistry, findsByUuidAndNameAndEveryProfileOfASharedName)
     EXPECT_TRUE(HwProfileRegistry::isUserRecord(byUuid.first()));
     EXPECT_EQ(HwProfileRegistry::find(first.getName()).size(), 2);
     EXPECT_TRUE(HwProfileRegistry::find("No such profile").isEmpty());
-    for (const HwProfileRegistry::Entry &entry : HwProfileRegistry::profiles())
-        QFile::remove(entry.file);
+    for (const HwProfileRegistry::Entry &entry : HwProfileRegistry::profiles()) {
+        if (HwProfileRegistry::isUserRecord(entry))
+            QFile::remove(entry.file);
+    }
 }
 
 TEST_F(HwProfileStore, refusesWhatItMustNotDoWithOneWarningEach)
