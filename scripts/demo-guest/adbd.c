@@ -35,6 +35,7 @@
 /* A stream stops reading its source while this much waits for the host. */
 #define HIGH_WATER (512 * 1024)
 #define MAX_STREAMS 64
+#define MAX_CONNECTIONS 32
 
 struct buf {
     uint8_t *data;
@@ -820,17 +821,26 @@ int main(int argc, char **argv)
     if (bind(listener, (struct sockaddr *)&addr, sizeof addr) < 0 || listen(listener, 16) < 0)
         die("listen");
     signal(SIGPIPE, SIG_IGN);
-    signal(SIGCHLD, SIG_IGN); /* connections end on their own */
+    int live = 0;
     for (;;) {
         int fd = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
+        while (live > 0 && waitpid(-1, NULL, WNOHANG) > 0)
+            live--;
         if (fd < 0)
             continue;
-        if (fork() == 0) {
+        /* A client that opens connection after connection gets no more
+         * processes than this; the ones it has go on. */
+        if (live >= MAX_CONNECTIONS) {
+            close(fd);
+            continue;
+        }
+        pid_t pid = fork();
+        if (pid == 0) {
             close(listener);
-            signal(SIGCHLD, SIG_DFL);
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
             serve(fd, props);
         }
+        live += pid > 0;
         close(fd);
     }
 }

@@ -91,9 +91,10 @@ OsImagePull::Catalogue OsImagePull::catalogue()
         if (image.isValid())
             result.images << image;
         else
-            result.warnings << QStringLiteral("skipped record %1 of the catalogue (%2): it is not a valid OS image record")
-                                   .arg(i + 1)
-                                   .arg(records.at(i).toObject().value(QStringLiteral("name")).toString(QStringLiteral("no name")));
+            result.warnings
+                << QStringLiteral("skipped record %1 of the catalogue (%2): it is not a valid OS image record")
+                       .arg(i + 1)
+                       .arg(records.at(i).toObject().value(QStringLiteral("name")).toString(QStringLiteral("no name")));
     }
     return result;
 }

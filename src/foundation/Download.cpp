@@ -93,7 +93,8 @@ QString replyError(QNetworkReply *reply, const Download::Options &options)
     case QNetworkReply::InsecureRedirectError:
         return QStringLiteral("'%1' redirects from https to an insecure address").arg(url);
     case QNetworkReply::SslHandshakeFailedError:
-        return QStringLiteral("the TLS connection for '%1' failed: %2%3").arg(url, reply->errorString(), options.tlsHint);
+        return QStringLiteral("the TLS connection for '%1' failed: %2%3")
+            .arg(url, reply->errorString(), options.tlsHint);
     default:
         return QStringLiteral("could not fetch '%1': %2").arg(url, reply->errorString());
     }
@@ -160,7 +161,8 @@ public:
         QByteArray buffer(1 << 20, Qt::Uninitialized);
         qint64 offset = 0;
         while (offset < m_size) {
-            const ssize_t n = ::pread(m_fd, buffer.data(), size_t(qMin<qint64>(buffer.size(), m_size - offset)), offset);
+            const size_t want = size_t(qMin<qint64>(buffer.size(), m_size - offset));
+            const ssize_t n = ::pread(m_fd, buffer.data(), want, offset);
             if (n <= 0) {
                 *error = QStringLiteral("could not read '%1': %2").arg(m_path, systemError(n < 0 ? errno : EIO));
                 return false;
@@ -331,7 +333,9 @@ End Transfer::run(const Download::Progress &progress, const Download::Cancelled 
     });
     m_loop.exec();
     if (!m_ended && watch.stalled())
-        stop(End::Stalled, QStringLiteral("nothing arrived from '%1' for %2 s").arg(m_file.url.toString()).arg(watch.stallSeconds()));
+        stop(End::Stalled, QStringLiteral("nothing arrived from '%1' for %2 s")
+                               .arg(m_file.url.toString())
+                               .arg(watch.stallSeconds()));
     else if (!m_ended && watch.cancelled())
         stop(End::Cancelled, QStringLiteral("the download of '%1' was cancelled").arg(m_file.url.toString()));
     m_ended = true;
@@ -370,9 +374,10 @@ bool Transfer::onHeaders()
         restartPart();
     }
     if (m_part->size() == 0) {
+        // A weak tag does not promise the same bytes; the date is the next best.
         const QByteArray etag = m_reply->rawHeader("ETag");
-        *m_resume = {m_file.url.toString(),
-                     QString::fromLatin1(etag.isEmpty() || etag.startsWith("W/") ? m_reply->rawHeader("Last-Modified") : etag)};
+        const bool strong = !etag.isEmpty() && !etag.startsWith("W/");
+        *m_resume = {m_file.url.toString(), QString::fromLatin1(strong ? etag : m_reply->rawHeader("Last-Modified"))};
         m_resume->save(m_file.target);
     }
     const qint64 length = m_reply->header(QNetworkRequest::ContentLengthHeader).isValid()
@@ -447,7 +452,8 @@ End Transfer::finished()
         return End::Failed;
     }
     m_error = QStringLiteral("the connection to '%1' ended after %2 of %3")
-                  .arg(m_file.url.host(), mib(m_part->size()), total >= 0 ? mib(total) : QStringLiteral("an unknown size"));
+                  .arg(m_file.url.host(), mib(m_part->size()),
+                       total >= 0 ? mib(total) : QStringLiteral("an unknown size"));
     return End::Lost;
 }
 

@@ -82,15 +82,6 @@ QString globalOptionsText()
     return text;
 }
 
-/// The option's name as help spells it: "--yes", not "--y".
-QString longName(const QCommandLineOption &option)
-{
-    QString longest;
-    for (const QString &name : option.names())
-        longest = name.size() > longest.size() ? name : longest;
-    return longest;
-}
-
 QString usageLine(const Command &command)
 {
     QString line = QStringLiteral("hvtool ") + command.path.join(QLatin1Char(' '));
@@ -230,6 +221,14 @@ const QList<QPair<QString, QString>> &globalOptions()
         {QStringLiteral("-h, --help"), QStringLiteral("show help for the command or level")},
     };
     return options;
+}
+
+QString longName(const QCommandLineOption &option)
+{
+    QString longest;
+    for (const QString &name : option.names())
+        longest = name.size() > longest.size() ? name : longest;
+    return longest;
 }
 
 QString sizeText(qint64 bytes)

@@ -39,6 +39,8 @@ struct Output {
     QStringList lines;
 };
 
+/// The name help and the manual give an option: its longest ("yes", not "y").
+QString longName(const QCommandLineOption &option);
 /// A size as every command shows it: "512.0 KiB", "12.7 MiB", "1.5 GiB".
 QString sizeText(qint64 bytes);
 /// Rows as aligned columns under a header, one line each.

@@ -12,7 +12,6 @@
 #include "OsImageRegistry.h"
 
 #include <QElapsedTimer>
-#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSet>
@@ -160,7 +159,8 @@ int pullAndRegister(Context &ctx, const std::function<OsImageRegistry::Registrat
 int pullNew(Context &ctx, const OsImage &image)
 {
     if (!OsImageRegistry::find(Catalog::bareUuid(image.uuid)).isEmpty())
-        return ctx.fail(Conflict, QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
+        return ctx.fail(Conflict,
+                        QStringLiteral("image '%1' is already registered").arg(Catalog::bareUuid(image.uuid)));
     return pullAndRegister(
         ctx,
         [&](const OsImageRegistry::Inspector &inspect, const Download::Progress &progress,

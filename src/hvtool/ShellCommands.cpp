@@ -147,7 +147,7 @@ QString manualSynopsis(const Command &command)
     for (const QString &argument : command.arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts))
         line += QStringLiteral(" \\fI") + roff(argument) + QStringLiteral("\\fR");
     for (const QCommandLineOption &option : command.options) {
-        const QString name = option.names().constLast();
+        const QString name = longName(option);
         QString text = QStringLiteral("\\fB\\-\\-") + roff(name) + QStringLiteral("\\fR");
         if (!option.valueName().isEmpty())
             text += QStringLiteral(" \\fI") + roff(option.valueName()) + QStringLiteral("\\fR");
@@ -166,7 +166,7 @@ QString manualCommand(const Command &command)
     if (!command.options.isEmpty()) {
         page += QStringLiteral(".RS\n");
         for (const QCommandLineOption &option : command.options) {
-            page += QStringLiteral(".TP\n.B \\-\\-") + roff(option.names().constLast());
+            page += QStringLiteral(".TP\n.B \\-\\-") + roff(longName(option));
             if (!option.valueName().isEmpty())
                 page += QStringLiteral(" \\fI") + roff(option.valueName()) + QStringLiteral("\\fR");
             page += QLatin1Char('\n') + roff(option.description()) + QLatin1Char('\n');

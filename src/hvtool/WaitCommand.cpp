@@ -7,12 +7,10 @@
 #include <QElapsedTimer>
 #include <QJsonObject>
 
+#include <limits>
+
 namespace hvtool {
 namespace {
-
-/// How long one look at the guest lasts: the phase it reached is shown after
-/// each.
-constexpr int kLookMs = 10000;
 
 QString phaseText(GuestWait::Phase phase)
 {
@@ -31,35 +29,20 @@ QString phaseText(GuestWait::Phase phase)
     return QStringLiteral("phase %1").arg(int(phase));
 }
 
-/// The wait, in looks of kLookMs each so that the phase shows as it is
-/// reached; the notes and restarts of every look are kept.
-GuestWait waitInLooks(VMToolsEngine *e, VMToolsMachine &machine, qint64 limitMs, Progress *progress)
+/// The wait, showing the phase as the engine reaches it and the time so far
+/// between its probes.
+GuestWait waitShowingProgress(VMToolsEngine *e, VMToolsMachine &machine, qint64 limitMs, Progress *progress)
 {
-    QElapsedTimer timer;
-    timer.start();
-    GuestWait wait;
-    QStringList notes;
-    bool restartedCold = false;
     QString phase;
-    // The engine asks whether to cancel between its probes: the time shown
-    // goes on while the phase stays.
     const auto redraw = [&] {
         progress->update(0, 0, phase);
         return false;
     };
-    do {
-        const qint64 left = limitMs - timer.elapsed();
-        wait = e->waitForGuest(&machine, int(qBound<qint64>(1, left, kLookMs)), redraw,
-                               [&](GuestWait::Phase reached) { phase = phaseText(reached); });
-        notes << wait.notes;
-        restartedCold = restartedCold || wait.restartedCold;
-        phase = phaseText(wait.phase);
-        if (wait.end == GuestWait::TimedOut)
-            redraw();
-    } while (wait.end == GuestWait::TimedOut && timer.elapsed() < limitMs);
-    wait.notes = notes;
-    wait.restartedCold = restartedCold;
-    return wait;
+    return e->waitForGuest(&machine, int(qMin<qint64>(limitMs, std::numeric_limits<int>::max())), redraw,
+                           [&](GuestWait::Phase reached) {
+                               phase = phaseText(reached);
+                               redraw();
+                           });
 }
 
 int waitCommand(Context &ctx)
@@ -101,7 +84,7 @@ int awaitGuest(Context &ctx, VMToolsMachine &machine, int seconds, GuestWait *wa
 {
     const QString name = machine.getName();
     Progress progress(QStringLiteral("waiting for '%1'").arg(name), 0);
-    *wait = waitInLooks(ctx.engine(), machine, qint64(seconds) * 1000, &progress);
+    *wait = waitShowingProgress(ctx.engine(), machine, qint64(seconds) * 1000, &progress);
     // A failure says what was reached in its own line.
     progress.finish(wait->ready() ? QStringLiteral("the guest answered") : QString());
     for (const QString &line : wait->notes)

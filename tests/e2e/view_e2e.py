@@ -77,7 +77,6 @@ def screenshots(env, name, path):
     refused = env.run("device", "screenshot", name, "/nonexistent/x.png", expect=1).stderr
     check("cannot write '/nonexistent/x.png'" in refused, refused)
     check(not list(Path(path).glob(".screenshot-*")), "a refused screenshot left its temporary file")
-    print("view: screenshots ok", shot)
 
 
 def logs(env, name):
@@ -98,7 +97,6 @@ def logs(env, name):
     shown = err.partition("the console's last lines")[2].splitlines()[1:]
     check(shown and shown[0].startswith("  ") and shown[0].strip(), f"a start that fails shows the console: {err}")
     env.run("device", "stop", name, "--no-save")
-    print("view: logs ok", later)
 
 
 def flood_image(env, image_dir):
@@ -141,7 +139,6 @@ def bounded(env, image_dir):
     dropped = re.fullmatch(r"\[(\d+) bytes of earlier console output dropped\]", head)
     check(dropped and int(dropped.group(1)) > cap and log.stat().st_size <= cap, f"{log}: {head}")
     env.env.pop("HV_CONSOLE_LOG_BYTES")
-    print("view: bounded console ok", head)
 
 
 def xwd_colours(display):
@@ -173,7 +170,6 @@ def window(env, name):
         env.env.pop("DISPLAY", None)
         xvfb.kill()
         xvfb.wait()
-    print("view: window ok", colours, "colours")
 
 
 def main():

@@ -135,6 +135,10 @@ TEST(HvtoolSettings, setGetResetRoundTripWithSources)
     EXPECT_FALSE(hvtool({"settings", "list"}).out.contains(QDir::homePath() + "/"));
     EXPECT_EQ(hvtool({"settings", "reset", "emulator.accelerator"}).out, "reset emulator.accelerator to its default, auto\n");
     EXPECT_EQ(hvtool({"settings", "get", "emulator.accelerator"}).out, "auto\n");
+    const CliResult homeless = hvtool({"settings", "list", "--format", "json"}, {{"HV_HOME", "/proc/no/home"}});
+    EXPECT_EQ(homeless.code, 1);
+    EXPECT_EQ(homeless.json().object().value("error").toObject().value("message"),
+              "HV_HOME is set to '/proc/no/home', but this directory cannot be created: No such file or directory");
 }
 
 // A fresh install lists a phone held upright and a tablet, within this
