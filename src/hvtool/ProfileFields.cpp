@@ -112,8 +112,12 @@ QString help(const Field &field)
                                                 {"ram", "Memory in MB"},
                                                 {"data-disk", "Data disk size in MB"},
                                                 {"sdcard", "SD card size in MB, 0 for none"}};
-    const Range bounds = range(key);
-    return QStringLiteral("%1: %2 to %3%4.").arg(what.value(key)).arg(bounds.minimum).arg(bounds.maximum).arg(bounds.why);
+    // Help reads the same on every host (the manual page is made from it):
+    // the host's own limit is named, its number is for the refusal.
+    if (key == QLatin1String("cpus"))
+        return QStringLiteral("%1: 1 to the number of this host's processors.").arg(what.value(key));
+    const qint64 minimum = range(key).minimum;
+    return minimum > 0 ? QStringLiteral("%1: at least %2.").arg(what.value(key)).arg(minimum) : what.value(key) + '.';
 }
 
 QString apply(const QString &key, const QString &text, HwProfile *profile)

@@ -506,7 +506,7 @@ TEST_F(HvtoolReferenceDisks, aBrokenRecordIsListedBesideTheGoodDevices)
 TEST_F(HvtoolReferenceDisks, bashCompletesCommandsOptionsAndDeviceNames)
 {
     const QString image = registerImage(makeOva("completed.ova"));
-    ASSERT_EQ(hvtool({"device", "create", "Pixel One", "--image", image, "--profile", profile()}).code, 0);
+    ASSERT_EQ(hvtool({"device", "create", "Quokka One", "--image", image, "--profile", profile()}).code, 0);
     const CliResult script = hvtool({"completion", "bash"});
     ASSERT_EQ(script.code, 0) << script.err.toStdString();
     ASSERT_TRUE(hvtest::writeFile(hvtest::testRoot() + "/hvtool.bash", script.out.toUtf8()));
@@ -524,7 +524,7 @@ TEST_F(HvtoolReferenceDisks, bashCompletesCommandsOptionsAndDeviceNames)
     EXPECT_EQ(complete("hvtool device st"), (QStringList{"start", "stop"}));
     EXPECT_EQ(complete("hvtool device start --co"), QStringList{"--cold"});
     EXPECT_EQ(complete("hvtool settings get emulator.ac"), QStringList{"emulator.accelerator"});
-    EXPECT_EQ(complete("hvtool --format json device start Pi"), QStringList{"Pixel\\ One"});
+    EXPECT_EQ(complete("hvtool --format json device start Quo"), QStringList{"Quokka\\ One"});
     const QString hwProfile = profile();
     EXPECT_TRUE(complete("hvtool device create x --profile ").contains(hwProfile)) << "the profile as named";
 }

@@ -25,7 +25,7 @@ QString userFile()
 
 QJsonObject machineDefaults()
 {
-    return QJsonObject{{"screencast.directory", QDir::homePath()},
+    return QJsonObject{{"screencast.directory", Paths::getHomePath()},
                        {"version", 1},
                        {"virtual_devices.directory", Paths::getDeployedPath()}};
 }
