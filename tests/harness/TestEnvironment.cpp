@@ -6,6 +6,7 @@
 #include <QFile>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <arpa/inet.h>
@@ -61,8 +62,9 @@ void endAdbServer()
 {
     const char *port = std::getenv("ANDROID_ADB_SERVER_PORT");
     bool listened = false;
-    if (port && (localPort(std::atoi(port), &listened), listened))
-        std::system((std::string("adb -P ") + port + " kill-server >/dev/null 2>&1").c_str());
+    if (port && (localPort(std::atoi(port), &listened), listened)
+        && std::system((std::string("adb -P ") + port + " kill-server >/dev/null 2>&1").c_str()) != 0)
+        std::fprintf(stderr, "the adb server on port %s did not end\n", port);
 }
 
 void removeRoot()
