@@ -134,14 +134,17 @@ void setClock(Context &ctx, VMToolsMachine &machine, Output *output)
 
 } // namespace
 
-void afterStart(Context &ctx, VMToolsMachine &machine, bool resumed, Output *output)
+void afterStart(Context &ctx, VMToolsMachine &machine, bool resumed, bool guestReady, Output *output)
 {
     if (resumed)
         setClock(ctx, machine, output);
     const QString serial = serialOf(machine);
     const QString adb = adbPath();
-    QString why = QStringLiteral("the setting %1 is false").arg(kConnectKey);
-    if (Settings::get(kConnectKey, true).toBool()) {
+    // A guest still booting would hold the start for adb's whole connect
+    // time-out: it is connected once a wait has seen it ready.
+    QString why = guestReady ? QStringLiteral("the setting %1 is false").arg(kConnectKey)
+                             : QStringLiteral("the guest is still booting");
+    if (guestReady && Settings::get(kConnectKey, true).toBool()) {
         why = adbProblem(adb);
         if (why.isEmpty())
             why = connectAdb(adb, serial);

@@ -8,7 +8,7 @@ namespace hvtool {
 /// saved state, and the user's adb connected to the device unless the
 /// setting "adb.connect" is false (the line to connect it said otherwise);
 /// what came of both added to output. Nothing here fails the start.
-void afterStart(Context &ctx, VMToolsMachine &machine, bool resumed, Output *output);
+void afterStart(Context &ctx, VMToolsMachine &machine, bool resumed, bool guestReady, Output *output);
 /// Before a stop: disconnects the user's adb from the device, when an adb
 /// server runs.
 void beforeStop(VMToolsMachine &machine);

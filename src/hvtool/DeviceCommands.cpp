@@ -641,7 +641,8 @@ int start(Context &ctx)
     if (wait.restartedCold)
         outcome.boot = StartOutcome::Cold;
     Output output = startedOutput(ctx, machine, outcome, startedMs, timer.elapsed(), waitSeconds > 0 ? &wait : nullptr);
-    afterStart(ctx, machine, outcome.boot != StartOutcome::Cold, &output);
+    const bool resumed = outcome.boot != StartOutcome::Cold;
+    afterStart(ctx, machine, resumed, resumed || waitSeconds > 0, &output);
     return ctx.show(output);
 }
 
