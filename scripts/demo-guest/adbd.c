@@ -482,12 +482,12 @@ static void make_parents(const char *path)
 
 /* "path,mode": the file is written beside its final name and renamed into
  * place when complete. */
-static void sync_send(struct stream *s, const char *spec)
+static void sync_send(struct stream *s, const char *target)
 {
-    const char *comma = strrchr(spec, ',');
+    const char *comma = strrchr(target, ',');
     s->fail[0] = 0;
     s->mode = comma ? (unsigned)strtoul(comma + 1, NULL, 10) : 0644;
-    snprintf(s->path, sizeof s->path, "%.*s", comma ? (int)(comma - spec) : (int)strlen(spec), spec);
+    snprintf(s->path, sizeof s->path, "%.*s", comma ? (int)(comma - target) : (int)strlen(target), target);
     if (S_ISLNK(s->mode)) {
         snprintf(s->fail, sizeof s->fail, "links cannot be pushed to this device");
         return;
